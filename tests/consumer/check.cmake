@@ -1,0 +1,37 @@
+# Installs the built library into WORK_DIR/prefix, then configures, builds and
+# runs the consumer project against it: once through find_package, once by
+# compiling by hand with the flags from the pkg-config file.
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "command failed (${rc}): ${ARGN}\n${out}\n${err}")
+  endif()
+  set(LAST_OUTPUT "${out}" PARENT_SCOPE)
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix} --config ${CONFIG})
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${prefix})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run(${WORK_DIR}/build/consumer)
+if(NOT LAST_OUTPUT MATCHES "consumer ok")
+  message(FATAL_ERROR "consumer printed: ${LAST_OUTPUT}")
+endif()
+
+find_program(PKG_CONFIG pkg-config)
+if(PKG_CONFIG)
+  file(GLOB_RECURSE pcfiles ${prefix}/*/vorel.pc)
+  list(GET pcfiles 0 pcfile)
+  get_filename_component(pcdir ${pcfile} DIRECTORY)
+  set(ENV{PKG_CONFIG_PATH} ${pcdir})
+  run(${PKG_CONFIG} --cflags --libs vorel)
+  string(STRIP "${LAST_OUTPUT}" flags)
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  run(c++ ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/consumer-pc ${flags})
+  run(${WORK_DIR}/consumer-pc)
+  if(NOT LAST_OUTPUT MATCHES "consumer ok")
+    message(FATAL_ERROR "pkg-config consumer printed: ${LAST_OUTPUT}")
+  endif()
+endif()

@@ -1,0 +1,45 @@
+// Shared helpers of the test suite.
+//
+// The suite installs a throwing assertion handler for every test, so that a
+// breached precondition becomes an AssertionFailure carrying the expression
+// text, which tests compare verbatim.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace vorel::testing {
+
+struct AssertionFailure : std::logic_error {
+  AssertionFailure(std::string expr, std::string sourceFile, int sourceLine)
+      : std::logic_error(expr), expression(std::move(expr)), file(std::move(sourceFile)),
+        line(sourceLine) {}
+  std::string expression;
+  std::string file;
+  int line;
+};
+
+// Bitwise equality of doubles, except that any NaN equals any NaN.
+inline bool SameBits(double a, double b) {
+  if (a != a && b != b) return true;
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+}  // namespace vorel::testing
+
+// Runs `statement` and expects it to fail the assertion whose text is `text`;
+// `file` is a prefix of the reported source file, e.g. "backend/vorel/databatch".
+#define EXPECT_VOREL_ASSERT(statement, text, sourcePrefix)                                   \
+  do {                                                                              \
+    try {                                                                           \
+      statement;                                                                    \
+      ADD_FAILURE() << "expected assertion \"" << (text) << "\"";                   \
+    } catch (const ::vorel::testing::AssertionFailure& failure) {                   \
+      EXPECT_EQ(failure.expression, std::string(text));                             \
+      EXPECT_EQ(failure.file.rfind(sourcePrefix, 0), 0u) << "reported file " << failure.file; \
+    }                                                                               \
+  } while (0)
