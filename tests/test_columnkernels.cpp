@@ -1,0 +1,242 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "columnkernels.h"
+#include "test_support.h"
+
+namespace vorel {
+namespace {
+
+using testing::SameBits;
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// Random column with a mix of magnitudes, repeated values and signed zeros.
+std::vector<double> RandomColumn(std::mt19937_64& rng, int n) {
+  std::uniform_real_distribution<double> value(-1e3, 1e3);
+  std::uniform_int_distribution<int> kind(0, 9);
+  std::vector<double> x(n);
+  for (double& v : x) {
+    switch (kind(rng)) {
+      case 0: v = -0.0; break;
+      case 1: v = 1e-310; break;  // subnormal
+      case 2: v = 7.25; break;
+      default: v = value(rng);
+    }
+  }
+  return x;
+}
+
+// Reference loops, written the plain way: one accumulator, row order.
+double PlainSum(const double* x, int n) {
+  double s = 0.0;
+  for (int i = 0; i < n; ++i) s = s + x[i];
+  return s;
+}
+
+double PlainStableMean(const double* x, const double* w, double total, int n) {
+  if (n == 0) return 0.0;
+  double run = 0.0;
+  int p = 0;
+  while (p < n && x[p] == x[0]) run = run + (w ? w[p] : 1.0), ++p;
+  if (p == n) return x[0];
+  double rest = 0.0;
+  for (int i = p; i < n; ++i) rest = rest + (w ? x[i] * w[i] : x[i]);
+  return (rest + x[0] * run) / total;
+}
+
+class KernelsAgainstPlainLoops : public ::testing::TestWithParam<int> {};
+
+TEST_P(KernelsAgainstPlainLoops, BitIdentical) {
+  const int n = GetParam();
+  std::mt19937_64 rng(0x5eed + n);
+  SCOPED_TRACE(::testing::Message() << "seed " << 0x5eed + n << ", n " << n);
+  auto x = RandomColumn(rng, n), y = RandomColumn(rng, n), w = RandomColumn(rng, n);
+
+  EXPECT_TRUE(SameBits(SumValues(x.data(), n), PlainSum(x.data(), n)));
+  EXPECT_TRUE(SameBits(SumValues(x), PlainSum(x.data(), n)));
+  double dot = 0.0, triple = 0.0;
+  for (int i = 0; i < n; ++i) {
+    dot = dot + x[i] * y[i];
+    triple = triple + (w[i] * x[i]) * y[i];
+  }
+  EXPECT_TRUE(SameBits(DotProduct(x.data(), y.data(), n), dot));
+  EXPECT_TRUE(SameBits(TripleProduct(w.data(), x.data(), y.data(), n), triple));
+  EXPECT_TRUE(SameBits(WeightedDotProduct(x.data(), y.data(), w.data(), n), triple));
+  EXPECT_TRUE(SameBits(WeightedDotProduct(x.data(), y.data(), nullptr, n), dot));
+  EXPECT_TRUE(SameBits(WeightedDotProduct(x, y, w), triple));
+  EXPECT_TRUE(SameBits(SumOrDot(x, y), dot));
+  EXPECT_TRUE(SameBits(SumOrDot(x, {}), PlainSum(x.data(), n)));
+
+  // Leading runs of every length up to past a four-row turn.
+  for (int run = 0; run <= std::min(n, 9); ++run) {
+    std::vector<double> r = x;
+    for (int i = 0; i < run; ++i) r[i] = 3.3;
+    const double total = 17.0;
+    EXPECT_TRUE(SameBits(StableMean(r.data(), w.data(), &total, n),
+                         PlainStableMean(r.data(), w.data(), total, n)))
+        << "run " << run;
+    EXPECT_TRUE(SameBits(StableMean(r.data(), nullptr, &total, n),
+                         PlainStableMean(r.data(), nullptr, total, n)))
+        << "run " << run;
+    EXPECT_TRUE(SameBits(StableMean(r, w, total), PlainStableMean(r.data(), w.data(), total, n)));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, KernelsAgainstPlainLoops,
+                         ::testing::Values(0, 1, 3, 4, 5, 8, 9, 1000, 1003));
+
+TEST(ColumnKernels, SumWeights) {
+  EXPECT_EQ(SumWeights(nullptr, 5), 5.0);
+  const double half[2] = {0.5, 0.5};
+  EXPECT_EQ(SumWeights(half, 2), 1.0);
+  EXPECT_EQ(SumValues(nullptr, 0), 0.0);
+}
+
+TEST(ColumnKernels, StableMeanKeepsAConstantColumnExact) {
+  const double x[3] = {3.3, 3.3, 3.3};
+  const double w[3] = {0.1, 0.7, 0.2};
+  for (double total : {3.0, 0.0, kNaN}) {
+    EXPECT_EQ(StableMean(x, nullptr, &total, 3), 3.3);
+    EXPECT_EQ(StableMean(x, w, &total, 3), 3.3);
+  }
+  // Long enough for the four-row turns, and -0.0 joins a run of +0.0.
+  std::vector<double> zeros(11, 0.0);
+  zeros[6] = -0.0;
+  EXPECT_TRUE(SameBits(StableMean(zeros, {}, 0.0), 0.0));
+  // n = 0 reads neither x nor total.
+  EXPECT_EQ(StableMean(nullptr, nullptr, nullptr, 0), 0.0);
+}
+
+TEST(ColumnKernels, StableMeanRunEndsAtFirstDifferentValue) {
+  const double total = 3.0;
+  const double a[3] = {1, 1, 2};
+  EXPECT_EQ(StableMean(a, nullptr, &total, 3), (2.0 + 1.0 * 2.0) / 3.0);
+  const double b[3] = {2, 5, 2};  // the second 2 is part of rest, not of the run
+  EXPECT_EQ(StableMean(b, nullptr, &total, 3), (7.0 + 2.0 * 1.0) / 3.0);
+  // Run weight must include row 0's weight; rest uses x * w.
+  const double x[5] = {4, 4, 4, 4, 1};
+  const double w[5] = {1, 2, 3, 4, 0.5};
+  const double t = 10.5;
+  EXPECT_EQ(StableMean(x, w, &t, 5), (0.5 + 4.0 * 10.0) / 10.5);
+}
+
+TEST(ColumnKernels, NaNInRowZeroPoisonsMeanAndExtremes) {
+  const double x[4] = {kNaN, 1, 2, 3};
+  const double total = 4;
+  EXPECT_TRUE(std::isnan(StableMean(x, nullptr, &total, 4)));
+  EXPECT_TRUE(std::isnan(MaxValue(x, 4)));
+  EXPECT_TRUE(std::isnan(MinValue(x, 4)));
+  // A later NaN never replaces the running extreme.
+  const double y[4] = {2, kNaN, -1, 5};
+  EXPECT_EQ(MaxValue(y, 4), 5.0);
+  EXPECT_EQ(MinValue(y, 4), -1.0);
+}
+
+TEST(ColumnKernels, ExtremesOfEmptyAndTies) {
+  EXPECT_EQ(MaxValue(nullptr, 0), -1.79e308);
+  EXPECT_EQ(MinValue(nullptr, 0), 1.79e308);
+  EXPECT_EQ(MaxValue(std::vector<double>{}), MaxInitial);
+  EXPECT_LT(MinInitial, std::numeric_limits<double>::max());
+  // Of equal values the earliest stays: 0.0 before -0.0 keeps +0.0.
+  const double z[2] = {0.0, -0.0};
+  EXPECT_FALSE(std::signbit(MinValue(z, 2)));
+  EXPECT_FALSE(std::signbit(MaxValue(z, 2)));
+}
+
+TEST(ColumnKernels, MeanShift) {
+  EXPECT_EQ(MeanShift(2.0, 3.0, 6.0, 2.0), 1.6);
+  EXPECT_TRUE(SameBits(MeanShift(1.0, 2.0, 5.0, -2.0), 0.0));
+  EXPECT_TRUE(std::isnan(MeanShift(1.0, kNaN, 5.0, 1.0)));
+  // Subtraction, then product, then division.
+  const double m1 = 0.1, w1 = 3, m2 = 0.7, w2 = 0.3;
+  EXPECT_TRUE(SameBits(MeanShift(m1, w1, m2, w2), (w2 * (m2 - m1)) / (w1 + w2)));
+}
+
+TEST(ColumnKernels, MultiplyInPlace) {
+  double a[3] = {1, 2, 3}, b[3] = {2, 0.5, -1};
+  EXPECT_EQ(MultiplyInPlace(nullptr, nullptr, 3), nullptr);
+  EXPECT_EQ(MultiplyInPlace(a, nullptr, 3), a);
+  EXPECT_EQ(MultiplyInPlace(nullptr, b, 3), b);
+  EXPECT_EQ(a[1], 2.0);
+  EXPECT_EQ(MultiplyInPlace(a, b, 3), a);
+  EXPECT_EQ(a[0], 2.0);
+  EXPECT_EQ(a[2], -3.0);
+
+  std::vector<double> empty, full{1, 2};
+  MultiplyInPlace(empty, full);  // a takes b's contents, b ends empty
+  EXPECT_EQ(empty, (std::vector<double>{1, 2}));
+  EXPECT_TRUE(full.empty());
+  std::vector<double> first, none;
+  MultiplyInPlace(first, none);
+  EXPECT_TRUE(first.empty());
+  std::vector<double> x{3, 4}, y{0.5, 2};
+  MultiplyInPlace(x, y);
+  EXPECT_EQ(x, (std::vector<double>{1.5, 8}));
+}
+
+TEST(ColumnKernels, SubtractInPlace) {
+  std::vector<double> x{1, 2, 3};
+  SubtractInPlace(x, 2.0);
+  EXPECT_EQ(x, (std::vector<double>{-1, 0, 1}));
+}
+
+TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {
+  std::mt19937_64 rng(77);
+  const int n = 1003;
+  auto x = RandomColumn(rng, n), w = RandomColumn(rng, n);
+  std::vector<unsigned> g(n);
+  for (auto& v : g) v = static_cast<unsigned>(rng() % 5);
+
+  std::vector<double> sum(5, 1.0), sumSq(5, 2.0), refSum = sum, refSq = sumSq;
+  ScatterWeightedSums(x.data(), g.data(), w.data(), sum.data(), sumSq.data(), n);
+  for (int i = 0; i < n; ++i) {
+    const double t = x[i] * w[i];
+    refSum[g[i]] = refSum[g[i]] + t;
+    refSq[g[i]] = refSq[g[i]] + t * x[i];
+  }
+  for (int k = 0; k < 5; ++k) {
+    EXPECT_TRUE(SameBits(sum[k], refSum[k]));
+    EXPECT_TRUE(SameBits(sumSq[k], refSq[k]));
+  }
+
+  std::vector<double> plainSum(5, 0.0), plainSq(5, 0.0);
+  ScatterWeightedSums(x.data(), g.data(), nullptr, plainSum.data(), plainSq.data(), n);
+  std::vector<double> refPlain(5, 0.0), refPlainSq(5, 0.0);
+  for (int i = 0; i < n; ++i) {
+    refPlain[g[i]] = refPlain[g[i]] + x[i];
+    refPlainSq[g[i]] = refPlainSq[g[i]] + x[i] * x[i];
+  }
+  for (int k = 0; k < 5; ++k) {
+    EXPECT_TRUE(SameBits(plainSum[k], refPlain[k]));
+    EXPECT_TRUE(SameBits(plainSq[k], refPlainSq[k]));
+  }
+
+  std::vector<double> sumW(5, 0.0), refW(5, 0.0), counts(5, 0.0);
+  double total = 0.5, refTotal = 0.5, countTotal = 0.0;
+  ScatterWeights(g.data(), w.data(), sumW, &total, n);
+  ScatterWeights(g.data(), nullptr, counts, &countTotal, n);
+  for (int i = 0; i < n; ++i) {
+    refW[g[i]] = refW[g[i]] + w[i];
+    refTotal = refTotal + w[i];
+  }
+  for (int k = 0; k < 5; ++k) {
+    EXPECT_TRUE(SameBits(sumW[k], refW[k]));
+    EXPECT_EQ(counts[k], static_cast<double>(std::count(g.begin(), g.end(), unsigned(k))));
+  }
+  EXPECT_TRUE(SameBits(total, refTotal));
+  EXPECT_EQ(countTotal, double(n));
+
+  // n = 0 leaves everything as it was.
+  ScatterWeights(g.data(), w.data(), sumW, &total, 0);
+  ScatterSums(x.data(), g.data(), sum.data(), sumSq.data(), 0);
+  EXPECT_TRUE(SameBits(total, refTotal));
+  EXPECT_TRUE(SameBits(sum[0], refSum[0]));
+}
+
+}  // namespace
+}  // namespace vorel
