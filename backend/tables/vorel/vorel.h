@@ -1,0 +1,8 @@
+// Everything the library exports, in one include.
+#pragma once
+
+#include <vorel/databatch.h>
+#include <vorel/databatchbygroup.h>
+#include <vorel/driver.h>
+#include <vorel/initialextremes.h>
+#include <vorel/matrixbase.h>
