@@ -6,3 +6,4 @@
 #include <vorel/driver.h>
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
+#include <vorel/statrecords.h>
