@@ -1,0 +1,238 @@
+#include <vorel/DiscriminantMatrix.h>
+#include <vorel/databatch.h>
+#include <vorelhost/assertion.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "columnkernels.h"
+#include "matrixrowcount.h"
+
+namespace vorel {
+
+// The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
+// _sumX1 and _sumX2 are null and _sumW is empty too.
+struct DiscriminantMatrixData {
+  std::vector<double> _sumW;          // total weight of each group
+  std::unique_ptr<double[]> _sumX1;   // sum w*x, cell of (var, g) at _nGroup*var + g
+  std::unique_ptr<double[]> _sumX2;   // sum (w*x)*x, laid out as _sumX1
+  std::unique_ptr<double[]> _TSSP;    // sum (w*x_i)*x_j, i > j, at MatrixRowCount(i) + j
+  int _nGroup = 0;
+  int _nVar = 0;
+  double _weightSum = 0.0;
+  int _nRows = 0;
+
+  DiscriminantMatrixData() = default;
+  DiscriminantMatrixData(int nGroup, int nVar) : _nGroup(nGroup), _nVar(nVar) {}
+  DiscriminantMatrixData(const DiscriminantMatrixData& other);
+  DiscriminantMatrixData& operator=(const DiscriminantMatrixData& other);
+
+  // Fills this empty record with the totals of one batch with rows.
+  void Accumulate(const DataBatch& data);
+  // Adds the totals of the filled record d to this filled record.
+  void Merge(const DiscriminantMatrixData& d);
+
+  bool IsFilled() const { return _TSSP != nullptr; }
+  std::size_t GroupCells() const {
+    return CheckedTableCells(static_cast<long long>(_nGroup) * _nVar);
+  }
+  std::size_t TriangleCells() const {
+    return CheckedTableCells(static_cast<long long>(_nVar) * (_nVar - 1) / 2);
+  }
+};
+
+namespace {
+
+std::unique_ptr<double[]> ZeroTable(std::size_t cells) {
+  return std::make_unique<double[]>(cells);  // value-initialised: 0.0
+}
+
+std::unique_ptr<double[]> CopyTable(const double* source, std::size_t cells) {
+  auto table = std::make_unique_for_overwrite<double[]>(cells);
+  std::copy(source, source + cells, table.get());
+  return table;
+}
+
+void AddCells(double* target, const double* source, std::size_t cells) {
+  for (std::size_t k = 0; k < cells; ++k) target[k] += source[k];
+}
+
+// The total cross-product triangle of one batch: for i = 1, 2, ..., nVar-1 and
+// j = 0, ..., i-1 in that order, the next cell is the sum over the rows of
+// (w * x_i) * x_j. Returns the number of cells written.
+int AccumulateCrossProducts(const DataBatch& data, const double* weights, int nRows,
+                            double* tssp) {
+  const int nCols = static_cast<int>(data.NColumns());
+  int tsspIndex = 0;
+  for (int i = 0; i < nCols; ++i) {
+    const double* columnI = data.Column(static_cast<unsigned>(i));
+    for (int j = 0; j < i; ++j) {
+      const double* columnJ = data.Column(static_cast<unsigned>(j));
+      tssp[tsspIndex] = WeightedDotProduct(columnI, columnJ, weights, nRows);
+      ++tsspIndex;
+    }
+  }
+  return tsspIndex;
+}
+
+}  // namespace
+
+DiscriminantMatrixData::DiscriminantMatrixData(const DiscriminantMatrixData& other)
+    : _sumW(other._sumW),
+      _nGroup(other._nGroup),
+      _nVar(other._nVar),
+      _weightSum(other._weightSum),
+      _nRows(other._nRows) {
+  // The shape of a record without tables may be anything: size only what exists.
+  if (other._sumX1) _sumX1 = CopyTable(other._sumX1.get(), GroupCells());
+  if (other._sumX2) _sumX2 = CopyTable(other._sumX2.get(), GroupCells());
+  if (other._TSSP) _TSSP = CopyTable(other._TSSP.get(), TriangleCells());
+}
+
+DiscriminantMatrixData& DiscriminantMatrixData::operator=(const DiscriminantMatrixData& other) {
+  if (this != &other) {
+    DiscriminantMatrixData copy(other);  // every allocation before this record changes
+    _sumW = std::move(copy._sumW);
+    _sumX1 = std::move(copy._sumX1);
+    _sumX2 = std::move(copy._sumX2);
+    _TSSP = std::move(copy._TSSP);
+    _nGroup = copy._nGroup;
+    _nVar = copy._nVar;
+    _weightSum = copy._weightSum;
+    _nRows = copy._nRows;
+  }
+  return *this;
+}
+
+void DiscriminantMatrixData::Accumulate(const DataBatch& data) {
+  VOREL_ASSERT((!_sumX1)&&(!_sumX2)&&(!_TSSP));
+  const int nCols = static_cast<int>(data.NColumns());
+  VOREL_ASSERT(nCols == _nVar);
+  const int nRows = static_cast<int>(data.NRows());
+
+  // Allocate everything first, so that a failure leaves the record empty.
+  std::vector<double> sumW(CheckedTableCells(_nGroup), 0.0);
+  auto sumX1 = ZeroTable(GroupCells());
+  auto sumX2 = ZeroTable(GroupCells());
+  const int nCellsTSSP = static_cast<int>(TriangleCells());
+  auto tssp = ZeroTable(static_cast<std::size_t>(nCellsTSSP));
+
+  const unsigned* groups = data.Groups();
+  const double* weights = data.Weights();
+  double weightSum = 0.0;
+  ScatterWeights(groups, weights, sumW, &weightSum, nRows);
+  for (int i = 0; i < nCols; ++i) {
+    const std::size_t offset = static_cast<std::size_t>(_nGroup) * i;
+    ScatterWeightedSums(data.Column(static_cast<unsigned>(i)), groups, weights,
+                        sumX1.get() + offset, sumX2.get() + offset, nRows);
+  }
+  const int tsspIndex = AccumulateCrossProducts(data, weights, nRows, tssp.get());
+  VOREL_ASSERT(tsspIndex == nCellsTSSP);
+
+  _sumW = std::move(sumW);
+  _sumX1 = std::move(sumX1);
+  _sumX2 = std::move(sumX2);
+  _TSSP = std::move(tssp);
+  _weightSum = weightSum;
+  _nRows = nRows;
+}
+
+void DiscriminantMatrixData::Merge(const DiscriminantMatrixData& d) {
+  VOREL_ASSERT(_nVar == d._nVar && _nGroup == d._nGroup);
+  // Rows whose weights total zero add nothing, not even to the row count.
+  if (d._weightSum == 0.0) return;
+  AddCells(_sumW.data(), d._sumW.data(), _sumW.size());
+  AddCells(_sumX1.get(), d._sumX1.get(), GroupCells());
+  AddCells(_sumX2.get(), d._sumX2.get(), GroupCells());
+  AddCells(_TSSP.get(), d._TSSP.get(), TriangleCells());
+  _weightSum += d._weightSum;
+  _nRows += d._nRows;
+}
+
+DiscriminantMatrix::DiscriminantMatrix() : _my(std::make_unique<DiscriminantMatrixData>()) {}
+
+DiscriminantMatrix::DiscriminantMatrix(int nGroup, int nVar)
+    : _my(std::make_unique<DiscriminantMatrixData>(nGroup, nVar)) {}
+
+DiscriminantMatrix::~DiscriminantMatrix() = default;
+
+DiscriminantMatrix::DiscriminantMatrix(const DiscriminantMatrix& other)
+    : MatrixBase(other), _my(std::make_unique<DiscriminantMatrixData>(*other._my)) {}
+
+DiscriminantMatrix& DiscriminantMatrix::operator=(const DiscriminantMatrix& other) {
+  if (this != &other) _my = std::make_unique<DiscriminantMatrixData>(*other._my);
+  return *this;
+}
+
+DiscriminantMatrix::DiscriminantMatrix(DiscriminantMatrix&& other) noexcept = default;
+DiscriminantMatrix& DiscriminantMatrix::operator=(DiscriminantMatrix&& other) noexcept = default;
+
+int DiscriminantMatrix::NRows() const { return _my->_nRows; }
+
+MatrixBase& DiscriminantMatrix::operator+=(MatrixBase& other) {
+  if (other.NRows() == 0) return *this;
+  const auto& source = dynamic_cast<const DiscriminantMatrix&>(other);
+  if (!_my->IsFilled()) {
+    VOREL_ASSERT(!(_my->_sumX1)&&!(_my->_sumX2));
+    *_my = *source._my;
+  } else {
+    VOREL_ASSERT(_my->_sumX1 && _my->_sumX2);
+    _my->Merge(*source._my);
+  }
+  return *this;
+}
+
+MatrixBase& DiscriminantMatrix::operator+=(DataBatch& data) {
+  if (data.NRows() == 0) return *this;
+  if (!_my->IsFilled()) {
+    _my->Accumulate(data);
+  } else {
+    DiscriminantMatrixData batchTotals(_my->_nGroup, _my->_nVar);
+    batchTotals.Accumulate(data);
+    _my->Merge(batchTotals);
+  }
+  return *this;
+}
+
+double DiscriminantMatrix::WeightSum() const { return _my->_weightSum; }
+int DiscriminantMatrix::NVar() const { return _my->_nVar; }
+int DiscriminantMatrix::NGroup() const { return _my->_nGroup; }
+
+double DiscriminantMatrix::sumW(int c) const {
+  VOREL_ASSERT(c < NGroup() && c >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  return _my->_sumW[c];
+}
+
+double DiscriminantMatrix::sumX1(int group, int var) const {
+  VOREL_ASSERT(group < NGroup() && group >= 0);
+  VOREL_ASSERT(var < NVar() && var >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  return _my->_sumX1[static_cast<std::size_t>(NGroup()) * var + group];
+}
+
+double DiscriminantMatrix::sumX2(int group, int var) const {
+  VOREL_ASSERT(group < NGroup() && group >= 0);
+  VOREL_ASSERT(var < NVar() && var >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  return _my->_sumX2[static_cast<std::size_t>(NGroup()) * var + group];
+}
+
+double DiscriminantMatrix::TSSP(int row, int col) const {
+  VOREL_ASSERT(row < NVar() && row >= 0);
+  VOREL_ASSERT(col < NVar() && col >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  if (row == col) {
+    // The store has no diagonal: total the variable's squares over the groups.
+    double total = 0.0;
+    for (int g = 0; g < NGroup(); ++g) total += sumX2(g, row);
+    return total;
+  }
+  const int hi = std::max(row, col);
+  const int lo = std::min(row, col);
+  return _my->_TSSP[MatrixRowCount(hi) + lo];
+}
+
+}  // namespace vorel
