@@ -1,5 +1,6 @@
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/databatch.h>
+#include <vorel/databatchbygroup.h>
 
 #include <cstddef>
 #include <limits>
@@ -245,6 +246,23 @@ TEST(DiscriminantMatrix, EmptyBatchesAndEmptySourcesChangeNothing) {
   m += wrongShape;
   EXPECT_EQ(m.NRows(), 3);
   EXPECT_EQ(m.TSSP(1, 0), 56.0);
+}
+
+TEST(DiscriminantMatrix, GroupedBatchesAreIgnored) {
+  double weight = 1.0;
+  unsigned group = 0;
+  DataBatchByGroup grouped(2, 4, &weight, nullptr, &group, 2);
+  grouped.Row(0)[0] = 1.0;
+  grouped.Row(0)[1] = 2.0;
+  grouped.AddRow();
+  grouped.SortByGroup();
+  DiscriminantMatrix m(2, 2);
+  MatrixBase& base = m;
+  EXPECT_EQ(&(base += grouped), &base);
+  EXPECT_EQ(m.NRows(), 0);
+  AddAll(m, WorkedRows(), 3);
+  base += grouped;
+  ExpectTotals(m, PlainTotals(WorkedRows(), 0, 3, 2, true));
 }
 
 TEST(DiscriminantMatrix, RowsWhoseWeightsTotalZero) {
