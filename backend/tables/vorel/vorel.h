@@ -7,4 +7,5 @@
 #include <vorel/driver.h>
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
+#include <vorel/smatrixlistwise.h>
 #include <vorel/statrecords.h>

@@ -1,0 +1,101 @@
+// SMatrixListwise: listwise statistics of one block of columns with itself.
+//
+// For the batch columns [Col0(), Col2()) it gathers the weighted row count,
+// each column's mean, smallest and largest value, and the corrected
+// cross-product of every pair of columns, the diagonal (the corrected sums of
+// squares) included. Listwise: every row counts for every column, so rows with
+// a missing value must be dropped before they reach the batch.
+//
+// Each batch is reduced on its own: the block's columns are centred in place on
+// the batch's means, and the products of the centred columns are taken. Every
+// later batch, and every other matrix added with operator+=(MatrixBase&), is
+// folded in by an update formula on means and corrected sums alone, so a
+// column of one repeated value keeps that value exactly as its mean, and with
+// positive weights the split into batches and threads changes nothing but
+// rounding.
+//
+// Weights: a row's weight is its frequency weight times its regression weight
+// (a factor the batch lacks counts as 1). WeightSum() totals the frequency
+// weights (the row count without them); RegWeightSum() totals the combined
+// weights and is the figure every mean and cross-product is weighed with.
+//
+// Bounds: built without bounds, the block reaches over every column of its
+// first batch with rows, and Col2() reads 0 until then. Bounds are checked at
+// that first batch, not at construction; every batch after it must hold the
+// block's columns too, and all batches must agree in having regression weights
+// or not.
+//
+// A batch given to operator+= is spent: the block's columns are centred and,
+// with both kinds of weight, Weights() becomes the combined weights. Clear and
+// refill it. An empty batch changes nothing. A grouped batch is ignored.
+//
+// Accessors take batch column numbers. Mean, Min and CCP require
+// "0. < WeightSum()", which is false for a sum of 0, a negative sum and NaN;
+// Max does not, and on a matrix that saw no rows it returns MaxInitial.
+//
+// Choices of this implementation:
+// - Copying a matrix copies its record deeply; moves take the record over and
+//   leave the source without one (it may then only be destroyed or assigned to).
+// - operator+=(MatrixBase&) asserts "d != nullptr" when `other` is not an
+//   SMatrixListwise, instead of following a null pointer.
+// - The triangle is indexed by int: a block of more than 46340 columns raises
+//   std::length_error ("vector<T> too long") at its first batch.
+#pragma once
+
+#include <vorel/matrixbase.h>
+
+#include <memory>
+
+namespace vorel {
+
+class DataBatch;
+class SMatrixListwiseData;
+
+class SMatrixListwise : public MatrixBase {
+ public:
+  // A block over all columns of the first batch with rows.
+  SMatrixListwise();
+  // A block over the batch columns [col0, col2).
+  SMatrixListwise(int col0, int col2);
+  ~SMatrixListwise() override;
+
+  SMatrixListwise(const SMatrixListwise& other);
+  SMatrixListwise& operator=(const SMatrixListwise& other);
+  SMatrixListwise(SMatrixListwise&& other) noexcept;
+  SMatrixListwise& operator=(SMatrixListwise&& other) noexcept;
+
+  using MatrixBase::operator+=;
+  // Adds a batch; centres the block's columns in the batch itself.
+  MatrixBase& operator+=(DataBatch& data) override;
+  // Merges another SMatrixListwise, which is only read. Into a matrix that is
+  // still empty this is a deep copy of `other`, its bounds included.
+  MatrixBase& operator+=(MatrixBase& other) override;
+
+  // Rows accumulated; 0 while empty.
+  int NRows() const override;
+  // Sum of the frequency weights; 0 while empty.
+  double WeightSum() const;
+  // Sum of the combined weights; equals WeightSum() without regression weights.
+  double RegWeightSum() const;
+  bool HasRegWeights() const;
+  int Col0() const;
+  // Always equal to Col0().
+  int Col1() const;
+  int Col2() const;
+  // Col2() - Col0() once filled; 0 while empty.
+  int NColumns() const;
+  // Weighted mean of batch column c.
+  double Mean(int c) const;
+  // Smallest cell of column c, whatever its weight.
+  double Min(int c) const;
+  // Largest cell of column c, whatever its weight; MaxInitial while empty.
+  double Max(int c) const;
+  // Corrected cross-product of two columns, in either order; CCP(c, c) is the
+  // corrected sum of squares of c. A sum, not divided by anything.
+  double CCP(int row, int col) const;
+
+ private:
+  std::unique_ptr<SMatrixListwiseData> _my;
+};
+
+}  // namespace vorel
