@@ -1,11 +1,12 @@
 // Everything the library exports, in one include.
 #pragma once
 
-#include <vorel/DiscriminantMatrix.h>
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
+#include <vorel/DiscriminantMatrix.h>
 #include <vorel/driver.h>
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
+#include <vorel/matrixlistwise.h>
 #include <vorel/smatrixlistwise.h>
 #include <vorel/statrecords.h>
