@@ -39,7 +39,7 @@ struct DiscriminantMatrixData {
     return CheckedTableCells(static_cast<long long>(_nGroup) * _nVar);
   }
   std::size_t TriangleCells() const {
-    return CheckedTableCells(static_cast<long long>(_nVar) * (_nVar - 1) / 2);
+    return CheckedTableCells(CheckedMatrixRowCount(_nVar));
   }
 };
 

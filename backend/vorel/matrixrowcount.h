@@ -18,6 +18,14 @@ namespace vorel {
 // these tables is an int: callers keep k below 46341, where k(k-1) still fits.
 constexpr int MatrixRowCount(int k) { return k * (k - 1) / 2; }
 
+// MatrixRowCount(k) for a triangle about to be allocated: std::length_error
+// "vector<T> too long" when k is negative or k(k-1) would not fit in an int,
+// so that no index into the triangle can overflow later.
+inline int CheckedMatrixRowCount(long long k) {
+  if (k < 0 || k > 46341) throw std::length_error("vector<T> too long");
+  return MatrixRowCount(static_cast<int>(k));
+}
+
 // The number of doubles a table of `cells` cells takes, worked out in 64 bits.
 // Tables are indexed by int, so a table that would outgrow that index (or a
 // negative count, from a negative shape) is refused with the error a vector

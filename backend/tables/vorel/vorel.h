@@ -5,6 +5,7 @@
 #include <vorel/databatchbygroup.h>
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/driver.h>
+#include <vorel/DscIndividualMatrix.h>
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
 #include <vorel/matrixlistwise.h>

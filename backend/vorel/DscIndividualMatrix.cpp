@@ -1,0 +1,210 @@
+#include <vorel/DscIndividualMatrix.h>
+#include <vorel/databatchbygroup.h>
+#include <vorelhost/assertion.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+#include "columnkernels.h"
+#include "matrixrowcount.h"
+
+namespace vorel {
+
+// The record behind a DiscIndividualMatrix. Empty while _TSSP is null.
+struct DiscIndividualMatrixData {
+  std::unique_ptr<double[]> _TSSP;  // entry k of group g at k * _nGroup + g
+  int _nGroup = 0;
+  int _nVar = 0;
+  double _weightSum = 0.0;
+  int _nRows = 0;
+
+  DiscIndividualMatrixData() = default;
+  DiscIndividualMatrixData(int nGroup, int nVar) : _nGroup(nGroup), _nVar(nVar) {}
+  DiscIndividualMatrixData(const DiscIndividualMatrixData& other);
+  DiscIndividualMatrixData& operator=(const DiscIndividualMatrixData& other);
+
+  // Fills this empty record with the totals of one sorted batch with rows.
+  void Accumulate(const DataBatchByGroup& data);
+  // Adds the totals of the filled record d to this filled record.
+  void Merge(const DiscIndividualMatrixData& d);
+
+  bool IsFilled() const { return _TSSP != nullptr; }
+  // Entries of the triangle with diagonal over the variables: n(n+1)/2.
+  // Only for a shape that TableCells() has accepted.
+  int CellsCrossProduct() const { return MatrixRowCount(_nVar + 1); }
+  // Entries per group, the triangle over the variables and the column of
+  // ones: (n+1)(n+2)/2, in 64 bits, as the shape of an empty record may be
+  // anything.
+  long long CountMatrix() const {
+    const long long n = _nVar;
+    return (n + 1) * (n + 2) / 2;
+  }
+  std::size_t TableCells() const {
+    const long long countMatrix = CheckedMatrixRowCount(_nVar + 1LL) + _nVar + 1LL;
+    return CheckedTableCells(countMatrix * _nGroup);
+  }
+};
+
+namespace {
+
+// The table of one group of a sorted batch: `count` rows from row `start` of
+// every column. Entry k goes to table[k * nGroup]; the caller points table at
+// the group's first entry. The triangle runs i = 0, 1, ..., nVar-1 and
+// j = 0, ..., i in that order, each entry the sum over the rows of
+// (w * x_i) * x_j. Returns the number of triangle entries written.
+int AccumulateGroupTable(const DataBatchByGroup& data, unsigned start, unsigned count,
+                         int nGroup, double* table) {
+  const int nVar = static_cast<int>(data.NColumns());
+  const int nCellsCrossProduct = MatrixRowCount(nVar + 1);
+  const double* weights = data.Weights() ? data.Weights() + start : nullptr;
+  const int n = static_cast<int>(count);
+  auto entry = [&](int k) -> double& { return table[static_cast<std::size_t>(k) * nGroup]; };
+
+  entry(nCellsCrossProduct + nVar) = weights ? SumWeights(weights, n) : static_cast<double>(count);
+  int tsspIndex = 0;
+  for (int i = 0; i < nVar; ++i) {
+    const double* columnI = data.Column(static_cast<unsigned>(i)) + start;
+    entry(nCellsCrossProduct + i) =
+        weights ? DotProduct(columnI, weights, n) : SumValues(columnI, n);
+    for (int j = 0; j <= i; ++j) {
+      const double* columnJ = data.Column(static_cast<unsigned>(j)) + start;
+      entry(tsspIndex) = weights ? TripleProduct(weights, columnI, columnJ, n)
+                                 : WeightedDotProduct(columnI, columnJ, nullptr, n);
+      ++tsspIndex;
+    }
+  }
+  return tsspIndex;
+}
+
+}  // namespace
+
+DiscIndividualMatrixData::DiscIndividualMatrixData(const DiscIndividualMatrixData& other)
+    : _nGroup(other._nGroup),
+      _nVar(other._nVar),
+      _weightSum(other._weightSum),
+      _nRows(other._nRows) {
+  // The shape of a record without a table may be anything: size only a table.
+  if (other._TSSP) {
+    const std::size_t cells = TableCells();
+    _TSSP = std::make_unique_for_overwrite<double[]>(cells);
+    std::copy(other._TSSP.get(), other._TSSP.get() + cells, _TSSP.get());
+  }
+}
+
+DiscIndividualMatrixData& DiscIndividualMatrixData::operator=(
+    const DiscIndividualMatrixData& other) {
+  if (this != &other) {
+    DiscIndividualMatrixData copy(other);  // every allocation before this record changes
+    _TSSP = std::move(copy._TSSP);
+    _nGroup = copy._nGroup;
+    _nVar = copy._nVar;
+    _weightSum = copy._weightSum;
+    _nRows = copy._nRows;
+  }
+  return *this;
+}
+
+void DiscIndividualMatrixData::Accumulate(const DataBatchByGroup& data) {
+  VOREL_ASSERT(!_TSSP);
+  const int nCols = static_cast<int>(data.NColumns());
+  VOREL_ASSERT(nCols == _nVar);
+  const int nRows = static_cast<int>(data.NRows());
+  // Allocated and filled aside, so that a failure leaves the record empty.
+  auto table = std::make_unique<double[]>(TableCells());  // value-initialised: 0.0
+
+  const int nCellsCrossProduct = CellsCrossProduct();
+  int tsspIndex = 0;
+  unsigned start = 0;
+  for (unsigned g = 0; g < data.NGroups(); ++g) {
+    const unsigned count = data.groupCount(g);
+    tsspIndex = AccumulateGroupTable(data, start, count, _nGroup, table.get() + g);
+    start += count;
+  }
+  const double weightSum = SumWeights(data.Weights(), nRows);
+  VOREL_ASSERT(tsspIndex == nCellsCrossProduct);
+
+  _TSSP = std::move(table);
+  _weightSum = weightSum;
+  _nRows = nRows;
+}
+
+void DiscIndividualMatrixData::Merge(const DiscIndividualMatrixData& d) {
+  VOREL_ASSERT(_nVar == d._nVar && _nGroup == d._nGroup);
+  // Rows whose weights total zero add nothing, not even to the row count.
+  if (d._weightSum == 0.0) return;
+  const std::size_t cells = TableCells();
+  for (std::size_t k = 0; k < cells; ++k) _TSSP[k] += d._TSSP[k];
+  _weightSum += d._weightSum;
+  _nRows += d._nRows;
+}
+
+DiscIndividualMatrix::DiscIndividualMatrix()
+    : _my(std::make_unique<DiscIndividualMatrixData>()) {}
+
+DiscIndividualMatrix::DiscIndividualMatrix(int nGroup, int nVar)
+    : _my(std::make_unique<DiscIndividualMatrixData>(nGroup, nVar)) {}
+
+DiscIndividualMatrix::~DiscIndividualMatrix() = default;
+
+DiscIndividualMatrix::DiscIndividualMatrix(const DiscIndividualMatrix& other)
+    : MatrixBase(other), _my(std::make_unique<DiscIndividualMatrixData>(*other._my)) {}
+
+DiscIndividualMatrix& DiscIndividualMatrix::operator=(const DiscIndividualMatrix& other) {
+  if (this != &other) _my = std::make_unique<DiscIndividualMatrixData>(*other._my);
+  return *this;
+}
+
+DiscIndividualMatrix::DiscIndividualMatrix(DiscIndividualMatrix&& other) noexcept = default;
+DiscIndividualMatrix& DiscIndividualMatrix::operator=(DiscIndividualMatrix&& other) noexcept =
+    default;
+
+int DiscIndividualMatrix::NRows() const { return _my->_nRows; }
+
+MatrixBase& DiscIndividualMatrix::operator+=(MatrixBase& other) {
+  if (other.NRows() == 0) return *this;
+  const auto& source = dynamic_cast<const DiscIndividualMatrix&>(other);
+  if (!_my->IsFilled()) {
+    *_my = *source._my;
+  } else {
+    _my->Merge(*source._my);
+  }
+  return *this;
+}
+
+MatrixBase& DiscIndividualMatrix::operator+=(DataBatchByGroup& data) {
+  if (data.NRows() == 0) return *this;
+  if (!_my->IsFilled()) {
+    _my->Accumulate(data);
+  } else {
+    DiscIndividualMatrixData batchTotals(_my->_nGroup, _my->_nVar);
+    batchTotals.Accumulate(data);
+    _my->Merge(batchTotals);
+  }
+  return *this;
+}
+
+double DiscIndividualMatrix::WeightSum() const { return _my->_weightSum; }
+int DiscIndividualMatrix::NVar() const { return _my->_nVar; }
+int DiscIndividualMatrix::NGroup() const { return _my->_nGroup; }
+
+double DiscIndividualMatrix::TSSP(int tsspIndex, int groupVal) const {
+  const long long countMatrix = _my->CountMatrix();
+  VOREL_ASSERT(0 <= tsspIndex && tsspIndex < countMatrix);
+  VOREL_ASSERT(groupVal < NGroup() && groupVal >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  return _my->_TSSP[static_cast<std::size_t>(tsspIndex) * NGroup() + groupVal];
+}
+
+double DiscIndividualMatrix::TSSP(int row, int col, int groupVal) const {
+  VOREL_ASSERT(row <= NVar() && row >= 0);
+  VOREL_ASSERT(col <= NVar() && col >= 0);
+  VOREL_ASSERT(groupVal < NGroup() && groupVal >= 0);
+  VOREL_ASSERT(0. < WeightSum());
+  // Row hi of the triangle with diagonal starts at hi(hi+1)/2.
+  const int hi = std::max(row, col);
+  const int lo = std::min(row, col);
+  return TSSP(MatrixRowCount(hi + 1) + lo, groupVal);
+}
+
+}  // namespace vorel
