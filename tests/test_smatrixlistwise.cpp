@@ -1,6 +1,7 @@
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
 #include <vorel/initialextremes.h>
+#include <vorel/nsmatrixlistwise.h>
 #include <vorel/smatrixlistwise.h>
 
 #include <algorithm>
@@ -335,6 +336,10 @@ TEST(SMatrixListwise, MergePreconditions) {
   EXPECT_VOREL_ASSERT(target += shifted,
                       "_col0 == d._col0 && _col1 == d._col1 && _col2 == d._col2", kSource);
   EXPECT_VOREL_ASSERT(target += regWeighted, "_hasRegWeights == d._hasRegWeights", kSource);
+  NSMatrixListwise rectangle(0, 1, 3);
+  BatchOf batch(t, 0, 4, 4);
+  rectangle += batch.batch;
+  EXPECT_VOREL_ASSERT(target += rectangle, "d != nullptr", kSource);
   EXPECT_EQ(target.NRows(), 4);
 }
 

@@ -9,5 +9,6 @@
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
 #include <vorel/matrixlistwise.h>
+#include <vorel/nsmatrixlistwise.h>
 #include <vorel/smatrixlistwise.h>
 #include <vorel/statrecords.h>
