@@ -41,11 +41,13 @@ class Table {
   // Clears batch and fills it with rows [begin, end); it must have room.
   void Fill(DataBatch& batch, std::size_t begin, std::size_t end) const {
     batch.Clear();
-    for (std::size_t r = begin; r < end; ++r) {
-      _weight = _weights[r];
-      _regWeight = _regWeights[r];
-      batch.AddRow(_rows[r].data());
-    }
+    for (std::size_t r = begin; r < end; ++r) Append(batch, r);
+  }
+  // Adds row r to a batch made by Batch().
+  void Append(DataBatch& batch, std::size_t r) const {
+    _weight = _weights[r];
+    _regWeight = _regWeights[r];
+    batch.AddRow(_rows[r].data());
   }
 
   // Column-major copies of the cells, for references written as loops.

@@ -9,6 +9,7 @@
 #include <vorel/initialextremes.h>
 #include <vorel/matrixbase.h>
 #include <vorel/matrixlistwise.h>
+#include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixlistwise.h>
 #include <vorel/smatrixlistwise.h>
 #include <vorel/statrecords.h>

@@ -1,0 +1,292 @@
+#include <vorel/matrixpairwise.h>
+
+#include <vorel/databatch.h>
+#include <vorelhost/assertion.h>
+
+#include "columnkernels.h"
+#include "storelimits.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace vorel {
+namespace {
+
+// Start of row n of the lower triangle without its diagonal, and the record
+// count of n columns. 32-bit by design; the column count is checked before use.
+unsigned MatrixRow(unsigned n) { return (n - 1) * n / 2; }
+
+// The widest table whose (n - 1) n still fits 32 bits: 65,536 columns.
+void CheckColumnCount(unsigned nCols) {
+  CheckStoreSize((std::uint64_t{nCols} - 1) * nCols, std::numeric_limits<std::uint32_t>::max());
+}
+
+int Rows(unsigned n) { return static_cast<int>(n); }
+
+// The corrected sum of one side after a merge: ((tw d d + o) + ow e e) + t.
+double MergedSum(double tw, double dt, double dt2, double otherSum, double ow, double eo,
+                 double eo2, double thisSum) {
+  // Deliberate order: the four terms are added left to right as written.
+  return ((tw * dt * dt2
+           + otherSum)
+          + ow * eo * eo2)
+         + thisSum;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- records
+
+void VarStatsData::Init(const double* x, const double* weights, const double* regWeights,
+                        WorkArea& work, unsigned n) {
+  CompressColumn(x, weights, regWeights, work.missingCode, Rows(n), work.x0, work.weights,
+                 work.regWeights);
+  nRows = work.x0.size();
+  weightSum = weights != nullptr ? SumValues(work.weights) : static_cast<double>(nRows);
+  regWeightSum = regWeights != nullptr ? SumOrDot(work.regWeights, work.weights) : weightSum;
+  // From here on work.weights holds the combined weights, or nothing.
+  MultiplyInPlace(work.weights, work.regWeights);
+  mean = StableMean(work.x0, work.weights, regWeightSum);
+  SubtractInPlace(work.x0, mean);
+  css = WeightedDotProduct(work.x0, work.x0, work.weights);
+}
+
+void VarStatsData::Update(const VarStatsData& o) {
+  if (o.nRows == 0) return;
+  const double tw = regWeightSum;
+  const double ow = o.regWeightSum;
+  const double om = o.mean;
+  const double d = MeanShift(mean, tw, om, ow);
+  const double newMean = mean + d;
+  const double e = om - newMean;
+  css = MergedSum(tw, d, d, o.css, ow, e, e, css);
+  mean = newMean;
+  weightSum += o.weightSum;
+  regWeightSum = tw + ow;
+  nRows += o.nRows;
+}
+
+void PairStatsData::Init(const double* x0, const double* x1, const double* weights,
+                         const double* regWeights, WorkArea& work, unsigned n) {
+  CompressColumnPair(x0, x1, weights, regWeights, work.missingCode, Rows(n), work.x0, work.x1,
+                     work.weights, work.regWeights);
+  nRows = work.x0.size();
+  weightSum = !work.weights.empty() ? SumValues(work.weights) : static_cast<double>(nRows);
+  MultiplyInPlace(work.weights, work.regWeights);
+  regWeightSum = regWeights != nullptr ? SumValues(work.weights) : weightSum;
+  mean0 = StableMean(work.x0, work.weights, regWeightSum);
+  mean1 = StableMean(work.x1, work.weights, regWeightSum);
+  SubtractInPlace(work.x0, mean0);
+  SubtractInPlace(work.x1, mean1);
+  css0 = WeightedDotProduct(work.x0, work.x0, work.weights);
+  css1 = WeightedDotProduct(work.x1, work.x1, work.weights);
+  cscp = WeightedDotProduct(work.x0, work.x1, work.weights);
+}
+
+void PairStatsData::Update(const PairStatsData& o) {
+  if (o.nRows == 0) return;
+  const double tw = regWeightSum;
+  const double ow = o.regWeightSum;
+  const double om0 = o.mean0;
+  const double om1 = o.mean1;
+  const double d0 = MeanShift(mean0, tw, om0, ow);
+  mean0 += d0;
+  const double e0 = om0 - mean0;
+  const double d1 = MeanShift(mean1, tw, om1, ow);
+  mean1 += d1;
+  const double e1 = om1 - mean1;
+  css0 = MergedSum(tw, d0, d0, o.css0, ow, e0, e0, css0);
+  css1 = MergedSum(tw, d1, d1, o.css1, ow, e1, e1, css1);
+  cscp = MergedSum(tw, d0, d1, o.cscp, ow, e0, e1, cscp);
+  weightSum += o.weightSum;
+  regWeightSum = tw + ow;
+  nRows += o.nRows;
+}
+
+// ---------------------------------------------------------------- table record
+
+struct MatrixPairwiseData {
+  explicit MatrixPairwiseData(double missingCode) { _workArea.missingCode = missingCode; }
+
+  void CreateStats(const DataBatch& data);
+  void Accumulate(const DataBatch& data);
+  void Merge(const MatrixPairwiseData& d);
+  // Makes this record a copy of source's results and missing code; this
+  // record keeps its own scratch. Unchanged if an allocation fails.
+  void CopyFrom(const MatrixPairwiseData& source);
+
+  double _weightSum = 0.0;     // frequency weight of every row added
+  double _regWeightSum = 0.0;  // combined weight of every row added
+  std::uint64_t _nRows = 0;    // every row added, missing cells or not
+  std::vector<VarStatsData> _varStats;  // one per column
+  std::vector<PairStatsData> _xp;       // one per pair, row h holding (h, 0) .. (h, h - 1)
+  WorkArea _workArea;                   // scratch, and the one place of the missing code
+  bool _hasRegWeights = false;
+
+ private:
+  void AddTableSums(const DataBatch& data);
+  void UpdateRecords(const DataBatch& data);
+};
+
+void MatrixPairwiseData::CreateStats(const DataBatch& data) {
+  VOREL_ASSERT(!_xp.size());
+  const unsigned nCols = data.NColumns();
+  CheckColumnCount(nCols);
+  // Both stores are sized before any field changes, so a failed allocation
+  // leaves the record empty.
+  std::vector<VarStatsData> varStats(nCols);
+  std::vector<PairStatsData> xp(MatrixRow(nCols));
+  _hasRegWeights = data.HasRegWeights();
+  _varStats.swap(varStats);
+  _xp.swap(xp);
+  Accumulate(data);
+}
+
+void MatrixPairwiseData::Accumulate(const DataBatch& data) {
+  const unsigned n = data.NRows();
+  const unsigned nCols = data.NColumns();
+  VOREL_ASSERT(_hasRegWeights == data.HasRegWeights());
+  _nRows += n;
+  VOREL_ASSERT(_varStats.size() == nCols);
+  AddTableSums(data);
+  UpdateRecords(data);
+}
+
+// The table's totals cover every row; the missing code plays no part.
+void MatrixPairwiseData::AddTableSums(const DataBatch& data) {
+  const int n = Rows(data.NRows());
+  _weightSum += SumWeights(data.Weights(), n);
+  if (!data.HasRegWeights()) {
+    _regWeightSum = _weightSum;
+  } else if (data.HasWeights()) {
+    _regWeightSum += DotProduct(data.Weights(), data.RegWeights(), n);
+  } else {
+    _regWeightSum += SumValues(data.RegWeights(), n);
+  }
+}
+
+// Each column, then each pair of it with a lower column, reduced on its own
+// and folded into its long-lived record.
+void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
+  const unsigned n = data.NRows();
+  const unsigned nCols = data.NColumns();
+  const double* weights = data.Weights();
+  const double* regWeights = data.RegWeights();
+  unsigned xpindex = 0;
+  for (unsigned c = 0; c < nCols; ++c) {
+    const double* column = data.Column(c);
+    VarStatsData var;
+    var.Init(column, weights, regWeights, _workArea, n);
+    _varStats[c].Update(var);
+    for (unsigned k = 0; k < c; ++k) {
+      PairStatsData pair;
+      pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
+      _xp[xpindex].Update(pair);
+      ++xpindex;
+    }
+  }
+}
+
+void MatrixPairwiseData::Merge(const MatrixPairwiseData& d) {
+  VOREL_ASSERT(_varStats.size() == d._varStats.size());
+  VOREL_ASSERT(_hasRegWeights == d._hasRegWeights);
+  // Equality on purpose: a negative or NaN frequency total goes on.
+  if (d._weightSum == 0.0) return;
+  const unsigned nCols = static_cast<unsigned>(_varStats.size());
+  unsigned xpindex = 0;
+  for (unsigned c = 0; c < nCols; ++c) {
+    _varStats[c].Update(d._varStats[c]);
+    for (unsigned i = xpindex; i < xpindex + c; ++i)
+      _xp[i].Update(d._xp[i]);
+    xpindex += c;
+  }
+  VOREL_ASSERT(xpindex == MatrixRow(nCols));
+  _weightSum += d._weightSum;
+  _regWeightSum += d._regWeightSum;
+  _nRows += d._nRows;
+}
+
+void MatrixPairwiseData::CopyFrom(const MatrixPairwiseData& source) {
+  if (this == &source) return;
+  std::vector<VarStatsData> varStats(source._varStats);
+  std::vector<PairStatsData> xp(source._xp);
+  _weightSum = source._weightSum;
+  _regWeightSum = source._regWeightSum;
+  _nRows = source._nRows;
+  _varStats.swap(varStats);
+  _xp.swap(xp);
+  _workArea.missingCode = source._workArea.missingCode;
+  _hasRegWeights = source._hasRegWeights;
+}
+
+// ---------------------------------------------------------------- handle
+
+MatrixPairwise::MatrixPairwise(const double& missingCode)
+    : _my(std::make_unique<MatrixPairwiseData>(missingCode)) {}
+
+MatrixPairwise::MatrixPairwise(const MatrixPairwise& other)
+    : MatrixPairwise(other._my->_workArea.missingCode) {
+  _my->CopyFrom(*other._my);
+}
+
+MatrixPairwise& MatrixPairwise::operator=(const MatrixPairwise& other) {
+  if (this == &other) return *this;
+  if (!_my) _my = std::make_unique<MatrixPairwiseData>(other._my->_workArea.missingCode);
+  _my->CopyFrom(*other._my);
+  return *this;
+}
+
+MatrixPairwise::MatrixPairwise(MatrixPairwise&& other) noexcept = default;
+
+MatrixPairwise& MatrixPairwise::operator=(MatrixPairwise&& other) noexcept {
+  _my.swap(other._my);
+  return *this;
+}
+
+MatrixPairwise::~MatrixPairwise() = default;
+
+MatrixPairwise& MatrixPairwise::operator+=(DataBatch& data) {
+  if (data.NRows() == 0) return *this;
+  if (_my->_varStats.empty())
+    _my->CreateStats(data);
+  else
+    _my->Accumulate(data);
+  return *this;
+}
+
+MatrixPairwise& MatrixPairwise::operator+=(const MatrixPairwise& d) {
+  if (d._my->_nRows == 0) return *this;
+  if (_my->_varStats.empty())
+    _my->CopyFrom(*d._my);
+  else
+    _my->Merge(*d._my);
+  return *this;
+}
+
+unsigned MatrixPairwise::NColumns() const { return static_cast<unsigned>(_my->_varStats.size()); }
+std::uint64_t MatrixPairwise::NRows() const { return _my->_nRows; }
+double MatrixPairwise::WeightSum() const { return _my->_weightSum; }
+bool MatrixPairwise::HasRegWeights() const { return _my->_hasRegWeights; }
+double MatrixPairwise::RegWeightSum() const { return _my->_regWeightSum; }
+double MatrixPairwise::MissingCode() const { return _my->_workArea.missingCode; }
+
+VarStats MatrixPairwise::Var(unsigned col) const {
+  VOREL_ASSERT(col < NColumns());
+  VOREL_ASSERT(0. < WeightSum());
+  return VarStats(&_my->_varStats[col]);
+}
+
+PairStats MatrixPairwise::Pair(unsigned row, unsigned col) const {
+  VOREL_ASSERT(row < NColumns());
+  VOREL_ASSERT(col < NColumns());
+  VOREL_ASSERT(row != col);
+  VOREL_ASSERT(0. < WeightSum());
+  const unsigned high = std::max(row, col);
+  const unsigned low = std::min(row, col);
+  return PairStats(&_my->_xp[MatrixRow(high) + low]);
+}
+
+}  // namespace vorel
