@@ -1,9 +1,12 @@
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
+#include <vorel/driver.h>
 
+#include <cmath>
 #include <cstddef>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -18,7 +21,9 @@ namespace {
 
 using testing::GroupedRows;
 using testing::RandomRows;
+using testing::RowsProblem;
 using testing::SameBits;
+using testing::WithoutZeroWeights;
 
 constexpr const char* kSource = "backend/vorel/DiscriminantMatrix";
 
@@ -63,8 +68,12 @@ struct Totals {
 Totals PlainTotals(const GroupedRows& rows, std::size_t begin, std::size_t end, int nGroup,
                    bool weighted) {
   const int nVar = rows.nVar;
-  Totals t{nGroup, nVar, std::vector<double>(nGroup), std::vector<double>(nGroup * nVar),
-           std::vector<double>(nGroup * nVar), std::vector<double>(nVar * nVar)};
+  Totals t{nGroup,
+           nVar,
+           std::vector<double>(nGroup),
+           std::vector<double>(nGroup * nVar),
+           std::vector<double>(nGroup * nVar),
+           std::vector<double>(nVar * nVar)};
   for (std::size_t r = begin; r < end; ++r) {
     const double w = weighted ? rows.weights[r] : 1.0;
     const unsigned g = rows.groups[r];
@@ -74,7 +83,8 @@ Totals PlainTotals(const GroupedRows& rows, std::size_t begin, std::size_t end, 
       const double wx = rows.Cell(r, i) * w;
       t.sumX1[g * nVar + i] += wx;
       t.sumX2[g * nVar + i] += wx * rows.Cell(r, i);
-      for (int j = 0; j < i; ++j) t.cross[i * nVar + j] += (w * rows.Cell(r, i)) * rows.Cell(r, j);
+      for (int j = 0; j < i; ++j)
+        t.cross[i * nVar + j] += (w * rows.Cell(r, i)) * rows.Cell(r, j);
     }
   }
   t.nRows = static_cast<int>(end - begin);
@@ -91,10 +101,14 @@ void MergeTotals(Totals& into, const Totals& part) {
     return;
   }
   if (part.weightSum == 0.0) return;
-  for (std::size_t k = 0; k < into.sumW.size(); ++k) into.sumW[k] += part.sumW[k];
-  for (std::size_t k = 0; k < into.sumX1.size(); ++k) into.sumX1[k] += part.sumX1[k];
-  for (std::size_t k = 0; k < into.sumX2.size(); ++k) into.sumX2[k] += part.sumX2[k];
-  for (std::size_t k = 0; k < into.cross.size(); ++k) into.cross[k] += part.cross[k];
+  for (std::size_t k = 0; k < into.sumW.size(); ++k)
+    into.sumW[k] += part.sumW[k];
+  for (std::size_t k = 0; k < into.sumX1.size(); ++k)
+    into.sumX1[k] += part.sumX1[k];
+  for (std::size_t k = 0; k < into.sumX2.size(); ++k)
+    into.sumX2[k] += part.sumX2[k];
+  for (std::size_t k = 0; k < into.cross.size(); ++k)
+    into.cross[k] += part.cross[k];
   into.weightSum += part.weightSum;
   into.nRows += part.nRows;
 }
@@ -103,8 +117,8 @@ Totals BatchedTotals(const GroupedRows& rows, std::size_t begin, std::size_t end
                      unsigned capacity, bool weighted) {
   Totals all;
   for (std::size_t start = begin; start < end; start += capacity)
-    MergeTotals(all, PlainTotals(rows, start, std::min<std::size_t>(end, start + capacity),
-                                 nGroup, weighted));
+    MergeTotals(all, PlainTotals(rows, start, std::min<std::size_t>(end, start + capacity), nGroup,
+                                 weighted));
   return all;
 }
 
@@ -205,8 +219,7 @@ TEST_P(DiscriminantMatrixSplit, DyadicRowsGiveTheSameBitsHoweverSplit) {
 
 INSTANTIATE_TEST_SUITE_P(BatchesAndShapes, DiscriminantMatrixSplit,
                          ::testing::Combine(::testing::Values(1u, 4u, 5u, 64u),
-                                            ::testing::Values(1, 2, 6),
-                                            ::testing::Bool()));
+                                            ::testing::Values(1, 2, 6), ::testing::Bool()));
 
 TEST(DiscriminantMatrix, MergeIntoDefaultConstructedTakesShapeAndCopiesDeeply) {
   const GroupedRows rows = RandomRows(7, 3, 20, {0, 1, 2, 3}, false);
@@ -323,7 +336,8 @@ TEST(DiscriminantMatrix, DiagonalTotalsTheGroupsInOrder) {
   AddAll(m, rows, 8);
   for (int i = 0; i < 3; ++i) {
     double total = 0.0;
-    for (int g = 0; g < 6; ++g) total += m.sumX2(g, i);
+    for (int g = 0; g < 6; ++g)
+      total += m.sumX2(g, i);
     EXPECT_PRED2(SameBits, m.TSSP(i, i), total);
   }
 }
@@ -356,6 +370,65 @@ TEST(DiscriminantMatrix, Preconditions) {
   AddAll(threeGroups, WorkedRows(), 3);
   EXPECT_VOREL_ASSERT(m += threeGroups, "_nVar == d._nVar && _nGroup == d._nGroup", kSource);
 }
+
+// The same rows through Driver, over threads: (threads, batch capacity).
+class DiscriminantMatrixThreaded : public ::testing::TestWithParam<std::tuple<int, unsigned>> {
+ protected:
+  // Runs the rows and returns the shared matrix, built without a shape so
+  // that it takes the shape of the first worker's matrix merged into it.
+  static DiscriminantMatrix Run(const GroupedRows& rows, int nGroup) {
+    const auto [threads, capacity] = GetParam();
+    DiscriminantMatrix result;
+    const DiscriminantMatrix prototype(nGroup, rows.nVar);
+    RowsProblem<DiscriminantMatrix, DataBatch> problem(
+        rows, capacity, prototype, result, [&](const double* weight, const unsigned* group) {
+          return std::make_unique<DataBatch>(static_cast<unsigned>(rows.nVar), capacity, weight,
+                                             nullptr, group);
+        });
+    Driver(&problem, threads);
+    return result;
+  }
+};
+
+TEST_P(DiscriminantMatrixThreaded, DyadicRowsGiveExactlyThePlainSums) {
+  const GroupedRows rows = RandomRows(2024, 3, 300, {0, 1, 3}, /*dyadic=*/true);
+  const DiscriminantMatrix m = Run(rows, 4);
+  ExpectTotals(m, PlainTotals(rows, 0, rows.size(), 4, true));
+}
+
+// Partial sums join in an order the threads choose; each result may then
+// differ from the row-order sum by at most n roundings of a partial sum, and
+// the sum of magnitudes bounds every partial sum.
+TEST_P(DiscriminantMatrixThreaded, OtherRowsStayWithinRoundingOfThePlainSums) {
+  const unsigned seed = 4711;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const GroupedRows rows = WithoutZeroWeights(RandomRows(seed, 3, 300, {0, 1, 3}, false));
+  GroupedRows magnitudes = rows;
+  for (double& cell : magnitudes.cells)
+    cell = std::fabs(cell);
+  const Totals t = PlainTotals(rows, 0, rows.size(), 4, true);
+  const Totals bound = PlainTotals(magnitudes, 0, rows.size(), 4, true);
+  const double ulps =
+      2.0 * static_cast<double>(rows.size()) * std::numeric_limits<double>::epsilon();
+
+  const DiscriminantMatrix m = Run(rows, 4);
+  EXPECT_EQ(m.NRows(), t.nRows);
+  EXPECT_NEAR(m.WeightSum(), t.weightSum, ulps * bound.weightSum);
+  for (int g = 0; g < 4; ++g) {
+    EXPECT_NEAR(m.sumW(g), t.sumW[g], ulps * bound.sumW[g]);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_NEAR(m.sumX1(g, i), t.sumX1[g * 3 + i], ulps * bound.sumX1[g * 3 + i]);
+      EXPECT_NEAR(m.sumX2(g, i), t.sumX2[g * 3 + i], ulps * bound.sumX2[g * 3 + i]);
+    }
+  }
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < i; ++j)
+      EXPECT_NEAR(m.TSSP(j, i), t.cross[i * 3 + j], ulps * bound.cross[i * 3 + j]);
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadsAndBatches, DiscriminantMatrixThreaded,
+                         ::testing::Combine(::testing::Values(1, 2, 4),
+                                            ::testing::Values(1u, 7u, 64u)));
 
 class NotADiscriminantMatrix : public MatrixBase {
  public:

@@ -17,8 +17,8 @@ struct Row {
   double cells[2];
 };
 
-const std::vector<Row> rows = {{0, {1, 2}},  {0, {3, 6}}, {0, {5, 4}}, {1, {6, 1}},
-                               {1, {8, 3}},  {1, {10, 5}}, {1, {8, 7}}};
+const std::vector<Row> rows = {{0, {1, 2}}, {0, {3, 6}},  {0, {5, 4}}, {1, {6, 1}},
+                               {1, {8, 3}}, {1, {10, 5}}, {1, {8, 7}}};
 
 struct Figures {
   std::vector<double> mean;    // [g * n + i]
@@ -27,10 +27,12 @@ struct Figures {
 
 // The README's code, as it stands there.
 Figures ReadmeExample() {
-  vorel::DiscriminantMatrix m(2, 2);   // 2 groups, 2 variables
+  // 2 groups, 2 variables; a batch of up to 64 rows with groups and no
+  // weights, so that every row weighs 1.
+  vorel::DiscriminantMatrix m(2, 2);
   unsigned group = 0;
-  vorel::DataBatch batch(2, 64, nullptr, nullptr, &group);   // no weights: each row weighs 1
-  for (const Row& row : rows) {        // a Row holds a group and two cells
+  vorel::DataBatch batch(2, 64, nullptr, nullptr, &group);
+  for (const Row& row : rows) {  // a Row holds a group and two cells
     group = row.group;
     batch.AddRow(row.cells);
   }
@@ -41,7 +43,8 @@ Figures ReadmeExample() {
   int groupsWithRows = 0;
   for (int g = 0; g < k; ++g) {
     if (m.sumW(g) > 0.) ++groupsWithRows;
-    for (int i = 0; i < n; ++i) mean[g * n + i] = m.sumX1(g, i) / m.sumW(g);
+    for (int i = 0; i < n; ++i)
+      mean[g * n + i] = m.sumX1(g, i) / m.sumW(g);
   }
   for (int i = 0; i < n; ++i) {
     for (int j = 0; j < n; ++j) {
@@ -81,7 +84,8 @@ TEST(DiscriminantReadme, TheSameFiguresAndEachGroupsCovarianceFromTheGroupTables
   std::vector<double> mean, within(n * n, 0.0), groupCovariance;
   for (int g = 0; g < d.NGroup(); ++g) {
     const double wg = d.TSSP(n, n, g);
-    for (int i = 0; i < n; ++i) mean.push_back(d.TSSP(n, i, g) / wg);
+    for (int i = 0; i < n; ++i)
+      mean.push_back(d.TSSP(n, i, g) / wg);
     for (int i = 0; i < n; ++i) {
       for (int j = 0; j < n; ++j) {
         const double sscp = d.TSSP(i, j, g) - d.TSSP(n, i, g) * d.TSSP(n, j, g) / wg;
@@ -90,7 +94,8 @@ TEST(DiscriminantReadme, TheSameFiguresAndEachGroupsCovarianceFromTheGroupTables
       }
     }
   }
-  for (double& w : within) w /= d.WeightSum() - d.NGroup();
+  for (double& w : within)
+    w /= d.WeightSum() - d.NGroup();
 
   const Figures f = ReadmeExample();
   EXPECT_EQ(mean, f.mean);

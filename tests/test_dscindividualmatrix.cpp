@@ -2,9 +2,13 @@
 #include <vorel/DscIndividualMatrix.h>
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
+#include <vorel/driver.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -19,7 +23,9 @@ namespace {
 
 using testing::GroupedRows;
 using testing::RandomRows;
+using testing::RowsProblem;
 using testing::SameBits;
+using testing::WithoutZeroWeights;
 
 constexpr const char* kSource = "backend/vorel/DscIndividualMatrix";
 constexpr const char* kHeader = "backend/tables/vorel/DscIndividualMatrix";
@@ -65,7 +71,9 @@ struct GroupTables {
     const int side = nVar + 1;
     return cells[(static_cast<std::size_t>(g) * side + row) * side + col];
   }
-  double At(int g, int row, int col) const { return const_cast<GroupTables&>(*this).At(g, row, col); }
+  double At(int g, int row, int col) const {
+    return const_cast<GroupTables&>(*this).At(g, row, col);
+  }
 };
 
 GroupTables PlainTables(const GroupedRows& rows, std::size_t begin, std::size_t end, int nGroup,
@@ -76,14 +84,16 @@ GroupTables PlainTables(const GroupedRows& rows, std::size_t begin, std::size_t 
     const double w = weighted ? rows.weights[r] : 1.0;
     const int g = static_cast<int>(rows.groups[r]);
     for (int i = 0; i < n; ++i) {
-      for (int j = 0; j <= i; ++j) t.At(g, i, j) += (w * rows.Cell(r, i)) * rows.Cell(r, j);
+      for (int j = 0; j <= i; ++j)
+        t.At(g, i, j) += (w * rows.Cell(r, i)) * rows.Cell(r, j);
       t.At(g, n, i) += rows.Cell(r, i) * w;
     }
     t.At(g, n, n) += w;
   }
   for (int g = 0; g < nGroup; ++g)
     for (int i = 0; i <= n; ++i)
-      for (int j = 0; j < i; ++j) t.At(g, j, i) = t.At(g, i, j);
+      for (int j = 0; j < i; ++j)
+        t.At(g, j, i) = t.At(g, i, j);
   // The total weight runs over the batch in group order.
   for (int g = 0; g < nGroup; ++g)
     for (std::size_t r = begin; r < end; ++r)
@@ -100,7 +110,8 @@ void MergeTables(GroupTables& into, const GroupTables& part) {
     return;
   }
   if (part.weightSum == 0.0) return;
-  for (std::size_t k = 0; k < into.cells.size(); ++k) into.cells[k] += part.cells[k];
+  for (std::size_t k = 0; k < into.cells.size(); ++k)
+    into.cells[k] += part.cells[k];
   into.weightSum += part.weightSum;
   into.nRows += part.nRows;
 }
@@ -109,8 +120,8 @@ GroupTables BatchedTables(const GroupedRows& rows, std::size_t begin, std::size_
                           unsigned capacity, bool weighted) {
   GroupTables all;
   for (std::size_t start = begin; start < end; start += capacity)
-    MergeTables(all, PlainTables(rows, start, std::min<std::size_t>(end, start + capacity),
-                                 nGroup, weighted));
+    MergeTables(all, PlainTables(rows, start, std::min<std::size_t>(end, start + capacity), nGroup,
+                                 weighted));
   return all;
 }
 
@@ -157,7 +168,8 @@ TEST(DiscIndividualMatrix, WorkedTableInOneBatchOrSeveral) {
     EXPECT_EQ(m.NRows(), 3);
     EXPECT_EQ(m.WeightSum(), 4.0);
     for (int g = 0; g < 2; ++g)
-      for (int k = 0; k < 6; ++k) EXPECT_EQ(m.TSSP(k, g), expected[g][k]) << g << ", " << k;
+      for (int k = 0; k < 6; ++k)
+        EXPECT_EQ(m.TSSP(k, g), expected[g][k]) << g << ", " << k;
     EXPECT_EQ(m.TSSP(5, 0), 2.0);
     EXPECT_EQ(m.TSSP(1, 1), 24.0);
     // By variable numbers, 2 being the column of ones.
@@ -182,8 +194,8 @@ TEST(DiscIndividualMatrix, WithoutWeightsTheLastEntryCountsRows) {
 }
 
 // (batch capacity, variables, weighted)
-class DiscIndividualMatrixSplit
-    : public ::testing::TestWithParam<std::tuple<unsigned, int, bool>> {};
+class DiscIndividualMatrixSplit : public ::testing::TestWithParam<std::tuple<unsigned, int, bool>> {
+};
 
 TEST_P(DiscIndividualMatrixSplit, MatchesPlainSumsBatchByBatch) {
   const auto [capacity, nVar, weighted] = GetParam();
@@ -194,7 +206,8 @@ TEST_P(DiscIndividualMatrixSplit, MatchesPlainSumsBatchByBatch) {
   DiscIndividualMatrix m(5, nVar);
   AddInBatches(m, rows, 0, rows.size(), capacity, 5, weighted);
   ExpectTables(m, BatchedTables(rows, 0, rows.size(), 5, capacity, weighted));
-  for (int k = 0; k < (nVar + 1) * (nVar + 2) / 2; ++k) EXPECT_EQ(m.TSSP(k, 2), 0.0);
+  for (int k = 0; k < (nVar + 1) * (nVar + 2) / 2; ++k)
+    EXPECT_EQ(m.TSSP(k, 2), 0.0);
 }
 
 TEST_P(DiscIndividualMatrixSplit, DyadicRowsGiveTheSameBitsHoweverSplit) {
@@ -222,8 +235,8 @@ TEST_P(DiscIndividualMatrixSplit, AgreesWithTheTotalsTable) {
     {
       double weight = 0.0;
       unsigned group = 0;
-      DataBatch batch(static_cast<unsigned>(nVar), capacity, weighted ? &weight : nullptr,
-                      nullptr, &group);
+      DataBatch batch(static_cast<unsigned>(nVar), capacity, weighted ? &weight : nullptr, nullptr,
+                      &group);
       for (std::size_t r = 0; r < rows.size(); ++r) {
         weight = rows.weights[r];
         group = rows.groups[r];
@@ -248,7 +261,8 @@ TEST_P(DiscIndividualMatrixSplit, AgreesWithTheTotalsTable) {
     for (int i = 0; i < nVar; ++i) {
       for (int j = 0; j <= i; ++j) {
         double overGroups = 0.0;
-        for (int g = 0; g < 4; ++g) overGroups += byGroup.TSSP(i, j, g);
+        for (int g = 0; g < 4; ++g)
+          overGroups += byGroup.TSSP(i, j, g);
         EXPECT_EQ(overGroups, totals.TSSP(i, j)) << i << ", " << j;
       }
     }
@@ -257,8 +271,62 @@ TEST_P(DiscIndividualMatrixSplit, AgreesWithTheTotalsTable) {
 
 INSTANTIATE_TEST_SUITE_P(BatchesAndShapes, DiscIndividualMatrixSplit,
                          ::testing::Combine(::testing::Values(1u, 4u, 5u, 64u),
-                                            ::testing::Values(1, 2, 6),
-                                            ::testing::Bool()));
+                                            ::testing::Values(1, 2, 6), ::testing::Bool()));
+
+// The same rows through Driver, over threads: (threads, batch capacity).
+class DiscIndividualMatrixThreaded : public ::testing::TestWithParam<std::tuple<int, unsigned>> {
+ protected:
+  // Runs the rows and returns the shared matrix, built without a shape so
+  // that it takes the shape of the first worker's matrix merged into it.
+  static DiscIndividualMatrix Run(const GroupedRows& rows, int nGroup) {
+    const auto [threads, capacity] = GetParam();
+    DiscIndividualMatrix result;
+    const DiscIndividualMatrix prototype(nGroup, rows.nVar);
+    RowsProblem<DiscIndividualMatrix, DataBatchByGroup> problem(
+        rows, capacity, prototype, result, [&](const double* weight, const unsigned* group) {
+          return std::make_unique<DataBatchByGroup>(static_cast<unsigned>(rows.nVar), capacity,
+                                                    weight, nullptr, group,
+                                                    static_cast<unsigned>(nGroup));
+        });
+    Driver(&problem, threads);
+    return result;
+  }
+};
+
+TEST_P(DiscIndividualMatrixThreaded, DyadicRowsGiveExactlyThePlainSums) {
+  const GroupedRows rows = RandomRows(2025, 3, 300, {0, 1, 3}, /*dyadic=*/true);
+  const DiscIndividualMatrix m = Run(rows, 4);
+  ExpectTables(m, PlainTables(rows, 0, rows.size(), 4, true));
+}
+
+// Partial sums join in an order the threads choose; each result may then
+// differ from the plain sum by at most n roundings of a partial sum, and the
+// sum of magnitudes bounds every partial sum.
+TEST_P(DiscIndividualMatrixThreaded, OtherRowsStayWithinRoundingOfThePlainSums) {
+  const unsigned seed = 815;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const GroupedRows rows = WithoutZeroWeights(RandomRows(seed, 3, 300, {0, 1, 3}, false));
+  GroupedRows magnitudes = rows;
+  for (double& cell : magnitudes.cells)
+    cell = std::fabs(cell);
+  const GroupTables t = PlainTables(rows, 0, rows.size(), 4, true);
+  const GroupTables bound = PlainTables(magnitudes, 0, rows.size(), 4, true);
+  const double ulps =
+      2.0 * static_cast<double>(rows.size()) * std::numeric_limits<double>::epsilon();
+
+  const DiscIndividualMatrix m = Run(rows, 4);
+  EXPECT_EQ(m.NRows(), t.nRows);
+  EXPECT_NEAR(m.WeightSum(), t.weightSum, ulps * bound.weightSum);
+  for (int g = 0; g < 4; ++g)
+    for (int row = 0; row <= 3; ++row)
+      for (int col = 0; col <= row; ++col)
+        EXPECT_NEAR(m.TSSP(row, col, g), t.At(g, row, col), ulps * bound.At(g, row, col))
+            << "group " << g << " (" << row << ", " << col << ")";
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadsAndBatches, DiscIndividualMatrixThreaded,
+                         ::testing::Combine(::testing::Values(1, 2, 4),
+                                            ::testing::Values(1u, 7u, 64u)));
 
 TEST(DiscIndividualMatrix, BatchesWithFewerGroupsLeaveTheHigherOnesAlone) {
   const GroupedRows low = RandomRows(3, 2, 10, {0, 1}, true);

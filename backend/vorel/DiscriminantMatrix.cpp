@@ -15,10 +15,10 @@ namespace vorel {
 // The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
 // _sumX1 and _sumX2 are null and _sumW is empty too.
 struct DiscriminantMatrixData {
-  std::vector<double> _sumW;          // total weight of each group
-  std::unique_ptr<double[]> _sumX1;   // sum w*x, cell of (var, g) at _nGroup*var + g
-  std::unique_ptr<double[]> _sumX2;   // sum (w*x)*x, laid out as _sumX1
-  std::unique_ptr<double[]> _TSSP;    // sum (w*x_i)*x_j, i > j, at MatrixRowCount(i) + j
+  std::vector<double> _sumW;         // total weight of each group
+  std::unique_ptr<double[]> _sumX1;  // sum w*x, cell of (var, g) at _nGroup*var + g
+  std::unique_ptr<double[]> _sumX2;  // sum (w*x)*x, laid out as _sumX1
+  std::unique_ptr<double[]> _TSSP;   // sum (w*x_i)*x_j, i > j, at MatrixRowCount(i) + j
   int _nGroup = 0;
   int _nVar = 0;
   double _weightSum = 0.0;
@@ -38,9 +38,7 @@ struct DiscriminantMatrixData {
   std::size_t GroupCells() const {
     return CheckedTableCells(static_cast<long long>(_nGroup) * _nVar);
   }
-  std::size_t TriangleCells() const {
-    return CheckedTableCells(CheckedMatrixRowCount(_nVar));
-  }
+  std::size_t TriangleCells() const { return CheckedTableCells(CheckedMatrixRowCount(_nVar)); }
 };
 
 namespace {
@@ -56,14 +54,14 @@ std::unique_ptr<double[]> CopyTable(const double* source, std::size_t cells) {
 }
 
 void AddCells(double* target, const double* source, std::size_t cells) {
-  for (std::size_t k = 0; k < cells; ++k) target[k] += source[k];
+  for (std::size_t k = 0; k < cells; ++k)
+    target[k] += source[k];
 }
 
 // The total cross-product triangle of one batch: for i = 1, 2, ..., nVar-1 and
 // j = 0, ..., i-1 in that order, the next cell is the sum over the rows of
 // (w * x_i) * x_j. Returns the number of cells written.
-int AccumulateCrossProducts(const DataBatch& data, const double* weights, int nRows,
-                            double* tssp) {
+int AccumulateCrossProducts(const DataBatch& data, const double* weights, int nRows, double* tssp) {
   const int nCols = static_cast<int>(data.NColumns());
   int tsspIndex = 0;
   for (int i = 0; i < nCols; ++i) {
@@ -107,7 +105,7 @@ DiscriminantMatrixData& DiscriminantMatrixData::operator=(const DiscriminantMatr
 }
 
 void DiscriminantMatrixData::Accumulate(const DataBatch& data) {
-  VOREL_ASSERT((!_sumX1)&&(!_sumX2)&&(!_TSSP));
+  VOREL_ASSERT((!_sumX1) && (!_sumX2) && (!_TSSP));
   const int nCols = static_cast<int>(data.NColumns());
   VOREL_ASSERT(nCols == _nVar);
   const int nRows = static_cast<int>(data.NRows());
@@ -175,7 +173,7 @@ MatrixBase& DiscriminantMatrix::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
   const auto& source = dynamic_cast<const DiscriminantMatrix&>(other);
   if (!_my->IsFilled()) {
-    VOREL_ASSERT(!(_my->_sumX1)&&!(_my->_sumX2));
+    VOREL_ASSERT(!(_my->_sumX1) && !(_my->_sumX2));
     *_my = *source._my;
   } else {
     VOREL_ASSERT(_my->_sumX1 && _my->_sumX2);
@@ -227,7 +225,8 @@ double DiscriminantMatrix::TSSP(int row, int col) const {
   if (row == col) {
     // The store has no diagonal: total the variable's squares over the groups.
     double total = 0.0;
-    for (int g = 0; g < NGroup(); ++g) total += sumX2(g, row);
+    for (int g = 0; g < NGroup(); ++g)
+      total += sumX2(g, row);
     return total;
   }
   const int hi = std::max(row, col);

@@ -53,8 +53,8 @@ namespace {
 // the group's first entry. The triangle runs i = 0, 1, ..., nVar-1 and
 // j = 0, ..., i in that order, each entry the sum over the rows of
 // (w * x_i) * x_j. Returns the number of triangle entries written.
-int AccumulateGroupTable(const DataBatchByGroup& data, unsigned start, unsigned count,
-                         int nGroup, double* table) {
+int AccumulateGroupTable(const DataBatchByGroup& data, unsigned start, unsigned count, int nGroup,
+                         double* table) {
   const int nVar = static_cast<int>(data.NColumns());
   const int nCellsCrossProduct = MatrixRowCount(nVar + 1);
   const double* weights = data.Weights() ? data.Weights() + start : nullptr;
@@ -134,13 +134,13 @@ void DiscIndividualMatrixData::Merge(const DiscIndividualMatrixData& d) {
   // Rows whose weights total zero add nothing, not even to the row count.
   if (d._weightSum == 0.0) return;
   const std::size_t cells = TableCells();
-  for (std::size_t k = 0; k < cells; ++k) _TSSP[k] += d._TSSP[k];
+  for (std::size_t k = 0; k < cells; ++k)
+    _TSSP[k] += d._TSSP[k];
   _weightSum += d._weightSum;
   _nRows += d._nRows;
 }
 
-DiscIndividualMatrix::DiscIndividualMatrix()
-    : _my(std::make_unique<DiscIndividualMatrixData>()) {}
+DiscIndividualMatrix::DiscIndividualMatrix() : _my(std::make_unique<DiscIndividualMatrixData>()) {}
 
 DiscIndividualMatrix::DiscIndividualMatrix(int nGroup, int nVar)
     : _my(std::make_unique<DiscIndividualMatrixData>(nGroup, nVar)) {}
