@@ -82,7 +82,7 @@ class TableProblem : public ProblemBase {
    private:
     // A batch of the table's rows [begin, end), or of the complete ones among them.
     struct Rows {
-      Rows(std::size_t capacity, const Table& t) : table(t), batch(t.Batch(0, capacity)) {}
+      Rows(std::size_t capacity, const Table& t) : table(t), batch(t.EmptyBatch(capacity)) {}
       void Fill(std::size_t begin, std::size_t end, bool completeOnly) {
         batch.Clear();
         for (std::size_t r = begin; r < end; ++r) {

@@ -30,11 +30,15 @@ class Table {
   const double* Weights() const { return _hasWeights ? _weights.data() : nullptr; }
   const double* RegWeights() const { return _hasRegWeights ? _regWeights.data() : nullptr; }
 
-  // A batch holding rows [begin, end), with room for at least one row.
+  // An empty batch of this table's shape with room for `capacity` rows (at least one).
+  DataBatch EmptyBatch(std::size_t capacity) const {
+    return DataBatch(_nCols, static_cast<unsigned>(std::max<std::size_t>(1, capacity)),
+                     _hasWeights ? &_weight : nullptr, _hasRegWeights ? &_regWeight : nullptr,
+                     nullptr);
+  }
+  // A batch holding rows [begin, end).
   DataBatch Batch(std::size_t begin, std::size_t end) const {
-    DataBatch batch(_nCols, static_cast<unsigned>(std::max<std::size_t>(1, end - begin)),
-                    _hasWeights ? &_weight : nullptr, _hasRegWeights ? &_regWeight : nullptr,
-                    nullptr);
+    DataBatch batch = EmptyBatch(end - begin);
     Fill(batch, begin, end);
     return batch;
   }
