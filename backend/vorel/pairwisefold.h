@@ -1,0 +1,74 @@
+// The steps that the two pairwise block matrices share: the table-level sums
+// of a batch, the folding of one column or one pair of a batch into its
+// long-lived record, and the making and copying of the record stores.
+//
+// Internal to the library.
+#pragma once
+
+#include <vorel/databatch.h>
+#include <vorel/statrecords.h>
+
+#include <memory>
+#include <vector>
+
+#include "columnkernels.h"
+#include "matrixrowcount.h"
+
+namespace vorel {
+
+// Adds the n rows of a batch to a matrix's totals, whatever their cells hold.
+// Without regression weights the combined total is the plain total, so it is
+// set rather than added to and the two can never drift apart.
+inline void AddBatchWeights(const DataBatch& data, int n, double& weightSum,
+                            double& regWeightSum) {
+  weightSum += SumWeights(data.Weights(), n);
+  if (data.RegWeights() == nullptr) {
+    regWeightSum = weightSum;
+  } else if (data.Weights() == nullptr) {
+    regWeightSum += SumValues(data.RegWeights(), n);
+  } else {
+    regWeightSum += DotProduct(data.RegWeights(), data.Weights(), n);
+  }
+}
+
+// Reduces column col of the batch into scratch and folds it into target.
+// scratch is any record: Init replaces all of it.
+inline void FoldColumn(const DataBatch& data, int col, int n, WorkArea& work, VarStat& scratch,
+                       VarStat& target) {
+  scratch.Init(data.Column(static_cast<unsigned>(col)), data.Weights(), data.RegWeights(), work,
+               n);
+  target.Update(scratch);
+}
+
+// Reduces the pair of columns (first, second) of the batch into scratch and
+// folds it into target; first becomes the pair's first variable.
+inline void FoldPair(const DataBatch& data, int first, int second, int n, WorkArea& work,
+                     PairStat& scratch, PairStat& target) {
+  scratch.Init(data.Column(static_cast<unsigned>(first)),
+               data.Column(static_cast<unsigned>(second)), data.Weights(), data.RegWeights(),
+               work, n);
+  target.Update(scratch);
+}
+
+// count new records in their empty state, each a heap object of its own. A
+// negative count (from bounds the caller got wrong) or one beyond what an int
+// index reaches throws std::length_error.
+template <class Stat>
+std::vector<std::unique_ptr<Stat>> NewStats(long long count) {
+  const std::size_t size = CheckedTableCells(count);
+  std::vector<std::unique_ptr<Stat>> stats;
+  stats.reserve(size);
+  for (std::size_t i = 0; i < size; ++i) stats.push_back(std::make_unique<Stat>());
+  return stats;
+}
+
+// A store of copies that shares no record with from.
+template <class Stat>
+std::vector<std::unique_ptr<Stat>> CopyStats(const std::vector<std::unique_ptr<Stat>>& from) {
+  std::vector<std::unique_ptr<Stat>> copies;
+  copies.reserve(from.size());
+  for (const auto& stat : from) copies.push_back(std::unique_ptr<Stat>(stat->Copy()));
+  return copies;
+}
+
+}  // namespace vorel
