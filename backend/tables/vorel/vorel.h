@@ -12,4 +12,6 @@
 #include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixlistwise.h>
 #include <vorel/smatrixlistwise.h>
+#include <vorel/nsmatrixpairwise.h>
+#include <vorel/smatrixpairwise.h>
 #include <vorel/statrecords.h>
