@@ -50,8 +50,8 @@ inline constexpr double kEdgeCode = -99.0;
 // 7 columns with missing codes, a row missing everywhere, column 3 missing
 // in all of rows 0-8 (whole batches of it, for small batches), a NaN cell in
 // column 5 and a zero and a negative weight.
-inline Table EdgeTable(bool hasW, bool hasRW) {
-  Table t = RandomTable(7, 41, 20240611u, hasW, hasRW, kEdgeCode);
+inline Table EdgeTable(bool hasW, bool hasRW, int nRows = 41) {
+  Table t = RandomTable(7, nRows, 20240611u, hasW, hasRW, kEdgeCode);
   for (double& x : t.rows[2]) x = kEdgeCode;
   for (int r = 0; r < 9; ++r) t.rows[r][3] = kEdgeCode;
   t.rows[17][5] = std::numeric_limits<double>::quiet_NaN();
