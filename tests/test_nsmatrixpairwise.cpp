@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "block_reference.h"
+#include "pairwise_block_reference.h"
 #include "test_support.h"
 
 namespace vorel {

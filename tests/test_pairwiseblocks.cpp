@@ -9,22 +9,22 @@
 #include <tuple>
 #include <vector>
 
-#include "block_reference.h"
+#include "pairwise_block_reference.h"
 #include "test_support.h"
 
 namespace vorel {
 namespace {
 
-using testing::Batches;
-using testing::ExpectSameBlock;
-using testing::NSBlock;
-using testing::EdgeTable;
-using testing::RefBlock;
-using testing::SBlock;
-using testing::Table;
+using testing::pairwiseblocks::Batches;
+using testing::pairwiseblocks::ExpectSameBlock;
+using testing::pairwiseblocks::NSBlock;
+using testing::pairwiseblocks::EdgeTable;
+using testing::pairwiseblocks::RefBlock;
+using testing::pairwiseblocks::SBlock;
+using testing::pairwiseblocks::Table;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kCode = testing::kEdgeCode;
+constexpr double kCode = testing::pairwiseblocks::kEdgeCode;
 
 // weights, regression weights, rows per batch, the matrices' missing code
 using Split = std::tuple<bool, bool, unsigned, double>;

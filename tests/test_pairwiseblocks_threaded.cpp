@@ -9,21 +9,21 @@
 #include <tuple>
 #include <vector>
 
-#include "block_reference.h"
+#include "pairwise_block_reference.h"
 #include "test_support.h"
 
 namespace vorel {
 namespace {
 
-using testing::Batches;
-using testing::EdgeTable;
-using testing::ExpectSameBlock;
-using testing::NSBlock;
-using testing::RefBlock;
-using testing::SBlock;
-using testing::Table;
+using testing::pairwiseblocks::Batches;
+using testing::pairwiseblocks::EdgeTable;
+using testing::pairwiseblocks::ExpectSameBlock;
+using testing::pairwiseblocks::NSBlock;
+using testing::pairwiseblocks::RefBlock;
+using testing::pairwiseblocks::SBlock;
+using testing::pairwiseblocks::Table;
 
-constexpr double kCode = testing::kEdgeCode;
+constexpr double kCode = testing::pairwiseblocks::kEdgeCode;
 
 struct Pass;
 

@@ -6,14 +6,14 @@
 #include <utility>
 #include <vector>
 
-#include "block_reference.h"
+#include "pairwise_block_reference.h"
 #include "test_support.h"
 
 namespace vorel {
 namespace {
 
-using testing::ExpectSamePair;
-using testing::ExpectSameVar;
+using testing::pairwiseblocks::ExpectSamePair;
+using testing::pairwiseblocks::ExpectSameVar;
 using testing::RefPair;
 using testing::RefVar;
 

@@ -18,7 +18,7 @@
 #include "pairwise_reference.h"
 #include "test_support.h"
 
-namespace vorel::testing {
+namespace vorel::testing::pairwiseblocks {
 
 // Rows of cells with a weight and a regression weight per row; batches carry
 // either only when its flag says so.
@@ -197,4 +197,4 @@ void ExpectSameBlock(const Matrix& m, const RefBlock& ref) {
   }
 }
 
-}  // namespace vorel::testing
+}  // namespace vorel::testing::pairwiseblocks
