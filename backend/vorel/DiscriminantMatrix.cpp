@@ -105,16 +105,22 @@ DiscriminantMatrixData& DiscriminantMatrixData::operator=(const DiscriminantMatr
 }
 
 void DiscriminantMatrixData::Accumulate(const DataBatch& data) {
-  VOREL_ASSERT((!_sumX1) && (!_sumX2) && (!_TSSP));
+  // The expression is reported as written.
+  // clang-format off
+  VOREL_ASSERT((!_sumX1)&&(!_sumX2)&&(!_TSSP));
+  // clang-format on
   const int nCols = static_cast<int>(data.NColumns());
   VOREL_ASSERT(nCols == _nVar);
   const int nRows = static_cast<int>(data.NRows());
 
-  // Allocate everything first, so that a failure leaves the record empty.
-  std::vector<double> sumW(CheckedTableCells(_nGroup), 0.0);
-  auto sumX1 = ZeroTable(GroupCells());
-  auto sumX2 = ZeroTable(GroupCells());
+  // Size every table before any is allocated (nGroup cells are no more than
+  // nGroup * nVar), and allocate them all before the record changes, so
+  // that a failure leaves it empty.
+  const std::size_t groupCells = GroupCells();
   const int nCellsTSSP = static_cast<int>(TriangleCells());
+  std::vector<double> sumW(static_cast<std::size_t>(_nGroup), 0.0);
+  auto sumX1 = ZeroTable(groupCells);
+  auto sumX2 = ZeroTable(groupCells);
   auto tssp = ZeroTable(static_cast<std::size_t>(nCellsTSSP));
 
   const unsigned* groups = data.Groups();
@@ -173,7 +179,10 @@ MatrixBase& DiscriminantMatrix::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
   const auto& source = dynamic_cast<const DiscriminantMatrix&>(other);
   if (!_my->IsFilled()) {
-    VOREL_ASSERT(!(_my->_sumX1) && !(_my->_sumX2));
+    // The expression is reported as written.
+    // clang-format off
+    VOREL_ASSERT(!(_my->_sumX1)&&!(_my->_sumX2));
+    // clang-format on
     *_my = *source._my;
   } else {
     VOREL_ASSERT(_my->_sumX1 && _my->_sumX2);
