@@ -1,12 +1,16 @@
 // SMatrixPairwise and NSMatrixPairwise against the plain-loop reference, bit
 // for bit, over batch splits, weightings, merges and threads.
 #include <vorel/databatch.h>
+#include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixpairwise.h>
 
 #include <cmath>
+#include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "pairwise_block_reference.h"
@@ -15,12 +19,14 @@
 namespace vorel {
 namespace {
 
+using testing::SameBits;
 using testing::pairwiseblocks::Batches;
 using testing::pairwiseblocks::ExpectSameBlock;
 using testing::pairwiseblocks::NSBlock;
 using testing::pairwiseblocks::EdgeTable;
 using testing::pairwiseblocks::RefBlock;
 using testing::pairwiseblocks::SBlock;
+using testing::pairwiseblocks::RandomTable;
 using testing::pairwiseblocks::Table;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -91,6 +97,62 @@ INSTANTIATE_TEST_SUITE_P(Splits, PairwiseBlocks,
                          ::testing::Combine(::testing::Bool(), ::testing::Bool(),
                                             ::testing::Values(1u, 4u, 9u, 64u),
                                             ::testing::Values(kCode, kNaN)));
+
+// A wide table read by the whole-table matrix and by blocks that tile it: S
+// over [0, 4) and [4, 9) on the diagonal, NS (0, 4, 9) off it. Column
+// records agree bit for bit everywhere. Both the whole table and an S block
+// make the higher column a pair's first variable, so S pairs agree bit for
+// bit too. An NS pair has the lower column first: its Mean0 and CSS0 are the
+// whole table's Mean1 and CSS1, bit for bit, but its CSCP forms the products
+// (w x_lo) x_hi where the whole table forms (w x_hi) x_lo, and the merge
+// terms likewise, so CSCP agrees only up to rounding, bounded here by
+// Cauchy-Schwarz (|terms| sum to at most sqrt(CSS0 CSS1)).
+TEST(PairwiseBlocks, TileOfBlocksAgreesWithWholeTable) {
+  const Table table = RandomTable(9, 150, 77u, true, true, kCode);
+  Batches batches(table, 16);
+  MatrixPairwise whole(kCode);
+  SMatrixPairwise all(kCode), low(kCode, 0, 4), high(kCode, 4, 9);
+  NSMatrixPairwise cross(kCode, 0, 4, 9);
+  for (DataBatch& batch : batches.list) {
+    whole += batch;
+    for (MatrixBase* block : std::initializer_list<MatrixBase*>{&all, &low, &high, &cross})
+      *block += batch;
+  }
+  ASSERT_EQ(static_cast<int>(whole.NRows()), all.NRows());
+  ASSERT_TRUE(SameBits(whole.WeightSum(), cross.WeightSum()));
+  ASSERT_TRUE(SameBits(whole.RegWeightSum(), cross.RegWeightSum()));
+  const double tolerance = 4.0 * 150 * std::numeric_limits<double>::epsilon();
+  for (int h = 0; h < 9; ++h) {
+    const VarStats w = whole.Var(h);
+    for (const VarStat* v : {&all.Var(h), &cross.Var(h), h < 4 ? &low.Var(h) : &high.Var(h)}) {
+      EXPECT_EQ(w.NRows(), static_cast<std::uint64_t>(v->NRows()));
+      EXPECT_PRED2(SameBits, w.Mean(), v->Mean());
+      EXPECT_PRED2(SameBits, w.CSS(), v->CSS());
+      EXPECT_PRED2(SameBits, w.RegWeightSum(), v->RegWeightSum());
+    }
+    for (int l = 0; l < h; ++l) {
+      SCOPED_TRACE(::testing::Message() << "pair " << h << ", " << l);
+      const PairStats w2 = whole.Pair(h, l);
+      const PairStat& block = l >= 4 ? high.Pair(h, l) : h < 4 ? low.Pair(h, l) : cross.Pair(l, h);
+      const bool lowerFirst = l < 4 && h >= 4;
+      for (const PairStat* p : {&std::as_const(all.Pair(l, h)), &block}) {
+        const bool swapped = p == &block && lowerFirst;
+        EXPECT_EQ(w2.NRows(), static_cast<std::uint64_t>(p->NRows()));
+        EXPECT_PRED2(SameBits, w2.WeightSum(), p->WeightSum());
+        EXPECT_PRED2(SameBits, w2.RegWeightSum(), p->RegWeightSum());
+        EXPECT_PRED2(SameBits, w2.Mean0(), swapped ? p->Mean1() : p->Mean0());
+        EXPECT_PRED2(SameBits, w2.Mean1(), swapped ? p->Mean0() : p->Mean1());
+        EXPECT_PRED2(SameBits, w2.CSS0(), swapped ? p->CSS1() : p->CSS0());
+        EXPECT_PRED2(SameBits, w2.CSS1(), swapped ? p->CSS0() : p->CSS1());
+        if (swapped) {
+          EXPECT_NEAR(w2.CSCP(), p->CSCP(), tolerance * std::sqrt(w2.CSS0() * w2.CSS1()));
+        } else {
+          EXPECT_PRED2(SameBits, w2.CSCP(), p->CSCP());
+        }
+      }
+    }
+  }
+}
 
 }  // namespace
 }  // namespace vorel
