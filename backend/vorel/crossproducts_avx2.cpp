@@ -1,0 +1,40 @@
+// The blocked kernels with AVX2 (four doubles a vector, sixteen registers:
+// tiles of 6 row-columns against 2 vectors). Built with -mavx2 and nothing
+// that fuses: separate multiply and add instructions only.
+#include "crossproducts_engine.h"
+
+namespace vorel::kernels {
+
+#if defined(__AVX2__)
+namespace {
+
+struct Avx2Isa {
+  using Vec = __m256d;
+  static constexpr int kLanes = 4;
+  static constexpr int kRows = 6;
+  static constexpr int kVecs = 2;
+  static constexpr bool kPacksFour = true;
+
+  static Vec Load(const double* p) { return _mm256_loadu_pd(p); }
+  static void Store(double* p, Vec a) { _mm256_storeu_pd(p, a); }
+  static Vec Broadcast(const double* p) { return _mm256_broadcast_sd(p); }
+  static Vec Add(Vec a, Vec b) { return _mm256_add_pd(a, b); }
+  static Vec Mul(Vec a, Vec b) { return _mm256_mul_pd(a, b); }
+  // vmaxpd gives its first operand when that is greater and the second
+  // otherwise (ties and NaN included): x > best ? x : best.
+  static Vec KeepGreater(Vec x, Vec best) { return _mm256_max_pd(x, best); }
+  static Vec KeepLess(Vec x, Vec best) { return _mm256_min_pd(x, best); }
+  static Index PackFour(double* x, Index stride, const double* centre, const double* w,
+                        Index rows, double* p, double* q, Index ld) {
+    return PackFourAvx(x, stride, centre, w, rows, p, q, ld);
+  }
+};
+
+}  // namespace
+
+const KernelTable* Avx2Kernels() { return &kTable<Avx2Isa>; }
+#else
+const KernelTable* Avx2Kernels() { return nullptr; }
+#endif
+
+}  // namespace vorel::kernels

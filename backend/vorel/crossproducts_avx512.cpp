@@ -1,0 +1,40 @@
+// The blocked kernels with AVX-512 (eight doubles a vector, thirty-two
+// registers: tiles of 12 row-columns against 2 vectors). Built with
+// -mavx512f and nothing that fuses: separate multiply and add instructions.
+#include "crossproducts_engine.h"
+
+namespace vorel::kernels {
+
+#if defined(__AVX512F__)
+namespace {
+
+struct Avx512Isa {
+  using Vec = __m512d;
+  static constexpr int kLanes = 8;
+  static constexpr int kRows = 12;
+  static constexpr int kVecs = 2;
+  static constexpr bool kPacksFour = true;
+
+  static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
+  static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
+  static Vec Broadcast(const double* p) { return _mm512_set1_pd(*p); }
+  static Vec Add(Vec a, Vec b) { return _mm512_add_pd(a, b); }
+  static Vec Mul(Vec a, Vec b) { return _mm512_mul_pd(a, b); }
+  // As vmaxpd/vminpd: the first operand when it wins, else the second. (The
+  // all-lanes mask form only spares GCC 12 a false uninitialised warning.)
+  static Vec KeepGreater(Vec x, Vec best) { return _mm512_mask_max_pd(best, 0xFF, x, best); }
+  static Vec KeepLess(Vec x, Vec best) { return _mm512_mask_min_pd(best, 0xFF, x, best); }
+  static Index PackFour(double* x, Index stride, const double* centre, const double* w,
+                        Index rows, double* p, double* q, Index ld) {
+    return PackFourAvx(x, stride, centre, w, rows, p, q, ld);
+  }
+};
+
+}  // namespace
+
+const KernelTable* Avx512Kernels() { return &kTable<Avx512Isa>; }
+#else
+const KernelTable* Avx512Kernels() { return nullptr; }
+#endif
+
+}  // namespace vorel::kernels
