@@ -13,7 +13,7 @@ struct Avx2Isa {
   static constexpr int kLanes = 4;
   static constexpr int kRows = 6;
   static constexpr int kVecs = 2;
-  static constexpr bool kPacksFour = true;
+  static constexpr bool kPacksColumns = true;
 
   static Vec Load(const double* p) { return _mm256_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm256_storeu_pd(p, a); }
@@ -24,9 +24,12 @@ struct Avx2Isa {
   // otherwise (ties and NaN included): x > best ? x : best.
   static Vec KeepGreater(Vec x, Vec best) { return _mm256_max_pd(x, best); }
   static Vec KeepLess(Vec x, Vec best) { return _mm256_min_pd(x, best); }
-  static Index PackFour(double* x, Index stride, const double* centre, const double* w,
-                        Index rows, double* p, double* q, Index ld) {
-    return PackFourAvx(x, stride, centre, w, rows, p, q, ld);
+  static Index PackColumns(int cols, double* x, Index stride, const double* centre,
+                           const double* w, Index rows, double* p, double* q, Index ld) {
+    return PackColumnsAvx(cols, x, stride, centre, w, rows, p, q, ld);
+  }
+  static bool NarrowTriangle(const CrossProductJob& job, double* tri) {
+    return NarrowTriangleAvx(job, tri);
   }
 };
 

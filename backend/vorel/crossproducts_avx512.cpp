@@ -13,7 +13,7 @@ struct Avx512Isa {
   static constexpr int kLanes = 8;
   static constexpr int kRows = 12;
   static constexpr int kVecs = 2;
-  static constexpr bool kPacksFour = true;
+  static constexpr bool kPacksColumns = true;
 
   static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
@@ -24,9 +24,12 @@ struct Avx512Isa {
   // all-lanes mask form only spares GCC 12 a false uninitialised warning.)
   static Vec KeepGreater(Vec x, Vec best) { return _mm512_mask_max_pd(best, 0xFF, x, best); }
   static Vec KeepLess(Vec x, Vec best) { return _mm512_mask_min_pd(best, 0xFF, x, best); }
-  static Index PackFour(double* x, Index stride, const double* centre, const double* w,
-                        Index rows, double* p, double* q, Index ld) {
-    return PackFourAvx(x, stride, centre, w, rows, p, q, ld);
+  static Index PackColumns(int cols, double* x, Index stride, const double* centre,
+                           const double* w, Index rows, double* p, double* q, Index ld) {
+    return PackColumnsAvx(cols, x, stride, centre, w, rows, p, q, ld);
+  }
+  static bool NarrowTriangle(const CrossProductJob& job, double* tri) {
+    return NarrowTriangleAvx(job, tri);
   }
 };
 

@@ -37,8 +37,10 @@ constexpr Index Smaller(Index a, Index b) { return a < b ? a : b; }
 // Widest tile in lanes any level uses; the triangle's accumulator rows leave
 // this much room past the diagonal.
 constexpr Index kMaxTileLanes = 16;
-// Bytes of panel per chunk: with the tiles' accumulators this stays in L2.
-constexpr Index kPanelBytes = 384 * 1024;
+// Panel bytes per chunk (see MakeLayout).
+constexpr Index kL1PanelBytes = 24 * 1024;
+constexpr Index kL2PanelBytes = 512 * 1024;
+constexpr Index kMinChunkRows = 128;
 constexpr Index kMaxChunkRows = 2048;
 
 // ---------------------------------------------------------------- layout
@@ -67,13 +69,21 @@ Layout MakeLayout(const CrossProductJob& job) {
   lay.all = job.cols.count + (job.withOnes ? 1 : 0);
   lay.split = job.rectangle != nullptr ? job.split : 0;
   lay.gap = AlignUp(lay.split, 8) - lay.split;
-  lay.ld = AlignUp(lay.all + lay.gap, kMaxTileLanes);
-  if (lay.ld % 64 == 0) lay.ld += kMaxTileLanes;  // rows a power of two apart share cache sets
+  // A tile reads lanes up to the next multiple of its vector width past the
+  // last column, at most eight, so rows of whole cache lines suffice.
+  lay.ld = AlignUp(lay.all + lay.gap, 8);
+  if (lay.ld % 64 == 0) lay.ld += 8;  // rows a power of two apart would share cache sets
   lay.weighted = job.weights != nullptr;
   const Index rowBytes = lay.ld * static_cast<Index>(sizeof(double)) * (lay.weighted ? 2 : 1);
-  Index chunk = kPanelBytes / rowBytes / 4 * 4;
-  if (chunk < 8) chunk = 8;
+  // Narrow blocks: panels that stay in L1 between packing and the tiles.
+  // Wide ones: at least kMinChunkRows rows, so that loading and storing the
+  // accumulators of a tile costs little beside its sums, within an L2 budget.
+  Index chunk = kL1PanelBytes / rowBytes;
+  if (chunk < kMinChunkRows) chunk = kMinChunkRows;
+  if (chunk * rowBytes > kL2PanelBytes) chunk = kL2PanelBytes / rowBytes;
   if (chunk > kMaxChunkRows) chunk = kMaxChunkRows;
+  chunk = chunk / 4 * 4;
+  if (chunk < 8) chunk = 8;
   lay.chunk = Smaller(chunk, AlignUp(job.nRows, 4));
   lay.rectLd = AlignUp(lay.all - lay.split, kMaxTileLanes);
 
@@ -118,6 +128,102 @@ void PackOnes(const double* w, Index rows, double* p, double* q, Index ld) {
   }
 }
 
+#if defined(__AVX__)
+// Cols (4, 2 or 1) whole columns, four rows at a time: centred in registers
+// and written back, transposed, and stored into the panel rows. Returns the
+// rows done (a multiple of four); the caller packs the rest one by one.
+template <int Cols, bool Centre, bool Weighted>
+Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
+              double* p, double* q, Index ld) {
+  __m256d m[Cols];
+  for (int t = 0; t < Cols; ++t)
+    m[t] = Centre ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
+  Index r = 0;
+  for (; r + 4 <= rows; r += 4) {
+    __m256d a[Cols];
+#pragma GCC unroll 4
+    for (int t = 0; t < Cols; ++t) {
+      a[t] = _mm256_loadu_pd(x + stride * t + r);
+      if constexpr (Centre) {
+        a[t] = _mm256_sub_pd(a[t], m[t]);
+        _mm256_storeu_pd(x + stride * t + r, a[t]);
+      }
+    }
+    double* pr = p + r * ld;
+    double* qr = q + r * ld;
+    if constexpr (Cols == 4) {
+      const __m256d t0 = _mm256_unpacklo_pd(a[0], a[1]);
+      const __m256d t1 = _mm256_unpackhi_pd(a[0], a[1]);
+      const __m256d t2 = _mm256_unpacklo_pd(a[2], a[3]);
+      const __m256d t3 = _mm256_unpackhi_pd(a[2], a[3]);
+      const __m256d row[4] = {_mm256_permute2f128_pd(t0, t2, 0x20),
+                              _mm256_permute2f128_pd(t1, t3, 0x20),
+                              _mm256_permute2f128_pd(t0, t2, 0x31),
+                              _mm256_permute2f128_pd(t1, t3, 0x31)};
+#pragma GCC unroll 4
+      for (int t = 0; t < 4; ++t) {
+        _mm256_storeu_pd(pr + t * ld, row[t]);
+        if constexpr (Weighted)
+          _mm256_storeu_pd(qr + t * ld, _mm256_mul_pd(_mm256_set1_pd(w[r + t]), row[t]));
+      }
+    } else if constexpr (Cols == 2) {
+      // Rows r and r+2 in t0, rows r+1 and r+3 in t1, a pair of cells each.
+      const __m256d t0 = _mm256_unpacklo_pd(a[0], a[1]);
+      const __m256d t1 = _mm256_unpackhi_pd(a[0], a[1]);
+      _mm_storeu_pd(pr, _mm256_castpd256_pd128(t0));
+      _mm_storeu_pd(pr + ld, _mm256_castpd256_pd128(t1));
+      _mm_storeu_pd(pr + 2 * ld, _mm256_extractf128_pd(t0, 1));
+      _mm_storeu_pd(pr + 3 * ld, _mm256_extractf128_pd(t1, 1));
+      if constexpr (Weighted) {
+        const __m256d wv = _mm256_loadu_pd(w + r);
+        const __m256d u0 = _mm256_mul_pd(_mm256_unpacklo_pd(wv, wv), t0);
+        const __m256d u1 = _mm256_mul_pd(_mm256_unpackhi_pd(wv, wv), t1);
+        _mm_storeu_pd(qr, _mm256_castpd256_pd128(u0));
+        _mm_storeu_pd(qr + ld, _mm256_castpd256_pd128(u1));
+        _mm_storeu_pd(qr + 2 * ld, _mm256_extractf128_pd(u0, 1));
+        _mm_storeu_pd(qr + 3 * ld, _mm256_extractf128_pd(u1, 1));
+      }
+    } else {
+      const __m128d lo = _mm256_castpd256_pd128(a[0]);
+      const __m128d hi = _mm256_extractf128_pd(a[0], 1);
+      _mm_storel_pd(pr, lo);
+      _mm_storeh_pd(pr + ld, lo);
+      _mm_storel_pd(pr + 2 * ld, hi);
+      _mm_storeh_pd(pr + 3 * ld, hi);
+      if constexpr (Weighted) {
+        const __m256d u = _mm256_mul_pd(_mm256_loadu_pd(w + r), a[0]);
+        const __m128d ulo = _mm256_castpd256_pd128(u);
+        const __m128d uhi = _mm256_extractf128_pd(u, 1);
+        _mm_storel_pd(qr, ulo);
+        _mm_storeh_pd(qr + ld, ulo);
+        _mm_storel_pd(qr + 2 * ld, uhi);
+        _mm_storeh_pd(qr + 3 * ld, uhi);
+      }
+    }
+  }
+  return r;
+}
+
+template <int Cols>
+Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
+              double* p, double* q, Index ld) {
+  if (centre != nullptr) {
+    if (w != nullptr) return PackAvx<Cols, true, true>(x, stride, centre, w, rows, p, q, ld);
+    return PackAvx<Cols, true, false>(x, stride, centre, w, rows, p, q, ld);
+  }
+  if (w != nullptr) return PackAvx<Cols, false, true>(x, stride, centre, w, rows, p, q, ld);
+  return PackAvx<Cols, false, false>(x, stride, centre, w, rows, p, q, ld);
+}
+
+// The packer of the AVX levels: cols is 4, 2 or 1.
+Index PackColumnsAvx(int cols, double* x, Index stride, const double* centre, const double* w,
+                     Index rows, double* p, double* q, Index ld) {
+  if (cols == 4) return PackAvx<4>(x, stride, centre, w, rows, p, q, ld);
+  if (cols == 2) return PackAvx<2>(x, stride, centre, w, rows, p, q, ld);
+  return PackAvx<1>(x, stride, centre, w, rows, p, q, ld);
+}
+#endif
+
 template <class Isa>
 void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index rows, double* p,
                double* q) {
@@ -125,42 +231,39 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
   const double* w = job.weights != nullptr ? job.weights + i0 : nullptr;
   const double* centre = job.centre;
   int j = 0;
-  if constexpr (Isa::kPacksFour) {
-    // Four columns at a time, four rows at a time, transposed in registers;
-    // never across the rectangle's gap, where the lanes are not adjacent.
-    while (j + 4 <= count) {
-      if (j < lay.split && j + 4 > lay.split) break;
-      double* x = job.cols.base + job.cols.stride * j + i0;
-      const Index lane = LaneOf(lay, j);
-      const Index done = Isa::PackFour(x, job.cols.stride, centre != nullptr ? centre + j : nullptr,
-                                       w, rows, p + lane, q + lane, lay.ld);
-      for (int t = 0; t < 4; ++t) {
-        double* xt = x + job.cols.stride * t + done;
-        double* pt = p + lane + t + done * lay.ld;
-        double* qt = q + lane + t + done * lay.ld;
-        const double* wt = w != nullptr ? w + done : nullptr;
-        const Index left = rows - done;
-        if (centre != nullptr) {
-          if (w != nullptr) PackColumn<true, true>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
-          else PackColumn<true, false>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
-        } else {
-          if (w != nullptr) PackColumn<false, true>(xt, 0.0, wt, left, pt, qt, lay.ld);
-          else PackColumn<false, false>(xt, 0.0, wt, left, pt, qt, lay.ld);
-        }
-      }
-      j += 4;
-    }
-  }
-  for (; j < count; ++j) {
+  while (j < count) {
+    // Four columns at a time where the level can transpose them, then two,
+    // then one; never across the rectangle's gap, where lanes are not adjacent.
+    int take = Isa::kPacksColumns ? (count - j >= 4 ? 4 : count - j >= 2 ? 2 : 1) : 1;
+    if (j < lay.split && j + take > lay.split) take = lay.split - j >= 2 ? 2 : 1;
     double* x = job.cols.base + job.cols.stride * j + i0;
     const Index lane = LaneOf(lay, j);
-    if (centre != nullptr) {
-      if (w != nullptr) PackColumn<true, true>(x, centre[j], w, rows, p + lane, q + lane, lay.ld);
-      else PackColumn<true, false>(x, centre[j], w, rows, p + lane, q + lane, lay.ld);
-    } else {
-      if (w != nullptr) PackColumn<false, true>(x, 0.0, w, rows, p + lane, q + lane, lay.ld);
-      else PackColumn<false, false>(x, 0.0, w, rows, p + lane, q + lane, lay.ld);
+    Index done = 0;
+    if constexpr (Isa::kPacksColumns)
+      done = Isa::PackColumns(take, x, job.cols.stride, centre != nullptr ? centre + j : nullptr, w,
+                              rows, p + lane, q + lane, lay.ld);
+    for (int t = 0; t < take; ++t) {
+      double* xt = x + job.cols.stride * t + done;
+      double* pt = p + lane + t + done * lay.ld;
+      double* qt = q + lane + t + done * lay.ld;
+      const double* wt = w != nullptr ? w + done : nullptr;
+      const Index left = rows - done;
+      if (centre != nullptr) {
+        if (w != nullptr) PackColumn<true, true>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
+        else PackColumn<true, false>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
+      } else {
+        if (w != nullptr) PackColumn<false, true>(xt, 0.0, wt, left, pt, qt, lay.ld);
+        else PackColumn<false, false>(xt, 0.0, wt, left, pt, qt, lay.ld);
+      }
     }
+    // Ask for the next chunk of these columns now: it arrives while the
+    // tiles work on this one. Wide blocks have too many columns for the
+    // hardware to follow them all.
+    const Index ahead = Smaller(rows, job.nRows - i0 - rows);
+    for (int t = 0; t < take; ++t)
+      for (Index i = 0; i < ahead; i += 8)
+        __builtin_prefetch(x + job.cols.stride * t + rows + i, 1, 2);
+    j += take;
   }
   if (job.withOnes) {
     const Index lane = LaneOf(lay, count);
@@ -169,71 +272,175 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
 }
 
 #if defined(__AVX__)
-// Four whole columns, four rows at a time: centred in registers and written
-// back, transposed, and stored as four panel rows. Returns the rows done (a
-// multiple of four); the caller packs the rest one by one.
-template <bool Centre, bool Weighted>
-Index PackFourAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
-                  double* p, double* q, Index ld) {
-  double* x0 = x;
-  double* x1 = x + stride;
-  double* x2 = x + 2 * stride;
-  double* x3 = x + 3 * stride;
-  __m256d m0 = _mm256_setzero_pd(), m1 = m0, m2 = m0, m3 = m0;
-  if constexpr (Centre) {
-    m0 = _mm256_set1_pd(centre[0]);
-    m1 = _mm256_set1_pd(centre[1]);
-    m2 = _mm256_set1_pd(centre[2]);
-    m3 = _mm256_set1_pd(centre[3]);
-  }
+// Narrow triangles, up to eight columns with the column of ones: every cell
+// stays in a register for the whole call, and each group of four rows is
+// loaded, centred, transposed and summed in one go, so the reading of the
+// data and the arithmetic overlap. Lanes 0-3 of a row vector are the columns
+// 0-3 (lo), lanes 4-7 the columns 4-7 (hi); row c needs hi only when c >= 4.
+// Count data columns, then the column of ones when Ones; P in all.
+template <int Count, bool Ones, bool Weighted, bool Centre>
+void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
+  constexpr int P = Count + (Ones ? 1 : 0);
+  constexpr int H = P > 4 ? P - 4 : 0;  // rows with a hi vector
+  const Index n = job.nRows;
+  const double* w = job.weights;
+  const Index stride = job.cols.stride;
+  double* const x = job.cols.base;
+  __m256d m[Count > 0 ? Count : 1];
+#pragma GCC unroll 8
+  for (int j = 0; j < Count; ++j)
+    m[j] = Centre ? _mm256_set1_pd(job.centre[j]) : _mm256_setzero_pd();
+  __m256d accLo[P], accHi[H > 0 ? H : 1];
+#pragma GCC unroll 8
+  for (int c = 0; c < P; ++c)
+    accLo[c] = _mm256_setzero_pd();
+#pragma GCC unroll 4
+  for (int c = 0; c < H; ++c)
+    accHi[c] = _mm256_setzero_pd();
+
+  // Per group of four rows: w[i] * x_c[i] of each column (four cells a
+  // column), then the four row vectors, eight lanes each. The sums load
+  // them back one row at a time, which keeps few vectors alive at once.
+  alignas(32) double buffer[4 * P + 32];
   Index r = 0;
-  for (; r + 4 <= rows; r += 4) {
-    __m256d a0 = _mm256_loadu_pd(x0 + r);
-    __m256d a1 = _mm256_loadu_pd(x1 + r);
-    __m256d a2 = _mm256_loadu_pd(x2 + r);
-    __m256d a3 = _mm256_loadu_pd(x3 + r);
-    if constexpr (Centre) {
-      a0 = _mm256_sub_pd(a0, m0);
-      a1 = _mm256_sub_pd(a1, m1);
-      a2 = _mm256_sub_pd(a2, m2);
-      a3 = _mm256_sub_pd(a3, m3);
-      _mm256_storeu_pd(x0 + r, a0);
-      _mm256_storeu_pd(x1 + r, a1);
-      _mm256_storeu_pd(x2 + r, a2);
-      _mm256_storeu_pd(x3 + r, a3);
+  for (; r + 4 <= n; r += 4) {
+    // An opaque copy of the buffer's address: the cells are then addressed
+    // from one register, where GCC would otherwise hoist the address of each
+    // of them out of the loop and run out of registers.
+    double* qb = buffer;
+    __asm__("" : "+r"(qb));
+    double* rows = qb + 4 * P;
+    __m256d a[8];
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; ++j) {
+      if (j < Count) {
+        a[j] = _mm256_loadu_pd(x + stride * j + r);
+        if constexpr (Centre) {
+          a[j] = _mm256_sub_pd(a[j], m[j]);
+          _mm256_storeu_pd(x + stride * j + r, a[j]);
+        }
+      } else {
+        a[j] = j < P ? _mm256_set1_pd(1.0) : _mm256_setzero_pd();
+      }
     }
-    const __m256d t0 = _mm256_unpacklo_pd(a0, a1);
-    const __m256d t1 = _mm256_unpackhi_pd(a0, a1);
-    const __m256d t2 = _mm256_unpacklo_pd(a2, a3);
-    const __m256d t3 = _mm256_unpackhi_pd(a2, a3);
-    const __m256d row0 = _mm256_permute2f128_pd(t0, t2, 0x20);
-    const __m256d row1 = _mm256_permute2f128_pd(t1, t3, 0x20);
-    const __m256d row2 = _mm256_permute2f128_pd(t0, t2, 0x31);
-    const __m256d row3 = _mm256_permute2f128_pd(t1, t3, 0x31);
-    double* pr = p + r * ld;
-    _mm256_storeu_pd(pr, row0);
-    _mm256_storeu_pd(pr + ld, row1);
-    _mm256_storeu_pd(pr + 2 * ld, row2);
-    _mm256_storeu_pd(pr + 3 * ld, row3);
     if constexpr (Weighted) {
-      double* qr = q + r * ld;
-      _mm256_storeu_pd(qr, _mm256_mul_pd(_mm256_set1_pd(w[r]), row0));
-      _mm256_storeu_pd(qr + ld, _mm256_mul_pd(_mm256_set1_pd(w[r + 1]), row1));
-      _mm256_storeu_pd(qr + 2 * ld, _mm256_mul_pd(_mm256_set1_pd(w[r + 2]), row2));
-      _mm256_storeu_pd(qr + 3 * ld, _mm256_mul_pd(_mm256_set1_pd(w[r + 3]), row3));
+      const __m256d wv = _mm256_loadu_pd(w + r);
+#pragma GCC unroll 8
+      for (int c = 0; c < P; ++c)
+        _mm256_store_pd(qb + 4 * c, _mm256_mul_pd(wv, a[c]));
+    } else {
+#pragma GCC unroll 8
+      for (int c = 0; c < P; ++c)
+        _mm256_store_pd(qb + 4 * c, a[c]);
+    }
+    {
+      const __m256d t0 = _mm256_unpacklo_pd(a[0], a[1]);
+      const __m256d t1 = _mm256_unpackhi_pd(a[0], a[1]);
+      const __m256d t2 = _mm256_unpacklo_pd(a[2], a[3]);
+      const __m256d t3 = _mm256_unpackhi_pd(a[2], a[3]);
+      _mm256_store_pd(rows, _mm256_permute2f128_pd(t0, t2, 0x20));
+      _mm256_store_pd(rows + 8, _mm256_permute2f128_pd(t1, t3, 0x20));
+      _mm256_store_pd(rows + 16, _mm256_permute2f128_pd(t0, t2, 0x31));
+      _mm256_store_pd(rows + 24, _mm256_permute2f128_pd(t1, t3, 0x31));
+    }
+    if constexpr (H == 1) {
+      // One column past the first four: a broadcast of its cell serves as
+      // the hi vector (only lane 0 of row 4's hi vector is kept). Its four
+      // cells go where the hi vector of row 0 would be.
+      _mm256_store_pd(rows + 4, a[4]);
+    } else if constexpr (H > 1) {
+      const __m256d t0 = _mm256_unpacklo_pd(a[4], a[5]);
+      const __m256d t1 = _mm256_unpackhi_pd(a[4], a[5]);
+      const __m256d t2 = _mm256_unpacklo_pd(a[6], a[7]);
+      const __m256d t3 = _mm256_unpackhi_pd(a[6], a[7]);
+      _mm256_store_pd(rows + 4, _mm256_permute2f128_pd(t0, t2, 0x20));
+      _mm256_store_pd(rows + 12, _mm256_permute2f128_pd(t1, t3, 0x20));
+      _mm256_store_pd(rows + 20, _mm256_permute2f128_pd(t0, t2, 0x31));
+      _mm256_store_pd(rows + 28, _mm256_permute2f128_pd(t1, t3, 0x31));
+    }
+    // Not unrolled: one row per turn keeps the broadcasts next to their use
+    // (unrolled, GCC loads them all first and runs out of registers).
+#pragma GCC unroll 1
+    for (int t = 0; t < 4; ++t) {
+      const __m256d lo = _mm256_load_pd(rows + 8 * t);
+      __m256d hi = _mm256_setzero_pd();
+      if constexpr (H == 1) hi = _mm256_broadcast_sd(rows + 4 + t);
+      if constexpr (H > 1) hi = _mm256_load_pd(rows + 8 * t + 4);
+#pragma GCC unroll 8
+      for (int c = 0; c < P; ++c) {
+        const __m256d s = _mm256_broadcast_sd(qb + 4 * c + t);
+        accLo[c] = _mm256_add_pd(accLo[c], _mm256_mul_pd(s, lo));
+        if constexpr (H > 0) {
+          if (c >= 4) accHi[c - 4] = _mm256_add_pd(accHi[c - 4], _mm256_mul_pd(s, hi));
+        }
+      }
     }
   }
-  return r;
+  // The last rows one at a time, in order.
+  for (; r < n; ++r) {
+    alignas(32) double v[8], q[8];
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; ++j) {
+      if (j < Count) {
+        v[j] = x[stride * j + r];
+        if constexpr (Centre) {
+          v[j] = v[j] - job.centre[j];
+          x[stride * j + r] = v[j];
+        }
+      } else {
+        v[j] = j < P ? 1.0 : 0.0;
+      }
+      q[j] = Weighted ? w[r] * v[j] : v[j];
+    }
+    const __m256d rlo = _mm256_load_pd(v);
+    const __m256d rhi = _mm256_load_pd(v + 4);
+#pragma GCC unroll 8
+    for (int c = 0; c < P; ++c) {
+      const __m256d s = _mm256_broadcast_sd(q + c);
+      accLo[c] = _mm256_add_pd(accLo[c], _mm256_mul_pd(s, rlo));
+      if constexpr (H > 0) {
+        if (c >= 4) accHi[c - 4] = _mm256_add_pd(accHi[c - 4], _mm256_mul_pd(s, rhi));
+      }
+    }
+  }
+  // Every loop over the accumulators is unrolled, so that they stay in registers.
+#pragma GCC unroll 8
+  for (int c = 0; c < P; ++c)
+    _mm256_storeu_pd(tri + TriangleRow(c), accLo[c]);
+#pragma GCC unroll 4
+  for (int c = 0; c < H; ++c)
+    _mm256_storeu_pd(tri + TriangleRow(c + 4) + 4, accHi[c]);
 }
 
-Index PackFourAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
-                  double* p, double* q, Index ld) {
-  if (centre != nullptr) {
-    if (w != nullptr) return PackFourAvx<true, true>(x, stride, centre, w, rows, p, q, ld);
-    return PackFourAvx<true, false>(x, stride, centre, w, rows, p, q, ld);
+template <int Count, bool Ones>
+void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
+  const bool weighted = job.weights != nullptr, centre = job.centre != nullptr;
+  if (weighted && centre) NarrowTriangleAvx<Count, Ones, true, true>(job, tri);
+  else if (weighted) NarrowTriangleAvx<Count, Ones, true, false>(job, tri);
+  else if (centre) NarrowTriangleAvx<Count, Ones, false, true>(job, tri);
+  else NarrowTriangleAvx<Count, Ones, false, false>(job, tri);
+}
+
+template <bool Ones>
+bool NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
+  switch (job.cols.count) {
+    case 0: if constexpr (Ones) { NarrowTriangleAvx<0, Ones>(job, tri); return true; } return false;
+    case 1: NarrowTriangleAvx<1, Ones>(job, tri); return true;
+    case 2: NarrowTriangleAvx<2, Ones>(job, tri); return true;
+    case 3: NarrowTriangleAvx<3, Ones>(job, tri); return true;
+    case 4: NarrowTriangleAvx<4, Ones>(job, tri); return true;
+    case 5: NarrowTriangleAvx<5, Ones>(job, tri); return true;
+    case 6: NarrowTriangleAvx<6, Ones>(job, tri); return true;
+    case 7: NarrowTriangleAvx<7, Ones>(job, tri); return true;
+    case 8: if constexpr (!Ones) { NarrowTriangleAvx<8, Ones>(job, tri); return true; } return false;
+    default: return false;
   }
-  if (w != nullptr) return PackFourAvx<false, true>(x, stride, centre, w, rows, p, q, ld);
-  return PackFourAvx<false, false>(x, stride, centre, w, rows, p, q, ld);
+}
+
+// The triangle of a job of at most eight columns (ones included) into the
+// accumulator rows tri; false when the job is wider.
+bool NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
+  return job.withOnes ? NarrowTriangleAvx<true>(job, tri) : NarrowTriangleAvx<false>(job, tri);
 }
 #endif
 
@@ -304,16 +511,21 @@ int VectorsFor(Index width) {
 template <class Isa>
 void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows,
                    double* tri) {
-  constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
+  constexpr Index kLanes = Isa::kLanes;
+  constexpr Index kWidth = kLanes * Isa::kVecs;
   double* acc[Isa::kRows];
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth) {
-    const int v = VectorsFor<Isa>(lay.all - k0);
-    // Only rows c >= k0 have cells in this block of columns.
-    for (Index c0 = k0; c0 < lay.all; c0 += Isa::kRows) {
-      const int r = static_cast<int>(Smaller(Isa::kRows, lay.all - c0));
+    // Rows c below k0 have no cells in this block of columns; rows c < k0 +
+    // kLanes have theirs in its first vector only.
+    const Index near = Smaller(k0 + kLanes, lay.all);
+    for (Index c0 = k0; c0 < lay.all;) {
+      const Index end = c0 < near ? near : lay.all;
+      const int v = c0 < near ? 1 : VectorsFor<Isa>(lay.all - k0);
+      const int r = static_cast<int>(Smaller(Isa::kRows, end - c0));
       for (int j = 0; j < r; ++j)
         acc[j] = tri + TriangleRow(c0 + j) + k0;
       kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + k0, lay.ld, rows, acc);
+      c0 += r;
     }
   }
 }
@@ -386,9 +598,9 @@ void ClearPanelPadding(const Layout& lay, double* panel) {
   }
 }
 
-void WriteResults(const CrossProductJob& job, const Layout& lay, const double* scratch) {
+void WriteResults(const CrossProductJob& job, const Layout& lay, const double* tri,
+                  const double* rect, const double* diag) {
   if (job.triangle != nullptr) {
-    const double* tri = scratch + lay.tri;
     Index cell = 0;
     for (Index c = 0; c < lay.all; ++c) {
       const Index last = job.triangleDiagonal ? c : c - 1;
@@ -397,14 +609,12 @@ void WriteResults(const CrossProductJob& job, const Layout& lay, const double* s
     }
   }
   if (job.rectangle != nullptr) {
-    const double* rect = scratch + lay.rect;
     const Index width = lay.all - lay.split;
     for (Index r = 0; r < lay.split; ++r)
       for (Index c = 0; c < width; ++c)
         job.rectangle[r * width + c] = rect[r * lay.rectLd + c];
   }
   if (job.diagonal != nullptr) {
-    const double* diag = scratch + lay.diag;
     for (Index j = 0; j < lay.all; ++j)
       job.diagonal[j] = diag[LaneOf(lay, j)];
   }
@@ -413,6 +623,15 @@ void WriteResults(const CrossProductJob& job, const Layout& lay, const double* s
 template <class Isa>
 void RunCrossProducts(const CrossProductJob& job) {
   const Layout lay = MakeLayout(job);
+  if constexpr (Isa::kPacksColumns) {
+    if (job.triangle != nullptr && job.diagonal == nullptr && lay.all <= 8) {
+      double* tri = ScratchBuffer(static_cast<std::size_t>(TriangleRow(lay.all)));
+      if (Isa::NarrowTriangle(job, tri)) {
+        WriteResults(job, lay, tri, nullptr, nullptr);
+        return;
+      }
+    }
+  }
   double* scratch = ScratchBuffer(static_cast<std::size_t>(lay.total));
   double* p = scratch + lay.p;
   double* q = lay.weighted ? scratch + lay.q : p;
@@ -427,7 +646,7 @@ void RunCrossProducts(const CrossProductJob& job) {
     if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri);
     if (job.rectangle != nullptr) RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect);
   }
-  WriteResults(job, lay, scratch);
+  WriteResults(job, lay, scratch + lay.tri, scratch + lay.rect, scratch + lay.diag);
 }
 
 // ---------------------------------------------------------------- column pass

@@ -10,7 +10,7 @@ struct PlainIsa {
   static constexpr int kLanes = 4;
   static constexpr int kRows = 4;
   static constexpr int kVecs = 1;
-  static constexpr bool kPacksFour = false;
+  static constexpr bool kPacksColumns = false;
 
   struct Vec {
     double v[kLanes];
