@@ -3,12 +3,12 @@
 // listwise batch by the kernels against the OpenBLAS route (centre, scale by
 // sqrt(w), dsyrk), and the machine's own limits: peak separate multiply and
 // add, and memory read bandwidth.
+#include <benchmark/benchmark.h>
+
 #include <cmath>
 #include <cstdint>
 #include <memory>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #if defined(__x86_64__)
 #include <immintrin.h>

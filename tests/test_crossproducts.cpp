@@ -50,13 +50,26 @@ Block RandomBlock(std::mt19937_64& rng, int p, int n, Data data) {
     for (int i = 0; i < n; ++i) {
       double v = std::ldexp(normal(rng), scale(rng)) + 3.0;
       switch (kind(rng)) {
-        case 0: v = -0.0; break;
-        case 1: v = 0.0; break;
-        case 2: v = 4.9e-320; break;  // subnormal
-        case 3: v = -1e-310; break;   // subnormal
-        case 4: if (special) v = kNaN; break;
-        case 5: if (special) v = (i % 2 ? kInf : -kInf); break;
-        default: break;
+        case 0:
+          v = -0.0;
+          break;
+        case 1:
+          v = 0.0;
+          break;
+        case 2:
+          v = 4.9e-320;
+          break;  // subnormal
+        case 3:
+          v = -1e-310;
+          break;  // subnormal
+        case 4:
+          if (special) v = kNaN;
+          break;
+        case 5:
+          if (special) v = (i % 2 ? kInf : -kInf);
+          break;
+        default:
+          break;
       }
       b.Column(j)[i] = v;
     }
@@ -72,11 +85,20 @@ std::vector<double> RandomWeights(std::mt19937_64& rng, int n) {
   std::vector<double> w(static_cast<std::size_t>(n));
   for (double& v : w) {
     switch (kind(rng)) {
-      case 0: v = 0.0; break;
-      case 1: v = -0.0; break;
-      case 2: v = -1.5; break;
-      case 3: v = 1e-310; break;
-      default: v = u(rng);
+      case 0:
+        v = 0.0;
+        break;
+      case 1:
+        v = -0.0;
+        break;
+      case 2:
+        v = -1.5;
+        break;
+      case 3:
+        v = 1e-310;
+        break;
+      default:
+        v = u(rng);
     }
   }
   return w;
@@ -102,9 +124,9 @@ std::uint64_t Bits(double v) {
     return ::testing::AssertionFailure() << got.size() << " cells, want " << want.size();
   for (std::size_t i = 0; i < got.size(); ++i)
     if (!SameBits(got[i], want[i]))
-      return ::testing::AssertionFailure() << "cell " << i << ": " << got[i] << " (bits "
-                                           << std::hex << Bits(got[i]) << "), want " << want[i]
-                                           << " (bits " << Bits(want[i]) << std::dec << ")";
+      return ::testing::AssertionFailure()
+             << "cell " << i << ": " << got[i] << " (bits " << std::hex << Bits(got[i])
+             << "), want " << want[i] << " (bits " << Bits(want[i]) << std::dec << ")";
   return ::testing::AssertionSuccess();
 }
 
@@ -127,9 +149,9 @@ std::string LevelName(const ::testing::TestParamInfo<KernelLevel>& info) {
 struct Shape {
   int p, n;
 };
-const Shape kShapes[] = {{1, 0},  {1, 1},   {3, 5},   {4, 4},   {5, 17},  {6, 7},
-                         {7, 33}, {8, 64},  {9, 101}, {12, 3},  {13, 200}, {16, 31},
-                         {17, 9}, {23, 77}, {25, 130}, {33, 41}, {40, 260}, {2, 4099},
+const Shape kShapes[] = {{1, 0},    {1, 1},     {3, 5},    {4, 4},   {5, 17},   {6, 7},
+                         {7, 33},   {8, 64},    {9, 101},  {12, 3},  {13, 200}, {16, 31},
+                         {17, 9},   {23, 77},   {25, 130}, {33, 41}, {40, 260}, {2, 4099},
                          {5, 2051}, {11, 4103}, {61, 1201}};
 
 TEST_P(KernelLevels, TriangleMatchesThePlainLoop) {
@@ -234,7 +256,8 @@ TEST_P(KernelLevels, StridedTriangleWithoutDiagonalAndWithOnes) {
           withOnes.push_back(PlainCell(a, bk, wp, s.n));
         }
       for (int k = 0; k < s.p; ++k) {
-        const double sum = weighted ? DotProduct(b.Column(k), wp, s.n) : SumValues(b.Column(k), s.n);
+        const double sum =
+            weighted ? DotProduct(b.Column(k), wp, s.n) : SumValues(b.Column(k), s.n);
         EXPECT_TRUE(SameBits(withOnes[withOnes.size() - 1 - s.p + k], sum)) << "column " << k;
       }
       EXPECT_TRUE(SameBits(withOnes.back(), SumWeights(wp, s.n)));
@@ -304,12 +327,27 @@ TEST_P(KernelLevels, ColumnPassMatchesTheColumnKernels) {
       for (int j = 0; j < s.p; ++j) {
         double* x = b.Column(j);
         switch (j % 6) {
-          case 0: for (int i = 0; i < s.n && i < j + 1; ++i) x[i] = 2.5; break;
-          case 2: for (int i = 0; i < s.n; ++i) x[i] = -7.25; break;
-          case 3: if (s.n > 0) x[0] = kNaN; break;
-          case 4: for (int i = 0; i < s.n; ++i) x[i] = (i * 7919 % 5 == 1) ? 0.0 : -0.0; break;
-          case 5: for (int i = 0; i < s.n; ++i) x[i] = i % 3 == 2 ? (i % 2 ? 0.0 : -0.0) : -std::abs(x[i]) - 1.0; break;
-          default: break;
+          case 0:
+            for (int i = 0; i < s.n && i < j + 1; ++i)
+              x[i] = 2.5;
+            break;
+          case 2:
+            for (int i = 0; i < s.n; ++i)
+              x[i] = -7.25;
+            break;
+          case 3:
+            if (s.n > 0) x[0] = kNaN;
+            break;
+          case 4:
+            for (int i = 0; i < s.n; ++i)
+              x[i] = (i * 7919 % 5 == 1) ? 0.0 : -0.0;
+            break;
+          case 5:
+            for (int i = 0; i < s.n; ++i)
+              x[i] = i % 3 == 2 ? (i % 2 ? 0.0 : -0.0) : -std::abs(x[i]) - 1.0;
+            break;
+          default:
+            break;
         }
       }
       const double total = weighted ? SumValues(wp, s.n) : s.n;

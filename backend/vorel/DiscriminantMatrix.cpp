@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "columnkernels.h"
+#include "crossproducts.h"
 #include "matrixrowcount.h"
 
 namespace vorel {
@@ -59,20 +60,19 @@ void AddCells(double* target, const double* source, std::size_t cells) {
 }
 
 // The total cross-product triangle of one batch: for i = 1, 2, ..., nVar-1 and
-// j = 0, ..., i-1 in that order, the next cell is the sum over the rows of
-// (w * x_i) * x_j. Returns the number of cells written.
+// j = 0, ..., i-1, cell MatrixRowCount(i) + j is the sum over the rows of
+// (w * x_i) * x_j. The blocked kernel gives every cell the bits of that sum
+// taken in row order. Returns the number of cells written.
 int AccumulateCrossProducts(const DataBatch& data, const double* weights, int nRows, double* tssp) {
   const int nCols = static_cast<int>(data.NColumns());
-  int tsspIndex = 0;
-  for (int i = 0; i < nCols; ++i) {
-    const double* columnI = data.Column(static_cast<unsigned>(i));
-    for (int j = 0; j < i; ++j) {
-      const double* columnJ = data.Column(static_cast<unsigned>(j));
-      tssp[tsspIndex] = WeightedDotProduct(columnI, columnJ, weights, nRows);
-      ++tsspIndex;
-    }
-  }
-  return tsspIndex;
+  CrossProductJob job;
+  job.cols = BatchColumns(data, 0, nCols);  // only read: no centring
+  job.weights = weights;
+  job.nRows = nRows;
+  job.triangle = tssp;
+  job.triangleDiagonal = false;
+  CrossProducts(job);
+  return nCols * (nCols - 1) / 2;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "columnkernels.h"
+#include "crossproducts.h"
 #include "matrixrowcount.h"
 
 namespace vorel {
@@ -50,31 +51,25 @@ namespace {
 
 // The table of one group of a sorted batch: `count` rows from row `start` of
 // every column. Entry k goes to table[k * nGroup]; the caller points table at
-// the group's first entry. The triangle runs i = 0, 1, ..., nVar-1 and
-// j = 0, ..., i in that order, each entry the sum over the rows of
-// (w * x_i) * x_j. Returns the number of triangle entries written.
+// the group's first entry. The entries are the lower triangle, diagonal
+// included, of the variables with a column of ones behind them, each the sum
+// over the rows of (w * x_i) * x_j: with x_j = 1.0 that is the sum of w * x_i
+// (or of x_i without weights), and with both the sum of the weights (or the
+// row count), exactly, since a product with 1.0 is exact. The blocked kernel
+// gives every entry the bits of its sum taken in row order. Returns the
+// number of entries of the triangle over the variables.
 int AccumulateGroupTable(const DataBatchByGroup& data, unsigned start, unsigned count, int nGroup,
                          double* table) {
   const int nVar = static_cast<int>(data.NColumns());
-  const int nCellsCrossProduct = MatrixRowCount(nVar + 1);
-  const double* weights = data.Weights() ? data.Weights() + start : nullptr;
-  const int n = static_cast<int>(count);
-  auto entry = [&](int k) -> double& { return table[static_cast<std::size_t>(k) * nGroup]; };
-
-  entry(nCellsCrossProduct + nVar) = weights ? SumWeights(weights, n) : static_cast<double>(count);
-  int tsspIndex = 0;
-  for (int i = 0; i < nVar; ++i) {
-    const double* columnI = data.Column(static_cast<unsigned>(i)) + start;
-    entry(nCellsCrossProduct + i) =
-        weights ? DotProduct(columnI, weights, n) : SumValues(columnI, n);
-    for (int j = 0; j <= i; ++j) {
-      const double* columnJ = data.Column(static_cast<unsigned>(j)) + start;
-      entry(tsspIndex) = weights ? TripleProduct(weights, columnI, columnJ, n)
-                                 : WeightedDotProduct(columnI, columnJ, nullptr, n);
-      ++tsspIndex;
-    }
-  }
-  return tsspIndex;
+  CrossProductJob job;
+  job.cols = BatchColumns(data, 0, nVar, start);  // only read: no centring
+  job.withOnes = true;
+  job.weights = data.Weights() ? data.Weights() + start : nullptr;
+  job.nRows = static_cast<int>(count);
+  job.triangle = table;
+  job.triangleStride = nGroup;
+  CrossProducts(job);
+  return MatrixRowCount(nVar + 1);
 }
 
 }  // namespace

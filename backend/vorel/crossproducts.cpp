@@ -5,12 +5,12 @@
 // wider registers).
 #include "crossproducts.h"
 
-#include "crossproducts_levels.h"
-
 #include <atomic>
 #include <cstdint>
 #include <stdexcept>
 #include <vector>
+
+#include "crossproducts_levels.h"
 
 namespace vorel {
 namespace {

@@ -50,6 +50,17 @@ struct ColumnBlock {
   double* Column(int j) const { return base + static_cast<std::ptrdiff_t>(j) * stride; }
 };
 
+// Columns first .. first+count-1 of a batch (DataBatch, DataBatchByGroup),
+// from row row on. Callers that only read a batch get a block they must not
+// centre (CrossProductJob::centre stays null): only centring writes.
+template <class Batch>
+ColumnBlock BatchColumns(const Batch& data, unsigned first, int count, unsigned row = 0) {
+  if (count <= 0) return {};
+  const double* base = data.Column(first);
+  const std::ptrdiff_t stride = count > 1 ? data.Column(first + 1) - base : 0;
+  return {const_cast<double*>(base) + row, stride, count};
+}
+
 // The column pass: for every column j of cols, in one sweep over its cells,
 //   means[j] = StableMean(x_j, w, &total, n),
 //   mins[j]  = MinValue(x_j, n) and maxs[j] = MaxValue(x_j, n) (each may be null).
@@ -97,7 +108,6 @@ void CrossProducts(const CrossProductJob& job);
 // The lower triangle with diagonal of the block, into out (p(p+1)/2 cells).
 void CrossProductTriangle(const ColumnBlock& cols, const double* w, int n, double* out);
 // The rectangle of rows [0, split) against columns [split, count).
-void CrossProductRectangle(const ColumnBlock& cols, int split, const double* w, int n,
-                           double* out);
+void CrossProductRectangle(const ColumnBlock& cols, int split, const double* w, int n, double* out);
 
 }  // namespace vorel

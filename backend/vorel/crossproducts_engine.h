@@ -16,11 +16,11 @@
 // accumulators go back to the scratch between chunks, unchanged in value.
 #pragma once
 
-#include "crossproducts_levels.h"
-
 #include <vorel/initialextremes.h>
 
 #include <cstddef>
+
+#include "crossproducts_levels.h"
 
 #if defined(__AVX__)
 #include <immintrin.h>
@@ -47,11 +47,11 @@ constexpr Index kMaxChunkRows = 2048;
 
 // Where one call keeps its figures in the scratch buffer (all in doubles).
 struct Layout {
-  int all = 0;       // columns, the column of ones included
-  int split = 0;     // rows of the rectangle; 0 without one
-  Index gap = 0;     // empty lanes that start the rectangle's columns on a line
-  Index ld = 0;      // row stride of the panels
-  Index chunk = 0;   // rows per chunk
+  int all = 0;      // columns, the column of ones included
+  int split = 0;    // rows of the rectangle; 0 without one
+  Index gap = 0;    // empty lanes that start the rectangle's columns on a line
+  Index ld = 0;     // row stride of the panels
+  Index chunk = 0;  // rows per chunk
   bool weighted = false;
   Index rectLd = 0;  // row stride of the rectangle's accumulators
   Index p = 0, q = 0, tri = 0, rect = 0, diag = 0, total = 0;  // offsets and size
@@ -133,8 +133,8 @@ void PackOnes(const double* w, Index rows, double* p, double* q, Index ld) {
 // and written back, transposed, and stored into the panel rows. Returns the
 // rows done (a multiple of four); the caller packs the rest one by one.
 template <int Cols, bool Centre, bool Weighted>
-Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
-              double* p, double* q, Index ld) {
+Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows, double* p,
+              double* q, Index ld) {
   __m256d m[Cols];
   for (int t = 0; t < Cols; ++t)
     m[t] = Centre ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
@@ -156,10 +156,9 @@ Index PackAvx(double* x, Index stride, const double* centre, const double* w, In
       const __m256d t1 = _mm256_unpackhi_pd(a[0], a[1]);
       const __m256d t2 = _mm256_unpacklo_pd(a[2], a[3]);
       const __m256d t3 = _mm256_unpackhi_pd(a[2], a[3]);
-      const __m256d row[4] = {_mm256_permute2f128_pd(t0, t2, 0x20),
-                              _mm256_permute2f128_pd(t1, t3, 0x20),
-                              _mm256_permute2f128_pd(t0, t2, 0x31),
-                              _mm256_permute2f128_pd(t1, t3, 0x31)};
+      const __m256d row[4] = {
+          _mm256_permute2f128_pd(t0, t2, 0x20), _mm256_permute2f128_pd(t1, t3, 0x20),
+          _mm256_permute2f128_pd(t0, t2, 0x31), _mm256_permute2f128_pd(t1, t3, 0x31)};
 #pragma GCC unroll 4
       for (int t = 0; t < 4; ++t) {
         _mm256_storeu_pd(pr + t * ld, row[t]);
@@ -205,8 +204,8 @@ Index PackAvx(double* x, Index stride, const double* centre, const double* w, In
 }
 
 template <int Cols>
-Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows,
-              double* p, double* q, Index ld) {
+Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows, double* p,
+              double* q, Index ld) {
   if (centre != nullptr) {
     if (w != nullptr) return PackAvx<Cols, true, true>(x, stride, centre, w, rows, p, q, ld);
     return PackAvx<Cols, true, false>(x, stride, centre, w, rows, p, q, ld);
@@ -249,11 +248,15 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
       const double* wt = w != nullptr ? w + done : nullptr;
       const Index left = rows - done;
       if (centre != nullptr) {
-        if (w != nullptr) PackColumn<true, true>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
-        else PackColumn<true, false>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
+        if (w != nullptr)
+          PackColumn<true, true>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
+        else
+          PackColumn<true, false>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
       } else {
-        if (w != nullptr) PackColumn<false, true>(xt, 0.0, wt, left, pt, qt, lay.ld);
-        else PackColumn<false, false>(xt, 0.0, wt, left, pt, qt, lay.ld);
+        if (w != nullptr)
+          PackColumn<false, true>(xt, 0.0, wt, left, pt, qt, lay.ld);
+        else
+          PackColumn<false, false>(xt, 0.0, wt, left, pt, qt, lay.ld);
       }
     }
     // Ask for the next chunk of these columns now: it arrives while the
@@ -415,25 +418,54 @@ void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
 template <int Count, bool Ones>
 void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
   const bool weighted = job.weights != nullptr, centre = job.centre != nullptr;
-  if (weighted && centre) NarrowTriangleAvx<Count, Ones, true, true>(job, tri);
-  else if (weighted) NarrowTriangleAvx<Count, Ones, true, false>(job, tri);
-  else if (centre) NarrowTriangleAvx<Count, Ones, false, true>(job, tri);
-  else NarrowTriangleAvx<Count, Ones, false, false>(job, tri);
+  if (weighted && centre)
+    NarrowTriangleAvx<Count, Ones, true, true>(job, tri);
+  else if (weighted)
+    NarrowTriangleAvx<Count, Ones, true, false>(job, tri);
+  else if (centre)
+    NarrowTriangleAvx<Count, Ones, false, true>(job, tri);
+  else
+    NarrowTriangleAvx<Count, Ones, false, false>(job, tri);
 }
 
 template <bool Ones>
 bool NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
   switch (job.cols.count) {
-    case 0: if constexpr (Ones) { NarrowTriangleAvx<0, Ones>(job, tri); return true; } return false;
-    case 1: NarrowTriangleAvx<1, Ones>(job, tri); return true;
-    case 2: NarrowTriangleAvx<2, Ones>(job, tri); return true;
-    case 3: NarrowTriangleAvx<3, Ones>(job, tri); return true;
-    case 4: NarrowTriangleAvx<4, Ones>(job, tri); return true;
-    case 5: NarrowTriangleAvx<5, Ones>(job, tri); return true;
-    case 6: NarrowTriangleAvx<6, Ones>(job, tri); return true;
-    case 7: NarrowTriangleAvx<7, Ones>(job, tri); return true;
-    case 8: if constexpr (!Ones) { NarrowTriangleAvx<8, Ones>(job, tri); return true; } return false;
-    default: return false;
+    case 0:
+      if constexpr (Ones) {
+        NarrowTriangleAvx<0, Ones>(job, tri);
+        return true;
+      }
+      return false;
+    case 1:
+      NarrowTriangleAvx<1, Ones>(job, tri);
+      return true;
+    case 2:
+      NarrowTriangleAvx<2, Ones>(job, tri);
+      return true;
+    case 3:
+      NarrowTriangleAvx<3, Ones>(job, tri);
+      return true;
+    case 4:
+      NarrowTriangleAvx<4, Ones>(job, tri);
+      return true;
+    case 5:
+      NarrowTriangleAvx<5, Ones>(job, tri);
+      return true;
+    case 6:
+      NarrowTriangleAvx<6, Ones>(job, tri);
+      return true;
+    case 7:
+      NarrowTriangleAvx<7, Ones>(job, tri);
+      return true;
+    case 8:
+      if constexpr (!Ones) {
+        NarrowTriangleAvx<8, Ones>(job, tri);
+        return true;
+      }
+      return false;
+    default:
+      return false;
   }
 }
 
@@ -446,8 +478,7 @@ bool NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
 
 // ---------------------------------------------------------------- tiles
 
-using TileFn = void (*)(const double* q, const double* p, Index ld, Index rows,
-                        double* const* acc);
+using TileFn = void (*)(const double* q, const double* p, Index ld, Index rows, double* const* acc);
 
 // R row-columns (lanes q[0..R) of Q) against V vectors of column-lanes (lanes
 // p[0..V*L) of P), over rows rows; acc[j] holds the V*L accumulators of row j.
@@ -509,8 +540,7 @@ int VectorsFor(Index width) {
 }
 
 template <class Isa>
-void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows,
-                   double* tri) {
+void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri) {
   constexpr Index kLanes = Isa::kLanes;
   constexpr Index kWidth = kLanes * Isa::kVecs;
   double* acc[Isa::kRows];
@@ -531,8 +561,7 @@ void TriangleChunk(const Layout& lay, const double* p, const double* q, Index ro
 }
 
 template <class Isa>
-void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows,
-                    double* rect) {
+void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* rect) {
   constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
   const Index first = lay.split + lay.gap;
   const Index width = lay.all - lay.split;
@@ -550,8 +579,7 @@ void RectangleChunk(const Layout& lay, const double* p, const double* q, Index r
 
 // The diagonal: lane by lane, Q times P down the chunk.
 template <class Isa>
-void DiagonalChunk(const Layout& lay, const double* p, const double* q, Index rows,
-                   double* diag) {
+void DiagonalChunk(const Layout& lay, const double* p, const double* q, Index rows, double* diag) {
   using Vec = typename Isa::Vec;
   constexpr int L = Isa::kLanes;
   constexpr int kBlock = 4;
@@ -651,8 +679,8 @@ void RunCrossProducts(const CrossProductJob& job) {
 
 // ---------------------------------------------------------------- column pass
 
-constexpr int kGroup = 8;          // columns summed side by side
-constexpr Index kPassRows = 512;   // rows of a group taken at a time
+constexpr int kGroup = 8;         // columns summed side by side
+constexpr Index kPassRows = 512;  // rows of a group taken at a time
 
 // Running extremes of one column: a vector of lane-wise extremes plus a
 // scalar for the rows that do not fill a vector. Lane by lane the update is
@@ -730,8 +758,8 @@ void SumSideBySide(const double* const* x, const double* w, Index from, Index to
 }
 
 template <class Isa>
-void ColumnGroup(const ColumnBlock& cols, int g0, int count, const double* w, double total,
-                 Index n, double* means, double* mins, double* maxs) {
+void ColumnGroup(const ColumnBlock& cols, int g0, int count, const double* w, double total, Index n,
+                 double* means, double* mins, double* maxs) {
   const bool extremes = mins != nullptr || maxs != nullptr;
   const double* x[kGroup];
   double first[kGroup], runWeight[kGroup], rest[kGroup];
@@ -791,8 +819,10 @@ void ColumnGroup(const ColumnBlock& cols, int g0, int count, const double* w, do
     }
     const Index from = i0 > restFrom ? i0 : restFrom;
     if (used > 0 && from < i1) {
-      if (w != nullptr) SumSideBySide<true>(slot, w, from, i1, rest);
-      else SumSideBySide<false>(slot, w, from, i1, rest);
+      if (w != nullptr)
+        SumSideBySide<true>(slot, w, from, i1, rest);
+      else
+        SumSideBySide<false>(slot, w, from, i1, rest);
     }
   }
 

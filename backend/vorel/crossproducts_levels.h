@@ -3,16 +3,16 @@
 // instruction set. Internal.
 #pragma once
 
-#include "crossproducts.h"
-
 #include <cstddef>
+
+#include "crossproducts.h"
 
 namespace vorel::kernels {
 
 struct KernelTable {
   void (*crossProducts)(const CrossProductJob& job);
-  void (*columnPass)(const ColumnBlock& cols, const double* w, double total, int n,
-                     double* means, double* mins, double* maxs);
+  void (*columnPass)(const ColumnBlock& cols, const double* w, double total, int n, double* means,
+                     double* mins, double* maxs);
 };
 
 // Null when this build has no code for the level (another architecture, or a

@@ -4,6 +4,7 @@
 #include <vorelhost/assertion.h>
 
 #include "columnkernels.h"
+#include "crossproducts.h"
 #include "storelimits.h"
 
 #include <algorithm>
@@ -61,9 +62,9 @@ struct MatrixListwiseData {
   bool _hasRegWeights = false;
 
  private:
-  static void CentreColumns(DataBatch& data, const double* combined, int n,
-                            std::vector<double>& means, double regWeightSum);
-  void FillTriangle(const DataBatch& data, const double* combined, int n);
+  static void TakeMeans(DataBatch& data, const double* combined, int n, std::vector<double>& means,
+                        double regWeightSum);
+  void FillTriangle(DataBatch& data, const double* combined, int n);
   void MergeRow(unsigned row, const double* newMeans, const MatrixListwiseData& d, double a,
                 double b, unsigned xpindex);
 };
@@ -87,40 +88,34 @@ void MatrixListwiseData::Accumulate(DataBatch& data) {
       MultiplyInPlace(data.Weights(), const_cast<double*>(data.RegWeights()), n);
   _regWeightSum = _hasRegWeights ? SumValues(combined, n) : _weightSum;
 
-  CentreColumns(data, combined, n, means, _regWeightSum);
+  TakeMeans(data, combined, n, means, _regWeightSum);
   _means.swap(means);
   _xp = xp.release();
   FillTriangle(data, combined, n);
 }
 
-void MatrixListwiseData::CentreColumns(DataBatch& data, const double* combined, int n,
-                                       std::vector<double>& means, double regWeightSum) {
-  for (unsigned c = 0; c < means.size(); ++c) {
-    double* column = data.Column(c);
-    means[c] = StableMean(column, combined, &regWeightSum, n);
-    SubtractInPlace(column, means[c], n);
-  }
+// The means of the columns under the combined weights, in one sweep over them.
+void MatrixListwiseData::TakeMeans(DataBatch& data, const double* combined, int n,
+                                   std::vector<double>& means, double regWeightSum) {
+  ColumnPass(BatchColumns(data, 0, static_cast<int>(means.size())), combined, regWeightSum, n,
+             means.data(), nullptr, nullptr);
 }
 
-// The corrected cross-products of the centred columns. Rows are swept in a
-// serpentine: upward for odd rows, downward for even ones, so each row starts
-// at the column where the one before it stopped. Every cell is a dot product of
-// its own, so the order changes no value.
-void MatrixListwiseData::FillTriangle(const DataBatch& data, const double* combined, int n) {
+// Centres the columns in place on their means and fills the triangle of the
+// corrected cross-products. The blocked kernel gives every cell the bits of
+// its own dot product over the centred columns, taken in row order; which
+// cells it works on together changes no value.
+void MatrixListwiseData::FillTriangle(DataBatch& data, const double* combined, int n) {
   const unsigned nCols = NColumns();
   const unsigned nCells = MatrixRow(nCols);
-  double* xprow = _xp;
-  for (unsigned c = 0; c < nCols; ++c) {
-    xprow = _xp + MatrixRow(c);
-    const double* column = data.Column(c);
-    if (c % 2 == 1) {
-      for (unsigned k = 0; k <= c; ++k)
-        xprow[k] = WeightedDotProduct(column, data.Column(k), combined, n);
-    } else {
-      for (unsigned k = c + 1; k-- > 0;)
-        xprow[k] = WeightedDotProduct(column, data.Column(k), combined, n);
-    }
-  }
+  CrossProductJob job;
+  job.cols = BatchColumns(data, 0, static_cast<int>(nCols));
+  job.weights = combined;
+  job.nRows = n;
+  job.centre = _means.data();
+  job.triangle = _xp;
+  CrossProducts(job);
+  const double* xprow = nCols > 0 ? _xp + MatrixRow(nCols - 1) : _xp;
   VOREL_ASSERT(xprow+nCols == _xp+nCells);
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "columnkernels.h"
+#include "crossproducts.h"
 #include "matrixrowcount.h"
 #include "meansscratch.h"
 
@@ -51,8 +52,8 @@ class NSMatrixListwiseData {
 
  private:
   void CheckBounds(const DataBatch& data) const;
-  void ReduceColumn(double* x, const double* w, int rows, int k);
-  double* SweepRectangle(const DataBatch& data, const double* w, int rows);
+  void ReduceColumns(const ColumnBlock& block, const double* w, int rows);
+  double* SweepRectangle(const ColumnBlock& block, const double* w, int rows);
   void MergeColumn(const NSMatrixListwiseData& d, double* newMeans, double a, double b, int k);
   void MergeRectangleRow(const NSMatrixListwiseData& d, const double* newMeans, double a,
                          double b, int row, int& xpindex);
@@ -134,35 +135,36 @@ void NSMatrixListwiseData::Accumulate(DataBatch& data) {
   _regWeightSum = _hasRegWeights ? SumValues(w, rows) : _weightSum;
 
   // All columns first, then the whole rectangle of centred columns.
-  for (int k = 0; k < _col2 - _col0; ++k)
-    ReduceColumn(data.Column(static_cast<unsigned>(_col0 + k)), w, rows, k);
-  const double* xprow = SweepRectangle(data, w, rows);
+  const ColumnBlock block = BatchColumns(data, static_cast<unsigned>(_col0), _col2 - _col0);
+  ReduceColumns(block, w, rows);
+  const double* xprow = SweepRectangle(block, w, rows);
   const int i = NFirst();
   const int j = NSecond();
   VOREL_ASSERT(xprow == _xp+i*j);
 }
 
-// Extremes (of the cells as added), mean, centring and sum of squares of
-// block column k.
-void NSMatrixListwiseData::ReduceColumn(double* x, const double* w, int rows, int k) {
-  const auto p = static_cast<std::size_t>(k);
-  _mins[p] = MinValue(x, rows);
-  _maxs[p] = MaxValue(x, rows);
-  _means[p] = StableMean(x, w, &_regWeightSum, rows);
-  SubtractInPlace(x, _means[p], rows);
-  _css[p] = WeightedDotProduct(x, x, w, rows);
+// Extremes (of the cells as added) and means of the block's columns, in one
+// sweep over each.
+void NSMatrixListwiseData::ReduceColumns(const ColumnBlock& block, const double* w, int rows) {
+  ColumnPass(block, w, _regWeightSum, rows, _means.data(), _mins.data(), _maxs.data());
 }
 
-// Every first-set column against every second-set column, row after row, one
-// direction. Returns the place behind the last cell written.
-double* NSMatrixListwiseData::SweepRectangle(const DataBatch& data, const double* w, int rows) {
-  double* cell = _xp;
-  for (int r = 0; r < NFirst(); ++r) {
-    const double* x = data.Column(static_cast<unsigned>(_col0 + r));
-    for (int c = 0; c < NSecond(); ++c, ++cell)
-      *cell = WeightedDotProduct(x, data.Column(static_cast<unsigned>(_col1 + c)), w, rows);
-  }
-  return cell;
+// Centres the block's columns in place, then takes in one sweep the sum of
+// squares of every column and every first-set column against every
+// second-set column, row after row. The blocked kernel gives every cell the
+// bits of its own dot product over the rows in order. Returns the place
+// behind the last cell written.
+double* NSMatrixListwiseData::SweepRectangle(const ColumnBlock& block, const double* w, int rows) {
+  CrossProductJob job;
+  job.cols = block;
+  job.weights = w;
+  job.nRows = rows;
+  job.centre = _means.data();
+  job.rectangle = _xp;
+  job.split = NFirst();
+  job.diagonal = _css.data();
+  CrossProducts(job);
+  return _xp + static_cast<std::ptrdiff_t>(NFirst()) * NSecond();
 }
 
 void NSMatrixListwiseData::Merge(const NSMatrixListwiseData& d) {

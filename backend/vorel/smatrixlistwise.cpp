@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "columnkernels.h"
+#include "crossproducts.h"
 #include "matrixrowcount.h"
 #include "meansscratch.h"
 
@@ -49,8 +50,8 @@ class SMatrixListwiseData {
 
  private:
   void SettleBounds(int nCols);
-  void ReduceColumn(double* x, const double* w, int rows, int i);
-  void SweepTriangleRow(const DataBatch& data, const double* w, int rows, int i);
+  void ReduceColumns(const ColumnBlock& block, const double* w, int rows);
+  void FillTriangle(const ColumnBlock& block, const double* w, int rows);
   void MergeTriangleRow(const SMatrixListwiseData& d, const double* newMeans, double p,
                         double q, int i, int& xpindex);
   void Swap(SMatrixListwiseData& other) noexcept;
@@ -131,39 +132,31 @@ void SMatrixListwiseData::Accumulate(DataBatch& data) {
       MultiplyInPlace(data.Weights(), const_cast<double*>(data.RegWeights()), rows);
   _regWeightSum = _hasRegWeights ? SumValues(w, rows) : _weightSum;
 
-  double* xprow = _xp;
-  for (int i = 0; i < nCols; ++i) {
-    ReduceColumn(data.Column(static_cast<unsigned>(_col0 + i)), w, rows, i);
-    xprow = _xp + MatrixRowCount(i + 1);
-    SweepTriangleRow(data, w, rows, i);
-  }
+  const ColumnBlock block = BatchColumns(data, static_cast<unsigned>(_col0), nCols);
+  ReduceColumns(block, w, rows);
+  FillTriangle(block, w, rows);
+  const double* xprow = _xp + MatrixRowCount(nCols);  // the start of the last row
   VOREL_ASSERT(xprow+nCols == _xp+nCells);
 }
 
-// Mean, extremes (of the cells as added) and centring of block column i.
-void SMatrixListwiseData::ReduceColumn(double* x, const double* w, int rows, int i) {
-  const auto k = static_cast<std::size_t>(i);
-  _means[k] = StableMean(x, w, &_regWeightSum, rows);
-  _mins[k] = MinValue(x, rows);
-  _maxs[k] = MaxValue(x, rows);
-  SubtractInPlace(x, _means[k], rows);
+// Means and extremes (of the cells as added) of the block's columns, in one
+// sweep over each.
+void SMatrixListwiseData::ReduceColumns(const ColumnBlock& block, const double* w, int rows) {
+  ColumnPass(block, w, _regWeightSum, rows, _means.data(), _mins.data(), _maxs.data());
 }
 
-// Row i of the triangle, from block columns 0 to i, all centred by now. The
-// direction alternates by row (even rows downward, odd rows upward), so that
-// each row starts at the columns the row before it touched last. Each cell is
-// a sum of its own, so the direction changes no value.
-void SMatrixListwiseData::SweepTriangleRow(const DataBatch& data, const double* w, int rows,
-                                           int i) {
-  const double* x = data.Column(static_cast<unsigned>(_col0 + i));
-  double* xprow = _xp + MatrixRowCount(i + 1);
-  if (i % 2 == 0) {
-    for (int j = i; j >= 0; --j)
-      xprow[j] = WeightedDotProduct(x, data.Column(static_cast<unsigned>(_col0 + j)), w, rows);
-  } else {
-    for (int j = 0; j <= i; ++j)
-      xprow[j] = WeightedDotProduct(x, data.Column(static_cast<unsigned>(_col0 + j)), w, rows);
-  }
+// Centres the block's columns in place and fills the triangle of the centred
+// columns. The blocked kernel gives every cell the bits of its own dot
+// product over the rows in order; which cells it works on together changes no
+// value.
+void SMatrixListwiseData::FillTriangle(const ColumnBlock& block, const double* w, int rows) {
+  CrossProductJob job;
+  job.cols = block;
+  job.weights = w;
+  job.nRows = rows;
+  job.centre = _means.data();
+  job.triangle = _xp;
+  CrossProducts(job);
 }
 
 void SMatrixListwiseData::Merge(const SMatrixListwiseData& d) {
