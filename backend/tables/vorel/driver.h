@@ -20,8 +20,12 @@
 // that worker without merging; the others stop reading and merge what they
 // have, and Driver calls vorelhost::HostResumeCaller once on the calling
 // thread. Any other exception out of a worker (std::bad_alloc, say) also stops
-// the run in the same way; once every thread has finished and the pool is torn
-// down, the first such exception is rethrown to the caller of Driver.
+// the run in the same way, without HostResumeCaller; once every thread has
+// finished and the pool is torn down, the first such exception is rethrown to
+// the caller of Driver (after HostResumeCaller, if a host error came too and
+// that call returned). An exception out of CreateWorker stops the workers
+// already running, waits for them and destroys them before it leaves Driver.
+// After any exception the caller's shared result holds a partial pass.
 #pragma once
 
 #include <cstdint>
