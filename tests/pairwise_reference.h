@@ -3,10 +3,10 @@
 // the library's records.
 #pragma once
 
+#include <vorel/initialextremes.h>
+
 #include <cstdint>
 #include <vector>
-
-#include <vorel/initialextremes.h>
 
 namespace vorel::testing {
 
@@ -28,10 +28,12 @@ inline double RefStableMean(const std::vector<double>& x, const std::vector<doub
   if (x.empty()) return 0.0;
   std::size_t i = 0;
   double run = 0.0;
-  for (; i < x.size() && x[i] == x[0]; ++i) run += v[i];
+  for (; i < x.size() && x[i] == x[0]; ++i)
+    run += v[i];
   if (i == x.size()) return x[0];
   double rest = 0.0;
-  for (; i < x.size(); ++i) rest += x[i] * v[i];
+  for (; i < x.size(); ++i)
+    rest += x[i] * v[i];
   return (rest + x[0] * run) / total;
 }
 
@@ -63,8 +65,10 @@ inline RefVar RefVarInit(const double* x, const double* w, const double* rw, dou
   RefKept k = RefCompress(x, nullptr, w, rw, code, n);
   RefVar r;
   r.nRows = k.x0.size();
-  for (std::size_t i = 0; i < k.x0.size(); ++i) r.weightSum += k.w[i];
-  for (std::size_t i = 0; i < k.x0.size(); ++i) r.regWeightSum += k.combined[i];
+  for (std::size_t i = 0; i < k.x0.size(); ++i)
+    r.weightSum += k.w[i];
+  for (std::size_t i = 0; i < k.x0.size(); ++i)
+    r.regWeightSum += k.combined[i];
   r.mean = RefStableMean(k.x0, k.combined, r.regWeightSum);
   if (!k.x0.empty()) {
     // The earliest of equal values stays; a NaN only wins from row 0.
@@ -86,8 +90,10 @@ inline RefPair RefPairInit(const double* x0, const double* x1, const double* w, 
   RefKept k = RefCompress(x0, x1, w, rw, code, n);
   RefPair r;
   r.nRows = k.x0.size();
-  for (std::size_t i = 0; i < k.x0.size(); ++i) r.weightSum += k.w[i];
-  for (std::size_t i = 0; i < k.x0.size(); ++i) r.regWeightSum += k.combined[i];
+  for (std::size_t i = 0; i < k.x0.size(); ++i)
+    r.weightSum += k.w[i];
+  for (std::size_t i = 0; i < k.x0.size(); ++i)
+    r.regWeightSum += k.combined[i];
   r.mean0 = RefStableMean(k.x0, k.combined, r.regWeightSum);
   r.mean1 = RefStableMean(k.x1, k.combined, r.regWeightSum);
   for (std::size_t i = 0; i < k.x0.size(); ++i) {

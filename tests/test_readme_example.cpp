@@ -90,8 +90,8 @@ void Summarise(const std::vector<Row>& rows, int nThreads, std::ostream& out) {
           << lw.CCP(i, i) / (lw.WeightSum() - 1) << "\n";
     for (unsigned i = 0; i < lw.NColumns(); ++i)
       for (unsigned j = 0; j < i; ++j)
-        out << "  r(" << i << ", " << j << ") = "
-            << lw.CCP(i, j) / std::sqrt(lw.CCP(i, i) * lw.CCP(j, j)) << "\n";
+        out << "  r(" << i << ", " << j
+            << ") = " << lw.CCP(i, j) / std::sqrt(lw.CCP(i, i) * lw.CCP(j, j)) << "\n";
   }
 
   const vorel::MatrixPairwise& pw = problem.pairwise;
@@ -99,8 +99,8 @@ void Summarise(const std::vector<Row>& rows, int nThreads, std::ostream& out) {
   if (pw.WeightSum() > 0.) {  // Var and Pair require it
     for (unsigned i = 0; i < pw.NColumns(); ++i) {
       const vorel::VarStats v = pw.Var(i);
-      out << "  column " << i << ": " << v.NRows() << " rows, mean " << v.Mean()
-          << ", variance " << v.CSS() / (v.WeightSum() - 1) << "\n";
+      out << "  column " << i << ": " << v.NRows() << " rows, mean " << v.Mean() << ", variance "
+          << v.CSS() / (v.WeightSum() - 1) << "\n";
     }
     for (unsigned i = 0; i < pw.NColumns(); ++i)
       for (unsigned j = 0; j < i; ++j) {

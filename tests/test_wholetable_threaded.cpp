@@ -33,7 +33,8 @@ Table MakeTable(std::size_t nRows) {
   Table t(kCols, true, true);
   for (std::size_t r = 0; r < nRows; ++r) {
     std::vector<double> cells(kCols);
-    for (double& c : cells) c = rng() % 8 == 0 ? kCode : cell(rng);
+    for (double& c : cells)
+      c = rng() % 8 == 0 ? kCode : cell(rng);
     cells[3] = 0.1;
     t.AddRow(cells, powers[rng() % 5], powers[rng() % 5]);
   }
@@ -45,8 +46,7 @@ Table MakeTable(std::size_t nRows) {
 // matrices; at the end it adds those to the problem's.
 class TableProblem : public ProblemBase {
  public:
-  TableProblem(const Table& table, std::size_t batchRows)
-      : _table(table), _batchRows(batchRows) {}
+  TableProblem(const Table& table, std::size_t batchRows) : _table(table), _batchRows(batchRows) {}
 
   WorkerBase* CreateWorker() override { return new Worker(*this); }
 
@@ -87,7 +87,8 @@ class TableProblem : public ProblemBase {
         batch.Clear();
         for (std::size_t r = begin; r < end; ++r) {
           bool complete = true;
-          for (unsigned c = 0; c < kCols; ++c) complete = complete && table.Cell(r, c) != kCode;
+          for (unsigned c = 0; c < kCols; ++c)
+            complete = complete && table.Cell(r, c) != kCode;
           if (!completeOnly || complete) table.Append(batch, r);
         }
       }

@@ -45,7 +45,8 @@ class Table {
   // Clears batch and fills it with rows [begin, end); it must have room.
   void Fill(DataBatch& batch, std::size_t begin, std::size_t end) const {
     batch.Clear();
-    for (std::size_t r = begin; r < end; ++r) Append(batch, r);
+    for (std::size_t r = begin; r < end; ++r)
+      Append(batch, r);
   }
   // Adds row r to a batch made by Batch().
   void Append(DataBatch& batch, std::size_t r) const {
@@ -57,7 +58,8 @@ class Table {
   // Column-major copies of the cells, for references written as loops.
   std::vector<double> Column(unsigned col, std::size_t begin, std::size_t end) const {
     std::vector<double> column;
-    for (std::size_t r = begin; r < end; ++r) column.push_back(_rows[r][col]);
+    for (std::size_t r = begin; r < end; ++r)
+      column.push_back(_rows[r][col]);
     return column;
   }
 
@@ -77,7 +79,8 @@ inline Table RandomTable(std::mt19937_64& rng, unsigned nCols, std::size_t nRows
   Table table(nCols, hasWeights, hasRegWeights);
   for (std::size_t r = 0; r < nRows; ++r) {
     std::vector<double> cells(nCols);
-    for (double& c : cells) c = offset + cell(rng);
+    for (double& c : cells)
+      c = offset + cell(rng);
     table.AddRow(std::move(cells), weight(rng), weight(rng));
   }
   return table;

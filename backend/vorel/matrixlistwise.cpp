@@ -1,11 +1,6 @@
-#include <vorel/matrixlistwise.h>
-
 #include <vorel/databatch.h>
+#include <vorel/matrixlistwise.h>
 #include <vorelhost/assertion.h>
-
-#include "columnkernels.h"
-#include "crossproducts.h"
-#include "storelimits.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -13,6 +8,10 @@
 #include <memory>
 #include <utility>
 #include <vector>
+
+#include "columnkernels.h"
+#include "crossproducts.h"
+#include "storelimits.h"
 
 namespace vorel {
 namespace {
@@ -31,10 +30,12 @@ void CheckColumnCount(unsigned nCols) {
 double MergedCell(double newMean, double meanT, double meanD, double a, double b, double cellD,
                   double cellT) {
   // Deliberate order: the four terms are added left to right as written.
+  // clang-format off
   return (((newMean - meanT) * a
            + cellD)
           + (newMean - meanD) * b)
          + cellT;
+  // clang-format on
 }
 
 }  // namespace
@@ -116,7 +117,9 @@ void MatrixListwiseData::FillTriangle(DataBatch& data, const double* combined, i
   job.triangle = _xp;
   CrossProducts(job);
   const double* xprow = nCols > 0 ? _xp + MatrixRow(nCols - 1) : _xp;
+  // clang-format off
   VOREL_ASSERT(xprow+nCols == _xp+nCells);
+  // clang-format on
 }
 
 // C_ij = C_t,ij + C_d,ij + R_t (M_i - m_t,i)(M_j - m_t,j) + R_d (M_i - m_d,i)(M_j - m_d,j),
@@ -154,9 +157,8 @@ void MatrixListwiseData::Merge(const MatrixListwiseData& d) {
 }
 
 // Row i of the merge, cells j = 0..i in order, four a turn while four remain.
-void MatrixListwiseData::MergeRow(unsigned row, const double* newMeans,
-                                  const MatrixListwiseData& d, double a, double b,
-                                  unsigned xpindex) {
+void MatrixListwiseData::MergeRow(unsigned row, const double* newMeans, const MatrixListwiseData& d,
+                                  double a, double b, unsigned xpindex) {
   double* t = _xp + xpindex;
   const double* o = d._xp + xpindex;
   const double* mt = _means.data();

@@ -1,16 +1,16 @@
-#include <vorel/matrixpairwise.h>
-
 #include <vorel/databatch.h>
+#include <vorel/matrixpairwise.h>
 #include <vorelhost/assertion.h>
-
-#include "columnkernels.h"
-#include "storelimits.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <utility>
 #include <vector>
+
+#include "columnkernels.h"
+#include "pairwiserecords.h"
+#include "storelimits.h"
 
 namespace vorel {
 namespace {
@@ -26,85 +26,23 @@ void CheckColumnCount(unsigned nCols) {
 
 int Rows(unsigned n) { return static_cast<int>(n); }
 
-// The corrected sum of one side after a merge: ((tw d d + o) + ow e e) + t.
-double MergedSum(double tw, double dt, double dt2, double otherSum, double ow, double eo,
-                 double eo2, double thisSum) {
-  // Deliberate order: the four terms are added left to right as written.
-  return ((tw * dt * dt2
-           + otherSum)
-          + ow * eo * eo2)
-         + thisSum;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- records
 
 void VarStatsData::Init(const double* x, const double* weights, const double* regWeights,
                         WorkArea& work, unsigned n) {
-  CompressColumn(x, weights, regWeights, work.missingCode, Rows(n), work.x0, work.weights,
-                 work.regWeights);
-  nRows = work.x0.size();
-  weightSum = weights != nullptr ? SumValues(work.weights) : static_cast<double>(nRows);
-  regWeightSum = regWeights != nullptr ? SumOrDot(work.regWeights, work.weights) : weightSum;
-  // From here on work.weights holds the combined weights, or nothing.
-  MultiplyInPlace(work.weights, work.regWeights);
-  mean = StableMean(work.x0, work.weights, regWeightSum);
-  SubtractInPlace(work.x0, mean);
-  css = WeightedDotProduct(work.x0, work.x0, work.weights);
+  pairwise::InitVar(*this, x, weights, regWeights, work, Rows(n));
 }
 
-void VarStatsData::Update(const VarStatsData& o) {
-  if (o.nRows == 0) return;
-  const double tw = regWeightSum;
-  const double ow = o.regWeightSum;
-  const double om = o.mean;
-  const double d = MeanShift(mean, tw, om, ow);
-  const double newMean = mean + d;
-  const double e = om - newMean;
-  css = MergedSum(tw, d, d, o.css, ow, e, e, css);
-  mean = newMean;
-  weightSum += o.weightSum;
-  regWeightSum = tw + ow;
-  nRows += o.nRows;
-}
+void VarStatsData::Update(const VarStatsData& o) { pairwise::UpdateVar(*this, o); }
 
 void PairStatsData::Init(const double* x0, const double* x1, const double* weights,
                          const double* regWeights, WorkArea& work, unsigned n) {
-  CompressColumnPair(x0, x1, weights, regWeights, work.missingCode, Rows(n), work.x0, work.x1,
-                     work.weights, work.regWeights);
-  nRows = work.x0.size();
-  weightSum = !work.weights.empty() ? SumValues(work.weights) : static_cast<double>(nRows);
-  MultiplyInPlace(work.weights, work.regWeights);
-  regWeightSum = regWeights != nullptr ? SumValues(work.weights) : weightSum;
-  mean0 = StableMean(work.x0, work.weights, regWeightSum);
-  mean1 = StableMean(work.x1, work.weights, regWeightSum);
-  SubtractInPlace(work.x0, mean0);
-  SubtractInPlace(work.x1, mean1);
-  css0 = WeightedDotProduct(work.x0, work.x0, work.weights);
-  css1 = WeightedDotProduct(work.x1, work.x1, work.weights);
-  cscp = WeightedDotProduct(work.x0, work.x1, work.weights);
+  pairwise::InitPair(*this, x0, x1, weights, regWeights, work, Rows(n));
 }
 
-void PairStatsData::Update(const PairStatsData& o) {
-  if (o.nRows == 0) return;
-  const double tw = regWeightSum;
-  const double ow = o.regWeightSum;
-  const double om0 = o.mean0;
-  const double om1 = o.mean1;
-  const double d0 = MeanShift(mean0, tw, om0, ow);
-  mean0 += d0;
-  const double e0 = om0 - mean0;
-  const double d1 = MeanShift(mean1, tw, om1, ow);
-  mean1 += d1;
-  const double e1 = om1 - mean1;
-  css0 = MergedSum(tw, d0, d0, o.css0, ow, e0, e0, css0);
-  css1 = MergedSum(tw, d1, d1, o.css1, ow, e1, e1, css1);
-  cscp = MergedSum(tw, d0, d1, o.cscp, ow, e0, e1, cscp);
-  weightSum += o.weightSum;
-  regWeightSum = tw + ow;
-  nRows += o.nRows;
-}
+void PairStatsData::Update(const PairStatsData& o) { pairwise::UpdatePair(*this, o); }
 
 // ---------------------------------------------------------------- table record
 
@@ -118,9 +56,9 @@ struct MatrixPairwiseData {
   // record keeps its own scratch. Unchanged if an allocation fails.
   void CopyFrom(const MatrixPairwiseData& source);
 
-  double _weightSum = 0.0;     // frequency weight of every row added
-  double _regWeightSum = 0.0;  // combined weight of every row added
-  std::uint64_t _nRows = 0;    // every row added, missing cells or not
+  double _weightSum = 0.0;              // frequency weight of every row added
+  double _regWeightSum = 0.0;           // combined weight of every row added
+  std::uint64_t _nRows = 0;             // every row added, missing cells or not
   std::vector<VarStatsData> _varStats;  // one per column
   std::vector<PairStatsData> _xp;       // one per pair, row h holding (h, 0) .. (h, h - 1)
   WorkArea _workArea;                   // scratch, and the one place of the missing code

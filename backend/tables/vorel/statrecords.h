@@ -30,24 +30,24 @@
 namespace vorel {
 
 struct VarStatData {
-  int nRows = 0;             // rows whose cell is not missing
-  double weightSum = 0.0;    // their frequency weight (their count without weights)
-  double regWeightSum = 0.0; // their combined weight; weightSum without regression weights
-  double mean = 0.0;         // mean under the combined weight
-  double css = 0.0;          // sum of combined weight x (x - mean)^2
-  double min = MinInitial;   // smallest kept value
-  double max = MaxInitial;   // largest kept value
+  int nRows = 0;              // rows whose cell is not missing
+  double weightSum = 0.0;     // their frequency weight (their count without weights)
+  double regWeightSum = 0.0;  // their combined weight; weightSum without regression weights
+  double mean = 0.0;          // mean under the combined weight
+  double css = 0.0;           // sum of combined weight x (x - mean)^2
+  double min = MinInitial;    // smallest kept value
+  double max = MaxInitial;    // largest kept value
 };
 
 struct PairStatData {
-  int nRows = 0;             // rows where neither cell is missing
-  double weightSum = 0.0;    // as in VarStatData, over those rows
+  int nRows = 0;           // rows where neither cell is missing
+  double weightSum = 0.0;  // as in VarStatData, over those rows
   double regWeightSum = 0.0;
-  double mean0 = 0.0;        // mean of the first variable over those rows
-  double mean1 = 0.0;        // mean of the second variable over those rows
-  double css0 = 0.0;         // corrected sum of squares of the first variable
-  double css1 = 0.0;         // corrected sum of squares of the second variable
-  double cscp = 0.0;         // sum of combined weight x (x0 - mean0) x (x1 - mean1)
+  double mean0 = 0.0;  // mean of the first variable over those rows
+  double mean1 = 0.0;  // mean of the second variable over those rows
+  double css0 = 0.0;   // corrected sum of squares of the first variable
+  double css1 = 0.0;   // corrected sum of squares of the second variable
+  double cscp = 0.0;   // sum of combined weight x (x0 - mean0) x (x1 - mean1)
 };
 
 // Scratch of Init and the one carrier of the missing code. The owner (a matrix)
