@@ -1,6 +1,5 @@
-#include <vorel/nsmatrixpairwise.h>
-
 #include <vorel/databatch.h>
+#include <vorel/nsmatrixpairwise.h>
 #include <vorelhost/assertion.h>
 
 #include <cstddef>
@@ -17,12 +16,12 @@ namespace vorel {
 // first set (counted from _col0) with column c of the second set (counted
 // from _col1) stands at r * nSecond + c.
 struct NSMatrixPairwiseData {
-  double _weightSum = 0.0;     // frequency weight of every row given
-  double _regWeightSum = 0.0;  // combined weight of every row given
-  int _nRows = 0;              // every row given, missing cells or not
+  double _weightSum = 0.0;                          // frequency weight of every row given
+  double _regWeightSum = 0.0;                       // combined weight of every row given
+  int _nRows = 0;                                   // every row given, missing cells or not
   std::vector<std::unique_ptr<VarStat>> _varStats;  // one per column of the block
   std::vector<std::unique_ptr<PairStat>> _xp;       // one per pair of the rectangle
-  WorkArea _workArea;  // scratch of Init; holds the missing code
+  WorkArea _workArea;                               // scratch of Init; holds the missing code
   bool _hasRegWeights = false;
   int _col0 = 0;  // first column of the first set
   int _col1 = 0;  // first column of the second set
@@ -122,14 +121,18 @@ void NSMatrixPairwiseData::FoldPairs(const DataBatch& data, int n) {
       xpi = xpi + 1;
     }
   }
+  // The text of an assertion is what it reports: keep it as written.
+  // clang-format off
   VOREL_ASSERT(xpi == (_col1-_col0)*(_col2-_col1));
+  // clang-format on
 }
 
 void NSMatrixPairwiseData::Merge(const NSMatrixPairwiseData& d) {
   VOREL_ASSERT(_varStats.size() == d._varStats.size());
   VOREL_ASSERT(_hasRegWeights == d._hasRegWeights);
   if (d._weightSum == 0.0) return;
-  for (std::size_t i = 0; i < _varStats.size(); ++i) _varStats[i]->Update(*d._varStats[i]);
+  for (std::size_t i = 0; i < _varStats.size(); ++i)
+    _varStats[i]->Update(*d._varStats[i]);
   const int nFirst = _col1 - _col0;
   const int nSecond = _col2 - _col1;
   int xpindex = 0;
@@ -139,7 +142,10 @@ void NSMatrixPairwiseData::Merge(const NSMatrixPairwiseData& d) {
       ++xpindex;
     }
   }
+  // The text of an assertion is what it reports: keep it as written.
+  // clang-format off
   VOREL_ASSERT(xpindex == (_col1-_col0)*(_col2-_col1));
+  // clang-format on
   _weightSum += d._weightSum;
   _regWeightSum += d._regWeightSum;
   _nRows += d._nRows;

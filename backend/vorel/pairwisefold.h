@@ -19,8 +19,7 @@ namespace vorel {
 // Adds the n rows of a batch to a matrix's totals, whatever their cells hold.
 // Without regression weights the combined total is the plain total, so it is
 // set rather than added to and the two can never drift apart.
-inline void AddBatchWeights(const DataBatch& data, int n, double& weightSum,
-                            double& regWeightSum) {
+inline void AddBatchWeights(const DataBatch& data, int n, double& weightSum, double& regWeightSum) {
   weightSum += SumWeights(data.Weights(), n);
   if (data.RegWeights() == nullptr) {
     regWeightSum = weightSum;
@@ -35,8 +34,7 @@ inline void AddBatchWeights(const DataBatch& data, int n, double& weightSum,
 // scratch is any record: Init replaces all of it.
 inline void FoldColumn(const DataBatch& data, int col, int n, WorkArea& work, VarStat& scratch,
                        VarStat& target) {
-  scratch.Init(data.Column(static_cast<unsigned>(col)), data.Weights(), data.RegWeights(), work,
-               n);
+  scratch.Init(data.Column(static_cast<unsigned>(col)), data.Weights(), data.RegWeights(), work, n);
   target.Update(scratch);
 }
 
@@ -45,8 +43,8 @@ inline void FoldColumn(const DataBatch& data, int col, int n, WorkArea& work, Va
 inline void FoldPair(const DataBatch& data, int first, int second, int n, WorkArea& work,
                      PairStat& scratch, PairStat& target) {
   scratch.Init(data.Column(static_cast<unsigned>(first)),
-               data.Column(static_cast<unsigned>(second)), data.Weights(), data.RegWeights(),
-               work, n);
+               data.Column(static_cast<unsigned>(second)), data.Weights(), data.RegWeights(), work,
+               n);
   target.Update(scratch);
 }
 
@@ -58,7 +56,8 @@ std::vector<std::unique_ptr<Stat>> NewStats(long long count) {
   const std::size_t size = CheckedTableCells(count);
   std::vector<std::unique_ptr<Stat>> stats;
   stats.reserve(size);
-  for (std::size_t i = 0; i < size; ++i) stats.push_back(std::make_unique<Stat>());
+  for (std::size_t i = 0; i < size; ++i)
+    stats.push_back(std::make_unique<Stat>());
   return stats;
 }
 
@@ -67,7 +66,8 @@ template <class Stat>
 std::vector<std::unique_ptr<Stat>> CopyStats(const std::vector<std::unique_ptr<Stat>>& from) {
   std::vector<std::unique_ptr<Stat>> copies;
   copies.reserve(from.size());
-  for (const auto& stat : from) copies.push_back(std::unique_ptr<Stat>(stat->Copy()));
+  for (const auto& stat : from)
+    copies.push_back(std::unique_ptr<Stat>(stat->Copy()));
   return copies;
 }
 

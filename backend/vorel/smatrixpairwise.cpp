@@ -1,6 +1,5 @@
-#include <vorel/smatrixpairwise.h>
-
 #include <vorel/databatch.h>
+#include <vorel/smatrixpairwise.h>
 #include <vorelhost/assertion.h>
 
 #include <cstddef>
@@ -16,12 +15,12 @@ namespace vorel {
 // has a row of i pairs, one with each earlier position, and the pair of
 // positions i > j stands at MatrixRowCount(i) + j. The diagonal is _varStats.
 struct SMatrixPairwiseData {
-  double _weightSum = 0.0;     // frequency weight of every row given
-  double _regWeightSum = 0.0;  // combined weight of every row given
-  int _nRows = 0;              // every row given, missing cells or not
+  double _weightSum = 0.0;                          // frequency weight of every row given
+  double _regWeightSum = 0.0;                       // combined weight of every row given
+  int _nRows = 0;                                   // every row given, missing cells or not
   std::vector<std::unique_ptr<VarStat>> _varStats;  // one per column, in column order
   std::vector<std::unique_ptr<PairStat>> _xp;       // one per pair, triangular order
-  WorkArea _workArea;  // scratch of Init; holds the missing code
+  WorkArea _workArea;                               // scratch of Init; holds the missing code
   bool _hasRegWeights = false;
   int _col0 = 0;
   int _col1 = 0;  // always _col0
