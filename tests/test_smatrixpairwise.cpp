@@ -2,6 +2,7 @@
 #include <vorel/initialextremes.h>
 #include <vorel/smatrixpairwise.h>
 
+#include <stdexcept>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -70,6 +71,14 @@ TEST(SMatrixPairwise, Preconditions) {
   wider += batch;
   EXPECT_VOREL_ASSERT(m += other, "_hasRegWeights == d._hasRegWeights", kSource);
   EXPECT_VOREL_ASSERT(m += wider, "_varStats.size() == d._varStats.size()", kSource);
+  SMatrixPairwise backwards(-1.0, 3, 1);
+  try {
+    backwards += batch;
+    ADD_FAILURE() << "a block of negative size was accepted";
+  } catch (const std::length_error& error) {
+    EXPECT_STREQ(error.what(), "vector<T> too long");
+  }
+  EXPECT_EQ(backwards.NColumns(), 0);
   struct Stranger : MatrixBase {
     int NRows() const override { return 1; }
     using MatrixBase::operator+=;
