@@ -1,16 +1,12 @@
-// The platform layer: host answers and hooks, the completion counter, the
-// pool, and thread placement on this machine.
+// The platform layer on this machine: host answers and hooks, what the pool
+// does with tasks it cannot run, thread stacks, and thread placement.
 #include <vorelhost/hostruntime.h>
 #include <vorelhost/placement.h>
-#include <vorelhost/tpcompletetask.h>
 #include <vorelhost/tpthreadpool.h>
 
 #include <sched.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -19,17 +15,6 @@
 
 namespace vorelhost {
 namespace {
-
-using namespace std::chrono_literals;
-
-bool WaitFor(const std::function<bool()>& ready) {
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!ready()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 TEST(HostRuntime, MachineDefaults) {
   const unsigned hardware = std::thread::hardware_concurrency();
@@ -70,109 +55,21 @@ TEST(HostRuntime, HooksReplaceAnswersForTheirScope) {
   EXPECT_EQ(HostThreadCount(), defaultThreads);
 }
 
-TEST(HostRuntime, ResumeCallerThrowsUnlessTheHostHandlesIt) {
-  EXPECT_THROW(HostResumeCaller(), QuorGoToCaller);
-  int calls = 0;
-  HostHooks hooks;
-  hooks.resumeCaller = [&calls] { ++calls; };
-  ScopedHostHooks scope(hooks);
-  HostResumeCaller();
-  EXPECT_EQ(calls, 1);
-}
-
-TEST(CompleteTaskThreaded, WaitsForEveryTaskAndKeepsTheFirstFailure) {
-  tpCompleteTask counter(0);
-  EXPECT_TRUE(counter.waitAll()) << "nothing to wait for";
-  EXPECT_FALSE(counter.set(-1));
-  ASSERT_TRUE(counter.set(4));
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] { counter.TaskDone(); });
-  threads.emplace_back([&] { counter.TaskDone(); });
-  threads.emplace_back([&] {
-    counter.TaskFailed(std::make_exception_ptr(std::runtime_error("first")));
-  });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_TRUE(counter.stopRequested());
-  counter.TaskFailed(std::make_exception_ptr(std::runtime_error("second")));
-  EXPECT_FALSE(counter.waitAll());
-  try {
-    std::rethrow_exception(counter.firstFailure());
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "first");
-  }
-}
-
-struct Probes {
-  std::thread::id caller = std::this_thread::get_id();
-  std::atomic<int> started{0}, met{0}, destroyed{0}, destroyedOnCaller{0};
-};
-
-// Waits in Run until `meet` tasks have started; throws if given an argument.
-struct ProbeTask : tpTaskObject {
-  ProbeTask(Probes& probes, int meet) : tpTaskObject(nullptr), _probes(probes), _meet(meet) {}
-  ~ProbeTask() override {
-    if (std::this_thread::get_id() == _probes.caller) ++_probes.destroyedOnCaller;
-    ++_probes.destroyed;
-  }
-  int Run(void* arg) override {
-    ++_probes.started;
-    if (arg != nullptr) throw std::runtime_error("from Run");
-    if (WaitFor([this] { return _probes.started.load() >= _meet; })) ++_probes.met;
-    return 1;
-  }
-  Probes& _probes;
-  int _meet;
-};
-
-TEST(ThreadPoolThreaded, RunsItsTasksSideBySideAndDestroysThemBeforeItEnds) {
-  Probes probes;
-  constexpr int n = 5;
-  {
-    tpThreadPool pool(n, 0);
-    EXPECT_TRUE(pool.init());
-    // Handed over before the start: it waits for a thread.
-    EXPECT_TRUE(pool.invoke(new ProbeTask(probes, n), nullptr, tpScopePool));
-    EXPECT_TRUE(pool.startAll());
-    EXPECT_FALSE(pool.startAll());
-    for (int i = 1; i < n; ++i) pool.invoke(new ProbeTask(probes, n), nullptr, tpScopePool);
-  }
-  // Each task waited for all n to start, which only n threads at once allow.
-  EXPECT_EQ(probes.met.load(), n);
-  EXPECT_EQ(probes.destroyed.load(), n);
-  EXPECT_EQ(probes.destroyedOnCaller.load(), 0);
-}
-
-TEST(ThreadPoolThreaded, ReportsAnEscapedExceptionToTheTasksCounter) {
-  tpCompleteTask counter(0);
-  counter.set(2);
-  Probes probes;
-  {
-    tpThreadPool pool(2, 0);
-    pool.init();
-    pool.startAll();
-    int marker = 0;  // a non-null argument makes the task throw
-    for (void* arg : {static_cast<void*>(&marker), static_cast<void*>(nullptr)}) {
-      auto* task = new ProbeTask(probes, 1);
-      task->setCompleteTask(&counter);
-      pool.invoke(task, arg, tpScopePool);
-    }
-    counter.TaskDone();  // on behalf of the task that ends normally
-    EXPECT_FALSE(counter.waitAll());
-  }
-  EXPECT_TRUE(counter.stopRequested());
-  EXPECT_THROW(std::rethrow_exception(counter.firstFailure()), std::runtime_error);
-  EXPECT_EQ(probes.met.load(), 1);
-  EXPECT_EQ(probes.destroyed.load(), 2);
-}
-
+// Escaped exceptions, side-by-side running and teardown of the pool are
+// proven through Driver in the Driver suites.
 TEST(ThreadPoolThreaded, RefusedTasksAreDestroyedAtOnce) {
-  Probes probes;
+  struct CountingTask : tpTaskObject {
+    explicit CountingTask(int& destroyed) : tpTaskObject(nullptr), _destroyed(destroyed) {}
+    ~CountingTask() override { ++_destroyed; }
+    int Run(void*) override { return 1; }
+    int& _destroyed;
+  };
+  int destroyed = 0;
   tpThreadPool pool(0, 0);
   pool.init();
   pool.startAll();
-  EXPECT_FALSE(pool.invoke(new ProbeTask(probes, 0), nullptr, tpScopePool));
-  EXPECT_EQ(probes.destroyed.load(), 1);
-  EXPECT_EQ(probes.started.load(), 0);
+  EXPECT_FALSE(pool.invoke(new CountingTask(destroyed), nullptr, tpScopePool));
+  EXPECT_EQ(destroyed, 1);
 }
 
 TEST(ThreadPoolThreaded, ThreadsGetTheStackAskedFor) {
