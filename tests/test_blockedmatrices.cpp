@@ -8,10 +8,15 @@
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
 #include <vorel/matrixlistwise.h>
+#include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixlistwise.h>
+#include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixlistwise.h>
+#include <vorel/smatrixpairwise.h>
+#include <vorel/statrecords.h>
 
 #include <cmath>
+#include <cstdint>
 #include <random>
 #include <string>
 #include <vector>
@@ -246,6 +251,125 @@ TEST_P(BlockedMatrices, DiscriminantTablesMatchTheirFormulas) {
       for (std::size_t k = 0; k < want.size(); ++k)
         EXPECT_TRUE(SameBits(di.TSSP(static_cast<int>(k), static_cast<int>(g)), want[k]))
             << "group " << g << ", entry " << k;
+    }
+  }
+}
+
+constexpr double kMissing = -99.0;
+
+// Rows whose columns are partly complete: column c has missing cells when
+// c % 3 == 1 (one at row 0 for some, one at the last row for others, a run in
+// the middle for the rest).
+Rows WithMissingCells(int p, int n, unsigned seed) {
+  Rows rows(p, n, seed);
+  for (int c = 1; c < p; c += 3) {
+    std::vector<double>& x = rows.x[c];
+    switch (c % 4) {
+      case 0:
+        x[0] = kMissing;
+        break;
+      case 1:
+        x[n - 1] = kMissing;
+        break;
+      default:
+        for (int i = n / 3; i < n / 3 + 9; ++i)
+          x[i] = kMissing;
+    }
+  }
+  return rows;
+}
+
+bool SameRecord(const VarStatData& a, const VarStatData& b) {
+  return a.nRows == b.nRows && SameBits(a.weightSum, b.weightSum)
+         && SameBits(a.regWeightSum, b.regWeightSum) && SameBits(a.mean, b.mean)
+         && SameBits(a.css, b.css) && SameBits(a.min, b.min) && SameBits(a.max, b.max);
+}
+
+bool SameRecord(const PairStatData& a, const PairStatData& b) {
+  return a.nRows == b.nRows && SameBits(a.weightSum, b.weightSum)
+         && SameBits(a.regWeightSum, b.regWeightSum) && SameBits(a.mean0, b.mean0)
+         && SameBits(a.mean1, b.mean1) && SameBits(a.css0, b.css0) && SameBits(a.css1, b.css1)
+         && SameBits(a.cscp, b.cscp);
+}
+
+// A new record updated by the per-column (per-pair) reduction of the batch:
+// what a pairwise matrix holds after its first batch, by the compressing path.
+VarStatData ByCompression(const DataBatch& b, int c) {
+  WorkArea work;
+  work.missingCode = kMissing;
+  VarStat batch, record;
+  batch.Init(b.Column(static_cast<unsigned>(c)), b.Weights(), b.RegWeights(), work,
+             static_cast<int>(b.NRows()));
+  record.Update(batch);
+  return record.Data();
+}
+
+PairStatData ByCompression(const DataBatch& b, int first, int second) {
+  WorkArea work;
+  work.missingCode = kMissing;
+  PairStat batch, record;
+  batch.Init(b.Column(static_cast<unsigned>(first)), b.Column(static_cast<unsigned>(second)),
+             b.Weights(), b.RegWeights(), work, static_cast<int>(b.NRows()));
+  record.Update(batch);
+  return record.Data();
+}
+
+// The pairwise classes take complete columns and pairs from the blocked pass
+// and the others from their own reduction; either way the records are those
+// of the per-column and per-pair path, bit for bit.
+TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
+  for (int p : {5, 14, 27}) {
+    for (bool regWeights : {false, true}) {
+      const int n = 517;
+      SCOPED_TRACE(::testing::Message() << "seed " << p + 200 << ", p " << p
+                                        << (regWeights ? ", regression weights" : ""));
+      const Rows rows = WithMissingCells(p, n, static_cast<unsigned>(p + 200));
+      const DataBatch batch = rows.Batch(regWeights);
+
+      DataBatch whole = batch;
+      MatrixPairwise m(kMissing);
+      m += whole;
+      for (int c = 0; c < p; ++c) {
+        const VarStatData want = ByCompression(batch, c);
+        const VarStats got = m.Var(static_cast<unsigned>(c));
+        EXPECT_TRUE(got.NRows() == static_cast<std::uint64_t>(want.nRows)
+                    && SameBits(got.WeightSum(), want.weightSum)
+                    && SameBits(got.RegWeightSum(), want.regWeightSum)
+                    && SameBits(got.Mean(), want.mean) && SameBits(got.CSS(), want.css))
+            << "column " << c;
+        for (int k = 0; k < c; ++k) {
+          const PairStatData pw = ByCompression(batch, c, k);
+          const PairStats pg = m.Pair(static_cast<unsigned>(c), static_cast<unsigned>(k));
+          EXPECT_TRUE(pg.NRows() == static_cast<std::uint64_t>(pw.nRows)
+                      && SameBits(pg.WeightSum(), pw.weightSum)
+                      && SameBits(pg.RegWeightSum(), pw.regWeightSum)
+                      && SameBits(pg.Mean0(), pw.mean0) && SameBits(pg.Mean1(), pw.mean1)
+                      && SameBits(pg.CSS0(), pw.css0) && SameBits(pg.CSS1(), pw.css1)
+                      && SameBits(pg.CSCP(), pw.cscp))
+              << "pair " << c << "," << k;
+        }
+      }
+
+      DataBatch forS = batch;
+      SMatrixPairwise s(kMissing, 1, p);
+      s += forS;
+      for (int c = 1; c < p; ++c) {
+        EXPECT_TRUE(SameRecord(s.Var(c).Data(), ByCompression(batch, c))) << "column " << c;
+        for (int k = 1; k < c; ++k)
+          EXPECT_TRUE(SameRecord(s.Pair(c, k).Data(), ByCompression(batch, c, k)))
+              << "pair " << c << "," << k;
+      }
+
+      const int col1 = p / 2;
+      DataBatch forNS = batch;
+      NSMatrixPairwise ns(kMissing, 0, col1, p);
+      ns += forNS;
+      for (int c = 0; c < p; ++c)
+        EXPECT_TRUE(SameRecord(ns.Var(c).Data(), ByCompression(batch, c))) << "column " << c;
+      for (int r = 0; r < col1; ++r)
+        for (int c = col1; c < p; ++c)
+          EXPECT_TRUE(SameRecord(ns.Pair(r, c).Data(), ByCompression(batch, r, c)))
+              << "pair " << r << "," << c;
     }
   }
 }

@@ -213,6 +213,78 @@ TEST_P(KernelLevels, CentringWritesBackAndFeedsTheProducts) {
   }
 }
 
+// Columns named one by one, in any order, centred in the kernel's copies
+// only: the products are those of the centred columns, and the columns stay.
+TEST_P(KernelLevels, ColumnListsCentredInThePanelsOnly) {
+  for (const Shape s : kShapes) {
+    for (bool weighted : {false, true}) {
+      const unsigned seed = static_cast<unsigned>(s.p * 577 + s.n + weighted);
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
+                                        << (weighted ? ", weighted" : ""));
+      std::mt19937_64 rng(seed);
+      Block b = RandomBlock(rng, s.p, s.n, Data::Specials);
+      const std::vector<double> w = RandomWeights(rng, s.n);
+      const double* wp = weighted ? w.data() : nullptr;
+      // Every other column of the block, last first.
+      std::vector<double*> list;
+      std::vector<double> means;
+      for (int j = s.p - 1; j >= 0; j -= 2) {
+        list.push_back(b.Column(j));
+        means.push_back(0.25 * j - 2.0);
+      }
+      const int m = static_cast<int>(list.size());
+      std::vector<std::vector<double>> centred(m);
+      for (int j = 0; j < m; ++j)
+        for (int i = 0; i < s.n; ++i)
+          centred[j].push_back(list[j][i] - means[j]);
+
+      const Block before = b;
+      CrossProductJob job;
+      job.cols.columns = list.data();
+      job.cols.count = m;
+      job.weights = wp;
+      job.nRows = s.n;
+      job.centre = means.data();
+      job.keepColumns = true;
+      // The triangle, then the rectangle with its diagonal, of the same list.
+      std::vector<double> want;
+      for (int c = 0; c < m; ++c)
+        for (int k = 0; k <= c; ++k)
+          want.push_back(PlainCell(centred[c].data(), centred[k].data(), wp, s.n));
+      std::vector<double> got(want.size(), kSentinel);
+      job.triangle = got.data();
+      CrossProducts(job);
+      EXPECT_TRUE(SameCells(got, want));
+      EXPECT_TRUE(SameCells(b.cells, before.cells));
+
+      if (m < 2) continue;
+      const int split = m / 2;
+      std::vector<double> wantRect, wantDiag;
+      for (int r = 0; r < split; ++r)
+        for (int c = split; c < m; ++c)
+          wantRect.push_back(PlainCell(centred[r].data(), centred[c].data(), wp, s.n));
+      for (int j = 0; j < m; ++j)
+        wantDiag.push_back(PlainCell(centred[j].data(), centred[j].data(), wp, s.n));
+      std::vector<double> rect(wantRect.size(), kSentinel), diag(m, kSentinel);
+      job.triangle = nullptr;
+      job.rectangle = rect.data();
+      job.split = split;
+      job.diagonal = diag.data();
+      CrossProducts(job);
+      EXPECT_TRUE(SameCells(rect, wantRect));
+      EXPECT_TRUE(SameCells(diag, wantDiag));
+      EXPECT_TRUE(SameCells(b.cells, before.cells));
+
+      std::vector<double> gotMeans(m, kSentinel);
+      ColumnPass(job.cols, wp, 3.0, s.n, gotMeans.data(), nullptr, nullptr);
+      for (int j = 0; j < m; ++j) {
+        const double total = 3.0;
+        EXPECT_TRUE(SameBits(gotMeans[j], StableMean(list[j], wp, &total, s.n))) << j;
+      }
+    }
+  }
+}
+
 TEST_P(KernelLevels, StridedTriangleWithoutDiagonalAndWithOnes) {
   for (const Shape s : kShapes) {
     for (bool weighted : {false, true}) {

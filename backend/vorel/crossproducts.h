@@ -41,13 +41,17 @@ KernelLevel ActiveKernelLevel();
 bool SetKernelLevel(KernelLevel level);
 const char* KernelLevelName(KernelLevel level);
 
-// p columns of n rows each; column j starts at base + j * stride.
+// count columns of n rows each: column j starts at base + j * stride, or at
+// columns[j] when a list of columns is given.
 struct ColumnBlock {
   double* base = nullptr;
   std::ptrdiff_t stride = 0;
   int count = 0;
+  double* const* columns = nullptr;
 
-  double* Column(int j) const { return base + static_cast<std::ptrdiff_t>(j) * stride; }
+  double* Column(int j) const {
+    return columns != nullptr ? columns[j] : base + static_cast<std::ptrdiff_t>(j) * stride;
+  }
 };
 
 // Columns first .. first+count-1 of a batch (DataBatch, DataBatchByGroup),
@@ -84,14 +88,16 @@ void ColumnPass(const ColumnBlock& cols, const double* w, double total, int n, d
 //
 // centre: null, or one value per column (ones excluded). Column j is then
 // centred in place first, x_j[i] = x_j[i] - centre[j] as SubtractInPlace does,
-// and the products are those of the centred columns. Without centre the
-// columns are only read.
+// and the products are those of the centred columns. With keepColumns the
+// centred values go only into the kernel's own copies and the columns stay as
+// they are. Without centre the columns are only read.
 struct CrossProductJob {
   ColumnBlock cols;
   bool withOnes = false;
   const double* weights = nullptr;
   int nRows = 0;
   const double* centre = nullptr;
+  bool keepColumns = false;
 
   double* triangle = nullptr;
   std::ptrdiff_t triangleStride = 1;

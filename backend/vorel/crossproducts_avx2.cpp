@@ -24,9 +24,9 @@ struct Avx2Isa {
   // otherwise (ties and NaN included): x > best ? x : best.
   static Vec KeepGreater(Vec x, Vec best) { return _mm256_max_pd(x, best); }
   static Vec KeepLess(Vec x, Vec best) { return _mm256_min_pd(x, best); }
-  static Index PackColumns(int cols, double* x, Index stride, const double* centre, const double* w,
-                           Index rows, double* p, double* q, Index ld) {
-    return PackColumnsAvx(cols, x, stride, centre, w, rows, p, q, ld);
+  static Index PackColumns(int cols, Centring c, double* const* x, const double* centre,
+                           const double* w, Index rows, double* p, double* q, Index ld) {
+    return PackColumnsAvx(cols, c, x, centre, w, rows, p, q, ld);
   }
   static bool NarrowTriangle(const CrossProductJob& job, double* tri) {
     return NarrowTriangleAvx(job, tri);

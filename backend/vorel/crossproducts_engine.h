@@ -34,6 +34,19 @@ using Index = std::ptrdiff_t;
 constexpr Index AlignUp(Index v, Index a) { return (v + a - 1) / a * a; }
 constexpr Index Smaller(Index a, Index b) { return a < b ? a : b; }
 
+inline double* ColumnOf(const ColumnBlock& cols, Index j) {
+  return cols.columns != nullptr ? cols.columns[j] : cols.base + cols.stride * j;
+}
+
+// How the cells of a chunk enter the panels: as they are, centred and written
+// back (the batch is centred in place), or centred in the panels alone.
+enum class Centring { None, InPlace, PanelOnly };
+
+inline Centring CentringOf(const CrossProductJob& job) {
+  if (job.centre == nullptr) return Centring::None;
+  return job.keepColumns ? Centring::PanelOnly : Centring::InPlace;
+}
+
 // Widest tile in lanes any level uses; the triangle's accumulator rows leave
 // this much room past the diagonal.
 constexpr Index kMaxTileLanes = 16;
@@ -104,20 +117,41 @@ Layout MakeLayout(const CrossProductJob& job) {
 
 // ---------------------------------------------------------------- packing
 
-// One column of a chunk into its lane of the panels. With Centre the column is
-// centred in place first (the cell is written back); the weighted value is
-// formed from the value that enters the panel.
-template <bool Centre, bool Weighted>
+// One column of a chunk into its lane of the panels, centred as C says; the
+// weighted value is formed from the value that enters the panel.
+template <Centring C, bool Weighted>
 void PackColumn(double* x, double centre, const double* w, Index rows, double* p, double* q,
                 Index ld) {
   for (Index r = 0; r < rows; ++r) {
     double v = x[r];
-    if constexpr (Centre) {
-      v = v - centre;
-      x[r] = v;
-    }
+    if constexpr (C != Centring::None) v = v - centre;
+    if constexpr (C == Centring::InPlace) x[r] = v;
     p[r * ld] = v;
     if constexpr (Weighted) q[r * ld] = w[r] * v;
+  }
+}
+
+template <Centring C>
+void PackColumn(double* x, double centre, const double* w, Index rows, double* p, double* q,
+                Index ld) {
+  if (w != nullptr)
+    PackColumn<C, true>(x, centre, w, rows, p, q, ld);
+  else
+    PackColumn<C, false>(x, centre, w, rows, p, q, ld);
+}
+
+void PackColumn(Centring c, double* x, double centre, const double* w, Index rows, double* p,
+                double* q, Index ld) {
+  switch (c) {
+    case Centring::None:
+      PackColumn<Centring::None>(x, centre, w, rows, p, q, ld);
+      break;
+    case Centring::InPlace:
+      PackColumn<Centring::InPlace>(x, centre, w, rows, p, q, ld);
+      break;
+    case Centring::PanelOnly:
+      PackColumn<Centring::PanelOnly>(x, centre, w, rows, p, q, ld);
+      break;
   }
 }
 
@@ -132,22 +166,20 @@ void PackOnes(const double* w, Index rows, double* p, double* q, Index ld) {
 // Cols (4, 2 or 1) whole columns, four rows at a time: centred in registers
 // and written back, transposed, and stored into the panel rows. Returns the
 // rows done (a multiple of four); the caller packs the rest one by one.
-template <int Cols, bool Centre, bool Weighted>
-Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows, double* p,
+template <int Cols, Centring C, bool Weighted>
+Index PackAvx(double* const* x, const double* centre, const double* w, Index rows, double* p,
               double* q, Index ld) {
   __m256d m[Cols];
   for (int t = 0; t < Cols; ++t)
-    m[t] = Centre ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
+    m[t] = C != Centring::None ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
   Index r = 0;
   for (; r + 4 <= rows; r += 4) {
     __m256d a[Cols];
 #pragma GCC unroll 4
     for (int t = 0; t < Cols; ++t) {
-      a[t] = _mm256_loadu_pd(x + stride * t + r);
-      if constexpr (Centre) {
-        a[t] = _mm256_sub_pd(a[t], m[t]);
-        _mm256_storeu_pd(x + stride * t + r, a[t]);
-      }
+      a[t] = _mm256_loadu_pd(x[t] + r);
+      if constexpr (C != Centring::None) a[t] = _mm256_sub_pd(a[t], m[t]);
+      if constexpr (C == Centring::InPlace) _mm256_storeu_pd(x[t] + r, a[t]);
     }
     double* pr = p + r * ld;
     double* qr = q + r * ld;
@@ -203,23 +235,33 @@ Index PackAvx(double* x, Index stride, const double* centre, const double* w, In
   return r;
 }
 
-template <int Cols>
-Index PackAvx(double* x, Index stride, const double* centre, const double* w, Index rows, double* p,
+template <int Cols, Centring C>
+Index PackAvx(double* const* x, const double* centre, const double* w, Index rows, double* p,
               double* q, Index ld) {
-  if (centre != nullptr) {
-    if (w != nullptr) return PackAvx<Cols, true, true>(x, stride, centre, w, rows, p, q, ld);
-    return PackAvx<Cols, true, false>(x, stride, centre, w, rows, p, q, ld);
-  }
-  if (w != nullptr) return PackAvx<Cols, false, true>(x, stride, centre, w, rows, p, q, ld);
-  return PackAvx<Cols, false, false>(x, stride, centre, w, rows, p, q, ld);
+  if (w != nullptr) return PackAvx<Cols, C, true>(x, centre, w, rows, p, q, ld);
+  return PackAvx<Cols, C, false>(x, centre, w, rows, p, q, ld);
 }
 
-// The packer of the AVX levels: cols is 4, 2 or 1.
-Index PackColumnsAvx(int cols, double* x, Index stride, const double* centre, const double* w,
+template <int Cols>
+Index PackAvx(Centring c, double* const* x, const double* centre, const double* w, Index rows,
+              double* p, double* q, Index ld) {
+  switch (c) {
+    case Centring::None:
+      return PackAvx<Cols, Centring::None>(x, centre, w, rows, p, q, ld);
+    case Centring::InPlace:
+      return PackAvx<Cols, Centring::InPlace>(x, centre, w, rows, p, q, ld);
+    case Centring::PanelOnly:
+      return PackAvx<Cols, Centring::PanelOnly>(x, centre, w, rows, p, q, ld);
+  }
+  return 0;
+}
+
+// The packer of the AVX levels: cols (4, 2 or 1) columns x[0..cols).
+Index PackColumnsAvx(int cols, Centring c, double* const* x, const double* centre, const double* w,
                      Index rows, double* p, double* q, Index ld) {
-  if (cols == 4) return PackAvx<4>(x, stride, centre, w, rows, p, q, ld);
-  if (cols == 2) return PackAvx<2>(x, stride, centre, w, rows, p, q, ld);
-  return PackAvx<1>(x, stride, centre, w, rows, p, q, ld);
+  if (cols == 4) return PackAvx<4>(c, x, centre, w, rows, p, q, ld);
+  if (cols == 2) return PackAvx<2>(c, x, centre, w, rows, p, q, ld);
+  return PackAvx<1>(c, x, centre, w, rows, p, q, ld);
 }
 #endif
 
@@ -228,44 +270,32 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
                double* q) {
   const int count = job.cols.count;
   const double* w = job.weights != nullptr ? job.weights + i0 : nullptr;
-  const double* centre = job.centre;
+  const Centring centring = CentringOf(job);
   int j = 0;
   while (j < count) {
     // Four columns at a time where the level can transpose them, then two,
     // then one; never across the rectangle's gap, where lanes are not adjacent.
     int take = Isa::kPacksColumns ? (count - j >= 4 ? 4 : count - j >= 2 ? 2 : 1) : 1;
     if (j < lay.split && j + take > lay.split) take = lay.split - j >= 2 ? 2 : 1;
-    double* x = job.cols.base + job.cols.stride * j + i0;
+    double* x[4];
+    for (int t = 0; t < take; ++t)
+      x[t] = ColumnOf(job.cols, j + t) + i0;
+    const double* centre = job.centre != nullptr ? job.centre + j : nullptr;
     const Index lane = LaneOf(lay, j);
     Index done = 0;
     if constexpr (Isa::kPacksColumns)
-      done = Isa::PackColumns(take, x, job.cols.stride, centre != nullptr ? centre + j : nullptr, w,
-                              rows, p + lane, q + lane, lay.ld);
-    for (int t = 0; t < take; ++t) {
-      double* xt = x + job.cols.stride * t + done;
-      double* pt = p + lane + t + done * lay.ld;
-      double* qt = q + lane + t + done * lay.ld;
-      const double* wt = w != nullptr ? w + done : nullptr;
-      const Index left = rows - done;
-      if (centre != nullptr) {
-        if (w != nullptr)
-          PackColumn<true, true>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
-        else
-          PackColumn<true, false>(xt, centre[j + t], wt, left, pt, qt, lay.ld);
-      } else {
-        if (w != nullptr)
-          PackColumn<false, true>(xt, 0.0, wt, left, pt, qt, lay.ld);
-        else
-          PackColumn<false, false>(xt, 0.0, wt, left, pt, qt, lay.ld);
-      }
-    }
+      done = Isa::PackColumns(take, centring, x, centre, w, rows, p + lane, q + lane, lay.ld);
+    for (int t = 0; t < take; ++t)
+      PackColumn(centring, x[t] + done, centre != nullptr ? centre[t] : 0.0,
+                 w != nullptr ? w + done : nullptr, rows - done, p + lane + t + done * lay.ld,
+                 q + lane + t + done * lay.ld, lay.ld);
     // Ask for the next chunk of these columns now: it arrives while the
     // tiles work on this one. Wide blocks have too many columns for the
     // hardware to follow them all.
     const Index ahead = Smaller(rows, job.nRows - i0 - rows);
     for (int t = 0; t < take; ++t)
       for (Index i = 0; i < ahead; i += 8)
-        __builtin_prefetch(x + job.cols.stride * t + rows + i, 1, 2);
+        __builtin_prefetch(x[t] + rows + i, 1, 2);
     j += take;
   }
   if (job.withOnes) {
@@ -281,18 +311,19 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
 // data and the arithmetic overlap. Lanes 0-3 of a row vector are the columns
 // 0-3 (lo), lanes 4-7 the columns 4-7 (hi); row c needs hi only when c >= 4.
 // Count data columns, then the column of ones when Ones; P in all.
-template <int Count, bool Ones, bool Weighted, bool Centre>
+template <int Count, bool Ones, bool Weighted, Centring C>
 void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
   constexpr int P = Count + (Ones ? 1 : 0);
   constexpr int H = P > 4 ? P - 4 : 0;  // rows with a hi vector
   const Index n = job.nRows;
   const double* w = job.weights;
-  const Index stride = job.cols.stride;
-  double* const x = job.cols.base;
+  double* x[Count > 0 ? Count : 1];
   __m256d m[Count > 0 ? Count : 1];
 #pragma GCC unroll 8
-  for (int j = 0; j < Count; ++j)
-    m[j] = Centre ? _mm256_set1_pd(job.centre[j]) : _mm256_setzero_pd();
+  for (int j = 0; j < Count; ++j) {
+    x[j] = ColumnOf(job.cols, j);
+    m[j] = C != Centring::None ? _mm256_set1_pd(job.centre[j]) : _mm256_setzero_pd();
+  }
   __m256d accLo[P], accHi[H > 0 ? H : 1];
 #pragma GCC unroll 8
   for (int c = 0; c < P; ++c)
@@ -317,11 +348,9 @@ void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
 #pragma GCC unroll 8
     for (int j = 0; j < 8; ++j) {
       if (j < Count) {
-        a[j] = _mm256_loadu_pd(x + stride * j + r);
-        if constexpr (Centre) {
-          a[j] = _mm256_sub_pd(a[j], m[j]);
-          _mm256_storeu_pd(x + stride * j + r, a[j]);
-        }
+        a[j] = _mm256_loadu_pd(x[j] + r);
+        if constexpr (C != Centring::None) a[j] = _mm256_sub_pd(a[j], m[j]);
+        if constexpr (C == Centring::InPlace) _mm256_storeu_pd(x[j] + r, a[j]);
       } else {
         a[j] = j < P ? _mm256_set1_pd(1.0) : _mm256_setzero_pd();
       }
@@ -385,11 +414,9 @@ void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
 #pragma GCC unroll 8
     for (int j = 0; j < 8; ++j) {
       if (j < Count) {
-        v[j] = x[stride * j + r];
-        if constexpr (Centre) {
-          v[j] = v[j] - job.centre[j];
-          x[stride * j + r] = v[j];
-        }
+        v[j] = x[j][r];
+        if constexpr (C != Centring::None) v[j] = v[j] - job.centre[j];
+        if constexpr (C == Centring::InPlace) x[j][r] = v[j];
       } else {
         v[j] = j < P ? 1.0 : 0.0;
       }
@@ -415,17 +442,27 @@ void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
     _mm256_storeu_pd(tri + TriangleRow(c + 4) + 4, accHi[c]);
 }
 
+template <int Count, bool Ones, bool Weighted>
+void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
+  switch (CentringOf(job)) {
+    case Centring::None:
+      NarrowTriangleAvx<Count, Ones, Weighted, Centring::None>(job, tri);
+      break;
+    case Centring::InPlace:
+      NarrowTriangleAvx<Count, Ones, Weighted, Centring::InPlace>(job, tri);
+      break;
+    case Centring::PanelOnly:
+      NarrowTriangleAvx<Count, Ones, Weighted, Centring::PanelOnly>(job, tri);
+      break;
+  }
+}
+
 template <int Count, bool Ones>
 void NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
-  const bool weighted = job.weights != nullptr, centre = job.centre != nullptr;
-  if (weighted && centre)
-    NarrowTriangleAvx<Count, Ones, true, true>(job, tri);
-  else if (weighted)
-    NarrowTriangleAvx<Count, Ones, true, false>(job, tri);
-  else if (centre)
-    NarrowTriangleAvx<Count, Ones, false, true>(job, tri);
+  if (job.weights != nullptr)
+    NarrowTriangleAvx<Count, Ones, true>(job, tri);
   else
-    NarrowTriangleAvx<Count, Ones, false, false>(job, tri);
+    NarrowTriangleAvx<Count, Ones, false>(job, tri);
 }
 
 template <bool Ones>
@@ -771,7 +808,7 @@ void ColumnGroup(const ColumnBlock& cols, int g0, int count, const double* w, do
   int used = 0;
   Index restFrom = 0;
   for (int j = 0; j < count; ++j) {
-    x[j] = cols.base + cols.stride * (g0 + j);
+    x[j] = ColumnOf(cols, g0 + j);
     first[j] = x[j][0];
     Index e = 0;
     while (e < n && x[j][e] == first[j])

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "columnkernels.h"
+#include "completecolumns.h"
 #include "pairwiserecords.h"
 #include "storelimits.h"
 
@@ -63,6 +64,8 @@ struct MatrixPairwiseData {
   std::vector<PairStatsData> _xp;       // one per pair, row h holding (h, 0) .. (h, h - 1)
   WorkArea _workArea;                   // scratch, and the one place of the missing code
   bool _hasRegWeights = false;
+  // Scratch: the columns of a batch without missing cells.
+  CompleteColumns _complete;
 
  private:
   void AddTableSums(const DataBatch& data);
@@ -107,21 +110,48 @@ void MatrixPairwiseData::AddTableSums(const DataBatch& data) {
 }
 
 // Each column, then each pair of it with a lower column, reduced on its own
-// and folded into its long-lived record.
+// and folded into its long-lived record. The columns without a missing cell
+// in the batch, and the pairs of two of them, take their figures from one
+// blocked pass over those columns: the same bits as their own reduction
+// (see completecolumns.h), without a compressed copy per column and pair.
 void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
   const unsigned n = data.NRows();
   const unsigned nCols = data.NColumns();
   const double* weights = data.Weights();
   const double* regWeights = data.RegWeights();
+  const CompleteColumns& full = _complete;
+  _complete.Reduce(data, 0, static_cast<int>(nCols), _workArea.missingCode,
+                   CompleteColumns::Pairs::Triangle, 0, false, 1);
   unsigned xpindex = 0;
   for (unsigned c = 0; c < nCols; ++c) {
     const double* column = data.Column(c);
+    const int ic = static_cast<int>(c);
     VarStatsData var;
-    var.Init(column, weights, regWeights, _workArea, n);
+    if (full.Complete(ic)) {
+      var.nRows = n;
+      var.weightSum = full.WeightSum();
+      var.regWeightSum = full.RegWeightSum();
+      var.mean = full.Mean(ic);
+      var.css = full.CSS(ic);
+    } else {
+      var.Init(column, weights, regWeights, _workArea, n);
+    }
     _varStats[c].Update(var);
     for (unsigned k = 0; k < c; ++k) {
+      const int ik = static_cast<int>(k);
       PairStatsData pair;
-      pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
+      if (full.Complete(ic) && full.Complete(ik)) {
+        pair.nRows = n;
+        pair.weightSum = full.WeightSum();
+        pair.regWeightSum = full.RegWeightSum();
+        pair.mean0 = full.Mean(ic);
+        pair.mean1 = full.Mean(ik);
+        pair.css0 = full.CSS(ic);
+        pair.css1 = full.CSS(ik);
+        pair.cscp = full.CSCP(ic, ik);
+      } else {
+        pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
+      }
       _xp[xpindex].Update(pair);
       ++xpindex;
     }

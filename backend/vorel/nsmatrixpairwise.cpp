@@ -26,6 +26,8 @@ struct NSMatrixPairwiseData {
   int _col0 = 0;  // first column of the first set
   int _col1 = 0;  // first column of the second set
   int _col2 = 0;  // end of the second set, exclusive
+  // Scratch: the columns of a batch without missing cells.
+  CompleteColumns _complete;
 
   NSMatrixPairwiseData(double missingCode, int col0, int col1, int col2)
       : _col0(col0), _col1(col1), _col2(col2) {
@@ -97,6 +99,8 @@ void NSMatrixPairwiseData::Accumulate(const DataBatch& data) {
   const std::size_t nCols = static_cast<std::size_t>(_col2 - _col0);
   VOREL_ASSERT(_varStats.size() == nCols);
   AddBatchWeights(data, n, _weightSum, _regWeightSum);
+  _complete.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
+                   CompleteColumns::Pairs::Rectangle, _col1 - _col0, true, 1);
   FoldColumns(data, n);
   FoldPairs(data, n);
 }
@@ -106,7 +110,7 @@ void NSMatrixPairwiseData::FoldColumns(const DataBatch& data, int n) {
   // One scratch record serves the whole batch: Init replaces all of it.
   VarStat scratch;
   for (int c = _col0; c < _col2; ++c) {
-    FoldColumn(data, c, n, _workArea, scratch, *_varStats[c - _col0]);
+    FoldColumn(data, c, c - _col0, _complete, n, _workArea, scratch, *_varStats[c - _col0]);
   }
 }
 
@@ -117,7 +121,7 @@ void NSMatrixPairwiseData::FoldPairs(const DataBatch& data, int n) {
   int xpi = 0;
   for (int r = _col0; r < _col1; ++r) {
     for (int c = _col1; c < _col2; ++c) {
-      FoldPair(data, r, c, n, _workArea, scratch, *_xp[xpi]);
+      FoldPair(data, r, c, r - _col0, c - _col0, _complete, n, _workArea, scratch, *_xp[xpi]);
       xpi = xpi + 1;
     }
   }

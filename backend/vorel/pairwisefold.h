@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "columnkernels.h"
+#include "completecolumns.h"
 #include "matrixrowcount.h"
 
 namespace vorel {
@@ -45,6 +46,48 @@ inline void FoldPair(const DataBatch& data, int first, int second, int n, WorkAr
   scratch.Init(data.Column(static_cast<unsigned>(first)),
                data.Column(static_cast<unsigned>(second)), data.Weights(), data.RegWeights(), work,
                n);
+  target.Update(scratch);
+}
+
+// Folds block column col (position j of complete) into target: from the
+// blocked pass when the column has no missing cell in the batch (the same
+// bits, see completecolumns.h), otherwise by its own reduction into scratch.
+inline void FoldColumn(const DataBatch& data, int col, int j, const CompleteColumns& complete,
+                       int n, WorkArea& work, VarStat& scratch, VarStat& target) {
+  if (!complete.Complete(j)) {
+    FoldColumn(data, col, n, work, scratch, target);
+    return;
+  }
+  VarStatData& figures = scratch.Data();
+  figures.nRows = complete.NRows();
+  figures.weightSum = complete.WeightSum();
+  figures.regWeightSum = complete.RegWeightSum();
+  figures.mean = complete.Mean(j);
+  figures.css = complete.CSS(j);
+  figures.min = complete.Min(j);
+  figures.max = complete.Max(j);
+  target.Update(scratch);
+}
+
+// Folds the pair of block columns (first, second), at positions a and b of
+// complete, into target, likewise: from the blocked pass when neither column
+// has a missing cell, otherwise by the pair's own reduction.
+inline void FoldPair(const DataBatch& data, int first, int second, int a, int b,
+                     const CompleteColumns& complete, int n, WorkArea& work, PairStat& scratch,
+                     PairStat& target) {
+  if (!complete.Complete(a) || !complete.Complete(b)) {
+    FoldPair(data, first, second, n, work, scratch, target);
+    return;
+  }
+  PairStatData& figures = scratch.Data();
+  figures.nRows = complete.NRows();
+  figures.weightSum = complete.WeightSum();
+  figures.regWeightSum = complete.RegWeightSum();
+  figures.mean0 = complete.Mean(a);
+  figures.mean1 = complete.Mean(b);
+  figures.css0 = complete.CSS(a);
+  figures.css1 = complete.CSS(b);
+  figures.cscp = complete.CSCP(a, b);
   target.Update(scratch);
 }
 

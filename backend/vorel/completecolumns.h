@@ -1,0 +1,78 @@
+// The columns of a pairwise block that have no missing cell in a batch,
+// reduced together by the blocked kernels instead of one compressed copy per
+// column and per pair. Internal.
+//
+// For such a column, and for a pair of two such columns, the figures come out
+// bit for bit as the per-column and per-pair reduction gives them
+// (compression, then the column kernels on the kept cells):
+//  - every row is kept, so the row count and the two weight totals are the
+//    batch's; with both kinds of weight the combined total is the same sum of
+//    the same products rw[i] * w[i] whether it is taken as SumOrDot of the two
+//    columns (a column's record) or as SumValues of the combined weights (a
+//    pair's record);
+//  - a pair's two means and corrected sums of squares are those of its two
+//    columns: the same StableMean and WeightedDotProduct over the same values;
+//  - its corrected cross-product is one cell of the blocked kernels,
+//    (v * x0) * x1 of the centred columns, which is the pair's own
+//    WeightedDotProduct with x0 * v written the other way round.
+// The batch is only read: the kernels centre their own copies of the cells.
+//
+// A pair with a missing cell in either column is not for this class: its rows
+// are a subset, and its figures are the per-pair reduction's alone.
+#pragma once
+
+#include <vorel/databatch.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace vorel {
+
+class CompleteColumns {
+ public:
+  // Which pairs the matrix keeps: every pair within the block, or each
+  // column before split (block position) with each column from split on.
+  enum class Pairs { Triangle, Rectangle };
+
+  CompleteColumns() = default;
+  // Scratch: a copy starts empty, and an assignment leaves the target's own.
+  CompleteColumns(const CompleteColumns&) {}
+  CompleteColumns& operator=(const CompleteColumns&) { return *this; }
+
+  // Finds the complete columns among block positions 0 .. count-1 (batch
+  // columns first ..) and reduces them: means (and extremes when asked),
+  // corrected sums of squares, and the cross-products of the pairs kept.
+  // Nothing is reduced when fewer than minimum columns are complete.
+  void Reduce(const DataBatch& data, int first, int count, double missingCode, Pairs pairs,
+              int split, bool extremes, int minimum);
+
+  bool Complete(int j) const { return _slot[static_cast<std::size_t>(j)] >= 0; }
+  int NRows() const { return _nRows; }
+  double WeightSum() const { return _weightSum; }
+  double RegWeightSum() const { return _regWeightSum; }
+  double Mean(int j) const { return _means[Slot(j)]; }
+  double Min(int j) const { return _mins[Slot(j)]; }
+  double Max(int j) const { return _maxs[Slot(j)]; }
+  double CSS(int j) const { return _css[Slot(j)]; }
+  // The corrected cross-product of a kept pair of complete columns, a being
+  // the pair's first variable: the later column of a triangle, the column
+  // before split of a rectangle.
+  double CSCP(int a, int b) const;
+
+ private:
+  std::size_t Slot(int j) const {
+    return static_cast<std::size_t>(_slot[static_cast<std::size_t>(j)]);
+  }
+
+  std::vector<int> _slot;  // per block position: index among the complete columns, or -1
+  std::vector<double*> _columns;
+  std::vector<double> _combined;  // weight times regression weight, when there are both
+  std::vector<double> _means, _mins, _maxs, _css, _cross;
+  Pairs _pairs = Pairs::Triangle;
+  int _split = 0;  // complete columns before split (a rectangle's rows)
+  int _nRows = 0;
+  double _weightSum = 0.0;
+  double _regWeightSum = 0.0;
+};
+
+}  // namespace vorel
