@@ -1,0 +1,362 @@
+// One batch of each matrix class, at n = 10^4, 10^5, 10^6 rows and p = 5,
+// 20, 50, 100, 200 columns: the listwise classes weighted and not, the
+// pairwise ones with no cell missing and with 5 % missing, spread evenly or
+// concentrated in a tenth of the columns; and a Driver pass with one and two
+// threads. Items are cell-rows (one product of a cross-product cell, or of a
+// pair record, over one row); bytes are the batch's cells and weights.
+#include <vorel/DiscriminantMatrix.h>
+#include <vorel/DscIndividualMatrix.h>
+#include <vorel/databatch.h>
+#include <vorel/databatchbygroup.h>
+#include <vorel/driver.h>
+#include <vorel/matrixlistwise.h>
+#include <vorel/matrixpairwise.h>
+#include <vorel/nsmatrixlistwise.h>
+#include <vorel/nsmatrixpairwise.h>
+#include <vorel/smatrixlistwise.h>
+#include <vorel/smatrixpairwise.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "bench_support.h"
+#include "columnkernels.h"
+
+namespace vorel::bench {
+namespace {
+
+constexpr double kCode = -99.0;
+constexpr unsigned kGroups = 4;
+
+enum Missing { kNone = 0, kEven = 1, kConcentrated = 2 };
+
+double Cells(int p) { return 0.5 * p * (p + 1.0); }
+
+std::uint64_t Next(std::uint64_t& s) {
+  std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+  return z ^ (z >> 31);
+}
+double Unit(std::uint64_t& s) { return static_cast<double>(Next(s) >> 11) * 0x1.0p-53; }
+
+// One batch of a shape, made once and kept while benchmarks of that shape
+// run. Listwise classes centre it in place (and mark it spent, so that the
+// next benchmark gets a new one): their later iterations do the same work on
+// centred values, and only the first iteration's answer is checked, against
+// copies of two columns taken before.
+struct Shared {
+  int p = 0, n = 0, missing = -1;
+  bool weighted = false;
+  bool spent = false;   // centred in place by a listwise matrix
+  double weight = 1.0;  // the batch reads the current weight and group from here
+  unsigned group = 0;
+  std::unique_ptr<DataBatch> batch;
+  std::unique_ptr<DataBatchByGroup> grouped;
+  std::vector<double> first, last, weights;  // columns 0 and p-1, and the weights, as made
+};
+
+Shared& SharedBatch(int p, int n, bool weighted, int missing, bool grouped = false) {
+  static Shared s;
+  if (s.batch && !s.spent && s.p == p && s.n == n && s.weighted == weighted && s.missing == missing
+      && (!grouped || s.grouped))
+    return s;
+  s.spent = false;
+  s.batch.reset();
+  s.grouped.reset();
+  s.p = p;
+  s.n = n;
+  s.weighted = weighted;
+  s.missing = missing;
+  const unsigned cols = static_cast<unsigned>(p), rows = static_cast<unsigned>(n);
+  s.batch =
+      std::make_unique<DataBatch>(cols, rows, weighted ? &s.weight : nullptr, nullptr, &s.group);
+  if (grouped)
+    s.grouped = std::make_unique<DataBatchByGroup>(cols, rows, weighted ? &s.weight : nullptr,
+                                                   nullptr, &s.group, kGroups);
+  // Concentrated: the missing cells of 5 % of the table lie in a tenth of
+  // the columns, half of each of those.
+  const int few = p / 10 > 0 ? p / 10 : 1;
+  const double rate = missing == kEven ? 0.05 : missing == kConcentrated ? 0.05 * p / few : 0.0;
+  std::uint64_t seed = 0x5eed1234u + static_cast<unsigned>(p);
+  std::vector<double> row(cols);
+  s.first.clear();
+  s.last.clear();
+  s.weights.clear();
+  for (int i = 0; i < n; ++i) {
+    for (int j = 0; j < p; ++j) {
+      row[j] = 10.0 * (j % 5) - 20.0 + (1.0 + j % 7) * (2.0 * Unit(seed) - 1.0);
+      const bool may = missing == kEven || (missing == kConcentrated && j < few);
+      if (may && Unit(seed) < rate) row[j] = kCode;
+    }
+    s.weight = 0.5 + 1.5 * Unit(seed);
+    s.group = static_cast<unsigned>(Next(seed) % kGroups);
+    s.batch->AddRow(row.data());
+    if (s.grouped) {
+      std::copy(row.begin(), row.end(), s.grouped->Row(s.grouped->NRows()));
+      s.grouped->AddRow();
+    }
+    s.first.push_back(row[0]);
+    s.last.push_back(row[cols - 1]);
+    s.weights.push_back(weighted ? s.weight : 1.0);
+  }
+  if (s.grouped) s.grouped->SortByGroup();
+  return s;
+}
+
+double Bytes(int p, int n, bool weighted) { return 8.0 * n * (p + (weighted ? 1 : 0)); }
+
+// The corrected cross-product of columns p-1 and 0 by the plain loops, the
+// weight multiplying column p-1 first (a triangle's row), or column 0 (a
+// rectangle's row) when lastWeighted is false.
+double PlainCorrected(const Shared& s, bool lastWeighted = true) {
+  const double* w = s.weighted ? s.weights.data() : nullptr;
+  const double total = SumWeights(w, s.n);
+  std::vector<double> a(s.last), b(s.first);
+  SubtractInPlace(a.data(), StableMean(a.data(), w, &total, s.n), s.n);
+  SubtractInPlace(b.data(), StableMean(b.data(), w, &total, s.n), s.n);
+  return lastWeighted ? PlainCell(a.data(), b.data(), w, s.n)
+                      : PlainCell(b.data(), a.data(), w, s.n);
+}
+
+// ---------------------------------------------------------------- listwise
+
+// Args: p, n, weighted.
+void BM_MatrixListwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
+  const double want = PlainCorrected(s);
+  double got = 0.0;
+  bool first = true;
+  for (auto _ : state) {
+    MatrixListwise m;
+    m += *s.batch;
+    if (first) got = m.CCP(static_cast<unsigned>(p - 1), 0);
+    first = false;
+  }
+  s.spent = true;
+  Check(state, SameBits(got, want), "listwise cell");
+  SetRates(state, Cells(p) * n, Bytes(p, n, s.weighted));
+}
+
+void BM_SMatrixListwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
+  const double want = PlainCorrected(s);
+  double got = 0.0;
+  bool first = true;
+  for (auto _ : state) {
+    SMatrixListwise m;
+    m += *s.batch;
+    if (first) got = m.CCP(p - 1, 0);
+    first = false;
+  }
+  s.spent = true;
+  Check(state, SameBits(got, want), "block cell");
+  SetRates(state, Cells(p) * n, Bytes(p, n, s.weighted));
+}
+
+// The first half of the columns against the second, with all sums of squares.
+void BM_NSMatrixListwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
+  const double want = PlainCorrected(s, false);
+  double got = 0.0;
+  bool first = true;
+  for (auto _ : state) {
+    NSMatrixListwise m(0, p / 2, p);
+    m += *s.batch;
+    if (first) got = m.CCP(0, p - 1);
+    first = false;
+  }
+  s.spent = true;
+  Check(state, SameBits(got, want), "rectangle cell");
+  const double half = p / 2;
+  SetRates(state, (half * (p - half) + p) * n, Bytes(p, n, s.weighted));
+}
+
+// ---------------------------------------------------------------- discriminant
+
+void BM_DiscriminantMatrix(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
+  const double* w = s.weighted ? s.weights.data() : nullptr;
+  const double want = PlainCell(s.last.data(), s.first.data(), w, n);
+  double got = 0.0;
+  for (auto _ : state) {
+    DiscriminantMatrix m(static_cast<int>(kGroups), p);
+    m += *s.batch;
+    got = p > 1 ? m.TSSP(p - 1, 0) : want;
+  }
+  Check(state, SameBits(got, want), "discriminant cell");
+  SetRates(state, Cells(p) * n, Bytes(p, n, s.weighted));
+}
+
+void BM_DiscIndividualMatrix(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone, true);
+  double total = 0.0;
+  for (auto _ : state) {
+    DiscIndividualMatrix m(static_cast<int>(kGroups), p);
+    m += *s.grouped;
+    total = 0.0;
+    for (int g = 0; g < static_cast<int>(kGroups); ++g)
+      total += m.TSSP(p, p, g);
+  }
+  // The groups' weight totals add up to the batch's (to rounding).
+  const double want = SumWeights(s.weighted ? s.weights.data() : nullptr, n);
+  Check(state, total > 0.999999 * want && total < 1.000001 * want, "group weights");
+  SetRates(state, (Cells(p + 1)) * n, Bytes(p, n, s.weighted));
+}
+
+// ---------------------------------------------------------------- pairwise
+
+// Args: p, n, missing (0 none, 1 even, 2 concentrated). Weighted.
+template <class Matrix, class Make>
+void PairwiseBatch(benchmark::State& state, Make make, double items) {
+  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
+  const int missing = static_cast<int>(state.range(2));
+  Shared& s = SharedBatch(p, n, true, missing);
+  double css = -1.0;
+  for (auto _ : state) {
+    Matrix m = make(p);
+    m += *s.batch;
+    css = m.Var(p - 1).CSS();
+  }
+  // Column p-1 is complete unless the cells are missing everywhere.
+  if (missing != kEven) {
+    const double total = SumWeights(s.weights.data(), n);
+    std::vector<double> x(s.last);
+    SubtractInPlace(x.data(), StableMean(x.data(), s.weights.data(), &total, n), n);
+    Check(state, SameBits(css, PlainCell(x.data(), x.data(), s.weights.data(), n)),
+          "pairwise sum of squares");
+  } else {
+    Check(state, css >= 0.0, "pairwise sum of squares");
+  }
+  SetRates(state, items * n, Bytes(p, n, true));
+}
+
+void BM_MatrixPairwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0));
+  PairwiseBatch<MatrixPairwise>(
+      state, [](int) { return MatrixPairwise(kCode); }, Cells(p));
+}
+
+void BM_SMatrixPairwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0));
+  PairwiseBatch<SMatrixPairwise>(
+      state, [](int) { return SMatrixPairwise(kCode); }, Cells(p));
+}
+
+void BM_NSMatrixPairwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0));
+  const double half = p / 2;
+  PairwiseBatch<NSMatrixPairwise>(
+      state, [](int cols) { return NSMatrixPairwise(kCode, 0, cols / 2, cols); },
+      half * (p - half) + p);
+}
+
+// ---------------------------------------------------------------- Driver
+
+// A pass of nBatches batches of batchRows rows of p columns, read from a
+// table in memory under the read lock, into one MatrixListwise per worker,
+// merged at the end. The arithmetic of a batch is far more than its copying,
+// so the pass is bound by the arithmetic.
+class ListwisePass : public ProblemBase {
+ public:
+  ListwisePass(int p, int batchRows, int nBatches)
+      : _p(p), _batchRows(batchRows), _nBatches(nBatches) {
+    std::uint64_t seed = 42;
+    _rows.resize(static_cast<std::size_t>(p) * batchRows * nBatches);
+    for (double& x : _rows)
+      x = 3.0 + 2.0 * Unit(seed);
+  }
+  WorkerBase* CreateWorker() override { return new Worker(*this); }
+  MatrixListwise& Result() { return _result; }
+
+ private:
+  class Worker : public WorkerBase {
+   public:
+    explicit Worker(ListwisePass& pass)
+        : _pass(pass),
+          _batch(static_cast<unsigned>(pass._p), static_cast<unsigned>(pass._batchRows), nullptr,
+                 nullptr, nullptr) {}
+    bool ReadBatch() override {
+      if (_pass._next == _pass._nBatches) return false;
+      const int b = _pass._next++;
+      _batch.Clear();
+      const double* row =
+          _pass._rows.data() + static_cast<std::size_t>(b) * _pass._batchRows * _pass._p;
+      for (int i = 0; i < _pass._batchRows; ++i, row += _pass._p)
+        _batch.AddRow(row);
+      return true;
+    }
+    void ProcessBatch() override { _matrix += _batch; }
+    void MergeResult() override { _pass._result += _matrix; }
+
+   private:
+    ListwisePass& _pass;
+    DataBatch _batch;
+    MatrixListwise _matrix;
+  };
+
+  int _p, _batchRows, _nBatches;
+  int _next = 0;
+  std::vector<double> _rows;
+  MatrixListwise _result;
+};
+
+// Args: threads, p. 40 batches of 5,000 rows.
+void BM_DriverListwise(benchmark::State& state) {
+  const int threads = static_cast<int>(state.range(0)), p = static_cast<int>(state.range(1));
+  constexpr int kBatchRows = 5000, kBatches = 40;
+  std::uint64_t rows = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    ListwisePass pass(p, kBatchRows, kBatches);
+    state.ResumeTiming();
+    Driver(&pass, threads);
+    rows = pass.Result().NRows();
+  }
+  Check(state, rows == std::uint64_t{kBatchRows} * kBatches, "rows of the pass");
+  SetRates(state, Cells(p) * kBatchRows * kBatches, 8.0 * p * kBatchRows * kBatches);
+}
+
+// ---------------------------------------------------------------- shapes
+
+void ListwiseShapes(benchmark::internal::Benchmark* b) {
+  for (std::int64_t n : {10000, 100000, 1000000})
+    for (std::int64_t p : {5, 20, 50, 100, 200})
+      for (std::int64_t weighted : {0, 1})
+        b->Args({p, n, weighted});
+  b->Unit(benchmark::kMillisecond);
+}
+
+// Every shape without missing cells and with concentrated ones; cells
+// missing evenly make every pair compress on its own, so those stop at
+// 10^5 rows and 50 columns.
+void PairwiseShapes(benchmark::internal::Benchmark* b) {
+  for (std::int64_t n : {10000, 100000, 1000000})
+    for (std::int64_t p : {5, 20, 50, 100, 200})
+      for (std::int64_t missing : {kNone, kEven, kConcentrated})
+        if (missing != kEven || (n <= 100000 && p <= 50)) b->Args({p, n, missing});
+  b->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(BM_MatrixListwise)->Apply(ListwiseShapes);
+BENCHMARK(BM_SMatrixListwise)->Apply(ListwiseShapes);
+BENCHMARK(BM_NSMatrixListwise)->Apply(ListwiseShapes);
+BENCHMARK(BM_DiscriminantMatrix)->Apply(ListwiseShapes);
+BENCHMARK(BM_DiscIndividualMatrix)->Apply(ListwiseShapes);
+BENCHMARK(BM_MatrixPairwise)->Apply(PairwiseShapes);
+BENCHMARK(BM_SMatrixPairwise)->Apply(PairwiseShapes);
+BENCHMARK(BM_NSMatrixPairwise)->Apply(PairwiseShapes);
+BENCHMARK(BM_DriverListwise)
+    ->ArgsProduct({{1, 2}, {100, 200}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace vorel::bench
