@@ -214,7 +214,8 @@ TEST_P(BlocksReadmeThreaded, AnyNumberOfThreadsGivesTheWholeTable) {
   ExpectClose(problem.result, WholeTable(rows, 3000));
 }
 
-INSTANTIATE_TEST_SUITE_P(Threads, BlocksReadmeThreaded, ::testing::Values(2, 3, 8));
+// 0 takes the host's thread count.
+INSTANTIATE_TEST_SUITE_P(Threads, BlocksReadmeThreaded, ::testing::Values(0, 2, 3, 8));
 
 }  // namespace
 }  // namespace vorel
