@@ -9,7 +9,6 @@
 
 #include <cmath>
 #include <cstddef>
-#include <ostream>
 #include <random>
 #include <vector>
 
@@ -185,12 +184,6 @@ inline void MergeRectangle(RefBlock& t, const RefBlock& d, std::size_t nFirst) {
 
 // Weight layouts a test runs over.
 enum class Weighting { kNone, kWeights, kRegWeights, kBoth };
-
-inline void PrintTo(Weighting weighting, std::ostream* os) {
-  static const char* const names[] = {"no weights", "weights", "regression weights",
-                                      "both weights"};
-  *os << names[static_cast<int>(weighting)];
-}
 
 // nRows rows of nColumns columns of values far from 0 (so that centring
 // matters), with the weights the layout asks for. Column 1 is constant when
