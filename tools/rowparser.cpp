@@ -1,0 +1,391 @@
+#include "rowparser.h"
+
+#include "errors.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+namespace vorelstat {
+namespace {
+
+bool IsSpace(char c) { return c == ' ' || c == '\t'; }
+
+std::string_view Trim(std::string_view text) {
+  while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Reads the field that starts at p and leaves p at the delimiter after it or
+// at `end`. A quoted field is unquoted into `scratch`, which `cell` then views.
+// Returns false, with `problem` set, for a malformed quoted field.
+bool NextField(const char*& p, const char* end, char delimiter, std::string& scratch,
+               std::string_view& cell, const char*& problem) {
+  const char* start = p;
+  while (start != end && IsSpace(*start) && *start != delimiter) ++start;
+  if (start == end || *start != '"') {
+    const void* found = std::memchr(p, delimiter, static_cast<std::size_t>(end - p));
+    const char* stop = found != nullptr ? static_cast<const char*>(found) : end;
+    cell = Trim(std::string_view(p, static_cast<std::size_t>(stop - p)));
+    p = stop;
+    return true;
+  }
+  scratch.clear();
+  const char* q = start + 1;
+  for (;;) {
+    const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
+    if (found == nullptr) {
+      problem = "a quoted field has no closing quote (a line end inside quotes is not supported)";
+      return false;
+    }
+    const char* quote = static_cast<const char*>(found);
+    scratch.append(q, quote);
+    if (quote + 1 != end && quote[1] == '"') {
+      scratch.push_back('"');
+      q = quote + 2;
+      continue;
+    }
+    q = quote + 1;
+    break;
+  }
+  while (q != end && IsSpace(*q) && *q != delimiter) ++q;
+  if (q != end && *q != delimiter) {
+    problem = "text follows the closing quote of a field";
+    return false;
+  }
+  cell = Trim(scratch);
+  p = q;
+  return true;
+}
+
+// Number of fields of a line, for the error path only.
+std::size_t CountFields(std::string_view line, char delimiter) {
+  std::string scratch;
+  const char* p = line.data();
+  const char* end = p + line.size();
+  std::size_t count = 0;
+  for (;;) {
+    std::string_view cell;
+    const char* problem = nullptr;
+    if (!NextField(p, end, delimiter, scratch, cell, problem)) return count + 1;
+    ++count;
+    if (p == end) return count;
+    ++p;
+  }
+}
+
+std::string Quoted(std::string_view text) {
+  constexpr std::size_t kShown = 40;
+  std::string shown(text.substr(0, kShown));
+  if (text.size() > kShown) shown += "...";
+  return "\"" + shown + "\"";
+}
+
+bool ParseDouble(std::string_view cell, double& value) {
+  const char* first = cell.data();
+  const char* last = first + cell.size();
+  if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
+  const auto [ptr, ec] = std::from_chars(first, last, value);
+  return ec == std::errc() && ptr == last;
+}
+
+bool ParseWhole(std::string_view cell, long long& value) {
+  const char* first = cell.data();
+  const char* last = first + cell.size();
+  if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
+  const auto [ptr, ec] = std::from_chars(first, last, value);
+  return ec == std::errc() && ptr == last;
+}
+
+std::string JoinNames(const std::vector<std::string>& names) {
+  std::string joined;
+  for (const std::string& name : names) {
+    if (!joined.empty()) joined += ", ";
+    joined += name;
+  }
+  return joined;
+}
+
+}  // namespace
+
+char DetectDelimiter(std::string_view header) {
+  std::size_t commas = 0, tabs = 0, semicolons = 0;
+  bool quoted = false;
+  for (char c : header) {
+    if (c == '"') quoted = !quoted;
+    if (quoted) continue;
+    commas += c == ',';
+    tabs += c == '\t';
+    semicolons += c == ';';
+  }
+  if (tabs > commas && tabs >= semicolons) return '\t';
+  if (semicolons > commas && semicolons > tabs) return ';';
+  return ',';
+}
+
+std::vector<std::string> SplitLine(std::string_view line, char delimiter) {
+  std::vector<std::string> fields;
+  std::string scratch;
+  const char* p = line.data();
+  const char* end = p + line.size();
+  for (;;) {
+    std::string_view cell;
+    const char* problem = nullptr;
+    if (!NextField(p, end, delimiter, scratch, cell, problem)) throw DataError(problem);
+    fields.emplace_back(cell);
+    if (p == end) return fields;
+    ++p;
+  }
+}
+
+namespace {
+
+std::size_t FindColumn(const std::vector<std::string>& names, const std::string& name) {
+  std::vector<std::size_t> hits;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (names[i] == name) hits.push_back(i);
+  }
+  if (hits.empty()) {
+    throw UsageError("the header has no column \"" + name + "\"; its columns are: " +
+                     JoinNames(names));
+  }
+  if (hits.size() > 1) {
+    throw DataError("the header names column \"" + name + "\" twice (fields " +
+                    std::to_string(hits[0] + 1) + " and " + std::to_string(hits[1] + 1) + ")");
+  }
+  return hits.front();
+}
+
+const char* RoleName(FieldRole role) {
+  switch (role) {
+    case FieldRole::kValue: return "an analysed column";
+    case FieldRole::kWeight: return "the weight column";
+    case FieldRole::kRegWeight: return "the regression weight column";
+    case FieldRole::kGroup: return "the group column";
+    case FieldRole::kSkip: break;
+  }
+  return "unused";
+}
+
+void AssignRole(RowLayout& layout, std::size_t field, FieldRole role) {
+  if (layout.roles[field] != FieldRole::kSkip) {
+    throw UsageError("column \"" + layout.names[field] + "\" is named as " + RoleName(role) +
+                     " and already as " + RoleName(layout.roles[field]));
+  }
+  layout.roles[field] = role;
+  if (role == FieldRole::kValue) {
+    layout.slots[field] = layout.NValues();
+    layout.valueFields.push_back(field);
+  }
+}
+
+bool LooksNumeric(std::string_view cell, const CellRules& rules) {
+  if (std::find(rules.missingTexts.begin(), rules.missingTexts.end(), cell)
+      != rules.missingTexts.end()) {
+    return true;
+  }
+  double value = 0.0;
+  return ParseDouble(cell, value);
+}
+
+}  // namespace
+
+RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const ColumnChoice& choice,
+                     const std::optional<std::string>& firstRow, const CellRules& rules) {
+  RowLayout layout;
+  layout.delimiter = delimiter;
+  layout.names = std::move(header);
+  layout.roles.assign(layout.names.size(), FieldRole::kSkip);
+  layout.slots.assign(layout.names.size(), 0);
+  if (!choice.weight.empty()) {
+    layout.weightField = FindColumn(layout.names, choice.weight);
+    AssignRole(layout, *layout.weightField, FieldRole::kWeight);
+  }
+  if (!choice.regWeight.empty()) {
+    layout.regWeightField = FindColumn(layout.names, choice.regWeight);
+    AssignRole(layout, *layout.regWeightField, FieldRole::kRegWeight);
+  }
+  if (!choice.group.empty()) {
+    layout.groupField = FindColumn(layout.names, choice.group);
+    AssignRole(layout, *layout.groupField, FieldRole::kGroup);
+  }
+  if (!choice.columns.empty()) {
+    for (const std::string& name : choice.columns) {
+      AssignRole(layout, FindColumn(layout.names, name), FieldRole::kValue);
+    }
+    return layout;
+  }
+  std::vector<std::string> cells;
+  if (firstRow) cells = SplitLine(*firstRow, delimiter);
+  for (std::size_t field = 0; field < layout.names.size(); ++field) {
+    if (layout.roles[field] != FieldRole::kSkip) continue;
+    if (!firstRow || field >= cells.size() || LooksNumeric(cells[field], rules)) {
+      AssignRole(layout, field, FieldRole::kValue);
+    }
+  }
+  if (layout.NValues() == 0) {
+    throw UsageError("no numeric column found in the first data row; name the columns with --columns");
+  }
+  return layout;
+}
+
+RowParser::RowParser(const RowLayout& layout, const CellRules& rules)
+    : _layout(layout), _rules(rules), _nFields(layout.names.size()) {}
+
+bool RowParser::IsMissingText(std::string_view cell) const {
+  for (const std::string& text : _rules.missingTexts) {
+    if (text.size() == cell.size() && std::memcmp(text.data(), cell.data(), cell.size()) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+RowParser::CellKind RowParser::ReadNumber(std::string_view cell, double& value) const {
+  if (IsMissingText(cell)) return CellKind::kMissing;
+  if (!ParseDouble(cell, value)) return CellKind::kBad;
+  // The missing code is compared exactly, on purpose.
+  if (value == _rules.missingCode) return CellKind::kMissing;
+  return CellKind::kNumber;
+}
+
+bool RowParser::TakeWeight(std::size_t field, std::string_view cell, double& weight, ParsedRow& row,
+                           LineError& error) {
+  switch (ReadNumber(cell, weight)) {
+    case CellKind::kMissing:
+      row.weightMissing = true;
+      return true;
+    case CellKind::kBad:
+      if (_rules.nonNumericIsMissing) {
+        row.weightMissing = true;
+        ++row.nCoerced;
+        return true;
+      }
+      error = {field, "weight " + Quoted(cell) + " is not a number"};
+      return false;
+    case CellKind::kNumber:
+      break;
+  }
+  if (std::isnan(weight)) {
+    error = {field, "weight " + Quoted(cell) +
+                        " is not a number; the library would carry it into every sum, so the "
+                        "tool refuses it"};
+    return false;
+  }
+  if (weight < 0.0) {
+    error = {field, "weight " + Quoted(cell) +
+                        " is negative; the library would enter it unchanged into every sum, so "
+                        "the tool refuses negative weights"};
+    return false;
+  }
+  if (std::isinf(weight)) {
+    error = {field, "weight " + Quoted(cell) + " is not finite"};
+    return false;
+  }
+  return true;
+}
+
+bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& row,
+                          LineError& error) {
+  if (IsMissingText(cell)) {
+    row.groupMissing = true;
+    return true;
+  }
+  long long code = 0;
+  if (!ParseWhole(cell, code)) {
+    if (_rules.nonNumericIsMissing) {
+      row.groupMissing = true;
+      ++row.nCoerced;
+      return true;
+    }
+    error = {field, "group " + Quoted(cell) + " is not a whole number"};
+    return false;
+  }
+  if (code < _rules.groupLo || code > _rules.groupHi) {
+    error = {field, "group " + std::to_string(code) + " is outside the group range " +
+                        std::to_string(_rules.groupLo) + ".." + std::to_string(_rules.groupHi) +
+                        " (set the range with --group-range)"};
+    return false;
+  }
+  row.group = static_cast<unsigned>(code - _rules.groupLo);
+  return true;
+}
+
+bool RowParser::TakeCell(std::size_t field, std::string_view cell, ParsedRow& row,
+                         LineError& error) {
+  switch (_layout.roles[field]) {
+    case FieldRole::kSkip:
+      return true;
+    case FieldRole::kWeight:
+      return TakeWeight(field, cell, row.weight, row, error);
+    case FieldRole::kRegWeight:
+      return TakeWeight(field, cell, row.regWeight, row, error);
+    case FieldRole::kGroup:
+      return TakeGroup(field, cell, row, error);
+    case FieldRole::kValue:
+      break;
+  }
+  double& slot = row.values[_layout.slots[field]];
+  switch (ReadNumber(cell, slot)) {
+    case CellKind::kNumber:
+      return true;
+    case CellKind::kMissing:
+      break;
+    case CellKind::kBad:
+      if (!_rules.nonNumericIsMissing) {
+        error = {field, cell.empty() ? std::string("cell is empty, and empty cells do not count as missing")
+                                     : "cell " + Quoted(cell) + " is not a number"};
+        return false;
+      }
+      ++row.nCoerced;
+      break;
+  }
+  slot = _rules.missingCode;
+  ++row.nMissing;
+  return true;
+}
+
+bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
+  row.values.resize(_layout.NValues());
+  row.nMissing = 0;
+  row.nCoerced = 0;
+  row.weight = 1.0;
+  row.regWeight = 1.0;
+  row.weightMissing = false;
+  row.groupMissing = false;
+  row.group = 0;
+
+  const char* p = line.data();
+  const char* end = p + line.size();
+  std::size_t field = 0;
+  bool ok = true;
+  for (;;) {
+    std::string_view cell;
+    const char* problem = nullptr;
+    if (!NextField(p, end, _layout.delimiter, _unquoted, cell, problem)) {
+      error = {field, problem};
+      ok = false;
+      break;
+    }
+    if (field < _nFields && !TakeCell(field, cell, row, error)) {
+      ok = false;
+      break;
+    }
+    ++field;
+    if (p == end) break;
+    ++p;
+  }
+  // A wrong number of fields shifts the cells, so it is the error to report
+  // even when a cell failed first.
+  const std::size_t nFields = ok ? field : CountFields(line, _layout.delimiter);
+  if (nFields != _nFields) {
+    error = {LineError::kWholeLine, "the line has " + std::to_string(nFields) +
+                                        " fields, the header has " + std::to_string(_nFields)};
+    return false;
+  }
+  return ok;
+}
+
+}  // namespace vorelstat

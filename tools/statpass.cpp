@@ -1,0 +1,332 @@
+#include "statpass.h"
+
+#include "errors.h"
+
+#include <vorel/databatch.h>
+#include <vorel/driver.h>
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace vorelstat {
+namespace {
+
+// A bad line as one thread found it; the line number is known only later.
+struct FoundError {
+  std::uint64_t chunkIndex = 0;
+  std::uint64_t lineInChunk = 0;  // 0-based
+  LineError error;
+
+  bool Before(const FoundError& other) const {
+    if (chunkIndex != other.chunkIndex) return chunkIndex < other.chunkIndex;
+    return lineInChunk < other.lineInChunk;
+  }
+};
+
+struct Counters {
+  std::uint64_t rowsRead = 0;
+  std::uint64_t rowsUsed = 0;
+  std::uint64_t rowsIncomplete = 0;
+  std::uint64_t rowsWithoutWeight = 0;
+  std::uint64_t rowsWithoutGroup = 0;
+  std::uint64_t cellsCoerced = 0;
+
+  void Add(const Counters& o) {
+    rowsRead += o.rowsRead;
+    rowsUsed += o.rowsUsed;
+    rowsIncomplete += o.rowsIncomplete;
+    rowsWithoutWeight += o.rowsWithoutWeight;
+    rowsWithoutGroup += o.rowsWithoutGroup;
+    cellsCoerced += o.cellsCoerced;
+  }
+};
+
+struct Extremes {
+  std::vector<std::uint64_t> counts;
+  std::vector<double> minima, maxima;
+
+  explicit Extremes(unsigned nValues)
+      : counts(nValues, 0),
+        minima(nValues, std::numeric_limits<double>::infinity()),
+        maxima(nValues, -std::numeric_limits<double>::infinity()) {}
+
+  void Add(const Extremes& o) {
+    for (std::size_t c = 0; c < counts.size(); ++c) {
+      counts[c] += o.counts[c];
+      if (o.minima[c] < minima[c]) minima[c] = o.minima[c];
+      if (o.maxima[c] > maxima[c]) maxima[c] = o.maxima[c];
+    }
+  }
+};
+
+class StatWorker;
+
+class StatProblem : public vorel::ProblemBase {
+ public:
+  StatProblem(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
+              const PassOptions& options)
+      : reader(reader),
+        layout(layout),
+        rules(rules),
+        options(options),
+        extremes(layout.NValues()),
+        groupRows(layout.groupField ? GroupCount() : 0, 0) {
+    if (options.pairwise) {
+      pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
+    } else {
+      listwise = std::make_unique<vorel::MatrixListwise>();
+    }
+    if (layout.groupField) groups = std::make_unique<vorel::DiscriminantMatrix>();
+  }
+
+  vorel::WorkerBase* CreateWorker() override;
+
+  int GroupCount() const { return static_cast<int>(rules.groupHi - rules.groupLo + 1); }
+
+  // Keeps the earliest of the errors offered; called under the result lock.
+  void OfferError(const FoundError& error) {
+    if (!firstError || error.Before(*firstError)) firstError = error;
+  }
+
+  // Line number in the file of a bad line: the header is line 1.
+  std::uint64_t LineNumber(const FoundError& error) const {
+    std::uint64_t line = 2 + error.lineInChunk;
+    for (std::uint64_t k = 0; k < error.chunkIndex; ++k) line += lineCounts[k];
+    return line;
+  }
+
+  ChunkReader& reader;
+  const RowLayout& layout;
+  const CellRules& rules;
+  const PassOptions& options;
+
+  // Read and written in the serial stage only, or after the pass.
+  int workersMade = 0;
+  // One entry per chunk handed out, written by the thread that parses it.
+  // A deque, so that handing out a chunk never moves the entries of others.
+  std::deque<std::uint64_t> lineCounts;
+  // Set by a thread that met a bad line: hand out no further chunk.
+  std::atomic<bool> failed{false};
+
+  // Written under the result lock.
+  std::optional<FoundError> firstError;
+  Counters counters;
+  Extremes extremes;
+  std::unique_ptr<vorel::MatrixListwise> listwise;
+  std::unique_ptr<vorel::MatrixPairwise> pairwise;
+  std::unique_ptr<vorel::DiscriminantMatrix> groups;
+  std::vector<std::uint64_t> groupRows;
+};
+
+class StatWorker : public vorel::WorkerBase {
+ public:
+  explicit StatWorker(StatProblem& problem)
+      : _problem(problem),
+        _layout(problem.layout),
+        _pairwise(problem.options.pairwise),
+        _missingCode(problem.rules.missingCode),
+        _parser(problem.layout, problem.rules),
+        _batch(problem.layout.NValues(), problem.options.batchRows,
+               problem.layout.weightField ? &_weight : nullptr,
+               problem.layout.regWeightField ? &_regWeight : nullptr, nullptr),
+        _extremes(problem.layout.NValues()),
+        _groupRows(problem.groupRows.size(), 0) {
+    if (_pairwise) {
+      _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
+    } else {
+      _listwiseMatrix = std::make_unique<vorel::MatrixListwise>();
+    }
+    if (_layout.groupField) {
+      // Regression weights play no part in the discriminant sums, so the
+      // group batch does not carry them.
+      _groupBatch.emplace(_layout.NValues(), problem.options.batchRows,
+                          _layout.weightField ? &_weight : nullptr, nullptr, &_group);
+      _groupMatrix = std::make_unique<vorel::DiscriminantMatrix>(
+          problem.GroupCount(), static_cast<int>(_layout.NValues()));
+    }
+  }
+
+  bool ReadBatch() override {
+    if (_problem.failed.load(std::memory_order_relaxed)) return false;
+    if (!_problem.reader.Next(_chunk)) return false;
+    _problem.lineCounts.push_back(0);
+    _lineCount = &_problem.lineCounts.back();
+    if (_problem.options.onProgress) _problem.options.onProgress(_problem.reader.BytesRead());
+    return true;
+  }
+
+  void ProcessBatch() override {
+    const char* p = _chunk.text.Data();
+    const char* end = p + _chunk.text.Size();
+    std::uint64_t line = 0;
+    for (; p < end; ++line) {
+      const void* found = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+      const char* lineEnd = found != nullptr ? static_cast<const char*>(found) : end;
+      std::string_view text(p, static_cast<std::size_t>(lineEnd - p));
+      if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+      p = lineEnd + 1;
+      if (text.empty()) continue;
+      LineError error;
+      if (!_parser.Parse(text, _row, error)) {
+        _error = FoundError{_chunk.index, line, std::move(error)};
+        _problem.failed.store(true, std::memory_order_relaxed);
+        ++line;
+        break;
+      }
+      TakeRow();
+    }
+    *_lineCount = line;
+  }
+
+  void MergeResult() override {
+    if (_error) {
+      _problem.OfferError(*_error);
+      return;
+    }
+    FlushBatch();
+    FlushGroupBatch();
+    if (_listwiseMatrix) *_problem.listwise += *_listwiseMatrix;
+    if (_pairwiseMatrix) *_problem.pairwise += *_pairwiseMatrix;
+    if (_groupMatrix) *_problem.groups += *_groupMatrix;
+    for (std::size_t g = 0; g < _groupRows.size(); ++g) _problem.groupRows[g] += _groupRows[g];
+    _problem.extremes.Add(_extremes);
+    _problem.counters.Add(_counters);
+  }
+
+ private:
+  void TakeRow() {
+    ++_counters.rowsRead;
+    _counters.cellsCoerced += _row.nCoerced;
+    if (_row.weightMissing) {
+      ++_counters.rowsWithoutWeight;
+      return;
+    }
+    const bool complete = _row.nMissing == 0;
+    if (!complete) ++_counters.rowsIncomplete;
+    if (!complete && !_pairwise) return;
+    _weight = _row.weight;
+    _regWeight = _row.regWeight;
+    _batch.AddRow(_row.values.data());
+    ++_counters.rowsUsed;
+    if (_batch.NRows() == _problem.options.batchRows) FlushBatch();
+    if (!_groupBatch) return;
+    if (_row.groupMissing) {
+      ++_counters.rowsWithoutGroup;
+      return;
+    }
+    if (!complete) return;
+    _group = _row.group;
+    _groupBatch->AddRow(_row.values.data());
+    ++_groupRows[_row.group];
+    if (_groupBatch->NRows() == _problem.options.batchRows) FlushGroupBatch();
+  }
+
+  // Extremes first: a listwise matrix centres the batch's columns in place.
+  void FlushBatch() {
+    if (_batch.NRows() == 0) return;
+    UpdateExtremes();
+    if (_listwiseMatrix) *_listwiseMatrix += _batch;
+    if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
+    _batch.Clear();
+  }
+
+  void FlushGroupBatch() {
+    if (!_groupBatch || _groupBatch->NRows() == 0) return;
+    *_groupMatrix += *_groupBatch;
+    _groupBatch->Clear();
+  }
+
+  void UpdateExtremes() {
+    const unsigned n = _batch.NRows();
+    for (unsigned c = 0; c < _batch.NColumns(); ++c) {
+      const double* x = _batch.Column(c);
+      double lo = _extremes.minima[c];
+      double hi = _extremes.maxima[c];
+      std::uint64_t count = 0;
+      for (unsigned r = 0; r < n; ++r) {
+        // Compared exactly, on purpose: that is what makes a cell missing.
+        if (x[r] == _missingCode) continue;
+        ++count;
+        if (x[r] < lo) lo = x[r];
+        if (x[r] > hi) hi = x[r];
+      }
+      _extremes.minima[c] = lo;
+      _extremes.maxima[c] = hi;
+      _extremes.counts[c] += count;
+    }
+  }
+
+  StatProblem& _problem;
+  const RowLayout& _layout;
+  const bool _pairwise;
+  const double _missingCode;
+  RowParser _parser;
+  ParsedRow _row;
+  Chunk _chunk;
+  std::uint64_t* _lineCount = nullptr;
+
+  // The current row's weight, regression weight and group, read by AddRow.
+  double _weight = 1.0;
+  double _regWeight = 1.0;
+  unsigned _group = 0;
+
+  vorel::DataBatch _batch;
+  std::optional<vorel::DataBatch> _groupBatch;
+  std::unique_ptr<vorel::MatrixListwise> _listwiseMatrix;
+  std::unique_ptr<vorel::MatrixPairwise> _pairwiseMatrix;
+  std::unique_ptr<vorel::DiscriminantMatrix> _groupMatrix;
+  Extremes _extremes;
+  std::vector<std::uint64_t> _groupRows;
+  Counters _counters;
+  std::optional<FoundError> _error;
+};
+
+vorel::WorkerBase* StatProblem::CreateWorker() {
+  ++workersMade;
+  return new StatWorker(*this);
+}
+
+std::string Location(const ChunkReader& reader, const RowLayout& layout, std::uint64_t line,
+                     const LineError& error) {
+  std::string where = reader.Path() + ", line " + std::to_string(line);
+  if (error.field != LineError::kWholeLine) {
+    where += ", column " + std::to_string(error.field + 1) + " (\"" + layout.names[error.field] + "\")";
+  }
+  return where;
+}
+
+}  // namespace
+
+PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
+                   const PassOptions& options) {
+  StatProblem problem(reader, layout, rules, options);
+  vorel::Driver(&problem, options.threads);
+  if (problem.firstError) {
+    const FoundError& found = *problem.firstError;
+    throw DataError(Location(reader, layout, problem.LineNumber(found), found.error) + ": " +
+                    found.error.message);
+  }
+  PassResult result;
+  result.threads = problem.workersMade;
+  result.rowsRead = problem.counters.rowsRead;
+  result.rowsUsed = problem.counters.rowsUsed;
+  result.rowsIncomplete = problem.counters.rowsIncomplete;
+  result.rowsWithoutWeight = problem.counters.rowsWithoutWeight;
+  result.rowsWithoutGroup = problem.counters.rowsWithoutGroup;
+  result.cellsCoerced = problem.counters.cellsCoerced;
+  result.cellCounts = std::move(problem.extremes.counts);
+  result.minima = std::move(problem.extremes.minima);
+  result.maxima = std::move(problem.extremes.maxima);
+  result.listwise = std::move(problem.listwise);
+  result.pairwise = std::move(problem.pairwise);
+  result.groups = std::move(problem.groups);
+  result.groupRows = std::move(problem.groupRows);
+  return result;
+}
+
+}  // namespace vorelstat
