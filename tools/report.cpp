@@ -68,8 +68,10 @@ void FillPairwise(const vorel::MatrixPairwise& m, Report& report) {
   }
 }
 
+// The sums are of values less a shift per column: the shift comes back into
+// the means, and the within-group products do not depend on it.
 void FillGroups(const vorel::DiscriminantMatrix& d, const std::vector<std::uint64_t>& groupRows,
-                long long groupLo, Report& report) {
+                const std::vector<double>& shift, long long groupLo, Report& report) {
   const std::size_t k = report.columns.size();
   report.pooledCovariance = Square(k);
   if (d.NRows() == 0 || !(0. < d.WeightSum())) return;
@@ -85,7 +87,8 @@ void FillGroups(const vorel::DiscriminantMatrix& d, const std::vector<std::uint6
     if (d.sumW(g) > 0.0) {
       weighted.push_back(g);
       for (int v = 0; v < nVar; ++v) {
-        group.means[static_cast<std::size_t>(v)] = d.sumX1(g, v) / d.sumW(g);
+        const auto i = static_cast<std::size_t>(v);
+        group.means[i] = d.sumX1(g, v) / d.sumW(g) + shift[i];
       }
     }
     report.groups.push_back(std::move(group));
@@ -136,7 +139,7 @@ Report MakeReport(const std::string& file, const RowLayout& layout, const CellRu
   if (pass.pairwise) FillPairwise(*pass.pairwise, report);
   if (pass.groups) {
     report.grouped = true;
-    FillGroups(*pass.groups, pass.groupRows, rules.groupLo, report);
+    FillGroups(*pass.groups, pass.groupRows, pass.groupShift, rules.groupLo, report);
   }
   return report;
 }

@@ -217,11 +217,15 @@ RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const Colu
     }
     return layout;
   }
-  std::vector<std::string> cells;
-  if (firstRow) cells = SplitLine(*firstRow, delimiter);
+  // A first row that does not split is left for the pass to report, with its line.
+  std::optional<std::vector<std::string>> cells;
+  try {
+    if (firstRow) cells = SplitLine(*firstRow, delimiter);
+  } catch (const DataError&) {
+  }
   for (std::size_t field = 0; field < layout.names.size(); ++field) {
     if (layout.roles[field] != FieldRole::kSkip) continue;
-    if (!firstRow || field >= cells.size() || LooksNumeric(cells[field], rules)) {
+    if (!cells || field >= cells->size() || LooksNumeric((*cells)[field], rules)) {
       AssignRole(layout, field, FieldRole::kValue);
     }
   }
@@ -366,8 +370,7 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
     const char* problem = nullptr;
     if (!NextField(p, end, _layout.delimiter, _unquoted, cell, problem)) {
       error = {field, problem};
-      ok = false;
-      break;
+      return false;
     }
     if (field < _nFields && !TakeCell(field, cell, row, error)) {
       ok = false;

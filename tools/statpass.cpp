@@ -135,7 +135,9 @@ class StatWorker : public vorel::WorkerBase {
                problem.layout.weightField ? &_weight : nullptr,
                problem.layout.regWeightField ? &_regWeight : nullptr, nullptr),
         _extremes(problem.layout.NValues()),
-        _groupRows(problem.groupRows.size(), 0) {
+        _groupRows(problem.groupRows.size(), 0),
+        _groupShift(problem.options.groupShift),
+        _shifted(_groupShift.size()) {
     if (_pairwise) {
       _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
     } else {
@@ -221,7 +223,12 @@ class StatWorker : public vorel::WorkerBase {
     }
     if (!complete) return;
     _group = _row.group;
-    _groupBatch->AddRow(_row.values.data());
+    const double* cells = _row.values.data();
+    if (!_groupShift.empty()) {
+      for (std::size_t c = 0; c < _shifted.size(); ++c) _shifted[c] = cells[c] - _groupShift[c];
+      cells = _shifted.data();
+    }
+    _groupBatch->AddRow(cells);
     ++_groupRows[_row.group];
     if (_groupBatch->NRows() == _problem.options.batchRows) FlushGroupBatch();
   }
@@ -282,6 +289,8 @@ class StatWorker : public vorel::WorkerBase {
   std::unique_ptr<vorel::DiscriminantMatrix> _groupMatrix;
   Extremes _extremes;
   std::vector<std::uint64_t> _groupRows;
+  const std::vector<double>& _groupShift;
+  std::vector<double> _shifted;  // the current row less the group shift
   Counters _counters;
   std::optional<FoundError> _error;
 };
@@ -326,6 +335,8 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   result.pairwise = std::move(problem.pairwise);
   result.groups = std::move(problem.groups);
   result.groupRows = std::move(problem.groupRows);
+  result.groupShift = options.groupShift;
+  result.groupShift.resize(layout.NValues(), 0.0);
   return result;
 }
 

@@ -40,6 +40,11 @@ struct PassOptions {
   unsigned batchRows = 4096;
   // Called in the serial stage after each chunk with the bytes read so far.
   std::function<void(std::uint64_t)> onProgress;
+  // Subtracted from each value before it enters the group sums, which are
+  // raw: data far from zero would lose digits when the within-group products
+  // are taken apart. A value near the data, such as the first row's, serves.
+  // Empty: no shift.
+  std::vector<double> groupShift;
 };
 
 struct PassResult {
@@ -60,8 +65,10 @@ struct PassResult {
   std::unique_ptr<vorel::MatrixListwise> listwise;
   std::unique_ptr<vorel::MatrixPairwise> pairwise;
 
-  // Set with a group column: the discriminant sums, and the rows of each group.
+  // Set with a group column: the discriminant sums of the shifted values,
+  // the shift of each column (0 without one), and the rows of each group.
   std::unique_ptr<vorel::DiscriminantMatrix> groups;
+  std::vector<double> groupShift;
   std::vector<std::uint64_t> groupRows;
 };
 

@@ -7,6 +7,7 @@
 #include "statpass.h"
 
 #include <charconv>
+#include <cmath>
 #include <limits>
 
 namespace vorelstat {
@@ -81,6 +82,22 @@ long long ParseGroupBound(const std::string& text, const std::string& whole) {
   return value;
 }
 
+// The first row's values, with 0 for a cell that is missing or not finite;
+// all 0 when the row does not parse (the pass will report it).
+std::vector<double> FirstRowValues(const RowLayout& layout, const CellRules& rules,
+                                   const std::string& line) {
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  std::vector<double> values(layout.NValues(), 0.0);
+  if (!parser.Parse(line, row, error)) return values;
+  for (std::size_t c = 0; c < values.size(); ++c) {
+    // Compared exactly, on purpose: that is what makes a cell missing.
+    if (row.values[c] != rules.missingCode && std::isfinite(row.values[c])) values[c] = row.values[c];
+  }
+  return values;
+}
+
 }  // namespace
 
 CellRules MakeCellRules(const Options& o) {
@@ -116,10 +133,10 @@ std::string RunTool(const Options& o, bool progress) {
   ChunkReader reader(o.path, o.readSize);
   const char delimiter = delimiterOption != 0 ? delimiterOption : DetectDelimiter(reader.Header());
   RowLayout layout;
+  std::optional<std::string> firstRow;
   try {
     std::vector<std::string> header = SplitLine(reader.Header(), delimiter);
-    std::optional<std::string> firstRow;
-    if (o.choice.columns.empty()) firstRow = reader.PeekFirstDataLine();
+    firstRow = reader.PeekFirstDataLine();
     layout = MakeLayout(std::move(header), delimiter, o.choice, firstRow, rules);
   } catch (const UsageError& e) {
     throw UsageError(o.path + ": " + e.what());
@@ -133,6 +150,7 @@ std::string RunTool(const Options& o, bool progress) {
   passOptions.threads = o.threads;
   passOptions.batchRows = o.batchRows;
   passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
+  if (layout.groupField && firstRow) passOptions.groupShift = FirstRowValues(layout, rules, *firstRow);
   const PassResult pass = RunPass(reader, layout, rules, passOptions);
   bar.Finish();
 

@@ -1,0 +1,43 @@
+"""Shared helpers of the end-to-end tests of vorelstat.
+
+CTest sets VORELSTAT (the binary) and VORELSTAT_DATA (the data/ directory).
+"""
+import json
+import os
+import subprocess
+import tempfile
+
+BINARY = os.environ.get("VORELSTAT", "vorelstat")
+DATA = os.environ.get("VORELSTAT_DATA", os.path.join(os.path.dirname(__file__), "..", "..", "data"))
+SAMPLE = os.path.join(DATA, "households.csv")
+NUMERIC = ["members", "age", "income", "rent", "rooms", "commute"]
+
+
+def run(*args, stdin=None):
+    """Runs the tool; returns the completed process with text output."""
+    return subprocess.run([BINARY, *args], input=stdin, capture_output=True, text=True, timeout=60)
+
+
+def run_json(*args):
+    done = run(*args, "--format", "json")
+    if done.returncode != 0:
+        raise AssertionError(f"exit {done.returncode}: {done.stderr}")
+    return json.loads(done.stdout)
+
+
+class TempCsv:
+    """A file holding `text`, removed on exit from the with block."""
+
+    def __init__(self, text, suffix=".csv"):
+        self.text = text
+        self.suffix = suffix
+
+    def __enter__(self):
+        handle = tempfile.NamedTemporaryFile("w", suffix=self.suffix, delete=False)
+        handle.write(self.text)
+        handle.close()
+        self.path = handle.name
+        return self.path
+
+    def __exit__(self, *exc):
+        os.unlink(self.path)

@@ -1,0 +1,123 @@
+"""Bad input: a clear message naming file, line and column, the documented
+exit code (1 bad data, 2 bad usage), and nothing at all on standard output."""
+import os
+import unittest
+
+from common import SAMPLE, TempCsv, run
+
+BAD_DATA, BAD_USAGE = 1, 2
+
+
+class BadInput(unittest.TestCase):
+    def expect_failure(self, args, code, *fragments, stdin=None):
+        done = run(*args, stdin=stdin)
+        self.assertEqual(done.returncode, code, done.stderr)
+        self.assertEqual(done.stdout, "", "no partial output on failure")
+        self.assertTrue(done.stderr.startswith("vorelstat: ") or code == BAD_USAGE, done.stderr)
+        for fragment in fragments:
+            self.assertIn(fragment, done.stderr)
+        self.assertLess(len(done.stderr.splitlines()), 8, "one clear message, not a dump")
+        return done.stderr
+
+    def expect_data_error(self, text, args, *fragments):
+        with TempCsv(text) as path:
+            return self.expect_failure([path, *args], BAD_DATA, path, *fragments)
+
+    def test_missing_file(self):
+        self.expect_failure(["/nonexistent/data.csv"], BAD_USAGE, "/nonexistent/data.csv",
+                            "No such file")
+
+    def test_empty_file(self):
+        self.expect_data_error("", [], "is empty")
+
+    def test_header_without_the_named_column(self):
+        for option in ("--columns", "--weight", "--reg-weight", "--group"):
+            with self.subTest(option):
+                self.expect_failure([SAMPLE, option, "salary"], BAD_USAGE, SAMPLE,
+                                    'no column "salary"', "income")
+
+    def test_rows_with_too_few_or_too_many_fields(self):
+        self.expect_data_error("a,b,c\n1,2,3\n4,5\n", [], "line 3:", "2 fields, the header has 3")
+        self.expect_data_error("a,b,c\n1,2,3\n\n4,5,6\n7,8,9,10\n", [], "line 5:",
+                               "4 fields, the header has 3")
+
+    def test_cell_that_is_not_a_number(self):
+        text = "a;b;c\n1;2;3\n4;five;6\n7;8;x\n"
+        self.expect_data_error(text, [], 'line 3, column 2 ("b")', 'cell "five" is not a number')
+        with TempCsv(text) as path:
+            done = run(path, "--non-numeric", "missing", "--format", "json")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn('"cells_not_numeric": 2', done.stdout)
+        self.assertIn('"used": 1', done.stdout)
+
+    def test_empty_cell_when_only_na_counts_as_missing(self):
+        self.expect_data_error("a,b\n1,\n", ["--missing-text", "NA"], 'line 2, column 2 ("b")',
+                               "cell is empty")
+
+    def test_weight_negative_or_not_a_number(self):
+        self.expect_data_error("x,w\n1,1\n2,-3\n", ["-w", "w"], 'line 3, column 2 ("w")',
+                               "is negative", "unchanged into every sum")
+        self.expect_data_error("x,w\n1,1\n2,heavy\n", ["-w", "w"], 'line 3, column 2 ("w")',
+                               "not a number")
+        self.expect_data_error("x,w\n1,1\n2,NaN\n", ["-w", "w", "--missing-text", "empty"],
+                               "line 3", "not a number")
+
+    def test_group_outside_the_range(self):
+        self.expect_data_error("x,g\n1,1\n2,5\n", ["-g", "g", "--group-range", "1:4"],
+                               'line 3, column 2 ("g")', "group 5 is outside the group range 1..4")
+        self.expect_data_error("x,g\n1,1\n2,1.5\n", ["-g", "g"], "line 3", "not a whole number")
+
+    def test_unterminated_quote(self):
+        self.expect_data_error('a,b\n1,"2\n3,4\n', [], "line 2", "no closing quote")
+
+    def test_first_error_of_a_long_file_on_many_threads(self):
+        lines = ["a,b"] + [f"{i},{i % 13}" for i in range(20000)]
+        lines[15001] = "1,oops"
+        lines[17000] = "1,2,3"
+        text = "\n".join(lines) + "\n"
+        for threads in ("1", "2", "8"):
+            with self.subTest(threads=threads):
+                self.expect_data_error(text, ["-j", threads, "--read-size", "4k", "-b", "7"],
+                                       "line 15002,", 'cell "oops"')
+
+    def test_bad_usage(self):
+        cases = [
+            [],
+            [SAMPLE, "--threads", "-1"],
+            [SAMPLE, "--format", "xml"],
+            [SAMPLE, "--batch-size", "0"],
+            [SAMPLE, "--no-such-option"],
+            [SAMPLE, "--group-range", "5:1"],
+            [SAMPLE, "--group-range", "a:b"],
+            [SAMPLE, "--pairwise", "--listwise"],
+            [SAMPLE, "--delimiter", "ab"],
+            [SAMPLE, "--missing-code", "minus nine"],
+            [SAMPLE, "--columns", "income,income"],
+            [SAMPLE, "--weight", "weight", "--columns", "weight"],
+            [SAMPLE, "--columns", "household"],  # text is no usage error: see below
+        ]
+        for args in cases[:-1]:
+            with self.subTest(args=args):
+                self.expect_failure(args, BAD_USAGE)
+        # Naming a text column is allowed; its first cell is what fails.
+        self.expect_failure(cases[-1], BAD_DATA, 'line 2, column 1 ("household")')
+
+    def test_help_and_version_succeed(self):
+        for flag in ("--help", "--version"):
+            done = run(flag)
+            self.assertEqual(done.returncode, 0)
+            self.assertIn("vorelstat", done.stdout)
+        self.assertIn("Exit codes", run("--help").stdout)
+
+    def test_standard_input(self):
+        done = run("-", "--format", "csv", stdin="a,b\n1,2\n3,5\n")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn("column,,b,,mean,3.5", done.stdout)
+        self.expect_failure(["-"], BAD_DATA, "empty", stdin="")
+
+    def test_directory(self):
+        self.expect_failure([os.path.dirname(SAMPLE)], BAD_USAGE, "directory")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,194 @@
+#include "errors.h"
+#include "rowparser.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace vorelstat {
+namespace {
+
+constexpr double kCode = -999.0;
+
+CellRules Rules(bool lenient = false) {
+  CellRules rules;
+  rules.missingTexts = {"", "NA"};
+  rules.missingCode = kCode;
+  rules.nonNumericIsMissing = lenient;
+  rules.groupLo = 1;
+  rules.groupHi = 3;
+  return rules;
+}
+
+// Header "id,g,w,x,y" with y analysed before x, so that slots differ from fields.
+struct Fixture {
+  explicit Fixture(bool lenient = false)
+      : rules(Rules(lenient)),
+        layout(MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"}, {}, rules)),
+        parser(layout, rules) {}
+
+  bool Parse(const std::string& line) { return parser.Parse(line, row, error); }
+
+  CellRules rules;
+  RowLayout layout;
+  RowParser parser;
+  ParsedRow row;
+  LineError error;
+};
+
+TEST(DetectDelimiter, MostFrequentOutsideQuotes) {
+  EXPECT_EQ(DetectDelimiter("a,b,c"), ',');
+  EXPECT_EQ(DetectDelimiter("a\tb\tc"), '\t');
+  EXPECT_EQ(DetectDelimiter("a;b;c"), ';');
+  EXPECT_EQ(DetectDelimiter("\"a,b\";c"), ';');
+  EXPECT_EQ(DetectDelimiter("single"), ',');
+  EXPECT_EQ(DetectDelimiter("a,b;c"), ',');
+}
+
+TEST(SplitLine, QuotesSpacesAndEmptyFields) {
+  EXPECT_EQ(SplitLine(" a , \"b,c\" ,\"say \"\"hi\"\"\",,", ','),
+            (std::vector<std::string>{"a", "b,c", "say \"hi\"", "", ""}));
+  EXPECT_EQ(SplitLine("", ','), (std::vector<std::string>{""}));
+  EXPECT_EQ(SplitLine("x\ty z\t", '\t'), (std::vector<std::string>{"x", "y z", ""}));
+  EXPECT_THROW(SplitLine("\"open,b", ','), DataError);
+  EXPECT_THROW(SplitLine("\"a\"b,c", ','), DataError);
+}
+
+TEST(RowParser, ReadsNumbersIntoTheirSlots) {
+  Fixture f;
+  ASSERT_TRUE(f.Parse("r1,2,3,1.5,-2e3")) << f.error.message;
+  EXPECT_EQ(f.row.values, (std::vector<double>{-2000.0, 1.5}));
+  EXPECT_EQ(f.row.weight, 3.0);
+  EXPECT_EQ(f.row.group, 1u);  // code 2 minus the range's low end
+  EXPECT_EQ(f.row.nMissing, 0u);
+  ASSERT_TRUE(f.Parse("r2, 3 ,\"0.25\", +7 ,.5")) << f.error.message;
+  EXPECT_EQ(f.row.values, (std::vector<double>{0.5, 7.0}));
+  EXPECT_EQ(f.row.weight, 0.25);
+  EXPECT_EQ(f.row.group, 2u);
+}
+
+TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
+  Fixture f;
+  ASSERT_TRUE(f.Parse("r,1,1,NA,")) << f.error.message;
+  EXPECT_EQ(f.row.values, (std::vector<double>{kCode, kCode}));
+  EXPECT_EQ(f.row.nMissing, 2u);
+  ASSERT_TRUE(f.Parse("r,1,1,-999,-999.0000")) << f.error.message;
+  EXPECT_EQ(f.row.nMissing, 2u);
+  // NaN is no missing text here: it is a value, as the library takes it.
+  ASSERT_TRUE(f.Parse("r,1,1,NaN,inf")) << f.error.message;
+  EXPECT_EQ(f.row.nMissing, 0u);
+  EXPECT_TRUE(std::isinf(f.row.values[0]));
+  EXPECT_TRUE(std::isnan(f.row.values[1]));
+}
+
+TEST(RowParser, BadCellNamesItsField) {
+  Fixture f;
+  EXPECT_FALSE(f.Parse("r,1,1,abc,2"));
+  EXPECT_EQ(f.error.field, 3u);
+  EXPECT_EQ(f.error.message, "cell \"abc\" is not a number");
+  for (const char* bad : {"1.5x", "--1", "+-1", "5e", "0x10", "\"1 2\""}) {
+    SCOPED_TRACE(bad);
+    EXPECT_FALSE(f.Parse(std::string("r,1,1,2,") + bad));
+  }
+}
+
+TEST(RowParser, EmptyCellIsAnErrorWhenItDoesNotCountAsMissing) {
+  CellRules rules = Rules();
+  rules.missingTexts = {"NA"};
+  const RowLayout layout = MakeLayout({"x"}, ',', {}, std::nullopt, rules);
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  EXPECT_FALSE(parser.Parse(" ", row, error));
+  EXPECT_EQ(error.field, 0u);
+}
+
+TEST(RowParser, LenientModeCountsBadCellsAsMissing) {
+  Fixture f(true);
+  ASSERT_TRUE(f.Parse("r,x,abc,oops,1")) << f.error.message;
+  EXPECT_EQ(f.row.nCoerced, 3u);
+  EXPECT_EQ(f.row.nMissing, 1u);
+  EXPECT_EQ(f.row.values[1], kCode);
+  EXPECT_TRUE(f.row.weightMissing);
+  EXPECT_TRUE(f.row.groupMissing);
+}
+
+TEST(RowParser, WrongFieldCountWinsOverABadCell) {
+  Fixture f;
+  EXPECT_FALSE(f.Parse("r,1,1,2"));
+  EXPECT_EQ(f.error.field, LineError::kWholeLine);
+  EXPECT_EQ(f.error.message, "the line has 4 fields, the header has 5");
+  EXPECT_FALSE(f.Parse("r,1,1,2,3,4"));
+  EXPECT_EQ(f.error.message, "the line has 6 fields, the header has 5");
+  // Shifted cells would fail as "not a number" first; the count is the real fault.
+  EXPECT_FALSE(f.Parse("r,1,1,text,2,3"));
+  EXPECT_EQ(f.error.message, "the line has 6 fields, the header has 5");
+  EXPECT_FALSE(f.Parse("r,1,1,\"2,3"));
+  EXPECT_EQ(f.error.field, 3u);
+  EXPECT_NE(f.error.message.find("no closing quote"), std::string::npos);
+}
+
+TEST(RowParser, WeightsMustBeFiniteAndNotNegative) {
+  Fixture f;
+  EXPECT_FALSE(f.Parse("r,1,-1,2,3"));
+  EXPECT_EQ(f.error.field, 2u);
+  EXPECT_NE(f.error.message.find("is negative"), std::string::npos);
+  EXPECT_FALSE(f.Parse("r,1,NaN,2,3"));
+  EXPECT_FALSE(f.Parse("r,1,inf,2,3"));
+  EXPECT_FALSE(f.Parse("r,1,heavy,2,3"));
+  EXPECT_NE(f.error.message.find("not a number"), std::string::npos);
+  ASSERT_TRUE(f.Parse("r,1,0,2,3"));
+  EXPECT_FALSE(f.row.weightMissing);
+  ASSERT_TRUE(f.Parse("r,1,NA,2,3"));
+  EXPECT_TRUE(f.row.weightMissing);
+  ASSERT_TRUE(f.Parse("r,1,-999,2,3")) << "the missing code marks a missing weight, not a negative one";
+  EXPECT_TRUE(f.row.weightMissing);
+}
+
+TEST(RowParser, GroupsAreWholeNumbersInTheRange) {
+  for (bool lenient : {false, true}) {
+    SCOPED_TRACE(lenient ? "lenient" : "strict");
+    Fixture f(lenient);
+    EXPECT_FALSE(f.Parse("r,4,1,2,3")) << "out of range is an error even when lenient";
+    EXPECT_EQ(f.error.field, 1u);
+    EXPECT_EQ(f.error.message,
+              "group 4 is outside the group range 1..3 (set the range with --group-range)");
+    EXPECT_FALSE(f.Parse("r,0,1,2,3"));
+    ASSERT_TRUE(f.Parse("r,+3,1,2,3"));
+    EXPECT_EQ(f.row.group, 2u);
+    ASSERT_TRUE(f.Parse("r,,1,2,3"));
+    EXPECT_TRUE(f.row.groupMissing);
+    EXPECT_EQ(f.Parse("r,2.0,1,2,3"), lenient);
+  }
+}
+
+TEST(MakeLayout, DefaultColumnsAreTheNumericOnesOfTheFirstRow) {
+  const CellRules rules = Rules();
+  const RowLayout layout = MakeLayout({"id", "g", "w", "x", "y", "note"}, ',',
+                                      {{}, "w", "", "g"}, std::string("a7,1,2,NA,3.5,hello"), rules);
+  ASSERT_EQ(layout.NValues(), 2u);
+  EXPECT_EQ(layout.names[layout.valueFields[0]], "x");
+  EXPECT_EQ(layout.names[layout.valueFields[1]], "y");
+  EXPECT_EQ(layout.roles[0], FieldRole::kSkip);
+  EXPECT_EQ(layout.roles[1], FieldRole::kGroup);
+  EXPECT_EQ(layout.roles[2], FieldRole::kWeight);
+  // Without a first row every field but the roles' is taken.
+  EXPECT_EQ(MakeLayout({"a", "b", "w"}, ',', {{}, "w", "", ""}, std::nullopt, rules).NValues(), 2u);
+  EXPECT_THROW(MakeLayout({"id"}, ',', {}, std::string("x"), rules), UsageError);
+}
+
+TEST(MakeLayout, RefusesNamesThatDoNotFit) {
+  const CellRules rules = Rules();
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"c"}, "", "", ""}, {}, rules), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "z", "", ""}, {}, rules), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a", "a"}, "", "", ""}, {}, rules), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "b", "", "b"}, {}, rules), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "a", "", ""}, {}, rules), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "a"}, ',', {{"a"}, "", "", ""}, {}, rules), DataError);
+}
+
+}  // namespace
+}  // namespace vorelstat
