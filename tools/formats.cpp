@@ -81,21 +81,39 @@ std::string RowsLine(const Report& report) {
   return line;
 }
 
+// Lines of a key and a text, the keys padded to one width.
+class KeyValueLines {
+ public:
+  void Add(std::string key, std::string value) { _lines.emplace_back(std::move(key), std::move(value)); }
+  std::string Render() const {
+    std::size_t width = 0;
+    for (const auto& line : _lines) width = std::max(width, line.first.size());
+    std::string out;
+    for (const auto& [key, value] : _lines) {
+      out += key + std::string(width - key.size() + 2, ' ') + value + "\n";
+    }
+    return out;
+  }
+
+ private:
+  std::vector<std::pair<std::string, std::string>> _lines;
+};
+
 }  // namespace
 
 std::string FormatTable(const Report& report) {
   std::string out;
-  TextTable head;
-  head.Add({"file", report.file});
-  head.Add({"rows", RowsLine(report)});
+  KeyValueLines head;
+  head.Add("file", report.file);
+  head.Add("rows", RowsLine(report));
   if (report.cellsCoerced != 0) {
-    head.Add({"cells", std::to_string(report.cellsCoerced) + " not numbers, taken as missing"});
+    head.Add("cells", std::to_string(report.cellsCoerced) + " not numbers, taken as missing");
   }
   std::string weights = report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
   if (!report.regWeightColumn.empty()) weights += ", times regression weight " + report.regWeightColumn;
-  head.Add({"weight", weights + "; total " + Short(report.weightSum)});
-  head.Add({"deletion", report.pairwise ? "pairwise" : "listwise"});
-  head.Add({"threads", std::to_string(report.threads)});
+  head.Add("weight", weights + "; total " + Short(report.weightSum));
+  head.Add("deletion", report.pairwise ? "pairwise" : "listwise");
+  head.Add("threads", std::to_string(report.threads));
   out += head.Render();
 
   out += "\nColumns\n";

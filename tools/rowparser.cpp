@@ -12,6 +12,8 @@ namespace {
 
 bool IsSpace(char c) { return c == ' ' || c == '\t'; }
 
+bool StartsLikeNumber(char c) { return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.'; }
+
 std::string_view Trim(std::string_view text) {
   while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
   while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
@@ -236,7 +238,11 @@ RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const Colu
 }
 
 RowParser::RowParser(const RowLayout& layout, const CellRules& rules)
-    : _layout(layout), _rules(rules), _nFields(layout.names.size()) {}
+    : _layout(layout), _rules(rules), _nFields(layout.names.size()) {
+  for (const std::string& text : rules.missingTexts) {
+    if (!text.empty() && StartsLikeNumber(text.front())) _numericMissingText = true;
+  }
+}
 
 bool RowParser::IsMissingText(std::string_view cell) const {
   for (const std::string& text : _rules.missingTexts) {
@@ -248,7 +254,10 @@ bool RowParser::IsMissingText(std::string_view cell) const {
 }
 
 RowParser::CellKind RowParser::ReadNumber(std::string_view cell, double& value) const {
-  if (IsMissingText(cell)) return CellKind::kMissing;
+  // Most cells start with a digit or a minus, and most missing texts do not:
+  // then the texts need no comparing.
+  const bool mayBeText = cell.empty() || _numericMissingText || !StartsLikeNumber(cell.front());
+  if (mayBeText && IsMissingText(cell)) return CellKind::kMissing;
   if (!ParseDouble(cell, value)) return CellKind::kBad;
   // The missing code is compared exactly, on purpose.
   if (value == _rules.missingCode) return CellKind::kMissing;

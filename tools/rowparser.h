@@ -106,7 +106,8 @@ class RowParser {
   const RowLayout& _layout;
   const CellRules& _rules;
   std::size_t _nFields;
-  std::string _unquoted;  // scratch for a quoted field
+  bool _numericMissingText = false;  // a missing text starts like a number
+  std::string _unquoted;             // scratch for a quoted field
 };
 
 }  // namespace vorelstat

@@ -70,73 +70,73 @@ class StatProblem : public vorel::ProblemBase {
  public:
   StatProblem(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
               const PassOptions& options)
-      : reader(reader),
-        layout(layout),
-        rules(rules),
-        options(options),
-        extremes(layout.NValues()),
-        groupRows(layout.groupField ? GroupCount() : 0, 0) {
+      : _reader(reader),
+        _layout(layout),
+        _rules(rules),
+        _options(options),
+        _extremes(layout.NValues()),
+        _groupRows(layout.groupField ? GroupCount() : 0, 0) {
     if (options.pairwise) {
-      pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
+      _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
     } else {
-      listwise = std::make_unique<vorel::MatrixListwise>();
+      _listwise = std::make_unique<vorel::MatrixListwise>();
     }
-    if (layout.groupField) groups = std::make_unique<vorel::DiscriminantMatrix>();
+    if (layout.groupField) _groups = std::make_unique<vorel::DiscriminantMatrix>();
   }
 
   vorel::WorkerBase* CreateWorker() override;
 
-  int GroupCount() const { return static_cast<int>(rules.groupHi - rules.groupLo + 1); }
+  int GroupCount() const { return static_cast<int>(_rules.groupHi - _rules.groupLo + 1); }
 
   // Keeps the earliest of the errors offered; called under the result lock.
   void OfferError(const FoundError& error) {
-    if (!firstError || error.Before(*firstError)) firstError = error;
+    if (!_firstError || error.Before(*_firstError)) _firstError = error;
   }
 
   // Line number in the file of a bad line: the header is line 1.
   std::uint64_t LineNumber(const FoundError& error) const {
     std::uint64_t line = 2 + error.lineInChunk;
-    for (std::uint64_t k = 0; k < error.chunkIndex; ++k) line += lineCounts[k];
+    for (std::uint64_t k = 0; k < error.chunkIndex; ++k) line += _lineCounts[k];
     return line;
   }
 
-  ChunkReader& reader;
-  const RowLayout& layout;
-  const CellRules& rules;
-  const PassOptions& options;
+  ChunkReader& _reader;
+  const RowLayout& _layout;
+  const CellRules& _rules;
+  const PassOptions& _options;
 
   // Read and written in the serial stage only, or after the pass.
-  int workersMade = 0;
+  int _workersMade = 0;
   // One entry per chunk handed out, written by the thread that parses it.
   // A deque, so that handing out a chunk never moves the entries of others.
-  std::deque<std::uint64_t> lineCounts;
+  std::deque<std::uint64_t> _lineCounts;
   // Set by a thread that met a bad line: hand out no further chunk.
-  std::atomic<bool> failed{false};
+  std::atomic<bool> _failed{false};
 
   // Written under the result lock.
-  std::optional<FoundError> firstError;
-  Counters counters;
-  Extremes extremes;
-  std::unique_ptr<vorel::MatrixListwise> listwise;
-  std::unique_ptr<vorel::MatrixPairwise> pairwise;
-  std::unique_ptr<vorel::DiscriminantMatrix> groups;
-  std::vector<std::uint64_t> groupRows;
+  std::optional<FoundError> _firstError;
+  Counters _counters;
+  Extremes _extremes;
+  std::unique_ptr<vorel::MatrixListwise> _listwise;
+  std::unique_ptr<vorel::MatrixPairwise> _pairwise;
+  std::unique_ptr<vorel::DiscriminantMatrix> _groups;
+  std::vector<std::uint64_t> _groupRows;
 };
 
 class StatWorker : public vorel::WorkerBase {
  public:
   explicit StatWorker(StatProblem& problem)
       : _problem(problem),
-        _layout(problem.layout),
-        _pairwise(problem.options.pairwise),
-        _missingCode(problem.rules.missingCode),
-        _parser(problem.layout, problem.rules),
-        _batch(problem.layout.NValues(), problem.options.batchRows,
-               problem.layout.weightField ? &_weight : nullptr,
-               problem.layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem.layout.NValues()),
-        _groupRows(problem.groupRows.size(), 0),
-        _groupShift(problem.options.groupShift),
+        _layout(problem._layout),
+        _pairwise(problem._options.pairwise),
+        _missingCode(problem._rules.missingCode),
+        _parser(problem._layout, problem._rules),
+        _batch(problem._layout.NValues(), problem._options.batchRows,
+               problem._layout.weightField ? &_weight : nullptr,
+               problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
+        _extremes(problem._layout.NValues()),
+        _groupRows(problem._groupRows.size(), 0),
+        _groupShift(problem._options.groupShift),
         _shifted(_groupShift.size()) {
     if (_pairwise) {
       _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
@@ -146,7 +146,7 @@ class StatWorker : public vorel::WorkerBase {
     if (_layout.groupField) {
       // Regression weights play no part in the discriminant sums, so the
       // group batch does not carry them.
-      _groupBatch.emplace(_layout.NValues(), problem.options.batchRows,
+      _groupBatch.emplace(_layout.NValues(), problem._options.batchRows,
                           _layout.weightField ? &_weight : nullptr, nullptr, &_group);
       _groupMatrix = std::make_unique<vorel::DiscriminantMatrix>(
           problem.GroupCount(), static_cast<int>(_layout.NValues()));
@@ -154,11 +154,11 @@ class StatWorker : public vorel::WorkerBase {
   }
 
   bool ReadBatch() override {
-    if (_problem.failed.load(std::memory_order_relaxed)) return false;
-    if (!_problem.reader.Next(_chunk)) return false;
-    _problem.lineCounts.push_back(0);
-    _lineCount = &_problem.lineCounts.back();
-    if (_problem.options.onProgress) _problem.options.onProgress(_problem.reader.BytesRead());
+    if (_problem._failed.load(std::memory_order_relaxed)) return false;
+    if (!_problem._reader.Next(_chunk)) return false;
+    _problem._lineCounts.push_back(0);
+    _lineCount = &_problem._lineCounts.back();
+    if (_problem._options.onProgress) _problem._options.onProgress(_problem._reader.BytesRead());
     return true;
   }
 
@@ -176,7 +176,7 @@ class StatWorker : public vorel::WorkerBase {
       LineError error;
       if (!_parser.Parse(text, _row, error)) {
         _error = FoundError{_chunk.index, line, std::move(error)};
-        _problem.failed.store(true, std::memory_order_relaxed);
+        _problem._failed.store(true, std::memory_order_relaxed);
         ++line;
         break;
       }
@@ -192,12 +192,12 @@ class StatWorker : public vorel::WorkerBase {
     }
     FlushBatch();
     FlushGroupBatch();
-    if (_listwiseMatrix) *_problem.listwise += *_listwiseMatrix;
-    if (_pairwiseMatrix) *_problem.pairwise += *_pairwiseMatrix;
-    if (_groupMatrix) *_problem.groups += *_groupMatrix;
-    for (std::size_t g = 0; g < _groupRows.size(); ++g) _problem.groupRows[g] += _groupRows[g];
-    _problem.extremes.Add(_extremes);
-    _problem.counters.Add(_counters);
+    if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
+    if (_pairwiseMatrix) *_problem._pairwise += *_pairwiseMatrix;
+    if (_groupMatrix) *_problem._groups += *_groupMatrix;
+    for (std::size_t g = 0; g < _groupRows.size(); ++g) _problem._groupRows[g] += _groupRows[g];
+    _problem._extremes.Add(_extremes);
+    _problem._counters.Add(_counters);
   }
 
  private:
@@ -215,7 +215,7 @@ class StatWorker : public vorel::WorkerBase {
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
     ++_counters.rowsUsed;
-    if (_batch.NRows() == _problem.options.batchRows) FlushBatch();
+    if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
     if (!_groupBatch) return;
     if (_row.groupMissing) {
       ++_counters.rowsWithoutGroup;
@@ -230,7 +230,7 @@ class StatWorker : public vorel::WorkerBase {
     }
     _groupBatch->AddRow(cells);
     ++_groupRows[_row.group];
-    if (_groupBatch->NRows() == _problem.options.batchRows) FlushGroupBatch();
+    if (_groupBatch->NRows() == _problem._options.batchRows) FlushGroupBatch();
   }
 
   // Extremes first: a listwise matrix centres the batch's columns in place.
@@ -296,7 +296,7 @@ class StatWorker : public vorel::WorkerBase {
 };
 
 vorel::WorkerBase* StatProblem::CreateWorker() {
-  ++workersMade;
+  ++_workersMade;
   return new StatWorker(*this);
 }
 
@@ -315,26 +315,26 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
                    const PassOptions& options) {
   StatProblem problem(reader, layout, rules, options);
   vorel::Driver(&problem, options.threads);
-  if (problem.firstError) {
-    const FoundError& found = *problem.firstError;
+  if (problem._firstError) {
+    const FoundError& found = *problem._firstError;
     throw DataError(Location(reader, layout, problem.LineNumber(found), found.error) + ": " +
                     found.error.message);
   }
   PassResult result;
-  result.threads = problem.workersMade;
-  result.rowsRead = problem.counters.rowsRead;
-  result.rowsUsed = problem.counters.rowsUsed;
-  result.rowsIncomplete = problem.counters.rowsIncomplete;
-  result.rowsWithoutWeight = problem.counters.rowsWithoutWeight;
-  result.rowsWithoutGroup = problem.counters.rowsWithoutGroup;
-  result.cellsCoerced = problem.counters.cellsCoerced;
-  result.cellCounts = std::move(problem.extremes.counts);
-  result.minima = std::move(problem.extremes.minima);
-  result.maxima = std::move(problem.extremes.maxima);
-  result.listwise = std::move(problem.listwise);
-  result.pairwise = std::move(problem.pairwise);
-  result.groups = std::move(problem.groups);
-  result.groupRows = std::move(problem.groupRows);
+  result.threads = problem._workersMade;
+  result.rowsRead = problem._counters.rowsRead;
+  result.rowsUsed = problem._counters.rowsUsed;
+  result.rowsIncomplete = problem._counters.rowsIncomplete;
+  result.rowsWithoutWeight = problem._counters.rowsWithoutWeight;
+  result.rowsWithoutGroup = problem._counters.rowsWithoutGroup;
+  result.cellsCoerced = problem._counters.cellsCoerced;
+  result.cellCounts = std::move(problem._extremes.counts);
+  result.minima = std::move(problem._extremes.minima);
+  result.maxima = std::move(problem._extremes.maxima);
+  result.listwise = std::move(problem._listwise);
+  result.pairwise = std::move(problem._pairwise);
+  result.groups = std::move(problem._groups);
+  result.groupRows = std::move(problem._groupRows);
   result.groupShift = options.groupShift;
   result.groupShift.resize(layout.NValues(), 0.0);
   return result;

@@ -51,7 +51,7 @@ class BadInput(unittest.TestCase):
         self.assertIn('"used": 1', done.stdout)
 
     def test_empty_cell_when_only_na_counts_as_missing(self):
-        self.expect_data_error("a,b\n1,\n", ["--missing-text", "NA"], 'line 2, column 2 ("b")',
+        self.expect_data_error("a,b\n1,\n", ["--missing-text", "NA", "-c", "a,b"], 'line 2, column 2 ("b")',
                                "cell is empty")
 
     def test_weight_negative_or_not_a_number(self):

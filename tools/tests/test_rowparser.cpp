@@ -84,6 +84,18 @@ TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
   EXPECT_TRUE(std::isnan(f.row.values[1]));
 }
 
+TEST(RowParser, MissingTextsThatLookLikeNumbers) {
+  CellRules rules = Rules();
+  rules.missingTexts = {".", "-", "-9"};
+  const RowLayout layout = MakeLayout({"a", "b", "c", "d"}, ',', {}, std::nullopt, rules);
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  ASSERT_TRUE(parser.Parse(".,-,-9,-9.5", row, error)) << error.message;
+  EXPECT_EQ(row.nMissing, 3u);
+  EXPECT_EQ(row.values[3], -9.5);
+}
+
 TEST(RowParser, BadCellNamesItsField) {
   Fixture f;
   EXPECT_FALSE(f.Parse("r,1,1,abc,2"));

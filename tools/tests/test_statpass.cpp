@@ -75,13 +75,13 @@ DataSet MakeData(unsigned seed, int nRows) {
   return data;
 }
 
-struct Setup {
+struct PassSetup {
   CellRules rules;
   RowLayout layout;
 };
 
-Setup MakeSetup(bool regWeight) {
-  Setup s;
+PassSetup MakeSetup(bool regWeight) {
+  PassSetup s;
   s.rules.missingTexts = {"", "NA"};
   s.rules.missingCode = -1e300;
   s.rules.groupLo = 1;
@@ -133,7 +133,7 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   const auto [threads, batchRows, readSize, pairwise, regWeight] = GetParam();
   const DataSet data = MakeData(4242, 300);
   TempFile file(data.text);
-  const Setup s = MakeSetup(regWeight);
+  const PassSetup s = MakeSetup(regWeight);
   ChunkReader reader(file.Path(), readSize);
   PassOptions options;
   options.pairwise = pairwise;
