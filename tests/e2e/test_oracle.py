@@ -1,6 +1,5 @@
 """vorelstat's figures on the sample data against pandas and NumPy."""
 import io
-import math
 import unittest
 
 import numpy as np
@@ -53,23 +52,6 @@ class Listwise(OracleCase):
         self.assertClose([c["sd"] for c in report["columns"]], np.sqrt(np.diag(cov)))
         sd = np.sqrt(np.diag(cov))
         self.assertClose(matrix(report, "correlation"), cov / np.outer(sd, sd))
-
-    def test_regression_weight_multiplies_in(self):
-        # A second weight column: means and sums weigh by weight x adj, the
-        # divisor stays the frequency count minus one.
-        frame = self.frame.copy()
-        frame["adj"] = 0.5 + (np.arange(len(frame)) % 4) * 0.5
-        with TempCsv(frame.to_csv(index=False)) as path:
-            report = run_json(path, "-w", "weight", "-r", "adj", "-c", "income,rent")
-        complete = frame.dropna(subset=["income", "rent"])
-        w = complete["weight"].to_numpy()
-        v = w * complete["adj"].to_numpy()
-        x = complete[["income", "rent"]].to_numpy()
-        means = (v[:, None] * x).sum(axis=0) / v.sum()
-        centred = x - means
-        css = (v[:, None, None] * centred[:, :, None] * centred[:, None, :]).sum(axis=0)
-        self.assertClose([c["mean"] for c in report["columns"]], means)
-        self.assertClose(matrix(report, "covariance"), css / (w.sum() - 1))
 
 
 class Pairwise(OracleCase):

@@ -124,14 +124,5 @@ TEST(ChunkReader, PeekOnHeaderOnlyFileFindsNothing) {
   EXPECT_EQ(reader.PeekFirstDataLine(), std::nullopt);
 }
 
-TEST(ChunkReader, CountsTheBytesItRead) {
-  TempFile file("a,b\n1,2\n3,4\n");
-  ChunkReader reader(file.Path(), 4);
-  Chunk chunk;
-  while (reader.Next(chunk)) {
-  }
-  EXPECT_EQ(reader.BytesRead(), 12u);
-}
-
 }  // namespace
 }  // namespace vorelstat
