@@ -177,7 +177,6 @@ class StatWorker : public vorel::WorkerBase {
       if (!_parser.Parse(text, _row, error)) {
         _error = FoundError{_chunk.index, line, std::move(error)};
         _problem._failed.store(true, std::memory_order_relaxed);
-        ++line;
         break;
       }
       TakeRow();
@@ -190,6 +189,8 @@ class StatWorker : public vorel::WorkerBase {
       _problem.OfferError(*_error);
       return;
     }
+    // Batches run on across chunks, so each worker still holds one partly
+    // filled batch: it goes in here, once per worker.
     FlushBatch();
     FlushGroupBatch();
     if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
