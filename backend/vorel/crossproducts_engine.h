@@ -49,7 +49,7 @@ inline Centring CentringOf(const CrossProductJob& job) {
 
 // Widest tile in lanes any level uses; the triangle's accumulator rows leave
 // this much room past the diagonal.
-constexpr Index kMaxTileLanes = 16;
+constexpr Index kMaxTileLanes = 32;
 // Panel bytes per chunk (see MakeLayout).
 constexpr Index kL1PanelBytes = 24 * 1024;
 constexpr Index kL2PanelBytes = 512 * 1024;
@@ -555,15 +555,17 @@ template <class Isa>
 struct TileTable {
   TileFn fns[Isa::kRows][Isa::kVecs] = {};
 
-  template <int R>
+  template <int R, int V>
   constexpr void Fill() {
     if constexpr (R > 0) {
-      fns[R - 1][0] = &Tile<Isa, R, 1>;
-      if constexpr (Isa::kVecs > 1) fns[R - 1][1] = &Tile<Isa, R, 2>;
-      Fill<R - 1>();
+      fns[R - 1][V - 1] = &Tile<Isa, R, V>;
+      if constexpr (V > 1)
+        Fill<R, V - 1>();
+      else
+        Fill<R - 1, Isa::kVecs>();
     }
   }
-  constexpr TileTable() { Fill<Isa::kRows>(); }
+  constexpr TileTable() { Fill<Isa::kRows, Isa::kVecs>(); }
 };
 
 template <class Isa>
@@ -582,17 +584,20 @@ void TriangleChunk(const Layout& lay, const double* p, const double* q, Index ro
   constexpr Index kWidth = kLanes * Isa::kVecs;
   double* acc[Isa::kRows];
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth) {
-    // Rows c below k0 have no cells in this block of columns; rows c < k0 +
-    // kLanes have theirs in its first vector only.
-    const Index near = Smaller(k0 + kLanes, lay.all);
-    for (Index c0 = k0; c0 < lay.all;) {
-      const Index end = c0 < near ? near : lay.all;
-      const int v = c0 < near ? 1 : VectorsFor<Isa>(lay.all - k0);
-      const int r = static_cast<int>(Smaller(Isa::kRows, end - c0));
-      for (int j = 0; j < r; ++j)
-        acc[j] = tri + TriangleRow(c0 + j) + k0;
-      kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + k0, lay.ld, rows, acc);
-      c0 += r;
+    // Rows c below k0 have no cells in this block of columns, and a row c
+    // has its cells in the first (c - k0) / kLanes + 1 vectors: the rows go
+    // in bands of kLanes, each with as many vectors as it needs.
+    const int most = VectorsFor<Isa>(lay.all - k0);
+    for (int band = 0; band < most; ++band) {
+      const Index from = k0 + band * kLanes;
+      const Index to = band + 1 == most ? lay.all : Smaller(lay.all, from + kLanes);
+      for (Index c0 = from; c0 < to;) {
+        const int r = static_cast<int>(Smaller(Isa::kRows, to - c0));
+        for (int j = 0; j < r; ++j)
+          acc[j] = tri + TriangleRow(c0 + j) + k0;
+        kTiles<Isa>.fns[r - 1][band](q + c0, p + k0, lay.ld, rows, acc);
+        c0 += r;
+      }
     }
   }
 }
