@@ -381,6 +381,135 @@ TEST_P(KernelLevels, RectangleAndDiagonalMatchThePlainLoop) {
   }
 }
 
+// The per-pair reduction written out: the pair's rows, their weights, the
+// stable mean of each column, then the corrected sums in row order.
+PairFigures PlainPair(const double* x0, const double* x1, const double* w, const double* rw,
+                      double code, int n) {
+  std::vector<double> a, b, ws, v;
+  for (int i = 0; i < n; ++i) {
+    if (x0[i] == code || x1[i] == code) continue;
+    a.push_back(x0[i]);
+    b.push_back(x1[i]);
+    if (w != nullptr) ws.push_back(w[i]);
+    if (rw != nullptr)
+      v.push_back(w != nullptr ? rw[i] * w[i] : rw[i]);
+    else if (w != nullptr)
+      v.push_back(w[i]);
+  }
+  const int k = static_cast<int>(a.size());
+  PairFigures f;
+  f.nRows = k;
+  double sum = 0.0;
+  for (double x : ws)
+    sum = sum + x;
+  f.weightSum = w != nullptr ? sum : f.nRows;
+  double combined = 0.0;
+  for (double x : v)
+    combined = combined + x;
+  f.regWeightSum = rw != nullptr ? combined : f.weightSum;
+  const double* vp = v.empty() ? nullptr : v.data();
+  auto mean = [&](const std::vector<double>& x) {
+    if (k == 0) return 0.0;
+    double run = 0.0, rest = 0.0;
+    int e = 0;
+    while (e < k && x[e] == x[0])
+      run = run + (vp != nullptr ? vp[e++] : (++e, 1.0));
+    if (e == k) return x[0];
+    for (int i = e; i < k; ++i)
+      rest = rest + (vp != nullptr ? x[i] * vp[i] : x[i]);
+    return (rest + x[0] * run) / f.regWeightSum;
+  };
+  f.mean0 = mean(a);
+  f.mean1 = mean(b);
+  for (double& x : a)
+    x = x - f.mean0;
+  for (double& x : b)
+    x = x - f.mean1;
+  f.css0 = PlainCell(a.data(), a.data(), vp, k);
+  f.css1 = PlainCell(b.data(), b.data(), vp, k);
+  f.cscp = PlainCell(a.data(), b.data(), vp, k);
+  return f;
+}
+
+::testing::AssertionResult SamePair(const PairFigures& got, const PairFigures& want) {
+  const double g[8] = {got.nRows, got.weightSum, got.regWeightSum, got.mean0,
+                       got.mean1, got.css0,      got.css1,         got.cscp};
+  const double w[8] = {want.nRows, want.weightSum, want.regWeightSum, want.mean0,
+                       want.mean1, want.css0,      want.css1,         want.cscp};
+  const char* names[8] = {"nRows", "weightSum", "regWeightSum", "mean0",
+                          "mean1", "css0",      "css1",         "cscp"};
+  for (int i = 0; i < 8; ++i)
+    if (!SameBits(g[i], w[i]))
+      return ::testing::AssertionFailure() << names[i] << " " << g[i] << ", want " << w[i];
+  return ::testing::AssertionSuccess();
+}
+
+// Pairs with scattered missing cells, side by side in masked lanes, against
+// the per-pair reduction: every weighting, runs at the start of the kept
+// cells, a column missing throughout, NaN cells, and a NaN missing code.
+TEST_P(KernelLevels, MaskedPairsMatchThePerPairReduction) {
+  constexpr double kCode = -99.0;
+  for (const Shape s : kShapes) {
+    if (s.p < 2) continue;
+    for (int weighting = 0; weighting < 4; ++weighting) {
+      const unsigned seed = static_cast<unsigned>(s.p * 31 + s.n * 7 + weighting);
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
+                                        << ", weighting " << weighting);
+      std::mt19937_64 rng(seed);
+      Block b = RandomBlock(rng, s.p, s.n, Data::Specials);
+      const std::vector<double> w = RandomWeights(rng, s.n), rw = RandomWeights(rng, s.n);
+      for (int j = 0; j < s.p; ++j) {
+        double* x = b.Column(j);
+        for (int i = 0; i < s.n; ++i) {
+          if (rng() % 20 == 0) x[i] = kCode;
+          if (j % 4 == 2 && i < 5) x[i] = i == 1 ? kCode : 6.5;  // a run across a missing cell
+          if (j == 3 % s.p && s.p > 3) x[i] = kCode;             // missing throughout
+        }
+      }
+      const double* wp = weighting & 1 ? w.data() : nullptr;
+      const double* rwp = weighting & 2 ? rw.data() : nullptr;
+      std::vector<double> combined;
+      for (int i = 0; i < s.n; ++i)
+        combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
+
+      for (double code : {kCode, kNaN}) {
+        MaskedPairsJob job;
+        job.first = b.View();
+        job.weights = wp;
+        job.combined = (wp || rwp) ? combined.data() : nullptr;
+        job.hasRegWeights = rwp != nullptr;
+        job.missingCode = code;
+        job.nRows = s.n;
+        std::vector<PairFigures> got(static_cast<std::size_t>(s.p) * (s.p - 1) / 2);
+        job.out = got.data();
+        MaskedPairs(job);
+        std::size_t k = 0;
+        for (int c = 0; c < s.p; ++c)
+          for (int d = 0; d < c; ++d, ++k)
+            EXPECT_TRUE(SamePair(got[k], PlainPair(b.Column(c), b.Column(d), wp, rwp, code, s.n)))
+                << "pair " << c << "," << d << ", code " << code;
+
+        // A rectangle: the first columns against the others.
+        const int split = s.p / 2 > 0 ? s.p / 2 : 1;
+        std::vector<double*> firsts, seconds;
+        for (int j = 0; j < s.p; ++j)
+          (j < split ? firsts : seconds).push_back(b.Column(j));
+        job.triangle = false;
+        job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
+        job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
+        std::vector<PairFigures> rect(static_cast<std::size_t>(split) * (s.p - split));
+        job.out = rect.data();
+        MaskedPairs(job);
+        for (int r = 0; r < split; ++r)
+          for (int c = split; c < s.p; ++c)
+            EXPECT_TRUE(SamePair(rect[static_cast<std::size_t>(r) * (s.p - split) + (c - split)],
+                                 PlainPair(b.Column(r), b.Column(c), wp, rwp, code, s.n)))
+                << "rectangle pair " << r << "," << c << ", code " << code;
+      }
+    }
+  }
+}
+
 // The column pass against StableMean, MinValue and MaxValue, which the column
 // kernel tests hold to the plain loops.
 TEST_P(KernelLevels, ColumnPassMatchesTheColumnKernels) {

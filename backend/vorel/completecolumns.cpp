@@ -43,6 +43,8 @@ void CompleteColumns::Reduce(const DataBatch& data, int first, int count, double
   const int m = static_cast<int>(_columns.size());
   if (m == 0 || m < minimum) {
     _slot.assign(static_cast<std::size_t>(count), -1);
+    _columns.clear();
+    _split = 0;
     return;
   }
 
@@ -96,11 +98,69 @@ void CompleteColumns::Reduce(const DataBatch& data, int first, int count, double
   }
 }
 
+long long CompleteColumns::CompletePairs() const {
+  const auto m = static_cast<long long>(_columns.size());
+  if (_pairs == Pairs::Triangle) return m * (m - 1) / 2;
+  return _split * (m - _split);
+}
+
 double CompleteColumns::CSCP(int a, int b) const {
   const std::size_t ia = Slot(a), ib = Slot(b);
   if (_pairs == Pairs::Triangle) return _cross[ia * (ia + 1) / 2 + ib];
   const auto split = static_cast<std::size_t>(_split);
   return _cross[ia * (_columns.size() - split) + (ib - split)];
+}
+
+bool ScatteredPairs::WorthIt(long long pairs, long long complete) {
+  // A pair costs a compression and five sweeps of its own, against one
+  // masked lane of two passes here: from an eighth of the pairs on, all of
+  // them go here.
+  return pairs > 0 && 8 * (pairs - complete) >= pairs;
+}
+
+void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double missingCode,
+                            CompleteColumns::Pairs pairs, int split) {
+  const int n = static_cast<int>(data.NRows());
+  _pairs = pairs;
+  _split = split;
+  _count = count;
+  _columns.clear();
+  for (int j = 0; j < count; ++j)  // only read
+    _columns.push_back(const_cast<double*>(data.Column(static_cast<unsigned>(first + j))));
+  const double* w = data.Weights();
+  const double* rw = data.RegWeights();
+  const double* v = rw == nullptr ? w : rw;  // the combined weights
+  if (w != nullptr && rw != nullptr) {
+    _combined.resize(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+      _combined[static_cast<std::size_t>(i)] = w[i] * rw[i];
+    v = _combined.data();
+  }
+
+  MaskedPairsJob job;
+  job.weights = w;
+  job.combined = v;
+  job.hasRegWeights = rw != nullptr;
+  job.missingCode = missingCode;
+  job.nRows = n;
+  if (pairs == CompleteColumns::Pairs::Triangle) {
+    job.first = ColumnBlock{nullptr, 0, count, _columns.data()};
+    _figures.resize(static_cast<std::size_t>(count) * static_cast<std::size_t>(count - 1) / 2);
+  } else {
+    job.triangle = false;
+    job.first = ColumnBlock{nullptr, 0, split, _columns.data()};
+    job.second = ColumnBlock{nullptr, 0, count - split, _columns.data() + split};
+    _figures.resize(static_cast<std::size_t>(split) * static_cast<std::size_t>(count - split));
+  }
+  job.out = _figures.data();
+  MaskedPairs(job);
+}
+
+const PairFigures& ScatteredPairs::Pair(int a, int b) const {
+  const auto ia = static_cast<std::size_t>(a), ib = static_cast<std::size_t>(b);
+  if (_pairs == CompleteColumns::Pairs::Triangle) return _figures[ia * (ia - 1) / 2 + ib];
+  const auto split = static_cast<std::size_t>(_split);
+  return _figures[ia * (static_cast<std::size_t>(_count) - split) + (ib - split)];
 }
 
 }  // namespace vorel

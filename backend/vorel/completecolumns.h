@@ -26,6 +26,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "crossproducts.h"
+
 namespace vorel {
 
 class CompleteColumns {
@@ -47,6 +49,8 @@ class CompleteColumns {
               int split, bool extremes, int minimum);
 
   bool Complete(int j) const { return _slot[static_cast<std::size_t>(j)] >= 0; }
+  // The pairs kept whose two columns are both complete.
+  long long CompletePairs() const;
   int NRows() const { return _nRows; }
   double WeightSum() const { return _weightSum; }
   double RegWeightSum() const { return _regWeightSum; }
@@ -73,6 +77,38 @@ class CompleteColumns {
   int _nRows = 0;
   double _weightSum = 0.0;
   double _regWeightSum = 0.0;
+};
+
+// Every pair of a block with pairwise deletion, side by side in the masked
+// lanes of the blocked kernels (MaskedPairs in crossproducts.h): the same
+// bits as each pair's own reduction, without its compressed copy. Worth it
+// when many pairs have missing cells; the pairs of two complete columns are
+// cheaper still by CompleteColumns. Internal.
+class ScatteredPairs {
+ public:
+  ScatteredPairs() = default;
+  // Scratch: a copy starts empty, and an assignment leaves the target's own.
+  ScatteredPairs(const ScatteredPairs&) {}
+  ScatteredPairs& operator=(const ScatteredPairs&) { return *this; }
+
+  // Whether a batch with this many pairs in all, of which complete are the
+  // pairs of two complete columns, is better served here than pair by pair.
+  static bool WorthIt(long long pairs, long long complete);
+
+  // Reduces every pair kept (as CompleteColumns::Reduce says) of block
+  // positions 0 .. count-1 (batch columns first ..).
+  void Reduce(const DataBatch& data, int first, int count, double missingCode,
+              CompleteColumns::Pairs pairs, int split);
+  // The figures of pair (a, b), a being the pair's first variable.
+  const PairFigures& Pair(int a, int b) const;
+
+ private:
+  std::vector<double*> _columns;
+  std::vector<double> _combined;
+  std::vector<PairFigures> _figures;
+  CompleteColumns::Pairs _pairs = CompleteColumns::Pairs::Triangle;
+  int _split = 0;
+  int _count = 0;
 };
 
 }  // namespace vorel

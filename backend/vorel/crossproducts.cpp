@@ -105,6 +105,8 @@ void ColumnPass(const ColumnBlock& cols, const double* w, double total, int n, d
 
 void CrossProducts(const CrossProductJob& job) { CurrentKernels().table->crossProducts(job); }
 
+void MaskedPairs(const MaskedPairsJob& job) { CurrentKernels().table->maskedPairs(job); }
+
 void CrossProductTriangle(const ColumnBlock& cols, const double* w, int n, double* out) {
   CrossProductJob job;
   job.cols = cols;

@@ -109,6 +109,50 @@ struct CrossProductJob {
 
 void CrossProducts(const CrossProductJob& job);
 
+// Pairs of columns with pairwise deletion, many pairs side by side, each lane
+// of a vector one pair: a row counts for a pair when neither of its two cells
+// compares equal to missingCode, and a lane skips the rows that do not count
+// by a mask (it never adds a zero, which would turn -0.0 into +0.0). Every
+// figure is bit for bit that of the per-pair reduction: compression of the
+// pair's rows, then the column kernels on them, in row order:
+//   nRows        the rows kept;
+//   weightSum    SumValues of their weights, or nRows without weights;
+//   regWeightSum SumValues of their combined weights with regression
+//                weights, otherwise weightSum;
+//   mean0, mean1 StableMean of each column's kept cells under the combined
+//                weights, with regWeightSum as total;
+//   css0, css1, cscp  WeightedDotProduct of the centred kept cells,
+//                (x0 * v) * x0, (x1 * v) * x1 and (x0 * v) * x1.
+// The columns are only read.
+struct PairFigures {
+  double nRows = 0.0;
+  double weightSum = 0.0;
+  double regWeightSum = 0.0;
+  double mean0 = 0.0;
+  double mean1 = 0.0;
+  double css0 = 0.0;
+  double css1 = 0.0;
+  double cscp = 0.0;
+};
+
+struct MaskedPairsJob {
+  // triangle: every pair (a, b) of first with a after b, a the pair's first
+  // variable, at out[a(a-1)/2 + b]. Otherwise every pair of a column of first
+  // (the first variable) with a column of second, at out[a * second.count + b].
+  ColumnBlock first;
+  ColumnBlock second;
+  bool triangle = true;
+  const double* weights = nullptr;  // frequency weights, or null
+  const double* combined =
+      nullptr;  // weight times regression weight (or the one there is), or null
+  bool hasRegWeights = false;
+  double missingCode = 0.0;
+  int nRows = 0;
+  PairFigures* out = nullptr;
+};
+
+void MaskedPairs(const MaskedPairsJob& job);
+
 // Shorthands for the common shapes.
 
 // The lower triangle with diagonal of the block, into out (p(p+1)/2 cells).

@@ -20,6 +20,26 @@ struct Avx2Isa {
   static Vec Broadcast(const double* p) { return _mm256_broadcast_sd(p); }
   static Vec Add(Vec a, Vec b) { return _mm256_add_pd(a, b); }
   static Vec Mul(Vec a, Vec b) { return _mm256_mul_pd(a, b); }
+  static Vec Set1(double a) { return _mm256_set1_pd(a); }
+  static Vec Sub(Vec a, Vec b) { return _mm256_sub_pd(a, b); }
+  static Vec Div(Vec a, Vec b) { return _mm256_div_pd(a, b); }
+
+  // Masks: all bits of a lane set (in) or clear (out).
+  using Mask = __m256d;
+  static Mask Equal(Vec a, Vec b) { return _mm256_cmp_pd(a, b, _CMP_EQ_OQ); }
+  static Mask NotEqual(Vec a, Vec b) { return _mm256_cmp_pd(a, b, _CMP_NEQ_UQ); }
+  static Mask And(Mask a, Mask b) { return _mm256_and_pd(a, b); }
+  static Mask AndNot(Mask a, Mask b) { return _mm256_andnot_pd(b, a); }  // a and not b
+  static Mask Or(Mask a, Mask b) { return _mm256_or_pd(a, b); }
+  static bool Any(Mask m) { return _mm256_movemask_pd(m) != 0; }
+  // acc + t in the lanes of m; the other lanes keep acc, untouched.
+  static Vec AddIf(Mask m, Vec acc, Vec t) {
+    return _mm256_blendv_pd(acc, _mm256_add_pd(acc, t), m);
+  }
+  // a in the lanes of m, b in the others.
+  static Vec Select(Mask m, Vec a, Vec b) { return _mm256_blendv_pd(b, a, m); }
+  static Mask ToMask(Vec a) { return NotEqual(a, _mm256_setzero_pd()); }
+  static Vec FromMask(Mask m) { return _mm256_and_pd(m, _mm256_set1_pd(1.0)); }
   // vmaxpd gives its first operand when that is greater and the second
   // otherwise (ties and NaN included): x > best ? x : best.
   static Vec KeepGreater(Vec x, Vec best) { return _mm256_max_pd(x, best); }

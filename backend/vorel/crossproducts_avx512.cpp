@@ -20,6 +20,24 @@ struct Avx512Isa {
   static Vec Broadcast(const double* p) { return _mm512_set1_pd(*p); }
   static Vec Add(Vec a, Vec b) { return _mm512_add_pd(a, b); }
   static Vec Mul(Vec a, Vec b) { return _mm512_mul_pd(a, b); }
+  static Vec Set1(double a) { return _mm512_set1_pd(a); }
+  static Vec Sub(Vec a, Vec b) { return _mm512_sub_pd(a, b); }
+  static Vec Div(Vec a, Vec b) { return _mm512_div_pd(a, b); }
+
+  // Masks: one bit a lane.
+  using Mask = __mmask8;
+  static Mask Equal(Vec a, Vec b) { return _mm512_cmp_pd_mask(a, b, _CMP_EQ_OQ); }
+  static Mask NotEqual(Vec a, Vec b) { return _mm512_cmp_pd_mask(a, b, _CMP_NEQ_UQ); }
+  static Mask And(Mask a, Mask b) { return static_cast<Mask>(a & b); }
+  static Mask AndNot(Mask a, Mask b) { return static_cast<Mask>(a & ~b); }  // a and not b
+  static Mask Or(Mask a, Mask b) { return static_cast<Mask>(a | b); }
+  static bool Any(Mask m) { return m != 0; }
+  // acc + t in the lanes of m; the other lanes keep acc, untouched.
+  static Vec AddIf(Mask m, Vec acc, Vec t) { return _mm512_mask_add_pd(acc, m, acc, t); }
+  // a in the lanes of m, b in the others.
+  static Vec Select(Mask m, Vec a, Vec b) { return _mm512_mask_blend_pd(m, b, a); }
+  static Mask ToMask(Vec a) { return NotEqual(a, _mm512_setzero_pd()); }
+  static Vec FromMask(Mask m) { return _mm512_maskz_mov_pd(m, _mm512_set1_pd(1.0)); }
   // As vmaxpd/vminpd: the first operand when it wins, else the second. (The
   // all-lanes mask form only spares GCC 12 a false uninitialised warning.)
   static Vec KeepGreater(Vec x, Vec best) { return _mm512_mask_max_pd(best, 0xFF, x, best); }

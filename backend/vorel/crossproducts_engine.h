@@ -898,8 +898,16 @@ void RunColumnPass(const ColumnBlock& cols, const double* w, double total, int n
   }
 }
 
+}  // namespace
+}  // namespace vorel::kernels
+
+#include "crossproducts_pairs.h"
+
+namespace vorel::kernels {
+namespace {
+
 template <class Isa>
-constexpr KernelTable kTable{&RunCrossProducts<Isa>, &RunColumnPass<Isa>};
+constexpr KernelTable kTable{&RunCrossProducts<Isa>, &RunColumnPass<Isa>, &RunMaskedPairs<Isa>};
 
 }  // namespace
 }  // namespace vorel::kernels

@@ -13,6 +13,7 @@ struct KernelTable {
   void (*crossProducts)(const CrossProductJob& job);
   void (*columnPass)(const ColumnBlock& cols, const double* w, double total, int n, double* means,
                      double* mins, double* maxs);
+  void (*maskedPairs)(const MaskedPairsJob& job);
 };
 
 // Null when this build has no code for the level (another architecture, or a

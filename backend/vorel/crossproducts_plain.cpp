@@ -44,6 +44,78 @@ struct PlainIsa {
       r.v[l] = a.v[l] * b.v[l];
     return r;
   }
+  static Vec Set1(double a) { return Broadcast(&a); }
+  static Vec Sub(const Vec& a, const Vec& b) {
+    Vec r;
+    for (int l = 0; l < kLanes; ++l)
+      r.v[l] = a.v[l] - b.v[l];
+    return r;
+  }
+  static Vec Div(const Vec& a, const Vec& b) {
+    Vec r;
+    for (int l = 0; l < kLanes; ++l)
+      r.v[l] = a.v[l] / b.v[l];
+    return r;
+  }
+
+  // Masks: a lane is in or out.
+  struct Mask {
+    bool in[kLanes];
+  };
+  static Mask Equal(const Vec& a, const Vec& b) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = a.v[l] == b.v[l];
+    return m;
+  }
+  static Mask NotEqual(const Vec& a, const Vec& b) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = !(a.v[l] == b.v[l]);
+    return m;
+  }
+  static Mask And(const Mask& a, const Mask& b) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = a.in[l] && b.in[l];
+    return m;
+  }
+  // a and not b.
+  static Mask AndNot(const Mask& a, const Mask& b) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = a.in[l] && !b.in[l];
+    return m;
+  }
+  static Mask Or(const Mask& a, const Mask& b) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = a.in[l] || b.in[l];
+    return m;
+  }
+  static bool Any(const Mask& m) {
+    for (int l = 0; l < kLanes; ++l)
+      if (m.in[l]) return true;
+    return false;
+  }
+  // acc + t in the lanes of m; the other lanes keep acc, untouched.
+  static Vec AddIf(const Mask& m, const Vec& acc, const Vec& t) {
+    Vec r = acc;
+    for (int l = 0; l < kLanes; ++l)
+      if (m.in[l]) r.v[l] = acc.v[l] + t.v[l];
+    return r;
+  }
+  // a in the lanes of m, b in the others.
+  static Vec Select(const Mask& m, const Vec& a, const Vec& b) {
+    Vec r;
+    for (int l = 0; l < kLanes; ++l)
+      r.v[l] = m.in[l] ? a.v[l] : b.v[l];
+    return r;
+  }
+  // A mask kept in memory as 1.0 (in) and 0.0 (out).
+  static Mask ToMask(const Vec& a) { return NotEqual(a, Set1(0.0)); }
+  static Vec FromMask(const Mask& m) { return Select(m, Set1(1.0), Set1(0.0)); }
+
   // x > best ? x : best, lane by lane.
   static Vec KeepGreater(const Vec& x, const Vec& best) {
     Vec r;

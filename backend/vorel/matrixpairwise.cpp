@@ -64,8 +64,9 @@ struct MatrixPairwiseData {
   std::vector<PairStatsData> _xp;       // one per pair, row h holding (h, 0) .. (h, h - 1)
   WorkArea _workArea;                   // scratch, and the one place of the missing code
   bool _hasRegWeights = false;
-  // Scratch: the columns of a batch without missing cells.
+  // Scratch: the columns of a batch without missing cells, and its pairs.
   CompleteColumns _complete;
+  ScatteredPairs _scattered;
 
  private:
   void AddTableSums(const DataBatch& data);
@@ -112,8 +113,10 @@ void MatrixPairwiseData::AddTableSums(const DataBatch& data) {
 // Each column, then each pair of it with a lower column, reduced on its own
 // and folded into its long-lived record. The columns without a missing cell
 // in the batch, and the pairs of two of them, take their figures from one
-// blocked pass over those columns: the same bits as their own reduction
-// (see completecolumns.h), without a compressed copy per column and pair.
+// blocked pass over those columns; when many pairs have missing cells, all
+// pairs go through one masked pass. Either gives the same bits as the pair's
+// own reduction (see completecolumns.h), without a compressed copy per column
+// and pair.
 void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
   const unsigned n = data.NRows();
   const unsigned nCols = data.NColumns();
@@ -122,6 +125,12 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
   const CompleteColumns& full = _complete;
   _complete.Reduce(data, 0, static_cast<int>(nCols), _workArea.missingCode,
                    CompleteColumns::Pairs::Triangle, 0, false, 1);
+  const bool masked = ScatteredPairs::WorthIt(
+      static_cast<long long>(nCols) * (static_cast<long long>(nCols) - 1) / 2,
+      full.CompletePairs());
+  if (masked)
+    _scattered.Reduce(data, 0, static_cast<int>(nCols), _workArea.missingCode,
+                      CompleteColumns::Pairs::Triangle, 0);
   unsigned xpindex = 0;
   for (unsigned c = 0; c < nCols; ++c) {
     const double* column = data.Column(c);
@@ -149,6 +158,16 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
         pair.css0 = full.CSS(ic);
         pair.css1 = full.CSS(ik);
         pair.cscp = full.CSCP(ic, ik);
+      } else if (masked) {
+        const PairFigures& f = _scattered.Pair(ic, ik);
+        pair.nRows = static_cast<std::uint64_t>(f.nRows);
+        pair.weightSum = f.weightSum;
+        pair.regWeightSum = f.regWeightSum;
+        pair.mean0 = f.mean0;
+        pair.mean1 = f.mean1;
+        pair.css0 = f.css0;
+        pair.css1 = f.css1;
+        pair.cscp = f.cscp;
       } else {
         pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
       }

@@ -26,8 +26,10 @@ struct NSMatrixPairwiseData {
   int _col0 = 0;  // first column of the first set
   int _col1 = 0;  // first column of the second set
   int _col2 = 0;  // end of the second set, exclusive
-  // Scratch: the columns of a batch without missing cells.
+  // Scratch: the columns of a batch without missing cells, and its pairs.
   CompleteColumns _complete;
+  ScatteredPairs _scattered;
+  bool _useScattered = false;
 
   NSMatrixPairwiseData(double missingCode, int col0, int col1, int col2)
       : _col0(col0), _col1(col1), _col2(col2) {
@@ -101,6 +103,11 @@ void NSMatrixPairwiseData::Accumulate(const DataBatch& data) {
   AddBatchWeights(data, n, _weightSum, _regWeightSum);
   _complete.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
                    CompleteColumns::Pairs::Rectangle, _col1 - _col0, true, 1);
+  _useScattered = ScatteredPairs::WorthIt(static_cast<long long>(_col1 - _col0) * (_col2 - _col1),
+                                          _complete.CompletePairs());
+  if (_useScattered)
+    _scattered.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
+                      CompleteColumns::Pairs::Rectangle, _col1 - _col0);
   FoldColumns(data, n);
   FoldPairs(data, n);
 }
@@ -121,7 +128,8 @@ void NSMatrixPairwiseData::FoldPairs(const DataBatch& data, int n) {
   int xpi = 0;
   for (int r = _col0; r < _col1; ++r) {
     for (int c = _col1; c < _col2; ++c) {
-      FoldPair(data, r, c, r - _col0, c - _col0, _complete, n, _workArea, scratch, *_xp[xpi]);
+      FoldPair(data, r, c, r - _col0, c - _col0, _complete, _useScattered ? &_scattered : nullptr,
+               n, _workArea, scratch, *_xp[xpi]);
       xpi = xpi + 1;
     }
   }

@@ -69,17 +69,31 @@ inline void FoldColumn(const DataBatch& data, int col, int j, const CompleteColu
   target.Update(scratch);
 }
 
-// Folds the pair of block columns (first, second), at positions a and b of
-// complete, into target, likewise: from the blocked pass when neither column
-// has a missing cell, otherwise by the pair's own reduction.
+// Folds the pair of block columns (first, second), at positions a and b,
+// into target, likewise: from the blocked pass when neither column has a
+// missing cell; otherwise from the masked pass over all pairs when there was
+// one (scattered not null), or by the pair's own reduction.
 inline void FoldPair(const DataBatch& data, int first, int second, int a, int b,
-                     const CompleteColumns& complete, int n, WorkArea& work, PairStat& scratch,
-                     PairStat& target) {
+                     const CompleteColumns& complete, const ScatteredPairs* scattered, int n,
+                     WorkArea& work, PairStat& scratch, PairStat& target) {
+  PairStatData& figures = scratch.Data();
   if (!complete.Complete(a) || !complete.Complete(b)) {
-    FoldPair(data, first, second, n, work, scratch, target);
+    if (scattered == nullptr) {
+      FoldPair(data, first, second, n, work, scratch, target);
+      return;
+    }
+    const PairFigures& f = scattered->Pair(a, b);
+    figures.nRows = static_cast<int>(f.nRows);
+    figures.weightSum = f.weightSum;
+    figures.regWeightSum = f.regWeightSum;
+    figures.mean0 = f.mean0;
+    figures.mean1 = f.mean1;
+    figures.css0 = f.css0;
+    figures.css1 = f.css1;
+    figures.cscp = f.cscp;
+    target.Update(scratch);
     return;
   }
-  PairStatData& figures = scratch.Data();
   figures.nRows = complete.NRows();
   figures.weightSum = complete.WeightSum();
   figures.regWeightSum = complete.RegWeightSum();

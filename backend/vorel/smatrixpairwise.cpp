@@ -25,8 +25,9 @@ struct SMatrixPairwiseData {
   int _col0 = 0;
   int _col1 = 0;  // always _col0
   int _col2 = 0;  // exclusive; 0 until the first batch when built without bounds
-  // Scratch: the columns of a batch without missing cells.
+  // Scratch: the columns of a batch without missing cells, and its pairs.
   CompleteColumns _complete;
+  ScatteredPairs _scattered;
 
   SMatrixPairwiseData(double missingCode, int col0, int col2)
       : _col0(col0), _col1(col0), _col2(col2) {
@@ -109,13 +110,22 @@ void SMatrixPairwiseData::FoldColumnsAndPairs(const DataBatch& data, int n) {
   // of a record, so this is the same as a fresh temporary per column and pair.
   VarStat columnScratch;
   PairStat pairScratch;
-  _complete.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
-                   CompleteColumns::Pairs::Triangle, 0, true, 1);
+  const int nCols = _col2 - _col0;
+  _complete.Reduce(data, _col0, nCols, _workArea.missingCode, CompleteColumns::Pairs::Triangle, 0,
+                   true, 1);
+  const ScatteredPairs* scattered = nullptr;
+  if (ScatteredPairs::WorthIt(static_cast<long long>(nCols) * (nCols - 1) / 2,
+                              _complete.CompletePairs())) {
+    _scattered.Reduce(data, _col0, nCols, _workArea.missingCode, CompleteColumns::Pairs::Triangle,
+                      0);
+    scattered = &_scattered;
+  }
   std::size_t k = 0;
   for (int c = _col0; c < _col2; ++c) {
     FoldColumn(data, c, c - _col0, _complete, n, _workArea, columnScratch, *_varStats[c - _col0]);
     for (int r = _col0; r < c; ++r) {
-      FoldPair(data, c, r, c - _col0, r - _col0, _complete, n, _workArea, pairScratch, *_xp[k]);
+      FoldPair(data, c, r, c - _col0, r - _col0, _complete, scattered, n, _workArea, pairScratch,
+               *_xp[k]);
       ++k;
     }
   }
