@@ -39,6 +39,9 @@ void TextBuffer::Append(std::string_view text) {
 
 namespace {
 
+// Bytes read at a time when looking for a line end near a cut.
+constexpr std::size_t kWindow = 4096;
+
 std::string SystemMessage(int error) { return std::strerror(error); }
 
 std::string_view StripLineEnd(std::string_view line) {
@@ -47,6 +50,27 @@ std::string_view StripLineEnd(std::string_view line) {
 }
 
 bool IsBlank(std::string_view line) { return StripLineEnd(line).empty(); }
+
+// The first line of `text` that is not blank, if a whole one is there; with
+// `atEnd`, a last line without line end counts too.
+std::optional<std::string> FirstWholeLine(std::string_view text, bool atEnd, bool& found) {
+  std::size_t lineStart = 0;
+  for (;;) {
+    const std::size_t lineEnd = text.find('\n', lineStart);
+    if (lineEnd == std::string_view::npos) {
+      found = atEnd;
+      const std::string_view last = text.substr(lineStart);
+      if (!atEnd || IsBlank(last)) return std::nullopt;
+      return std::string(StripLineEnd(last));
+    }
+    const std::string_view line = text.substr(lineStart, lineEnd - lineStart);
+    if (!IsBlank(line)) {
+      found = true;
+      return std::string(StripLineEnd(line));
+    }
+    lineStart = lineEnd + 1;
+  }
+}
 
 }  // namespace
 
@@ -62,7 +86,7 @@ ChunkReader::ChunkReader(const std::string& path, std::size_t readSize)
   struct stat info {};
   if (::fstat(_fd, &info) == 0) {
     if (S_ISDIR(info.st_mode)) {
-      ::close(_fd);
+      if (_ownsFd) ::close(_fd);
       throw UsageError("cannot read " + path + ": it is a directory");
     }
     if (S_ISREG(info.st_mode)) {
@@ -98,56 +122,117 @@ std::size_t ChunkReader::ReadMore(TextBuffer& into, std::size_t count) {
     got += static_cast<std::size_t>(n);
   }
   into.Resize(start + got);
-  _bytesRead += got;
   return got;
 }
 
+void ChunkReader::ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const {
+  count = static_cast<std::size_t>(std::min<std::uint64_t>(count, *_fileSize - std::min(offset, *_fileSize)));
+  into.Resize(count);
+  std::size_t got = 0;
+  while (got < count) {
+    const ssize_t n = ::pread(_fd, into.Data() + got, count - got, static_cast<off_t>(offset + got));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
+    if (n == 0) throw DataError("cannot read " + _path + ": the file shrank while it was read");
+    got += static_cast<std::size_t>(n);
+  }
+}
+
 void ChunkReader::ReadHeader() {
+  // Both ways read ahead from the start; what follows the header stays in
+  // _window (regular file, for the peek) or _carry (stream).
+  TextBuffer& head = Seekable() ? _window : _carry;
   std::size_t scanned = 0;
   const char* lineEnd = nullptr;
-  while (lineEnd == nullptr && !_eof) {
-    ReadMore(_carry, _readSize);
-    lineEnd = static_cast<const char*>(
-        std::memchr(_carry.Data() + scanned, '\n', _carry.Size() - scanned));
-    scanned = _carry.Size();
+  for (bool atEnd = false; lineEnd == nullptr && !atEnd;) {
+    if (Seekable()) {
+      ReadAt(0, std::max(head.Size() * 2, kWindow), head);
+      atEnd = head.Size() == *_fileSize;
+    } else {
+      ReadMore(head, _readSize);
+      atEnd = _eof;
+    }
+    lineEnd = static_cast<const char*>(std::memchr(head.Data() + scanned, '\n', head.Size() - scanned));
+    scanned = head.Size();
   }
-  if (_carry.Size() == 0) throw DataError(_path + " is empty: it has not even a header line");
+  if (head.Size() == 0) throw DataError(_path + " is empty: it has not even a header line");
   const std::size_t headerBytes =
-      lineEnd != nullptr ? static_cast<std::size_t>(lineEnd - _carry.Data()) + 1 : _carry.Size();
-  std::string_view header = StripLineEnd(_carry.View().substr(0, lineEnd ? headerBytes - 1 : headerBytes));
+      lineEnd != nullptr ? static_cast<std::size_t>(lineEnd - head.Data()) + 1 : head.Size();
+  std::string_view header = head.View().substr(0, headerBytes);
+  if (!header.empty() && header.back() == '\n') header.remove_suffix(1);
+  header = StripLineEnd(header);
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
   if (header.substr(0, kByteOrderMark.size()) == kByteOrderMark) header.remove_prefix(kByteOrderMark.size());
   if (header.empty()) throw DataError(_path + ", line 1: the header line is empty");
   _header.assign(header);
-  const std::string rest(_carry.View().substr(headerBytes));
-  _carry.Assign(rest);
-  _carryOffset = headerBytes;
-}
-
-std::optional<std::string> ChunkReader::PeekFirstDataLine() {
-  std::size_t lineStart = 0;
-  for (;;) {
-    const std::string_view text = _carry.View();
-    const std::size_t lineEnd = text.find('\n', lineStart);
-    if (lineEnd == std::string_view::npos) {
-      if (_eof) {
-        const std::string_view last = text.substr(lineStart);
-        if (IsBlank(last)) return std::nullopt;
-        return std::string(StripLineEnd(last));
-      }
-      ReadMore(_carry, _readSize);
-      continue;
-    }
-    const std::string_view line = text.substr(lineStart, lineEnd - lineStart);
-    if (!IsBlank(line)) return std::string(StripLineEnd(line));
-    lineStart = lineEnd + 1;
+  _handedOut = headerBytes;
+  if (!Seekable()) {
+    const std::string rest(_carry.View().substr(headerBytes));
+    _carry.Assign(rest);
   }
 }
 
+std::optional<std::string> ChunkReader::PeekFirstDataLine() {
+  bool found = false;
+  if (!Seekable()) {
+    for (;;) {
+      std::optional<std::string> line = FirstWholeLine(_carry.View(), _eof, found);
+      if (found) return line;
+      ReadMore(_carry, _readSize);
+    }
+  }
+  TextBuffer ahead;
+  for (std::size_t want = kWindow;; want *= 2) {
+    ReadAt(_handedOut, want, ahead);
+    const bool atEnd = _handedOut + ahead.Size() == *_fileSize;
+    std::optional<std::string> line = FirstWholeLine(ahead.View(), atEnd, found);
+    if (found) return line;
+  }
+}
+
+std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
+  const std::uint64_t fileSize = *_fileSize;
+  const std::uint64_t end = start + _readSize;
+  if (end >= fileSize) return fileSize;
+  // The last line end before `end`, one window at a time going back.
+  for (std::uint64_t windowEnd = end; windowEnd > start;) {
+    const std::uint64_t windowStart = std::max(start, windowEnd - std::min<std::uint64_t>(kWindow, windowEnd));
+    ReadAt(windowStart, static_cast<std::size_t>(windowEnd - windowStart), _window);
+    const void* found = ::memrchr(_window.Data(), '\n', _window.Size());
+    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(static_cast<const char*>(found) - _window.Data()) + 1;
+    windowEnd = windowStart;
+  }
+  // A line longer than the read size: its end, going forward.
+  for (std::uint64_t windowStart = end; windowStart < fileSize; windowStart += kWindow) {
+    ReadAt(windowStart, kWindow, _window);
+    const void* found = std::memchr(_window.Data(), '\n', _window.Size());
+    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(static_cast<const char*>(found) - _window.Data()) + 1;
+  }
+  return fileSize;
+}
+
 bool ChunkReader::Next(Chunk& chunk) {
+  if (!Seekable()) return NextFromStream(chunk);
+  if (_handedOut >= *_fileSize) return false;
+  const std::uint64_t cut = CutAfter(_handedOut);
+  chunk.offset = _handedOut;
+  chunk.size = cut - _handedOut;
+  chunk.index = _nextIndex++;
+  chunk.loaded = false;
+  _handedOut = cut;
+  return true;
+}
+
+void ChunkReader::Load(Chunk& chunk) const {
+  if (chunk.loaded) return;
+  ReadAt(chunk.offset, static_cast<std::size_t>(chunk.size), chunk.text);
+  chunk.loaded = true;
+}
+
+bool ChunkReader::NextFromStream(Chunk& chunk) {
   if (_carry.Size() == 0 && _eof) return false;
   chunk.text.Assign(_carry.View());
-  chunk.offset = _carryOffset;
+  chunk.offset = _handedOut;
   _carry.Resize(0);
 
   // Bytes before `scanned` hold no line end: the carry is a partial line,
@@ -169,8 +254,10 @@ bool ChunkReader::Next(Chunk& chunk) {
     chunk.text.Resize(keep);
   }
   if (chunk.text.Size() == 0) return false;
+  chunk.size = chunk.text.Size();
   chunk.index = _nextIndex++;
-  _carryOffset = chunk.offset + chunk.text.Size();
+  chunk.loaded = true;
+  _handedOut += chunk.size;
   return true;
 }
 

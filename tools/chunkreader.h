@@ -2,11 +2,17 @@
 // chunks of whole lines and does nothing else: no field is looked at, no line
 // is counted. Parsing is left to the threads that receive the chunks.
 //
-// Each chunk holds about readSize bytes read from the file plus the partial
-// line left over from the chunk before, cut at its last line end; a line
-// longer than readSize makes its chunk longer, so a chunk holds at least one
-// whole line unless the file ends without a line end. Memory is therefore one
-// chunk per thread, whatever the size of the file.
+// A chunk is about readSize bytes, cut after its last line end; a line longer
+// than readSize makes its chunk longer, so a chunk holds at least one whole
+// line unless the file ends without a line end. Memory is one chunk per
+// thread, whatever the size of the file.
+//
+// Two ways of reading, chosen by the input:
+//   - a regular file: Next only finds the cut, reading a small window before
+//     it, and the thread that takes the chunk reads its bytes with Load
+//     (pread), so that copying the file runs side by side on all threads;
+//   - a pipe or terminal: Next reads the bytes itself, keeping the partial
+//     last line for the next chunk, and Load has nothing left to do.
 //
 // The first line is the header. It is read at construction, with a UTF-8 byte
 // order mark and a carriage return stripped, and is not part of any chunk.
@@ -43,8 +49,10 @@ class TextBuffer {
 
 struct Chunk {
   TextBuffer text;           // whole lines, each ending in '\n' except perhaps the file's last
-  std::uint64_t offset = 0;  // byte offset of text[0] in the file
+  std::uint64_t offset = 0;  // byte offset of the chunk in the file
+  std::uint64_t size = 0;    // bytes of the chunk
   std::uint64_t index = 0;   // 0 for the first chunk after the header
+  bool loaded = false;       // whether `text` holds the bytes yet
 };
 
 class ChunkReader {
@@ -59,34 +67,46 @@ class ChunkReader {
 
   const std::string& Path() const { return _path; }
   const std::string& Header() const { return _header; }
-  // The line after the header, without its line end, or nothing when the
-  // file has no second line. It stays in the input: the first chunk has it.
+  // The first line after the header that is not blank, without its line end,
+  // or nothing. It stays in the input: the first chunk has it.
   std::optional<std::string> PeekFirstDataLine();
 
-  // Fills `chunk` with the next whole lines; false once the input is spent.
+  // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
   bool Next(Chunk& chunk);
+  // The parallel stage: reads the chunk's bytes into its text, if Next did
+  // not. Safe on several threads at once, each with its own chunk. Throws
+  // DataError on a read error or when the file shrank.
+  void Load(Chunk& chunk) const;
 
-  std::uint64_t BytesRead() const { return _bytesRead; }
+  // Bytes handed out in chunks so far, the header included.
+  std::uint64_t BytesRead() const { return _handedOut; }
   // Size of a regular file; nothing for a pipe or terminal.
   std::optional<std::uint64_t> FileSize() const { return _fileSize; }
 
  private:
-  // Appends up to `count` bytes from the file; returns how many came.
+  bool Seekable() const { return _fileSize.has_value(); }
+  // Stream input: appends up to `count` bytes; returns how many came.
   std::size_t ReadMore(TextBuffer& into, std::size_t count);
+  // Regular file: reads [offset, offset + count) clipped to the file into `into`.
+  void ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const;
+  // Regular file: offset one past the line end that closes a chunk from `start`.
+  std::uint64_t CutAfter(std::uint64_t start);
   void ReadHeader();
+  bool NextFromStream(Chunk& chunk);
 
   std::string _path;
   int _fd = -1;
   bool _ownsFd = false;
   std::size_t _readSize;
-  bool _eof = false;
-  std::string _header;
-  TextBuffer _carry;  // a partial line waiting for the next chunk
-  std::uint64_t _carryOffset = 0;
-  std::uint64_t _bytesRead = 0;
-  std::uint64_t _nextIndex = 0;
   std::optional<std::uint64_t> _fileSize;
+  std::string _header;
+  std::uint64_t _nextIndex = 0;
+  std::uint64_t _handedOut = 0;  // the next chunk starts here
+  TextBuffer _window;            // regular file: scratch of CutAfter and the header
+  // Stream input only.
+  bool _eof = false;
+  TextBuffer _carry;  // bytes read but not yet handed out
 };
 
 }  // namespace vorelstat

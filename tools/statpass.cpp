@@ -163,6 +163,7 @@ class StatWorker : public vorel::WorkerBase {
   }
 
   void ProcessBatch() override {
+    _problem._reader.Load(_chunk);
     const char* p = _chunk.text.Data();
     const char* end = p + _chunk.text.Size();
     std::uint64_t line = 0;

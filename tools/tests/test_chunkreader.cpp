@@ -12,6 +12,7 @@ namespace vorelstat {
 namespace {
 
 using testing::TempFile;
+using testing::TempPipe;
 
 struct ReadBack {
   std::string header;
@@ -19,12 +20,13 @@ struct ReadBack {
   std::string joined;
 };
 
-ReadBack ReadAll(const std::string& path, std::size_t readSize) {
-  ChunkReader reader(path, readSize);
+ReadBack ReadAll(ChunkReader& reader) {
   ReadBack back;
   back.header = reader.Header();
   Chunk chunk;
   while (reader.Next(chunk)) {
+    reader.Load(chunk);
+    EXPECT_EQ(chunk.text.Size(), chunk.size);
     back.joined += chunk.text.View();
     Chunk copy;
     copy.text.Assign(chunk.text.View());
@@ -36,27 +38,40 @@ ReadBack ReadAll(const std::string& path, std::size_t readSize) {
   return back;
 }
 
+ReadBack ReadAll(const std::string& path, std::size_t readSize) {
+  ChunkReader reader(path, readSize);
+  return ReadAll(reader);
+}
+
 const std::vector<std::string> kBodies = {
     "1,2\n3,4\n5,6\n",
     "1,2\r\n3,4\r\n",
     "1,2\n3,4",                                          // no line end at the end
     "1,2\n\n\n3,4\n",                                    // blank lines
-    "1," + std::string(300, '7') + "\n2,3\n4," + std::string(90, '8'),  // lines longer than a read
+    "1," + std::string(9000, '7') + "\n2,3\n4," + std::string(90, '8'),  // lines longer than a read
     "",                                                  // header only
 };
 
+// A regular file is cut by the serial stage and read by the threads; a pipe
+// is read by the serial stage. Both must give the same chunks' text.
 class ChunkReaderSplit
-    : public ::testing::TestWithParam<std::tuple<std::size_t, std::size_t>> {};
+    : public ::testing::TestWithParam<std::tuple<bool, std::size_t, std::size_t>> {};
 
 // Whatever the read size, the chunks put back together are the file behind
 // the header, each chunk lies where its offset says, and only the last chunk
 // may end without a line end.
 TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
-  const auto [bodyIndex, readSize] = GetParam();
+  const auto [pipe, bodyIndex, readSize] = GetParam();
   const std::string& body = kBodies[bodyIndex];
   const std::string header = "a,b\n";
-  TempFile file(header + body);
-  const ReadBack back = ReadAll(file.Path(), readSize);
+  ReadBack back;
+  if (pipe) {
+    TempPipe input(header + body);
+    back = ReadAll(input.Path(), readSize);
+  } else {
+    TempFile input(header + body);
+    back = ReadAll(input.Path(), readSize);
+  }
   EXPECT_EQ(back.header, "a,b");
   EXPECT_EQ(back.joined, body);
   std::uint64_t offset = header.size();
@@ -74,8 +89,8 @@ TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BodiesAndReadSizes, ChunkReaderSplit,
-                         ::testing::Combine(::testing::Range<std::size_t>(0, 6),
-                                            ::testing::Values(1, 2, 3, 7, 64, 1 << 20)));
+                         ::testing::Combine(::testing::Bool(), ::testing::Range<std::size_t>(0, 6),
+                                            ::testing::Values(1, 2, 3, 7, 64, 5000, 1 << 20)));
 
 TEST(ChunkReader, ManySmallReadsGiveManyChunks) {
   std::string body;
@@ -83,6 +98,22 @@ TEST(ChunkReader, ManySmallReadsGiveManyChunks) {
   TempFile file("a,b\n" + body);
   EXPECT_GE(ReadAll(file.Path(), 16).chunks.size(), 20u);
   EXPECT_EQ(ReadAll(file.Path(), 1 << 20).chunks.size(), 1u);
+}
+
+// Threads load their chunks in any order; each gets its own bytes.
+TEST(ChunkReader, ChunksLoadInAnyOrder) {
+  std::string body;
+  for (int i = 0; i < 500; ++i) body += std::to_string(i) + ",x\n";
+  TempFile file("a,b\n" + body);
+  ChunkReader reader(file.Path(), 64);
+  std::vector<Chunk> chunks(1);
+  while (reader.Next(chunks.back())) chunks.emplace_back();
+  chunks.pop_back();
+  ASSERT_GT(chunks.size(), 10u);
+  std::string joined;
+  for (auto k = chunks.size(); k-- > 0;) reader.Load(chunks[k]);
+  for (const Chunk& chunk : chunks) joined += chunk.text.View();
+  EXPECT_EQ(joined, body);
 }
 
 TEST(ChunkReader, HeaderLosesByteOrderMarkAndCarriageReturn) {
@@ -102,6 +133,8 @@ TEST(ChunkReader, HeaderWithoutLineEndIsTheWholeFile) {
 TEST(ChunkReader, RefusesWhatCannotBeRead) {
   TempFile empty("");
   EXPECT_THROW(ChunkReader(empty.Path(), 64), DataError);
+  TempPipe emptyPipe("");
+  EXPECT_THROW(ChunkReader(emptyPipe.Path(), 64), DataError);
   TempFile blankHeader("\n1,2\n");
   EXPECT_THROW(ChunkReader(blankHeader.Path(), 64), DataError);
   EXPECT_THROW(ChunkReader("/nonexistent/vorelstat/file.csv", 64), UsageError);
@@ -109,19 +142,34 @@ TEST(ChunkReader, RefusesWhatCannotBeRead) {
 }
 
 TEST(ChunkReader, PeekSkipsBlankLinesAndLeavesTheRowInTheInput) {
-  TempFile file("a,b\n\r\n\n1,2\r\n3,4\n");
-  ChunkReader reader(file.Path(), 1);
-  EXPECT_EQ(reader.PeekFirstDataLine(), std::optional<std::string>("1,2"));
-  Chunk chunk;
-  std::string joined;
-  while (reader.Next(chunk)) joined += chunk.text.View();
-  EXPECT_EQ(joined, "\r\n\n1,2\r\n3,4\n");
+  const std::string body = "\r\n" + std::string(5000, '\n') + "1,2\r\n3,4\n";
+  for (bool pipe : {false, true}) {
+    SCOPED_TRACE(pipe ? "pipe" : "file");
+    std::optional<TempFile> file;
+    std::optional<TempPipe> fifo;
+    const std::string& path = pipe ? fifo.emplace("a,b\n" + body).Path()
+                                   : file.emplace("a,b\n" + body).Path();
+    ChunkReader reader(path, 1);
+    EXPECT_EQ(reader.PeekFirstDataLine(), std::optional<std::string>("1,2"));
+    EXPECT_EQ(ReadAll(reader).joined, body);
+  }
 }
 
 TEST(ChunkReader, PeekOnHeaderOnlyFileFindsNothing) {
   TempFile file("a,b\n\n");
   ChunkReader reader(file.Path(), 64);
   EXPECT_EQ(reader.PeekFirstDataLine(), std::nullopt);
+  TempFile last("a,b\n\n5,6");
+  EXPECT_EQ(ChunkReader(last.Path(), 64).PeekFirstDataLine(), std::optional<std::string>("5,6"));
+}
+
+TEST(ChunkReader, HeaderLongerThanAWindow) {
+  std::string header;
+  for (int i = 0; i < 2000; ++i) header += (i ? "," : "") + std::string("c") + std::to_string(i);
+  TempFile file(header + "\n1\n");
+  ChunkReader reader(file.Path(), 8);
+  EXPECT_EQ(reader.Header(), header);
+  EXPECT_EQ(ReadAll(reader).joined, "1\n");
 }
 
 }  // namespace
