@@ -44,6 +44,16 @@ constexpr std::size_t kWindow = 4096;
 
 std::string SystemMessage(int error) { return std::strerror(error); }
 
+// memchr and memrchr over [from, from + count), where count may be 0 and
+// `from` then null.
+const char* FindFirst(const char* from, std::size_t count, char c) {
+  return count == 0 ? nullptr : static_cast<const char*>(std::memchr(from, c, count));
+}
+
+const char* FindLast(const char* from, std::size_t count, char c) {
+  return count == 0 ? nullptr : static_cast<const char*>(::memrchr(from, c, count));
+}
+
 std::string_view StripLineEnd(std::string_view line) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   return line;
@@ -152,7 +162,7 @@ void ChunkReader::ReadHeader() {
       ReadMore(head, _readSize);
       atEnd = _eof;
     }
-    lineEnd = static_cast<const char*>(std::memchr(head.Data() + scanned, '\n', head.Size() - scanned));
+    lineEnd = FindFirst(head.Data() + scanned, head.Size() - scanned, '\n');
     scanned = head.Size();
   }
   if (head.Size() == 0) throw DataError(_path + " is empty: it has not even a header line");
@@ -198,15 +208,15 @@ std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
   for (std::uint64_t windowEnd = end; windowEnd > start;) {
     const std::uint64_t windowStart = std::max(start, windowEnd - std::min<std::uint64_t>(kWindow, windowEnd));
     ReadAt(windowStart, static_cast<std::size_t>(windowEnd - windowStart), _window);
-    const void* found = ::memrchr(_window.Data(), '\n', _window.Size());
-    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(static_cast<const char*>(found) - _window.Data()) + 1;
+    const char* found = FindLast(_window.Data(), _window.Size(), '\n');
+    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
     windowEnd = windowStart;
   }
   // A line longer than the read size: its end, going forward.
   for (std::uint64_t windowStart = end; windowStart < fileSize; windowStart += kWindow) {
     ReadAt(windowStart, kWindow, _window);
-    const void* found = std::memchr(_window.Data(), '\n', _window.Size());
-    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(static_cast<const char*>(found) - _window.Data()) + 1;
+    const char* found = FindFirst(_window.Data(), _window.Size(), '\n');
+    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
   }
   return fileSize;
 }
@@ -243,7 +253,7 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
   for (;;) {
     if (readAgain && !_eof) ReadMore(chunk.text, _readSize);
     const std::size_t size = chunk.text.Size();
-    lastLineEnd = static_cast<const char*>(::memrchr(chunk.text.Data() + scanned, '\n', size - scanned));
+    lastLineEnd = FindLast(chunk.text.Data() + scanned, size - scanned, '\n');
     if (lastLineEnd != nullptr || _eof) break;
     scanned = size;
     readAgain = true;
