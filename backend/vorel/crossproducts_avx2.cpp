@@ -18,6 +18,7 @@ struct Avx2Isa {
   static Vec Load(const double* p) { return _mm256_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm256_storeu_pd(p, a); }
   static Vec Broadcast(const double* p) { return _mm256_broadcast_sd(p); }
+  static const double* Opaque(const double* p) { return p; }
   static Vec Add(Vec a, Vec b) { return _mm256_add_pd(a, b); }
   static Vec Mul(Vec a, Vec b) { return _mm256_mul_pd(a, b); }
   static Vec Set1(double a) { return _mm256_set1_pd(a); }

@@ -55,6 +55,9 @@ constexpr Index kL1PanelBytes = 24 * 1024;
 constexpr Index kL2PanelBytes = 512 * 1024;
 constexpr Index kMinChunkRows = 128;
 constexpr Index kMaxChunkRows = 2048;
+// Cycles of arithmetic that the reading of a chunk should be asked for ahead
+// of, so that it comes from memory in time: a few microseconds.
+constexpr Index kPrefetchLeadCycles = 20000;
 
 // ---------------------------------------------------------------- layout
 
@@ -163,22 +166,17 @@ void PackOnes(const double* w, Index rows, double* p, double* q, Index ld) {
 }
 
 #if defined(__AVX__)
-// Cols (4, 2 or 1) whole columns, four rows at a time: centred in registers
-// and written back, transposed, and stored into the panel rows. Returns the
-// rows done (a multiple of four); the caller packs the rest one by one.
+// Rows r .. r+3 of Cols (4, 2 or 1) whole columns: centred in registers and
+// written back as C says, transposed, and stored into the panel rows.
 template <int Cols, Centring C, bool Weighted>
-Index PackAvx(double* const* x, const double* centre, const double* w, Index rows, double* p,
-              double* q, Index ld) {
-  __m256d m[Cols];
-  for (int t = 0; t < Cols; ++t)
-    m[t] = C != Centring::None ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
-  Index r = 0;
-  for (; r + 4 <= rows; r += 4) {
+inline void PackBlockAvx(double* const (&x)[Cols], const __m256d (&centre)[Cols], const double* w,
+                         Index r, double* p, double* q, Index ld) {
+  {
     __m256d a[Cols];
 #pragma GCC unroll 4
     for (int t = 0; t < Cols; ++t) {
       a[t] = _mm256_loadu_pd(x[t] + r);
-      if constexpr (C != Centring::None) a[t] = _mm256_sub_pd(a[t], m[t]);
+      if constexpr (C != Centring::None) a[t] = _mm256_sub_pd(a[t], centre[t]);
       if constexpr (C == Centring::InPlace) _mm256_storeu_pd(x[t] + r, a[t]);
     }
     double* pr = p + r * ld;
@@ -232,6 +230,23 @@ Index PackAvx(double* const* x, const double* centre, const double* w, Index row
       }
     }
   }
+}
+
+// Whole groups of four rows of Cols columns, as PackBlockAvx. Returns the rows
+// done (a multiple of four); the caller packs the rest one by one.
+template <int Cols, Centring C, bool Weighted>
+Index PackAvx(double* const* x, const double* centre, const double* w, Index rows, double* p,
+              double* q, Index ld) {
+  // Local copies, so that the loop keeps them in registers.
+  double* xs[Cols];
+  __m256d m[Cols];
+  for (int t = 0; t < Cols; ++t) {
+    xs[t] = x[t];
+    m[t] = C != Centring::None ? _mm256_set1_pd(centre[t]) : _mm256_setzero_pd();
+  }
+  Index r = 0;
+  for (; r + 4 <= rows; r += 4)
+    PackBlockAvx<Cols, C, Weighted>(xs, m, w, r, p, q, ld);
   return r;
 }
 
@@ -289,18 +304,23 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
       PackColumn(centring, x[t] + done, centre != nullptr ? centre[t] : 0.0,
                  w != nullptr ? w + done : nullptr, rows - done, p + lane + t + done * lay.ld,
                  q + lane + t + done * lay.ld, lay.ld);
-    // Ask for the next chunk of these columns now: it arrives while the
-    // tiles work on this one. Wide blocks have too many columns for the
-    // hardware to follow them all.
-    const Index ahead = Smaller(rows, job.nRows - i0 - rows);
-    for (int t = 0; t < take; ++t)
-      for (Index i = 0; i < ahead; i += 8)
-        __builtin_prefetch(x[t] + rows + i, 1, 2);
     j += take;
   }
   if (job.withOnes) {
     const Index lane = LaneOf(lay, count);
     PackOnes(w, rows, p + lane, q + lane, lay.ld);
+  }
+}
+
+// Asks for rows [i0, i0 + rows) of every column, to be in L2 when they are
+// packed: the hardware follows a few streams, not one per column. For wide
+// blocks it is issued late in the work on the chunk before, so that the
+// tiles do not push the lines out again before they are used.
+void PrefetchChunk(const CrossProductJob& job, Index i0, Index rows) {
+  for (int j = 0; j < job.cols.count; ++j) {
+    const double* x = ColumnOf(job.cols, j) + i0;
+    for (Index i = 0; i < rows; i += 8)
+      __builtin_prefetch(x + i, 0, 2);
   }
 }
 
@@ -534,12 +554,18 @@ void Tile(const double* q, const double* p, Index ld, Index rows, double* const*
 #pragma GCC unroll 4
     for (int v = 0; v < V; ++v)
       b[v] = Isa::Load(p + v * L);
+    // One broadcast per multiplication, from a copy of q the compiler cannot
+    // see through, where the level can fold a broadcast into a
+    // multiplication; otherwise the copies are q and the broadcasts merge.
+    const double* qv[V];
+#pragma GCC unroll 4
+    for (int v = 0; v < V; ++v)
+      qv[v] = Isa::Opaque(q);
 #pragma GCC unroll 16
     for (int j = 0; j < R; ++j) {
-      const Vec s = Isa::Broadcast(q + j);
 #pragma GCC unroll 4
       for (int v = 0; v < V; ++v)
-        a[j][v] = Isa::Add(a[j][v], Isa::Mul(s, b[v]));
+        a[j][v] = Isa::Add(a[j][v], Isa::Mul(Isa::Broadcast(qv[v] + j), b[v]));
     }
     q += ld;
     p += ld;
@@ -578,12 +604,25 @@ int VectorsFor(Index width) {
   return v < Isa::kVecs ? static_cast<int>(v) : Isa::kVecs;
 }
 
-template <class Isa>
-void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri) {
+// The triangle's tiles over one chunk. prefetch (the next chunk) is called
+// once about three quarters of the way through the work.
+template <class Isa, class Prefetch>
+void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri,
+                   Prefetch&& prefetch) {
   constexpr Index kLanes = Isa::kLanes;
   constexpr Index kWidth = kLanes * Isa::kVecs;
   double* acc[Isa::kRows];
+  // Work of the blocks of columns: each row c >= k0 has cells in block k0.
+  Index work = 0, done = 0;
+  for (Index k0 = 0; k0 < lay.all; k0 += kWidth)
+    work += lay.all - k0;
+  bool asked = false;
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth) {
+    if (!asked && 4 * done >= 3 * work) {
+      prefetch();
+      asked = true;
+    }
+    done += lay.all - k0;
     // Rows c below k0 have no cells in this block of columns, and a row c
     // has its cells in the first (c - k0) / kLanes + 1 vectors: the rows go
     // in bands of kLanes, each with as many vectors as it needs.
@@ -600,15 +639,23 @@ void TriangleChunk(const Layout& lay, const double* p, const double* q, Index ro
       }
     }
   }
+  if (!asked) prefetch();
 }
 
-template <class Isa>
-void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* rect) {
+// The rectangle's tiles over one chunk; prefetch as for the triangle.
+template <class Isa, class Prefetch>
+void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* rect,
+                    Prefetch&& prefetch) {
   constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
   const Index first = lay.split + lay.gap;
   const Index width = lay.all - lay.split;
   double* acc[Isa::kRows];
+  bool asked = false;
   for (Index k0 = 0; k0 < width; k0 += kWidth) {
+    if (!asked && 4 * k0 >= 3 * width) {
+      prefetch();
+      asked = true;
+    }
     const int v = VectorsFor<Isa>(width - k0);
     for (Index c0 = 0; c0 < lay.split; c0 += Isa::kRows) {
       const int r = static_cast<int>(Smaller(Isa::kRows, lay.split - c0));
@@ -617,6 +664,7 @@ void RectangleChunk(const Layout& lay, const double* p, const double* q, Index r
       kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + first + k0, lay.ld, rows, acc);
     }
   }
+  if (!asked) prefetch();
 }
 
 // The diagonal: lane by lane, Q times P down the chunk.
@@ -709,12 +757,27 @@ void RunCrossProducts(const CrossProductJob& job) {
   ClearPanelPadding(lay, p);
   if (lay.weighted) ClearPanelPadding(lay, q);
 
+  // How many chunks ahead to ask for: one when a chunk's arithmetic covers
+  // the time the reading takes (it is asked for late in that work, where
+  // the tiles no longer push it out of L2), more for narrow blocks.
+  const Index cells = lay.all * (lay.all + 1) / 2 + lay.split * (lay.all - lay.split);
+  const Index chunkCycles = lay.chunk * (cells / 8 + 1);
+  Index ahead = (kPrefetchLeadCycles + chunkCycles - 1) / chunkCycles;
+  if (ahead > 64) ahead = 64;
   for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
     const Index rows = Smaller(lay.chunk, job.nRows - i0);
+    if (ahead > 1 && i0 == 0)  // the first chunks, which nothing asked for yet
+      PrefetchChunk(job, lay.chunk, Smaller((ahead - 1) * lay.chunk, job.nRows - lay.chunk));
     PackChunk<Isa>(job, lay, i0, rows, p, q);
+    const Index next = i0 + ahead * lay.chunk;
+    auto prefetch = [&] {
+      if (next < job.nRows) PrefetchChunk(job, next, Smaller(lay.chunk, job.nRows - next));
+    };
     if (job.diagonal != nullptr) DiagonalChunk<Isa>(lay, p, q, rows, scratch + lay.diag);
-    if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri);
-    if (job.rectangle != nullptr) RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect);
+    if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri, prefetch);
+    if (job.rectangle != nullptr)
+      RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect, prefetch);
+    if (job.triangle == nullptr && job.rectangle == nullptr) prefetch();
   }
   WriteResults(job, lay, scratch + lay.tri, scratch + lay.rect, scratch + lay.diag);
 }

@@ -32,6 +32,7 @@ struct PlainIsa {
       r.v[l] = *p;
     return r;
   }
+  static const double* Opaque(const double* p) { return p; }
   static Vec Add(const Vec& a, const Vec& b) {
     Vec r;
     for (int l = 0; l < kLanes; ++l)
