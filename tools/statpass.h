@@ -1,8 +1,8 @@
 // One pass over a delimited file on vorel's Driver.
 //
 // The serial stage (ReadBatch) only takes the next chunk of whole lines from
-// the ChunkReader. The parallel stage (ProcessBatch) splits the chunk into
-// lines, parses the cells, and feeds the rows into the worker's DataBatch
+// the ChunkReader. The parallel stage (ProcessBatch) reads the chunk's bytes,
+// splits them into lines, parses the cells, and feeds the rows into the worker's DataBatch
 // objects, adding each full batch to the worker's own matrices. At the end
 // each worker adds its last, partly filled batch and merges its matrices into
 // the shared ones (MergeResult). Memory per thread is one chunk plus one or
