@@ -50,10 +50,6 @@ class BadInput(unittest.TestCase):
         self.assertIn('"cells_not_numeric": 2', done.stdout)
         self.assertIn('"used": 1', done.stdout)
 
-    def test_empty_cell_when_only_na_counts_as_missing(self):
-        self.expect_data_error("a,b\n1,\n", ["--missing-text", "NA", "-c", "a,b"], 'line 2, column 2 ("b")',
-                               "cell is empty")
-
     def test_weight_negative_or_not_a_number(self):
         self.expect_data_error("x,w\n1,1\n2,-3\n", ["-w", "w"], 'line 3, column 2 ("w")',
                                "is negative", "unchanged into every sum")
@@ -69,16 +65,6 @@ class BadInput(unittest.TestCase):
 
     def test_unterminated_quote(self):
         self.expect_data_error('a,b\n1,"2\n3,4\n', [], "line 2", "no closing quote")
-
-    def test_first_error_of_a_long_file_on_many_threads(self):
-        lines = ["a,b"] + [f"{i},{i % 13}" for i in range(20000)]
-        lines[15001] = "1,oops"
-        lines[17000] = "1,2,3"
-        text = "\n".join(lines) + "\n"
-        for threads in ("1", "2", "8"):
-            with self.subTest(threads=threads):
-                self.expect_data_error(text, ["-j", threads, "--read-size", "4k", "-b", "7"],
-                                       "line 15002,", 'cell "oops"')
 
     def test_bad_usage(self):
         cases = [

@@ -92,14 +92,6 @@ INSTANTIATE_TEST_SUITE_P(BodiesAndReadSizes, ChunkReaderSplit,
                          ::testing::Combine(::testing::Bool(), ::testing::Range<std::size_t>(0, 6),
                                             ::testing::Values(1, 2, 3, 7, 64, 5000, 1 << 20)));
 
-TEST(ChunkReader, ManySmallReadsGiveManyChunks) {
-  std::string body;
-  for (int i = 0; i < 100; ++i) body += std::to_string(i) + "," + std::to_string(i * i) + "\n";
-  TempFile file("a,b\n" + body);
-  EXPECT_GE(ReadAll(file.Path(), 16).chunks.size(), 20u);
-  EXPECT_EQ(ReadAll(file.Path(), 1 << 20).chunks.size(), 1u);
-}
-
 // Threads load their chunks in any order; each gets its own bytes.
 TEST(ChunkReader, ChunksLoadInAnyOrder) {
   std::string body;
