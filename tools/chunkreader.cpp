@@ -1,7 +1,5 @@
 #include "chunkreader.h"
 
-#include "errors.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "errors.h"
 
 namespace vorelstat {
 
@@ -136,11 +136,13 @@ std::size_t ChunkReader::ReadMore(TextBuffer& into, std::size_t count) {
 }
 
 void ChunkReader::ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const {
-  count = static_cast<std::size_t>(std::min<std::uint64_t>(count, *_fileSize - std::min(offset, *_fileSize)));
+  count = static_cast<std::size_t>(
+      std::min<std::uint64_t>(count, *_fileSize - std::min(offset, *_fileSize)));
   into.Resize(count);
   std::size_t got = 0;
   while (got < count) {
-    const ssize_t n = ::pread(_fd, into.Data() + got, count - got, static_cast<off_t>(offset + got));
+    const ssize_t n =
+        ::pread(_fd, into.Data() + got, count - got, static_cast<off_t>(offset + got));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
     if (n == 0) throw DataError("cannot read " + _path + ": the file shrank while it was read");
@@ -172,7 +174,8 @@ void ChunkReader::ReadHeader() {
   if (!header.empty() && header.back() == '\n') header.remove_suffix(1);
   header = StripLineEnd(header);
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-  if (header.substr(0, kByteOrderMark.size()) == kByteOrderMark) header.remove_prefix(kByteOrderMark.size());
+  if (header.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+    header.remove_prefix(kByteOrderMark.size());
   if (header.empty()) throw DataError(_path + ", line 1: the header line is empty");
   _header.assign(header);
   _handedOut = headerBytes;
@@ -206,17 +209,20 @@ std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
   if (end >= fileSize) return fileSize;
   // The last line end before `end`, one window at a time going back.
   for (std::uint64_t windowEnd = end; windowEnd > start;) {
-    const std::uint64_t windowStart = std::max(start, windowEnd - std::min<std::uint64_t>(kWindow, windowEnd));
+    const std::uint64_t windowStart =
+        std::max(start, windowEnd - std::min<std::uint64_t>(kWindow, windowEnd));
     ReadAt(windowStart, static_cast<std::size_t>(windowEnd - windowStart), _window);
     const char* found = FindLast(_window.Data(), _window.Size(), '\n');
-    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
+    if (found != nullptr)
+      return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
     windowEnd = windowStart;
   }
   // A line longer than the read size: its end, going forward.
   for (std::uint64_t windowStart = end; windowStart < fileSize; windowStart += kWindow) {
     ReadAt(windowStart, kWindow, _window);
     const char* found = FindFirst(_window.Data(), _window.Size(), '\n');
-    if (found != nullptr) return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
+    if (found != nullptr)
+      return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
   }
   return fileSize;
 }

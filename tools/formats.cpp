@@ -1,10 +1,10 @@
 // The three printed forms of a Report.
-#include "report.h"
-
 #include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
+
+#include "report.h"
 
 namespace vorelstat {
 namespace {
@@ -26,7 +26,8 @@ class TextTable {
     std::vector<std::size_t> widths;
     for (const auto& row : _rows) {
       if (widths.size() < row.size()) widths.resize(row.size(), 0);
-      for (std::size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
+      for (std::size_t c = 0; c < row.size(); ++c)
+        widths[c] = std::max(widths[c], row[c].size());
     }
     std::string out;
     for (const auto& row : _rows) {
@@ -35,7 +36,8 @@ class TextTable {
         const std::string pad(widths[c] - row[c].size(), ' ');
         line += c == 0 ? row[c] + pad : "  " + pad + row[c];
       }
-      while (!line.empty() && line.back() == ' ') line.pop_back();
+      while (!line.empty() && line.back() == ' ')
+        line.pop_back();
       out += line + "\n";
     }
     return out;
@@ -47,7 +49,8 @@ class TextTable {
 
 std::vector<std::string> Names(const Report& report) {
   std::vector<std::string> names;
-  for (const ColumnSummary& column : report.columns) names.push_back(column.name);
+  for (const ColumnSummary& column : report.columns)
+    names.push_back(column.name);
   return names;
 }
 
@@ -56,11 +59,13 @@ std::string SquareTable(const Report& report, const std::vector<std::vector<Cell
                         std::string (*format)(Cell)) {
   TextTable table;
   std::vector<std::string> head{""};
-  for (const std::string& name : Names(report)) head.push_back(name);
+  for (const std::string& name : Names(report))
+    head.push_back(name);
   table.Add(head);
   for (std::size_t i = 0; i < matrix.size(); ++i) {
     std::vector<std::string> row{report.columns[i].name};
-    for (const Cell& cell : matrix[i]) row.push_back(format(cell));
+    for (const Cell& cell : matrix[i])
+      row.push_back(format(cell));
     table.Add(row);
   }
   return table.Render();
@@ -70,10 +75,12 @@ std::string ShortCell(double value) { return Short(value); }
 std::string CountCell(std::uint64_t value) { return std::to_string(value); }
 
 std::string RowsLine(const Report& report) {
-  std::string line = std::to_string(report.rowsRead) + " read, " + std::to_string(report.rowsUsed) + " used";
+  std::string line =
+      std::to_string(report.rowsRead) + " read, " + std::to_string(report.rowsUsed) + " used";
   if (report.rowsIncomplete != 0) {
-    line += report.pairwise ? ", " + std::to_string(report.rowsIncomplete) + " with missing cells"
-                            : ", " + std::to_string(report.rowsIncomplete) + " left out for missing cells";
+    line += report.pairwise
+                ? ", " + std::to_string(report.rowsIncomplete) + " with missing cells"
+                : ", " + std::to_string(report.rowsIncomplete) + " left out for missing cells";
   }
   if (report.rowsWithoutWeight != 0) {
     line += ", " + std::to_string(report.rowsWithoutWeight) + " left out for a missing weight";
@@ -84,10 +91,13 @@ std::string RowsLine(const Report& report) {
 // Lines of a key and a text, the keys padded to one width.
 class KeyValueLines {
  public:
-  void Add(std::string key, std::string value) { _lines.emplace_back(std::move(key), std::move(value)); }
+  void Add(std::string key, std::string value) {
+    _lines.emplace_back(std::move(key), std::move(value));
+  }
   std::string Render() const {
     std::size_t width = 0;
-    for (const auto& line : _lines) width = std::max(width, line.first.size());
+    for (const auto& line : _lines)
+      width = std::max(width, line.first.size());
     std::string out;
     for (const auto& [key, value] : _lines) {
       out += key + std::string(width - key.size() + 2, ' ') + value + "\n";
@@ -109,8 +119,10 @@ std::string FormatTable(const Report& report) {
   if (report.cellsCoerced != 0) {
     head.Add("cells", std::to_string(report.cellsCoerced) + " not numbers, taken as missing");
   }
-  std::string weights = report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
-  if (!report.regWeightColumn.empty()) weights += ", times regression weight " + report.regWeightColumn;
+  std::string weights =
+      report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
+  if (!report.regWeightColumn.empty())
+    weights += ", times regression weight " + report.regWeightColumn;
   head.Add("weight", weights + "; total " + Short(report.weightSum));
   head.Add("deletion", report.pairwise ? "pairwise" : "listwise");
   head.Add("threads", std::to_string(report.threads));
@@ -139,11 +151,13 @@ std::string FormatTable(const Report& report) {
     out += "\n";
     TextTable groups;
     std::vector<std::string> headRow{"group", "n", "weight"};
-    for (const std::string& name : Names(report)) headRow.push_back(name);
+    for (const std::string& name : Names(report))
+      headRow.push_back(name);
     groups.Add(headRow);
     for (const GroupSummary& g : report.groups) {
       std::vector<std::string> row{std::to_string(g.code), std::to_string(g.n), Short(g.weight)};
-      for (double mean : g.means) row.push_back(Short(mean));
+      for (double mean : g.means)
+        row.push_back(Short(mean));
       groups.Add(row);
     }
     out += groups.Render();
@@ -170,8 +184,8 @@ class CsvWriter {
   CsvWriter() { _out = "section,group,row,column,statistic,value\n"; }
   void Add(const std::string& section, const std::string& group, const std::string& row,
            const std::string& column, const std::string& statistic, const std::string& value) {
-    _out += section + "," + group + "," + CsvField(row) + "," + CsvField(column) + "," + statistic +
-            "," + value + "\n";
+    _out += section + "," + group + "," + CsvField(row) + "," + CsvField(column) + "," + statistic
+            + "," + value + "\n";
   }
   std::string Take() { return std::move(_out); }
 
@@ -247,11 +261,21 @@ std::string JsonString(const std::string& text) {
   std::string out = "\"";
   for (unsigned char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20) {
           char escaped[8];
@@ -272,7 +296,8 @@ std::string JsonName(const std::string& name) { return name.empty() ? "null" : J
 template <class T>
 std::string JsonArray(const std::vector<T>& values) {
   std::string out = "[";
-  for (std::size_t i = 0; i < values.size(); ++i) out += (i ? ", " : "") + JsonNumber(values[i]);
+  for (std::size_t i = 0; i < values.size(); ++i)
+    out += (i ? ", " : "") + JsonNumber(values[i]);
   return out + "]";
 }
 
@@ -295,20 +320,19 @@ std::string FormatJson(const Report& report) {
   out += "  \"regression_weight_column\": " + JsonName(report.regWeightColumn) + ",\n";
   out += "  \"group_column\": " + JsonName(report.groupColumn) + ",\n";
   out += "  \"threads\": " + std::to_string(report.threads) + ",\n";
-  out += "  \"rows\": {\"read\": " + JsonNumber(report.rowsRead) +
-         ", \"used\": " + JsonNumber(report.rowsUsed) +
-         ", \"incomplete\": " + JsonNumber(report.rowsIncomplete) +
-         ", \"without_weight\": " + JsonNumber(report.rowsWithoutWeight) +
-         ", \"without_group\": " + JsonNumber(report.rowsWithoutGroup) + "},\n";
+  out += "  \"rows\": {\"read\": " + JsonNumber(report.rowsRead) + ", \"used\": "
+         + JsonNumber(report.rowsUsed) + ", \"incomplete\": " + JsonNumber(report.rowsIncomplete)
+         + ", \"without_weight\": " + JsonNumber(report.rowsWithoutWeight)
+         + ", \"without_group\": " + JsonNumber(report.rowsWithoutGroup) + "},\n";
   out += "  \"cells_not_numeric\": " + JsonNumber(report.cellsCoerced) + ",\n";
   out += "  \"weight_sum\": " + JsonNumber(report.weightSum) + ",\n";
   out += "  \"columns\": [";
   for (std::size_t i = 0; i < report.columns.size(); ++i) {
     const ColumnSummary& c = report.columns[i];
-    out += std::string(i ? "," : "") + "\n    {\"name\": " + JsonString(c.name) +
-           ", \"n\": " + JsonNumber(c.n) + ", \"weight\": " + JsonNumber(c.weight) +
-           ", \"mean\": " + JsonNumber(c.mean) + ", \"sd\": " + JsonNumber(c.sd) +
-           ", \"min\": " + JsonNumber(c.min) + ", \"max\": " + JsonNumber(c.max) + "}";
+    out += std::string(i ? "," : "") + "\n    {\"name\": " + JsonString(c.name)
+           + ", \"n\": " + JsonNumber(c.n) + ", \"weight\": " + JsonNumber(c.weight)
+           + ", \"mean\": " + JsonNumber(c.mean) + ", \"sd\": " + JsonNumber(c.sd)
+           + ", \"min\": " + JsonNumber(c.min) + ", \"max\": " + JsonNumber(c.max) + "}";
   }
   out += "\n  ],\n";
   out += "  \"covariance\": " + JsonMatrix(report.covariance, "  ") + ",\n";
@@ -321,9 +345,9 @@ std::string FormatJson(const Report& report) {
     out += ",\n  \"groups\": [";
     for (std::size_t i = 0; i < report.groups.size(); ++i) {
       const GroupSummary& g = report.groups[i];
-      out += std::string(i ? "," : "") + "\n    {\"code\": " + std::to_string(g.code) +
-             ", \"n\": " + JsonNumber(g.n) + ", \"weight\": " + JsonNumber(g.weight) +
-             ", \"means\": " + JsonArray(g.means) + "}";
+      out += std::string(i ? "," : "") + "\n    {\"code\": " + std::to_string(g.code)
+             + ", \"n\": " + JsonNumber(g.n) + ", \"weight\": " + JsonNumber(g.weight)
+             + ", \"means\": " + JsonArray(g.means) + "}";
     }
     out += "\n  ],\n";
     out += "  \"pooled_divisor\": " + JsonNumber(report.pooledDf) + ",\n";

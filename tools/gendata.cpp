@@ -6,11 +6,10 @@
 // (1..G) that shifts the means, a frequency weight (1..4), and a share of
 // empty (missing) cells. The same seed gives the same file.
 #include <CLI/CLI.hpp>
-
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -124,7 +123,8 @@ int Generate(const Settings& s, std::FILE* out) {
 int main(int argc, char** argv) {
   CLI::App app{"Writes a CSV data set for benchmarks of vorelstat.", "vorel-gendata"};
   Settings s;
-  app.add_option("-o,--output", s.output, "Output file (- for standard output)")->capture_default_str();
+  app.add_option("-o,--output", s.output, "Output file (- for standard output)")
+      ->capture_default_str();
   auto* rows = app.add_option("-n,--rows", s.rows, "Number of rows");
   auto* size = app.add_option("-s,--megabytes", s.megabytes, "Approximate size in MB (10^6 bytes)");
   rows->excludes(size);

@@ -5,20 +5,21 @@
 // malformed, a weight is negative, a group is out of range, reading failed);
 // 2 bad usage (unknown option, bad value, a file that cannot be opened, a
 // column the header lacks). On failure nothing is written to standard output.
-#include "errors.h"
-#include "tool.h"
-
 #include <unistd.h>
 
 #include <cstdio>
 #include <iostream>
 #include <new>
 
+#include "errors.h"
+#include "tool.h"
+
 int main(int argc, char** argv) {
   using namespace vorelstat;
-  CLI::App app{"Statistics of the numeric columns of a delimited text file, in one pass on "
-               "a pool of threads.",
-               "vorelstat"};
+  CLI::App app{
+      "Statistics of the numeric columns of a delimited text file, in one pass on "
+      "a pool of threads.",
+      "vorelstat"};
   app.set_version_flag("-V,--version", std::string("vorelstat ") + VORELSTAT_VERSION);
   app.footer("Exit codes: 0 success, 1 bad data, 2 bad usage.");
   Options options;

@@ -28,9 +28,9 @@ std::string ProgressBar::Render(std::uint64_t done, std::optional<std::uint64_t>
     const int filled = static_cast<int>(fraction * kBarWidth);
     char percent[8];
     std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(fraction * 100.0));
-    text = std::string(percent) + " [" + std::string(static_cast<std::size_t>(filled), '#') +
-           std::string(static_cast<std::size_t>(kBarWidth - filled), ' ') + "] " +
-           Megabytes(done) + " of " + Megabytes(*total);
+    text = std::string(percent) + " [" + std::string(static_cast<std::size_t>(filled), '#')
+           + std::string(static_cast<std::size_t>(kBarWidth - filled), ' ') + "] " + Megabytes(done)
+           + " of " + Megabytes(*total);
   } else {
     text = Megabytes(done) + " read";
   }

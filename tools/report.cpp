@@ -14,7 +14,9 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 Matrix Square(std::size_t k) { return Matrix(k, std::vector<double>(k, kNaN)); }
 
 // CSCP / (W - 1), or NaN when W - 1 is not positive.
-double Covariance(double cscp, double weight) { return weight > 1.0 ? cscp / (weight - 1.0) : kNaN; }
+double Covariance(double cscp, double weight) {
+  return weight > 1.0 ? cscp / (weight - 1.0) : kNaN;
+}
 
 double Correlation(double cscp, double css0, double css1) {
   if (!(css0 > 0.0) || !(css1 > 0.0)) return kNaN;
@@ -97,7 +99,8 @@ void FillGroups(const vorel::DiscriminantMatrix& d, const std::vector<std::uint6
   for (int i = 0; i < nVar; ++i) {
     for (int j = 0; j <= i; ++j) {
       double within = d.TSSP(i, j);
-      for (int g : weighted) within -= d.sumX1(g, i) * d.sumX1(g, j) / d.sumW(g);
+      for (int g : weighted)
+        within -= d.sumX1(g, i) * d.sumX1(g, j) / d.sumW(g);
       const double value = report.pooledDf > 0.0 ? within / report.pooledDf : kNaN;
       report.pooledCovariance[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)] = value;
       report.pooledCovariance[static_cast<std::size_t>(j)][static_cast<std::size_t>(i)] = value;

@@ -17,12 +17,12 @@
 // the table, an empty field in CSV and null in JSON.
 #pragma once
 
-#include "rowparser.h"
-#include "statpass.h"
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "rowparser.h"
+#include "statpass.h"
 
 namespace vorelstat {
 

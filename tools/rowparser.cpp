@@ -1,11 +1,11 @@
 #include "rowparser.h"
 
-#include "errors.h"
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+
+#include "errors.h"
 
 namespace vorelstat {
 namespace {
@@ -15,8 +15,10 @@ bool IsSpace(char c) { return c == ' ' || c == '\t'; }
 bool StartsLikeNumber(char c) { return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.'; }
 
 std::string_view Trim(std::string_view text) {
-  while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
+  while (!text.empty() && IsSpace(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && IsSpace(text.back()))
+    text.remove_suffix(1);
   return text;
 }
 
@@ -26,7 +28,8 @@ std::string_view Trim(std::string_view text) {
 bool NextField(const char*& p, const char* end, char delimiter, std::string& scratch,
                std::string_view& cell, const char*& problem) {
   const char* start = p;
-  while (start != end && IsSpace(*start) && *start != delimiter) ++start;
+  while (start != end && IsSpace(*start) && *start != delimiter)
+    ++start;
   if (start == end || *start != '"') {
     const void* found = std::memchr(p, delimiter, static_cast<std::size_t>(end - p));
     const char* stop = found != nullptr ? static_cast<const char*>(found) : end;
@@ -52,7 +55,8 @@ bool NextField(const char*& p, const char* end, char delimiter, std::string& scr
     q = quote + 1;
     break;
   }
-  while (q != end && IsSpace(*q) && *q != delimiter) ++q;
+  while (q != end && IsSpace(*q) && *q != delimiter)
+    ++q;
   if (q != end && *q != delimiter) {
     problem = "text follows the closing quote of a field";
     return false;
@@ -150,31 +154,36 @@ std::size_t FindColumn(const std::vector<std::string>& names, const std::string&
     if (names[i] == name) hits.push_back(i);
   }
   if (hits.empty()) {
-    throw UsageError("the header has no column \"" + name + "\"; its columns are: " +
-                     JoinNames(names));
+    throw UsageError("the header has no column \"" + name
+                     + "\"; its columns are: " + JoinNames(names));
   }
   if (hits.size() > 1) {
-    throw DataError("the header names column \"" + name + "\" twice (fields " +
-                    std::to_string(hits[0] + 1) + " and " + std::to_string(hits[1] + 1) + ")");
+    throw DataError("the header names column \"" + name + "\" twice (fields "
+                    + std::to_string(hits[0] + 1) + " and " + std::to_string(hits[1] + 1) + ")");
   }
   return hits.front();
 }
 
 const char* RoleName(FieldRole role) {
   switch (role) {
-    case FieldRole::kValue: return "an analysed column";
-    case FieldRole::kWeight: return "the weight column";
-    case FieldRole::kRegWeight: return "the regression weight column";
-    case FieldRole::kGroup: return "the group column";
-    case FieldRole::kSkip: break;
+    case FieldRole::kValue:
+      return "an analysed column";
+    case FieldRole::kWeight:
+      return "the weight column";
+    case FieldRole::kRegWeight:
+      return "the regression weight column";
+    case FieldRole::kGroup:
+      return "the group column";
+    case FieldRole::kSkip:
+      break;
   }
   return "unused";
 }
 
 void AssignRole(RowLayout& layout, std::size_t field, FieldRole role) {
   if (layout.roles[field] != FieldRole::kSkip) {
-    throw UsageError("column \"" + layout.names[field] + "\" is named as " + RoleName(role) +
-                     " and already as " + RoleName(layout.roles[field]));
+    throw UsageError("column \"" + layout.names[field] + "\" is named as " + RoleName(role)
+                     + " and already as " + RoleName(layout.roles[field]));
   }
   layout.roles[field] = role;
   if (role == FieldRole::kValue) {
@@ -232,7 +241,8 @@ RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const Colu
     }
   }
   if (layout.NValues() == 0) {
-    throw UsageError("no numeric column found in the first data row; name the columns with --columns");
+    throw UsageError(
+        "no numeric column found in the first data row; name the columns with --columns");
   }
   return layout;
 }
@@ -317,9 +327,9 @@ bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& r
     return false;
   }
   if (code < _rules.groupLo || code > _rules.groupHi) {
-    error = {field, "group " + std::to_string(code) + " is outside the group range " +
-                        std::to_string(_rules.groupLo) + ".." + std::to_string(_rules.groupHi) +
-                        " (set the range with --group-range)"};
+    error = {field, "group " + std::to_string(code) + " is outside the group range "
+                        + std::to_string(_rules.groupLo) + ".." + std::to_string(_rules.groupHi)
+                        + " (set the range with --group-range)"};
     return false;
   }
   row.group = static_cast<unsigned>(code - _rules.groupLo);
@@ -348,8 +358,9 @@ bool RowParser::TakeCell(std::size_t field, std::string_view cell, ParsedRow& ro
       break;
     case CellKind::kBad:
       if (!_rules.nonNumericIsMissing) {
-        error = {field, cell.empty() ? std::string("cell is empty, and empty cells do not count as missing")
-                                     : "cell " + Quoted(cell) + " is not a number"};
+        error = {field, cell.empty()
+                            ? std::string("cell is empty, and empty cells do not count as missing")
+                            : "cell " + Quoted(cell) + " is not a number"};
         return false;
       }
       ++row.nCoerced;
@@ -393,8 +404,8 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
   // even when a cell failed first.
   const std::size_t nFields = ok ? field : CountFields(line, _layout.delimiter);
   if (nFields != _nFields) {
-    error = {LineError::kWholeLine, "the line has " + std::to_string(nFields) +
-                                        " fields, the header has " + std::to_string(_nFields)};
+    error = {LineError::kWholeLine, "the line has " + std::to_string(nFields)
+                                        + " fields, the header has " + std::to_string(_nFields)};
     return false;
   }
   return ok;

@@ -40,9 +40,9 @@ struct CellRules {
 // Which fields play which role; built from the header and the options.
 struct RowLayout {
   char delimiter = ',';
-  std::vector<std::string> names;   // the header's fields
-  std::vector<FieldRole> roles;     // one per header field
-  std::vector<unsigned> slots;      // for value fields, the value's index
+  std::vector<std::string> names;        // the header's fields
+  std::vector<FieldRole> roles;          // one per header field
+  std::vector<unsigned> slots;           // for value fields, the value's index
   std::vector<std::size_t> valueFields;  // header field of each value, in value order
   std::optional<std::size_t> weightField, regWeightField, groupField;
   unsigned NValues() const { return static_cast<unsigned>(valueFields.size()); }

@@ -1,7 +1,5 @@
 #include "statpass.h"
 
-#include "errors.h"
-
 #include <vorel/databatch.h>
 #include <vorel/driver.h>
 
@@ -12,6 +10,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+
+#include "errors.h"
 
 namespace vorelstat {
 namespace {
@@ -96,7 +96,8 @@ class StatProblem : public vorel::ProblemBase {
   // Line number in the file of a bad line: the header is line 1.
   std::uint64_t LineNumber(const FoundError& error) const {
     std::uint64_t line = 2 + error.lineInChunk;
-    for (std::uint64_t k = 0; k < error.chunkIndex; ++k) line += _lineCounts[k];
+    for (std::uint64_t k = 0; k < error.chunkIndex; ++k)
+      line += _lineCounts[k];
     return line;
   }
 
@@ -197,7 +198,8 @@ class StatWorker : public vorel::WorkerBase {
     if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
     if (_pairwiseMatrix) *_problem._pairwise += *_pairwiseMatrix;
     if (_groupMatrix) *_problem._groups += *_groupMatrix;
-    for (std::size_t g = 0; g < _groupRows.size(); ++g) _problem._groupRows[g] += _groupRows[g];
+    for (std::size_t g = 0; g < _groupRows.size(); ++g)
+      _problem._groupRows[g] += _groupRows[g];
     _problem._extremes.Add(_extremes);
     _problem._counters.Add(_counters);
   }
@@ -227,7 +229,8 @@ class StatWorker : public vorel::WorkerBase {
     _group = _row.group;
     const double* cells = _row.values.data();
     if (!_groupShift.empty()) {
-      for (std::size_t c = 0; c < _shifted.size(); ++c) _shifted[c] = cells[c] - _groupShift[c];
+      for (std::size_t c = 0; c < _shifted.size(); ++c)
+        _shifted[c] = cells[c] - _groupShift[c];
       cells = _shifted.data();
     }
     _groupBatch->AddRow(cells);
@@ -306,7 +309,8 @@ std::string Location(const ChunkReader& reader, const RowLayout& layout, std::ui
                      const LineError& error) {
   std::string where = reader.Path() + ", line " + std::to_string(line);
   if (error.field != LineError::kWholeLine) {
-    where += ", column " + std::to_string(error.field + 1) + " (\"" + layout.names[error.field] + "\")";
+    where +=
+        ", column " + std::to_string(error.field + 1) + " (\"" + layout.names[error.field] + "\")";
   }
   return where;
 }
@@ -319,8 +323,8 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   vorel::Driver(&problem, options.threads);
   if (problem._firstError) {
     const FoundError& found = *problem._firstError;
-    throw DataError(Location(reader, layout, problem.LineNumber(found), found.error) + ": " +
-                    found.error.message);
+    throw DataError(Location(reader, layout, problem.LineNumber(found), found.error) + ": "
+                    + found.error.message);
   }
   PassResult result;
   result.threads = problem._workersMade;

@@ -20,9 +20,6 @@
 // line number worked out from the line counts of the chunks before it.
 #pragma once
 
-#include "chunkreader.h"
-#include "rowparser.h"
-
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
@@ -31,6 +28,9 @@
 #include <functional>
 #include <memory>
 #include <vector>
+
+#include "chunkreader.h"
+#include "rowparser.h"
 
 namespace vorelstat {
 

@@ -1,14 +1,14 @@
 #include "tool.h"
 
+#include <charconv>
+#include <cmath>
+#include <limits>
+
 #include "chunkreader.h"
 #include "errors.h"
 #include "progress.h"
 #include "report.h"
 #include "statpass.h"
-
-#include <charconv>
-#include <cmath>
-#include <limits>
 
 namespace vorelstat {
 
@@ -25,10 +25,12 @@ void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("-g,--group", o.choice.group, "Group column: whole-number group codes");
   app.add_option("--group-range", o.groupRange, "Range LO:HI of the group codes")
       ->capture_default_str();
-  auto* pairwise = app.add_flag("-p,--pairwise", o.pairwise,
-                                "Pairwise deletion: each figure uses the rows where its cells are present");
-  auto* listwise = app.add_flag("-l,--listwise", o.listwise,
-                                "Listwise deletion (default): a row with a missing cell is left out");
+  auto* pairwise =
+      app.add_flag("-p,--pairwise", o.pairwise,
+                   "Pairwise deletion: each figure uses the rows where its cells are present");
+  auto* listwise =
+      app.add_flag("-l,--listwise", o.listwise,
+                   "Listwise deletion (default): a row with a missing cell is left out");
   pairwise->excludes(listwise);
   app.add_option_function<double>(
       "-m,--missing-code", [&o](const double& code) { o.missingCode = code; },
@@ -68,7 +70,9 @@ char DelimiterOption(const std::string& text) {
   if (text == "comma") return ',';
   if (text == "semicolon") return ';';
   if (text.size() == 1 && text[0] != '"' && text[0] != '\n' && text[0] != '\r') return text[0];
-  throw UsageError("--delimiter takes auto, tab or one character other than a quote or line end, not \"" + text + "\"");
+  throw UsageError(
+      "--delimiter takes auto, tab or one character other than a quote or line end, not \"" + text
+      + "\"");
 }
 
 namespace {
@@ -93,7 +97,8 @@ std::vector<double> FirstRowValues(const RowLayout& layout, const CellRules& rul
   if (!parser.Parse(line, row, error)) return values;
   for (std::size_t c = 0; c < values.size(); ++c) {
     // Compared exactly, on purpose: that is what makes a cell missing.
-    if (row.values[c] != rules.missingCode && std::isfinite(row.values[c])) values[c] = row.values[c];
+    if (row.values[c] != rules.missingCode && std::isfinite(row.values[c]))
+      values[c] = row.values[c];
   }
   return values;
 }
@@ -121,8 +126,8 @@ CellRules MakeCellRules(const Options& o) {
   rules.groupHi = ParseGroupBound(o.groupRange.substr(colon + 1), o.groupRange);
   constexpr long long kMostGroups = 1000000;
   if (rules.groupHi < rules.groupLo || rules.groupHi - rules.groupLo >= kMostGroups) {
-    throw UsageError("--group-range LO:HI needs LO <= HI and at most " + std::to_string(kMostGroups) +
-                     " codes, not \"" + o.groupRange + "\"");
+    throw UsageError("--group-range LO:HI needs LO <= HI and at most " + std::to_string(kMostGroups)
+                     + " codes, not \"" + o.groupRange + "\"");
   }
   return rules;
 }
@@ -150,7 +155,8 @@ std::string RunTool(const Options& o, bool progress) {
   passOptions.threads = o.threads;
   passOptions.batchRows = o.batchRows;
   passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-  if (layout.groupField && firstRow) passOptions.groupShift = FirstRowValues(layout, rules, *firstRow);
+  if (layout.groupField && firstRow)
+    passOptions.groupShift = FirstRowValues(layout, rules, *firstRow);
   const PassResult pass = RunPass(reader, layout, rules, passOptions);
   bar.Finish();
 

@@ -1,14 +1,13 @@
 // The command line of vorelstat and the run it asks for.
 #pragma once
 
-#include "rowparser.h"
-
 #include <CLI/CLI.hpp>
-
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "rowparser.h"
 
 namespace vorelstat {
 

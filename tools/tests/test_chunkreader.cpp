@@ -1,12 +1,12 @@
-#include "chunkreader.h"
-#include "errors.h"
-#include "tempfile.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include "chunkreader.h"
+#include "errors.h"
+#include "tempfile.h"
 
 namespace vorelstat {
 namespace {
@@ -46,10 +46,10 @@ ReadBack ReadAll(const std::string& path, std::size_t readSize) {
 const std::vector<std::string> kBodies = {
     "1,2\n3,4\n5,6\n",
     "1,2\r\n3,4\r\n",
-    "1,2\n3,4",                                          // no line end at the end
-    "1,2\n\n\n3,4\n",                                    // blank lines
+    "1,2\n3,4",                                                          // no line end at the end
+    "1,2\n\n\n3,4\n",                                                    // blank lines
     "1," + std::string(9000, '7') + "\n2,3\n4," + std::string(90, '8'),  // lines longer than a read
-    "",                                                  // header only
+    "",                                                                  // header only
 };
 
 // A regular file is cut by the serial stage and read by the threads; a pipe
@@ -95,16 +95,20 @@ INSTANTIATE_TEST_SUITE_P(BodiesAndReadSizes, ChunkReaderSplit,
 // Threads load their chunks in any order; each gets its own bytes.
 TEST(ChunkReader, ChunksLoadInAnyOrder) {
   std::string body;
-  for (int i = 0; i < 500; ++i) body += std::to_string(i) + ",x\n";
+  for (int i = 0; i < 500; ++i)
+    body += std::to_string(i) + ",x\n";
   TempFile file("a,b\n" + body);
   ChunkReader reader(file.Path(), 64);
   std::vector<Chunk> chunks(1);
-  while (reader.Next(chunks.back())) chunks.emplace_back();
+  while (reader.Next(chunks.back()))
+    chunks.emplace_back();
   chunks.pop_back();
   ASSERT_GT(chunks.size(), 10u);
   std::string joined;
-  for (auto k = chunks.size(); k-- > 0;) reader.Load(chunks[k]);
-  for (const Chunk& chunk : chunks) joined += chunk.text.View();
+  for (auto k = chunks.size(); k-- > 0;)
+    reader.Load(chunks[k]);
+  for (const Chunk& chunk : chunks)
+    joined += chunk.text.View();
   EXPECT_EQ(joined, body);
 }
 
@@ -139,8 +143,8 @@ TEST(ChunkReader, PeekSkipsBlankLinesAndLeavesTheRowInTheInput) {
     SCOPED_TRACE(pipe ? "pipe" : "file");
     std::optional<TempFile> file;
     std::optional<TempPipe> fifo;
-    const std::string& path = pipe ? fifo.emplace("a,b\n" + body).Path()
-                                   : file.emplace("a,b\n" + body).Path();
+    const std::string& path =
+        pipe ? fifo.emplace("a,b\n" + body).Path() : file.emplace("a,b\n" + body).Path();
     ChunkReader reader(path, 1);
     EXPECT_EQ(reader.PeekFirstDataLine(), std::optional<std::string>("1,2"));
     EXPECT_EQ(ReadAll(reader).joined, body);
@@ -157,7 +161,8 @@ TEST(ChunkReader, PeekOnHeaderOnlyFileFindsNothing) {
 
 TEST(ChunkReader, HeaderLongerThanAWindow) {
   std::string header;
-  for (int i = 0; i < 2000; ++i) header += (i ? "," : "") + std::string("c") + std::to_string(i);
+  for (int i = 0; i < 2000; ++i)
+    header += (i ? "," : "") + std::string("c") + std::to_string(i);
   TempFile file(header + "\n1\n");
   ChunkReader reader(file.Path(), 8);
   EXPECT_EQ(reader.Header(), header);

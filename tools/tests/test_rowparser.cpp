@@ -1,12 +1,12 @@
-#include "errors.h"
-#include "rowparser.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "errors.h"
+#include "rowparser.h"
 
 namespace vorelstat {
 namespace {
@@ -156,7 +156,8 @@ TEST(RowParser, WeightsMustBeFiniteAndNotNegative) {
   EXPECT_FALSE(f.row.weightMissing);
   ASSERT_TRUE(f.Parse("r,1,NA,2,3"));
   EXPECT_TRUE(f.row.weightMissing);
-  ASSERT_TRUE(f.Parse("r,1,-999,2,3")) << "the missing code marks a missing weight, not a negative one";
+  ASSERT_TRUE(f.Parse("r,1,-999,2,3"))
+      << "the missing code marks a missing weight, not a negative one";
   EXPECT_TRUE(f.row.weightMissing);
 }
 
@@ -179,8 +180,8 @@ TEST(RowParser, GroupsAreWholeNumbersInTheRange) {
 
 TEST(MakeLayout, DefaultColumnsAreTheNumericOnesOfTheFirstRow) {
   const CellRules rules = Rules();
-  const RowLayout layout = MakeLayout({"id", "g", "w", "x", "y", "note"}, ',',
-                                      {{}, "w", "", "g"}, std::string("a7,1,2,NA,3.5,hello"), rules);
+  const RowLayout layout = MakeLayout({"id", "g", "w", "x", "y", "note"}, ',', {{}, "w", "", "g"},
+                                      std::string("a7,1,2,NA,3.5,hello"), rules);
   ASSERT_EQ(layout.NValues(), 2u);
   EXPECT_EQ(layout.names[layout.valueFields[0]], "x");
   EXPECT_EQ(layout.names[layout.valueFields[1]], "y");

@@ -1,12 +1,5 @@
 // The pass and the report against long double oracles written out here, over
 // thread counts, batch sizes and read sizes; and where bad data is reported.
-#include "chunkreader.h"
-#include "errors.h"
-#include "report.h"
-#include "rowparser.h"
-#include "statpass.h"
-#include "tempfile.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,6 +8,13 @@
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include "chunkreader.h"
+#include "errors.h"
+#include "report.h"
+#include "rowparser.h"
+#include "statpass.h"
+#include "tempfile.h"
 
 namespace vorelstat {
 namespace {
@@ -66,9 +66,9 @@ DataSet MakeData(unsigned seed, int nRows) {
     const double regWeights[] = {0.5, 1.0, 2.0};
     row.regWeight = regWeights[random() % 3];
     if (uniform(random) > 0.05) row.group = 1 + static_cast<int>(random() % 3);
-    data.text += "r" + std::to_string(i) + "," + Cell(row.x[0]) + "," + Cell(row.weight) + "," +
-                 (row.group ? std::to_string(*row.group) : "") + "," + Cell(row.x[1]) + "," +
-                 Cell(row.regWeight) + "," + Cell(row.x[2]) + "\n";
+    data.text += "r" + std::to_string(i) + "," + Cell(row.x[0]) + "," + Cell(row.weight) + ","
+                 + (row.group ? std::to_string(*row.group) : "") + "," + Cell(row.x[1]) + ","
+                 + Cell(row.regWeight) + "," + Cell(row.x[2]) + "\n";
     if (i % 50 == 7) data.text += "\n";  // blank lines are skipped
     data.rows.push_back(row);
   }
@@ -107,7 +107,8 @@ Moments Gather(const std::vector<const Row*>& rows, bool regWeight) {
     const Real v = *row->weight * (regWeight ? row->regWeight : 1.0);
     m.w += *row->weight;
     m.v += v;
-    for (unsigned i = 0; i < kVars; ++i) m.sum[i] += v * row->x[i].value_or(0.0);
+    for (unsigned i = 0; i < kVars; ++i)
+      m.sum[i] += v * row->x[i].value_or(0.0);
   }
   for (const Row* row : rows) {
     const Real v = *row->weight * (regWeight ? row->regWeight : 1.0);
@@ -122,7 +123,8 @@ Moments Gather(const std::vector<const Row*>& rows, bool regWeight) {
 }
 
 void ExpectClose(double actual, Real expected, double relative, const std::string& what) {
-  const double tolerance = relative * std::max<double>(1.0, std::fabs(static_cast<double>(expected)));
+  const double tolerance =
+      relative * std::max<double>(1.0, std::fabs(static_cast<double>(expected)));
   EXPECT_NEAR(actual, static_cast<double>(expected), tolerance) << what;
 }
 
@@ -203,7 +205,8 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
     total += m.w;
     for (unsigned i = 0; i < kVars; ++i) {
       ExpectClose(report.groups[g].means[i], m.mean(i), 1e-12, "group mean");
-      for (unsigned j = 0; j < kVars; ++j) within[i][j] += m.css[i][j];
+      for (unsigned j = 0; j < kVars; ++j)
+        within[i][j] += m.css[i][j];
     }
   }
   EXPECT_EQ(report.pooledDf, static_cast<double>(total - 3));
@@ -272,7 +275,8 @@ TEST(StatPassError, LastLineWithoutLineEnd) {
         try {
           RunPass(reader, layout, rules, options);
         } catch (const DataError& e) {
-          EXPECT_EQ(std::string(e.what()), file.Path() + ", line 4: the line has 1 fields, the header has 2");
+          EXPECT_EQ(std::string(e.what()),
+                    file.Path() + ", line 4: the line has 1 fields, the header has 2");
           throw;
         }
       },
