@@ -260,10 +260,11 @@ void BM_NSMatrixPairwise(benchmark::State& state) {
 
 // ---------------------------------------------------------------- Driver
 
-// A pass of nBatches batches of batchRows rows of p columns, read from a
-// table in memory under the read lock, into one MatrixListwise per worker,
-// merged at the end. The arithmetic of a batch is far more than its copying,
-// so the pass is bound by the arithmetic.
+// A pass of nBatches batches of batchRows rows of p columns from a table in
+// memory, into one MatrixListwise per worker, merged at the end. ReadBatch
+// only claims the next batch under the read lock; the worker copies its rows
+// in ProcessBatch, as a caller with a source that threads may read side by
+// side would, so that the pass is bound by the arithmetic.
 class ListwisePass : public ProblemBase {
  public:
   ListwisePass(int p, int batchRows, int nBatches)
@@ -285,25 +286,29 @@ class ListwisePass : public ProblemBase {
                  nullptr, nullptr) {}
     bool ReadBatch() override {
       if (_pass._next == _pass._nBatches) return false;
-      const int b = _pass._next++;
-      _batch.Clear();
-      const double* row =
-          _pass._rows.data() + static_cast<std::size_t>(b) * _pass._batchRows * _pass._p;
-      for (int i = 0; i < _pass._batchRows; ++i, row += _pass._p)
-        _batch.AddRow(row);
+      _claimed = _pass._next++;
       return true;
     }
-    void ProcessBatch() override { _matrix += _batch; }
+    void ProcessBatch() override {
+      _batch.Clear();
+      const std::size_t rowCells = static_cast<std::size_t>(_pass._p);
+      const double* row =
+          _pass._rows.data() + static_cast<std::size_t>(_claimed) * _pass._batchRows * rowCells;
+      for (int i = 0; i < _pass._batchRows; ++i, row += rowCells)
+        _batch.AddRow(row);
+      _matrix += _batch;
+    }
     void MergeResult() override { _pass._result += _matrix; }
 
    private:
     ListwisePass& _pass;
     DataBatch _batch;
     MatrixListwise _matrix;
+    int _claimed = 0;
   };
 
   int _p, _batchRows, _nBatches;
-  int _next = 0;
+  int _next = 0;  // under the read lock
   std::vector<double> _rows;
   MatrixListwise _result;
 };
