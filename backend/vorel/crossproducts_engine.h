@@ -762,7 +762,8 @@ void RunCrossProducts(const CrossProductJob& job) {
   // the tiles no longer push it out of L2), more for narrow blocks.
   const Index cells = lay.all * (lay.all + 1) / 2 + lay.split * (lay.all - lay.split);
   const Index chunkCycles = lay.chunk * (cells / 8 + 1);
-  Index ahead = (kPrefetchLeadCycles + chunkCycles - 1) / chunkCycles;
+  // A job without rows has chunks of no rows and nothing to fetch ahead.
+  Index ahead = chunkCycles == 0 ? 1 : (kPrefetchLeadCycles + chunkCycles - 1) / chunkCycles;
   if (ahead > 64) ahead = 64;
   for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
     const Index rows = Smaller(lay.chunk, job.nRows - i0);
