@@ -1,6 +1,6 @@
 // The worked example of the whole-table matrices, compiled so that it cannot
 // rot. Keep the code between the markers the same as in
-// docs/wholetable-readme.md.
+// the README (whole-table worked example).
 #include <sstream>
 #include <string>
 
