@@ -313,15 +313,35 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
 }
 
 // Asks for rows [i0, i0 + rows) of every column, to be in L2 when they are
-// packed: the hardware follows a few streams, not one per column. For wide
-// blocks it is issued late in the work on the chunk before, so that the
-// tiles do not push the lines out again before they are used.
-void PrefetchChunk(const CrossProductJob& job, Index i0, Index rows) {
-  for (int j = 0; j < job.cols.count; ++j) {
-    const double* x = ColumnOf(job.cols, j) + i0;
-    for (Index i = 0; i < rows; i += 8)
-      __builtin_prefetch(x + i, 0, 2);
+// packed: the hardware follows a few streams, not one per column. Step asks
+// for a few lines at a time, spread over the work on the chunk before, so
+// that the memory is kept busy without a flood of requests at once.
+class Prefetcher {
+ public:
+  Prefetcher(const CrossProductJob& job, Index i0, Index rows)
+      : _job(job), _i0(i0), _rows(rows > 0 ? rows : 0) {}
+  void Step(Index lines) {
+    for (; lines > 0 && _column < _job.cols.count; --lines) {
+      __builtin_prefetch(ColumnOf(_job.cols, _column) + _i0 + _row, 0, 2);
+      _row += 8;
+      if (_row >= _rows) {
+        _row = 0;
+        ++_column;
+      }
+    }
   }
+  void Finish() { Step(static_cast<Index>(_job.cols.count) * ((_rows + 7) / 8)); }
+  Index Lines() const { return static_cast<Index>(_job.cols.count) * ((_rows + 7) / 8); }
+
+ private:
+  const CrossProductJob& _job;
+  Index _i0, _rows;
+  int _column = 0;
+  Index _row = 0;
+};
+
+void PrefetchChunk(const CrossProductJob& job, Index i0, Index rows) {
+  Prefetcher(job, i0, rows).Finish();
 }
 
 #if defined(__AVX__)
@@ -604,25 +624,19 @@ int VectorsFor(Index width) {
   return v < Isa::kVecs ? static_cast<int>(v) : Isa::kVecs;
 }
 
-// The triangle's tiles over one chunk. prefetch (the next chunk) is called
-// once about three quarters of the way through the work.
-template <class Isa, class Prefetch>
+// The triangle's tiles over one chunk, asking for the next chunk a few lines
+// after each tile.
+template <class Isa>
 void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri,
-                   Prefetch&& prefetch) {
+                   Prefetcher& next) {
   constexpr Index kLanes = Isa::kLanes;
   constexpr Index kWidth = kLanes * Isa::kVecs;
   double* acc[Isa::kRows];
-  // Work of the blocks of columns: each row c >= k0 has cells in block k0.
-  Index work = 0, done = 0;
+  Index tiles = 0;
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth)
-    work += lay.all - k0;
-  bool asked = false;
+    tiles += VectorsFor<Isa>(lay.all - k0) + (lay.all - k0) / Isa::kRows + 1;
+  const Index perTile = next.Lines() / (tiles > 0 ? tiles : 1) + 1;
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth) {
-    if (!asked && 4 * done >= 3 * work) {
-      prefetch();
-      asked = true;
-    }
-    done += lay.all - k0;
     // Rows c below k0 have no cells in this block of columns, and a row c
     // has its cells in the first (c - k0) / kLanes + 1 vectors: the rows go
     // in bands of kLanes, each with as many vectors as it needs.
@@ -635,36 +649,35 @@ void TriangleChunk(const Layout& lay, const double* p, const double* q, Index ro
         for (int j = 0; j < r; ++j)
           acc[j] = tri + TriangleRow(c0 + j) + k0;
         kTiles<Isa>.fns[r - 1][band](q + c0, p + k0, lay.ld, rows, acc);
+        next.Step(perTile);
         c0 += r;
       }
     }
   }
-  if (!asked) prefetch();
+  next.Finish();
 }
 
-// The rectangle's tiles over one chunk; prefetch as for the triangle.
-template <class Isa, class Prefetch>
+// The rectangle's tiles over one chunk; the next chunk as for the triangle.
+template <class Isa>
 void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* rect,
-                    Prefetch&& prefetch) {
+                    Prefetcher& next) {
   constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
   const Index first = lay.split + lay.gap;
   const Index width = lay.all - lay.split;
   double* acc[Isa::kRows];
-  bool asked = false;
+  const Index tiles = ((width + kWidth - 1) / kWidth) * (lay.split / Isa::kRows + 1);
+  const Index perTile = next.Lines() / (tiles > 0 ? tiles : 1) + 1;
   for (Index k0 = 0; k0 < width; k0 += kWidth) {
-    if (!asked && 4 * k0 >= 3 * width) {
-      prefetch();
-      asked = true;
-    }
     const int v = VectorsFor<Isa>(width - k0);
     for (Index c0 = 0; c0 < lay.split; c0 += Isa::kRows) {
       const int r = static_cast<int>(Smaller(Isa::kRows, lay.split - c0));
       for (int j = 0; j < r; ++j)
         acc[j] = rect + (c0 + j) * lay.rectLd + k0;
       kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + first + k0, lay.ld, rows, acc);
+      next.Step(perTile);
     }
   }
-  if (!asked) prefetch();
+  next.Finish();
 }
 
 // The diagonal: lane by lane, Q times P down the chunk.
@@ -770,15 +783,12 @@ void RunCrossProducts(const CrossProductJob& job) {
     if (ahead > 1 && i0 == 0)  // the first chunks, which nothing asked for yet
       PrefetchChunk(job, lay.chunk, Smaller((ahead - 1) * lay.chunk, job.nRows - lay.chunk));
     PackChunk<Isa>(job, lay, i0, rows, p, q);
-    const Index next = i0 + ahead * lay.chunk;
-    auto prefetch = [&] {
-      if (next < job.nRows) PrefetchChunk(job, next, Smaller(lay.chunk, job.nRows - next));
-    };
+    const Index at = i0 + ahead * lay.chunk;
+    Prefetcher next(job, at, Smaller(lay.chunk, job.nRows - at));
     if (job.diagonal != nullptr) DiagonalChunk<Isa>(lay, p, q, rows, scratch + lay.diag);
-    if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri, prefetch);
-    if (job.rectangle != nullptr)
-      RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect, prefetch);
-    if (job.triangle == nullptr && job.rectangle == nullptr) prefetch();
+    if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri, next);
+    if (job.rectangle != nullptr) RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect, next);
+    next.Finish();
   }
   WriteResults(job, lay, scratch + lay.tri, scratch + lay.rect, scratch + lay.diag);
 }
