@@ -1,37 +1,40 @@
-// A plain re-statement of the pairwise-deletion arithmetic, written out as
-// loops in the documented order of evaluation, for bit-exact comparison with
-// the library's records.
+// The pairwise-deletion arithmetic written out as plain loops in the
+// documented order of evaluation, and blocks of such records (a whole-table
+// matrix is the block of all its columns), for bit-exact comparison with the
+// library.
 #pragma once
 
+#include <vorel/databatch.h>
 #include <vorel/initialextremes.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
-namespace vorel::testing {
+#include "test_support.h"
 
-struct RefVar {
+// A namespace of its own: other test headers define a RefBlock too.
+namespace vorel::testing::pairwise {
+
+// The record of a pair of columns; that of one column is the pair of the
+// column with itself (its figures are the pair's first ones, and the extremes).
+struct RefRecord {
   std::uint64_t nRows = 0;
-  double weightSum = 0, regWeightSum = 0, mean = 0, css = 0;
+  double weightSum = 0, regWeightSum = 0, mean0 = 0, mean1 = 0, css0 = 0, css1 = 0, cscp = 0;
   double min = MinInitial, max = MaxInitial;
 };
 
-struct RefPair {
-  std::uint64_t nRows = 0;
-  double weightSum = 0, regWeightSum = 0, mean0 = 0, mean1 = 0, css0 = 0, css1 = 0, cscp = 0;
-};
-
-// Mean whose leading run of values equal to the first is weighed apart, so a
-// constant column gives its value untouched. A null-weight column has v[i] = 1.
+// The leading run of values equal to the first is weighed apart, so that a
+// constant column gives its value untouched.
 inline double RefStableMean(const std::vector<double>& x, const std::vector<double>& v,
                             double total) {
-  if (x.empty()) return 0.0;
   std::size_t i = 0;
-  double run = 0.0;
+  double run = 0.0, rest = 0.0;
   for (; i < x.size() && x[i] == x[0]; ++i)
     run += v[i];
-  if (i == x.size()) return x[0];
-  double rest = 0.0;
+  if (i == x.size()) return x.empty() ? 0.0 : x[0];
   for (; i < x.size(); ++i)
     rest += x[i] * v[i];
   return (rest + x[0] * run) / total;
@@ -42,87 +45,39 @@ inline double RefShift(double m1, double w1, double m2, double w2) {
   return s == 0.0 ? 0.0 : (w2 * (m2 - m1)) / s;
 }
 
-// The kept rows of one or two columns, with unit factors where a column is absent.
-struct RefKept {
-  std::vector<double> x0, x1, w, combined;
-};
-
-inline RefKept RefCompress(const double* x0, const double* x1, const double* w, const double* rw,
-                           double code, int n) {
-  RefKept k;
+inline RefRecord RefInit(const double* x0, const double* x1, const double* w, const double* rw,
+                         double code, int n) {
+  std::vector<double> k0, k1, kw, v;  // the kept rows; v: the combined weights
   for (int i = 0; i < n; ++i) {
-    if (x0[i] == code || (x1 != nullptr && x1[i] == code)) continue;
-    k.x0.push_back(x0[i]);
-    if (x1 != nullptr) k.x1.push_back(x1[i]);
-    const double wi = w != nullptr ? w[i] : 1.0;
-    k.w.push_back(wi);
-    k.combined.push_back(rw != nullptr ? rw[i] * wi : wi);
+    if (x0[i] == code || x1[i] == code) continue;
+    k0.push_back(x0[i]);
+    k1.push_back(x1[i]);
+    kw.push_back(w != nullptr ? w[i] : 1.0);
+    v.push_back(rw != nullptr ? rw[i] * kw.back() : kw.back());
   }
-  return k;
-}
-
-inline RefVar RefVarInit(const double* x, const double* w, const double* rw, double code, int n) {
-  RefKept k = RefCompress(x, nullptr, w, rw, code, n);
-  RefVar r;
-  r.nRows = k.x0.size();
-  for (std::size_t i = 0; i < k.x0.size(); ++i)
-    r.weightSum += k.w[i];
-  for (std::size_t i = 0; i < k.x0.size(); ++i)
-    r.regWeightSum += k.combined[i];
-  r.mean = RefStableMean(k.x0, k.combined, r.regWeightSum);
-  if (!k.x0.empty()) {
-    // The earliest of equal values stays; a NaN only wins from row 0.
-    r.min = r.max = k.x0[0];
-    for (double value : k.x0) {
-      if (value < r.min) r.min = value;
-      if (value > r.max) r.max = value;
-    }
-  }
-  for (std::size_t i = 0; i < k.x0.size(); ++i) {
-    const double c = k.x0[i] - r.mean;
-    r.css += (k.combined[i] * c) * c;
+  RefRecord r;
+  r.nRows = k0.size();
+  for (double wi : kw)
+    r.weightSum += wi;
+  for (double vi : v)
+    r.regWeightSum += vi;
+  r.mean0 = RefStableMean(k0, v, r.regWeightSum);
+  r.mean1 = RefStableMean(k1, v, r.regWeightSum);
+  for (std::size_t i = 0; i < k0.size(); ++i) {
+    // The earliest of equal values stays; a NaN wins only from the first row.
+    if (i == 0 || k0[i] < r.min) r.min = k0[i];
+    if (i == 0 || k0[i] > r.max) r.max = k0[i];
+    const double c0 = k0[i] - r.mean0, c1 = k1[i] - r.mean1;
+    r.css0 += (v[i] * c0) * c0;
+    r.css1 += (v[i] * c1) * c1;
+    r.cscp += (v[i] * c0) * c1;
   }
   return r;
 }
 
-inline RefPair RefPairInit(const double* x0, const double* x1, const double* w, const double* rw,
-                           double code, int n) {
-  RefKept k = RefCompress(x0, x1, w, rw, code, n);
-  RefPair r;
-  r.nRows = k.x0.size();
-  for (std::size_t i = 0; i < k.x0.size(); ++i)
-    r.weightSum += k.w[i];
-  for (std::size_t i = 0; i < k.x0.size(); ++i)
-    r.regWeightSum += k.combined[i];
-  r.mean0 = RefStableMean(k.x0, k.combined, r.regWeightSum);
-  r.mean1 = RefStableMean(k.x1, k.combined, r.regWeightSum);
-  for (std::size_t i = 0; i < k.x0.size(); ++i) {
-    const double c0 = k.x0[i] - r.mean0, c1 = k.x1[i] - r.mean1, v = k.combined[i];
-    r.css0 += (v * c0) * c0;
-    r.css1 += (v * c1) * c1;
-    r.cscp += (v * c0) * c1;
-  }
-  return r;
-}
-
-// t gathers o: means move by the weighted shift, corrected sums gain the two
-// between-means terms, added in the fixed order ((a + b) + c) + d.
-inline void RefVarUpdate(RefVar& t, const RefVar& o) {
-  if (o.nRows == 0) return;
-  const double tw = t.regWeightSum, ow = o.regWeightSum;
-  const double d = RefShift(t.mean, tw, o.mean, ow);
-  const double m = t.mean + d;
-  const double e = o.mean - m;
-  t.css = ((tw * d * d + o.css) + ow * e * e) + t.css;
-  t.mean = m;
-  t.weightSum += o.weightSum;
-  t.regWeightSum = tw + ow;
-  t.nRows += o.nRows;
-  if (!(o.min > t.min)) t.min = o.min;
-  if (!(o.max < t.max)) t.max = o.max;
-}
-
-inline void RefPairUpdate(RefPair& t, const RefPair& o) {
+// t gathers o: the means move by the weighted shift, and the corrected sums
+// gain the two between-means terms, added in the fixed order ((a + b) + c) + d.
+inline void RefUpdate(RefRecord& t, const RefRecord& o) {
   if (o.nRows == 0) return;
   const double tw = t.regWeightSum, ow = o.regWeightSum;
   const double d0 = RefShift(t.mean0, tw, o.mean0, ow), m0 = t.mean0 + d0, e0 = o.mean0 - m0;
@@ -135,6 +90,133 @@ inline void RefPairUpdate(RefPair& t, const RefPair& o) {
   t.weightSum += o.weightSum;
   t.regWeightSum = tw + ow;
   t.nRows += o.nRows;
+  if (!(o.min > t.min)) t.min = o.min;  // ties and NaN go to o
+  if (!(o.max < t.max)) t.max = o.max;
 }
 
-}  // namespace vorel::testing
+// A block: its columns, its pairs as (first variable, second variable), the
+// totals over every row, and one record per column and per pair.
+struct RefBlock {
+  double code = 0;
+  std::vector<int> cols = {};
+  std::vector<std::pair<int, int>> pairs = {};
+  double weightSum = 0, regWeightSum = 0;
+  std::uint64_t nRows = 0;
+  std::vector<RefRecord> vars = {}, prs = {};
+
+  // Each batch is totalled on its own, then added.
+  void Add(const DataBatch& b) {
+    const int n = static_cast<int>(b.NRows());
+    const double *w = b.Weights(), *rw = b.RegWeights();
+    if (n == 0) return;
+    vars.resize(cols.size());
+    prs.resize(pairs.size());
+    nRows += b.NRows();
+    double batchW = 0, batchRW = 0;
+    for (int i = 0; i < n; ++i)
+      batchW += w ? w[i] : 1.0;
+    for (int i = 0; i < n && rw; ++i)
+      batchRW += w ? rw[i] * w[i] : rw[i];
+    weightSum += batchW;
+    regWeightSum = rw ? regWeightSum + batchRW : weightSum;
+    for (std::size_t i = 0; i < cols.size(); ++i)
+      RefUpdate(vars[i], RefInit(b.Column(cols[i]), b.Column(cols[i]), w, rw, code, n));
+    for (std::size_t i = 0; i < pairs.size(); ++i)
+      RefUpdate(prs[i],
+                RefInit(b.Column(pairs[i].first), b.Column(pairs[i].second), w, rw, code, n));
+  }
+  // An empty block takes d whole; a filled one ignores a d whose weights total 0.
+  void Merge(const RefBlock& d) {
+    if (d.nRows == 0 || (nRows != 0 && d.weightSum == 0.0)) return;
+    if (nRows == 0) {
+      *this = d;
+      return;
+    }
+    for (std::size_t i = 0; i < vars.size(); ++i)
+      RefUpdate(vars[i], d.vars[i]);
+    for (std::size_t i = 0; i < prs.size(); ++i)
+      RefUpdate(prs[i], d.prs[i]);
+    weightSum += d.weightSum;
+    regWeightSum += d.regWeightSum;
+    nRows += d.nRows;
+  }
+};
+
+// The triangle of [col0, col2) (a whole table: [0, n)), the later column
+// first; the rectangle [col0, col1) x [col1, col2), the first set's column first.
+inline RefBlock SBlock(double code, int col0, int col2) {
+  RefBlock b{code};
+  for (int c = col0; c < col2; ++c) {
+    b.cols.push_back(c);
+    for (int r = col0; r < c; ++r)
+      b.pairs.emplace_back(c, r);
+  }
+  return b;
+}
+inline RefBlock NSBlock(double code, int col0, int col1, int col2) {
+  RefBlock b{code};
+  for (int c = col0; c < col2; ++c)
+    b.cols.push_back(c);
+  for (int r = col0; r < col1; ++r)
+    for (int c = col1; c < col2; ++c)
+      b.pairs.emplace_back(r, c);
+  return b;
+}
+
+// A record's fields in the order of its accessors, the row count first; the
+// extremes where the record keeps them.
+template <class V>
+std::vector<double> VarFields(const V& v) {
+  std::vector<double> f{static_cast<double>(v.NRows()), v.WeightSum(), v.RegWeightSum(), v.Mean(),
+                        v.CSS()};
+  if constexpr (requires { v.Min(); }) f.insert(f.end(), {v.Min(), v.Max()});
+  return f;
+}
+template <class P>
+std::vector<double> PairFields(const P& p) {
+  return {static_cast<double>(p.NRows()),
+          p.WeightSum(),
+          p.RegWeightSum(),
+          p.Mean0(),
+          p.Mean1(),
+          p.CSS0(),
+          p.CSS1(),
+          p.CSCP()};
+}
+inline std::vector<double> VarFields(const RefRecord& r) {
+  return {static_cast<double>(r.nRows), r.weightSum, r.regWeightSum, r.mean0, r.css0, r.min, r.max};
+}
+inline std::vector<double> PairFields(const RefRecord& r) {
+  return {static_cast<double>(r.nRows),
+          r.weightSum,
+          r.regWeightSum,
+          r.mean0,
+          r.mean1,
+          r.css0,
+          r.css1,
+          r.cscp};
+}
+// Bit for bit, over the fields the library's record has.
+inline bool SameFields(const std::vector<double>& lib, const std::vector<double>& ref) {
+  return lib.size() <= ref.size() && std::equal(lib.begin(), lib.end(), ref.begin(), SameBits);
+}
+
+// Every total and record of a pairwise matrix against the reference; a pair
+// asked for in either order gives the record whose first variable is `first`.
+template <class Matrix>
+void ExpectSameBlock(const Matrix& m, const RefBlock& ref) {
+  EXPECT_EQ(static_cast<std::uint64_t>(m.NRows()), ref.nRows);
+  EXPECT_PRED2(SameBits, m.WeightSum(), ref.weightSum);
+  EXPECT_PRED2(SameBits, m.RegWeightSum(), ref.regWeightSum);
+  ASSERT_EQ(static_cast<std::size_t>(m.NColumns()), ref.nRows ? ref.cols.size() : 0);
+  if (!(0. < ref.weightSum)) return;
+  for (std::size_t i = 0; i < ref.cols.size(); ++i)
+    EXPECT_PRED2(SameFields, VarFields(m.Var(ref.cols[i])), VarFields(ref.vars[i])) << ref.cols[i];
+  for (std::size_t i = 0; i < ref.pairs.size(); ++i) {
+    const auto [first, second] = ref.pairs[i];
+    EXPECT_PRED2(SameFields, PairFields(m.Pair(first, second)), PairFields(ref.prs[i])) << first;
+    EXPECT_PRED2(SameFields, PairFields(m.Pair(second, first)), PairFields(ref.prs[i])) << first;
+  }
+}
+
+}  // namespace vorel::testing::pairwise

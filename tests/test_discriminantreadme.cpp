@@ -1,5 +1,4 @@
-// The worked example of the discriminant section of the README, kept here so
-// that it can't drift from the library.
+// The worked example of the discriminant section of the README.
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/DscIndividualMatrix.h>
 #include <vorel/databatch.h>
@@ -7,6 +6,7 @@
 
 #include <vector>
 
+#include "discriminant_support.h"
 #include "test_support.h"
 
 namespace vorel {
@@ -68,16 +68,13 @@ TEST(DiscriminantReadme, MeansAndPooledCovarianceFromTheTotalsTable) {
 }
 
 TEST(DiscriminantReadme, TheSameFiguresAndEachGroupsCovarianceFromTheGroupTables) {
-  DiscIndividualMatrix d(2, 2);
-  unsigned group = 0;
-  DataBatchByGroup batch(2, 64, nullptr, nullptr, &group, 2);
+  testing::tables::Table t;
   for (const Row& row : rows) {
-    group = row.group;
-    batch.Row(batch.NRows())[0] = row.cells[0];
-    batch.Row(batch.NRows())[1] = row.cells[1];
-    batch.AddRow();
+    t.rows.push_back({row.cells[0], row.cells[1]});
+    t.groups.push_back(row.group);
   }
-  batch.SortByGroup();
+  DiscIndividualMatrix d(2, 2);
+  DataBatchByGroup batch = testing::discriminant::BatchFor(d, t, 0, rows.size(), 2);
   d += batch;
 
   const int n = d.NVar();

@@ -1,168 +1,265 @@
-// SMatrixPairwise and NSMatrixPairwise against the plain-loop reference, bit
-// for bit, through Driver, and tiling a wide table against MatrixPairwise.
+// SMatrixPairwise and NSMatrixPairwise on hand-worked cases, and all three
+// pairwise matrices against the plain-loop reference, bit for bit: merges and
+// copies, and passes through Driver.
 #include <vorel/databatch.h>
-#include <vorel/driver.h>
+#include <vorel/initialextremes.h>
 #include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixpairwise.h>
 
-#include <cmath>
-#include <initializer_list>
 #include <limits>
 #include <tuple>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
-#include "pairwise_block_reference.h"
+#include "pairwise_reference.h"
+#include "table_support.h"
 #include "test_support.h"
 
 namespace vorel {
 namespace {
 
-using namespace testing::pairwiseblocks;
+using namespace testing::tables;
+using namespace testing::pairwise;
 using testing::SameBits;
-
+using Values = std::vector<double>;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr const char* kS = "backend/vorel/smatrixpairwise";
+constexpr const char* kNS = "backend/vorel/nsmatrixpairwise";
 
-// Each worker takes prepared batches by index and feeds each batch to an S
-// and an NS matrix of its own. The workers' S matrices are built without
-// bounds and take [0, 7) from their first batch, while the shared one has
-// [1, 6): the first merge copies a worker's matrix whole, bounds included.
-struct Pass : ProblemBase {
-  struct Worker : WorkerBase {
-    Worker(Pass& p) : pass(p), s(p.code), ns(p.code, 0, 2, 7) {}
-    bool ReadBatch() override {
-      if (pass.next == pass.batches.list.size()) return false;
-      taken.push_back(pass.next++);
-      return true;
-    }
-    void ProcessBatch() override {
-      s += pass.batches.list[taken.back()];
-      ns += pass.batches.list[taken.back()];
-    }
-    void MergeResult() override {
-      pass.s += s;
-      pass.ns += ns;
-      pass.merged.push_back(taken);
-    }
-    Pass& pass;
-    SMatrixPairwise s;
-    NSMatrixPairwise ns;
-    std::vector<std::size_t> taken;
-  };
-  Pass(Batches& b, double c) : batches(b), code(c), s(c, 1, 6), ns(c, 0, 2, 7) {}
-  WorkerBase* CreateWorker() override { return new Worker(*this); }
+TEST(SMatrixPairwise, WorkedTableAndPreconditions) {
+  SMatrixPairwise m(-99.0);
+  DataBatch empty(2, 3, nullptr, nullptr, nullptr);
+  m += empty;
+  EXPECT_EQ(m.Col2(), 0);
+  DataBatch batch = MakeBatch(Table{{{1, 4, -99}, {2, -99, -99}, {-99, 8, -99}}}, 0, 3);
+  m += batch;
+  EXPECT_EQ(m.Col1(), 0);
+  EXPECT_EQ(m.Col2(), 3);
+  EXPECT_EQ(m.NRows(), 3);
+  EXPECT_EQ(m.RegWeightSum(), 3.0);
+  EXPECT_EQ(VarFields(m.Var(0)), (Values{2, 2, 2, 1.5, 0.5, 1, 2}));
+  EXPECT_EQ(VarFields(m.Var(1)), (Values{2, 2, 2, 6, 8, 4, 8}));
+  EXPECT_EQ(VarFields(m.Var(2)), (Values{0, 0, 0, 0, 0, MinInitial, MaxInitial}));
+  // One row has both cells; the later column is the pair's first variable.
+  EXPECT_EQ(PairFields(m.Pair(0, 1)), (Values{1, 1, 1, 4, 1, 0, 0, 0}));
+  EXPECT_EQ(&m.Pair(0, 1), &m.Pair(1, 0));
+  EXPECT_EQ(PairFields(m.Pair(0, 2)), Values(8, 0.0));
 
-  Batches& batches;
-  double code;
-  std::size_t next = 0;  // under the driver's read lock
-  SMatrixPairwise s;
-  NSMatrixPairwise ns;
-  std::vector<std::vector<std::size_t>> merged;  // under the driver's result lock
+  // A block of one column has no pairs; batches of 3 rows with regression
+  // weight 2 total 3 and 6 each.
+  const Table ones{{Values(3, 1.0), Values(3, 2.0), Values(3, 6.0)}, {}, Values(3, 2.0)};
+  SMatrixPairwise one(-1.0, 1, 2), other(-1.0, 1, 2);
+  for (SMatrixPairwise* target : {&one, &one, &other}) {
+    DataBatch b = MakeBatch(ones, 0, 3);
+    *target += b;
+  }
+  EXPECT_EQ(one.WeightSum(), 6.0);
+  EXPECT_EQ(one.RegWeightSum(), 12.0);
+  one += other;
+  EXPECT_EQ(one.NColumns(), 1);
+  EXPECT_EQ(VarFields(one.Var(1)), (Values{9, 9, 18, 3, 84, 1, 6}));
+
+  SMatrixPairwise s(-1.0, 1, 4);
+  EXPECT_VOREL_ASSERT(s.Var(1), "0. < WeightSum()", kS);
+  DataBatch five = MakeBatch(Table{{{0, 1, 2, 3, 4}, {1, 2, 3, 4, 5}}}, 0, 2);
+  s += five;
+  EXPECT_VOREL_ASSERT(s.Var(4), "col < Col2() && col >= Col0()", kS);
+  EXPECT_VOREL_ASSERT(s.Var(0), "col < Col2() && col >= Col0()", kS);
+  EXPECT_VOREL_ASSERT(s.Pair(0, 2), "row < _my->_col2 && row >= _my->_col0", kS);
+  EXPECT_VOREL_ASSERT(s.Pair(2, 4), "col < _my->_col2 && col >= _my->_col0", kS);
+  EXPECT_VOREL_ASSERT(s.Pair(3, 3), "row != col", kS);
+  DataBatch weighted = MakeBatch(Table{{Values(5, 1.0)}, {}, {2}}, 0, 1);
+  EXPECT_VOREL_ASSERT(s += weighted, "_hasRegWeights == data.HasRegWeights()", kS);
+  SMatrixPairwise withRW(-1.0, 1, 4), wider(-1.0, 0, 4), backwards(-1.0, 3, 1);
+  withRW += weighted;
+  wider += five;
+  EXPECT_VOREL_ASSERT(s += withRW, "_hasRegWeights == d._hasRegWeights", kS);
+  EXPECT_VOREL_ASSERT(s += wider, "_varStats.size() == d._varStats.size()", kS);
+  ExpectVectorTooLong([&] { backwards += five; });  // a block of negative size
+  EXPECT_EQ(backwards.NColumns(), 0);
+  NSMatrixPairwise stranger(-1.0, 1, 2, 4);
+  stranger += five;
+  EXPECT_THROW(s += stranger, std::bad_cast);
+}
+
+TEST(NSMatrixPairwise, WorkedRectangleAndPreconditions) {
+  NSMatrixPairwise m(-1.0, 1, 3, 6);
+  EXPECT_VOREL_ASSERT(m.Var(1), "0. < WeightSum()", kNS);
+  Table t;  // cell (r, c) is 10 c + r; column 4 is missing in row 0
+  for (double r = 0; r < 3; ++r)
+    t.rows.push_back({r, 10 + r, 20 + r, 30 + r, r == 0 ? -1 : 40 + r, 50 + r});
+  DataBatch batch = MakeBatch(t, 0, 3);
+  m += batch;
+  EXPECT_EQ(m.NColumns(), 5);
+  EXPECT_EQ(m.Var(5).Mean(), 51.0);
+  // The first set's column is the pair's first variable, in either order.
+  EXPECT_EQ(&m.Pair(4, 2), &m.Pair(2, 4));
+  EXPECT_EQ(PairFields(m.Pair(4, 2)), (Values{2, 2, 2, 21.5, 41.5, 0.5, 0.5, 0.5}));
+
+  EXPECT_VOREL_ASSERT(m.Var(0), "col < Col2() && col >= Col0()", kNS);
+  EXPECT_VOREL_ASSERT(m.Pair(2, 2), "row != col", kNS);
+  EXPECT_VOREL_ASSERT(m.Pair(6, 2), "row < _my->_col2 && row >= _my->_col0", kNS);
+  EXPECT_VOREL_ASSERT(m.Pair(2, 0), "col < _my->_col2 && col >= _my->_col0", kNS);
+  // Two columns of one set have no record.
+  EXPECT_VOREL_ASSERT(m.Pair(3, 4), "lo < _my->_col1 && hi >= _my->_col1", kNS);
+  EXPECT_VOREL_ASSERT(m.Pair(2, 1), "lo < _my->_col1 && hi >= _my->_col1", kNS);
+  DataBatch weighted = MakeBatch(Table{{Values(6, 2.0)}, {}, {1}}, 0, 1);
+  NSMatrixPairwise narrower(-1.0, 1, 3, 5), withRW(-1.0, 1, 3, 6);
+  narrower += batch;
+  withRW += weighted;
+  EXPECT_VOREL_ASSERT(m += narrower, "_varStats.size() == d._varStats.size()", kNS);
+  EXPECT_VOREL_ASSERT(m += weighted, "_hasRegWeights == data.HasRegWeights()", kNS);
+  EXPECT_VOREL_ASSERT(m += withRW, "_hasRegWeights == d._hasRegWeights", kNS);
+}
+
+// Each matrix over three columns, and its reference.
+template <class M>
+struct Kind;
+template <>
+struct Kind<MatrixPairwise> {
+  static constexpr const char* kSource = "backend/vorel/matrixpairwise";
+  static MatrixPairwise Make(double code) { return MatrixPairwise(code); }
+  static RefBlock Ref(double code) { return SBlock(code, 0, 3); }
+};
+template <>
+struct Kind<SMatrixPairwise> {
+  static constexpr const char* kSource = kS;
+  static SMatrixPairwise Make(double code) { return SMatrixPairwise(code); }
+  static RefBlock Ref(double code) { return SBlock(code, 0, 3); }
+};
+template <>
+struct Kind<NSMatrixPairwise> {
+  static constexpr const char* kSource = kNS;
+  static NSMatrixPairwise Make(double code) { return NSMatrixPairwise(code, 0, 1, 3); }
+  static RefBlock Ref(double code) { return NSBlock(code, 0, 1, 3); }
 };
 
-// threads, (weights, regression weights), rows per batch, missing code
-using Schedule = std::tuple<int, std::tuple<bool, bool>, unsigned, double>;
+template <class M>
+class PairwiseMatrices : public ::testing::Test {};
+using PairwiseTypes = ::testing::Types<MatrixPairwise, SMatrixPairwise, NSMatrixPairwise>;
+TYPED_TEST_SUITE(PairwiseMatrices, PairwiseTypes);
+
+// A matrix whose weights total 0 is ignored by a filled matrix, rows and all,
+// but copied whole by an empty one. Copies are deep; moves hand over.
+TYPED_TEST(PairwiseMatrices, ZeroWeightMergesCopiesAndMoves) {
+  using K = Kind<TypeParam>;
+  const Table t{{{1, 8, 5}, {2, 3, 5}, {4, -1, 0}, {1, 2, 3}, {3, 3, 6}}, {1, 2, 1, 0, 0}};
+  DataBatch batch = MakeBatch(t, 0, 3), zero = MakeBatch(t, 3, 5);
+  TypeParam m = K::Make(-1), zeroSum = K::Make(-1), empty = K::Make(7);
+  RefBlock ref = K::Ref(-1), zeroRef = K::Ref(-1);
+  m += batch;
+  zeroSum += zero;
+  ref.Add(batch);
+  zeroRef.Add(zero);
+  EXPECT_VOREL_ASSERT(zeroSum.Var(0), "0. < WeightSum()", K::kSource);
+  m += zeroSum;
+  ref.Merge(zeroRef);
+  ExpectSameBlock(m, ref);
+  empty += zeroSum;
+  ExpectSameBlock(empty, zeroRef);
+  EXPECT_EQ(empty.MissingCode(), -1.0);
+
+  TypeParam copy(m), assigned = K::Make(-1), adopted = K::Make(-1);
+  assigned = m;
+  adopted += m;
+  const TypeParam& alias = assigned;
+  assigned = alias;
+  RefBlock twice = ref;
+  twice.Add(batch);
+  for (TypeParam* c : {&copy, &assigned, &adopted}) {
+    *c += batch;
+    ExpectSameBlock(*c, twice);
+  }
+  ExpectSameBlock(m, ref);
+  TypeParam moved(std::move(m));
+  assigned = std::move(moved);
+  ExpectSameBlock(assigned, ref);
+  moved = copy;  // a moved-from matrix takes an assignment
+  ExpectSameBlock(moved, twice);
+}
+
+// threads, weighting (bit 0 weights, bit 1 regression weights), rows per batch, missing code
+using Schedule = std::tuple<int, int, unsigned, double>;
 class PairwiseBlocksThreaded : public ::testing::TestWithParam<Schedule> {};
 
-// Whatever batches each thread takes and in whatever order the threads merge,
-// the shared matrices equal a replay of exactly that in the reference.
+// Whatever batches each worker takes and in whatever order the workers merge,
+// the shared matrices equal a replay of exactly that in the reference. The
+// workers' S matrices have no bounds and take [0, 7) from their first batch;
+// the shared one has [1, 6) until the first merge copies a worker's whole.
 TEST_P(PairwiseBlocksThreaded, DriverEqualsReplayOfItsSchedule) {
   const auto [nThreads, weighting, batchRows, code] = GetParam();
-  const Table table = RandomTable(7, 160, std::get<0>(weighting), std::get<1>(weighting), true);
-  Batches batches(table, batchRows);
-  Pass pass(batches, code);
-  Driver(&pass, nThreads);
+  // A row missing everywhere, column 3 missing in rows 0-8 (whole batches of
+  // it, for small batches), a NaN, a zero and a negative weight.
+  Table t = RandomTable(20240611, 7, 160, weighting & 1, weighting & 2, 0.2);
+  t.rows[2].assign(7, kCode);
+  for (int r = 0; r < 9; ++r)
+    t.rows[r][3] = kCode;
+  t.rows[17][5] = kNaN;
+  if (!t.w.empty()) {
+    t.w[6] = 0.0;
+    t.w[11] = -1.5;
+  }
+  std::vector<DataBatch> batches = Split(t, batchRows);
+  struct Matrices {
+    MatrixPairwise whole;
+    SMatrixPairwise s;
+    NSMatrixPairwise ns;
+  } shared{MatrixPairwise(code), SMatrixPairwise(code, 1, 6), NSMatrixPairwise(code, 0, 2, 7)};
+  std::vector<std::vector<std::size_t>> merged;
+  RunPass(
+      nThreads, batches.size(),
+      [&] {
+        return Matrices{MatrixPairwise(code), SMatrixPairwise(code),
+                        NSMatrixPairwise(code, 0, 2, 7)};
+      },
+      [&](Matrices& m, std::size_t i) {
+        m.whole += batches[i];
+        m.s += batches[i];
+        m.ns += batches[i];
+      },
+      [&](Matrices& m, const std::vector<std::size_t>& taken) {
+        shared.whole += m.whole;
+        shared.s += m.s;
+        shared.ns += m.ns;
+        merged.push_back(taken);
+      });
 
-  RefBlock rs = SBlock(code, 1, 6), rns = NSBlock(code, 0, 2, 7);
-  for (const auto& taken : pass.merged) {
-    RefBlock ws = SBlock(code, 0, 7), wns = NSBlock(code, 0, 2, 7);
+  RefBlock whole = SBlock(code, 0, 7), s = SBlock(code, 1, 6), ns = NSBlock(code, 0, 2, 7);
+  for (const auto& taken : merged) {
+    RefBlock w = SBlock(code, 0, 7), wns = NSBlock(code, 0, 2, 7);
     for (std::size_t i : taken) {
-      ws.Add(batches.list[i]);
-      wns.Add(batches.list[i]);
+      w.Add(batches[i]);
+      wns.Add(batches[i]);
     }
-    rs.Merge(ws);
-    rns.Merge(wns);
+    whole.Merge(w);
+    s.Merge(w);
+    ns.Merge(wns);
   }
-  EXPECT_EQ(pass.s.Col2(), 7);
-  ExpectSameBlock(pass.s, rs);
-  ExpectSameBlock(pass.ns, rns);
+  EXPECT_EQ(shared.s.Col2(), 7);
   // Added to itself, a matrix doubles every sum and count and keeps its means.
-  pass.s += pass.s;
-  pass.ns += pass.ns;
-  rs.Merge(RefBlock(rs));
-  rns.Merge(RefBlock(rns));
-  ExpectSameBlock(pass.s, rs);
-  ExpectSameBlock(pass.ns, rns);
-  // With a NaN code no cell is missing.
-  EXPECT_EQ(pass.ns.Var(3).NRows(), std::isnan(code) ? 320 : rns.vars[3].nRows);
+  for (int round = 0; round < 2; ++round) {
+    ExpectSameBlock(shared.whole, whole);
+    ExpectSameBlock(shared.s, s);
+    ExpectSameBlock(shared.ns, ns);
+    shared.whole += shared.whole;
+    shared.s += shared.s;
+    shared.ns += shared.ns;
+    for (RefBlock* ref : {&whole, &s, &ns})
+      ref->Merge(RefBlock(*ref));
+  }
   // The batches were only read.
-  for (std::size_t r = 0; r < table.rows.size(); ++r)
+  for (std::size_t r = 0; r < t.rows.size(); ++r)
     for (unsigned c = 0; c < 7; ++c)
-      EXPECT_PRED2(SameBits, batches.list[r / batchRows].Column(c)[r % batchRows],
-                   table.rows[r][c]);
+      EXPECT_PRED2(SameBits, batches[r / batchRows].Column(c)[r % batchRows], t.rows[r][c]);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Schedules, PairwiseBlocksThreaded,
-    ::testing::Combine(::testing::Values(1, 2, 4, 8),
-                       ::testing::Values(std::tuple(false, false), std::tuple(true, false),
-                                         std::tuple(false, true), std::tuple(true, true)),
-                       ::testing::Values(1u, 7u, 64u), ::testing::Values(kCode, kNaN)));
-
-// A wide table read by the whole-table matrix and by blocks that tile it: S
-// over [0, 4) and [4, 9) on the diagonal, NS (0, 4, 9) off it, and one S over
-// all columns. Column records agree bit for bit everywhere. The whole table
-// and an S block both make the higher column a pair's first variable, so S
-// pairs agree bit for bit too. An NS pair has the lower column first: its
-// Mean0 and CSS0 are the whole table's Mean1 and CSS1, bit for bit, but its
-// CSCP forms the products (w x_lo) x_hi where the whole table forms
-// (w x_hi) x_lo, and the merge terms likewise, so CSCP agrees up to rounding,
-// bounded by Cauchy-Schwarz: the terms' magnitudes total at most sqrt(CSS0 CSS1).
-TEST(PairwiseBlocks, TileOfBlocksAgreesWithWholeTable) {
-  const Table table = RandomTable(9, 150, true, true, false);
-  Batches batches(table, 16);
-  MatrixPairwise whole(kCode);
-  SMatrixPairwise all(kCode), low(kCode, 0, 4), high(kCode, 4, 9);
-  NSMatrixPairwise cross(kCode, 0, 4, 9);
-  for (DataBatch& batch : batches.list) {
-    whole += batch;
-    for (MatrixBase* block : std::initializer_list<MatrixBase*>{&all, &low, &high, &cross})
-      *block += batch;
-  }
-  ASSERT_EQ(static_cast<int>(whole.NRows()), cross.NRows());
-  ASSERT_PRED2(SameBits, whole.RegWeightSum(), all.RegWeightSum());
-  const double tolerance = 4.0 * 150 * std::numeric_limits<double>::epsilon();
-  for (int h = 0; h < 9; ++h) {
-    const std::vector<double> var = {static_cast<double>(whole.Var(h).NRows()),
-                                     whole.Var(h).WeightSum(), whole.Var(h).RegWeightSum(),
-                                     whole.Var(h).Mean(), whole.Var(h).CSS()};
-    for (const VarStat* v : {&all.Var(h), &cross.Var(h), &(h < 4 ? low : high).Var(h)}) {
-      std::vector<double> fields = Fields(*v);
-      fields.resize(5);  // the whole table keeps no extremes
-      EXPECT_PRED2(SameFields, var, fields) << h;
-    }
-    for (int l = 0; l < h; ++l) {
-      const PairStats w = whole.Pair(h, l);
-      const std::vector<double> pair = {static_cast<double>(w.NRows()),
-                                        w.WeightSum(),
-                                        w.RegWeightSum(),
-                                        w.Mean0(),
-                                        w.Mean1(),
-                                        w.CSS0(),
-                                        w.CSS1(),
-                                        w.CSCP()};
-      EXPECT_PRED2(SameFields, pair, Fields(all.Pair(l, h))) << h << ", " << l;
-      if (h < 4 || l >= 4) {
-        EXPECT_PRED2(SameFields, pair, Fields((h < 4 ? low : high).Pair(l, h))) << h << ", " << l;
-        continue;
-      }
-      const std::vector<double> p = Fields(cross.Pair(h, l));
-      EXPECT_PRED2(SameFields, pair,
-                   (std::vector<double>{p[0], p[1], p[2], p[4], p[3], p[6], p[5], pair[7]}));
-      EXPECT_NEAR(w.CSCP(), p[7], tolerance * std::sqrt(w.CSS0() * w.CSS1())) << h << ", " << l;
-    }
-  }
-}
+INSTANTIATE_TEST_SUITE_P(Schedules, PairwiseBlocksThreaded,
+                         ::testing::Combine(::testing::Values(1, 2, 4, 8),
+                                            ::testing::Values(0, 1, 2, 3),
+                                            ::testing::Values(1u, 7u, 64u),
+                                            ::testing::Values(kCode, kNaN)));
 
 }  // namespace
 }  // namespace vorel

@@ -1,11 +1,11 @@
-// The platform layer on this machine: host answers and hooks, what the pool
-// does with tasks it cannot run, thread stacks, and thread placement.
+// The platform layer on this machine: host answers and hooks, tasks the pool
+// cannot run, and thread placement. The pool's running of tasks is proven
+// through Driver in the Driver suites.
+#include <sched.h>
+#include <unistd.h>
 #include <vorelhost/hostruntime.h>
 #include <vorelhost/placement.h>
 #include <vorelhost/tpthreadpool.h>
-
-#include <sched.h>
-#include <unistd.h>
 
 #include <thread>
 #include <utility>
@@ -16,25 +16,17 @@
 namespace vorelhost {
 namespace {
 
-TEST(HostRuntime, MachineDefaults) {
+TEST(HostRuntime, MachineDefaultsAndScopedHooks) {
   const unsigned hardware = std::thread::hardware_concurrency();
-  EXPECT_EQ(HostThreadCount(), hardware == 0 ? 1 : static_cast<int>(hardware));
+  const int defaultThreads = HostThreadCount(), defaultCores = hostCoresPerCpuCount();
+  EXPECT_EQ(defaultThreads, hardware == 0 ? 1 : static_cast<int>(hardware));
   EXPECT_GT(HostCacheKilobytes(), 0);
-  const int sockets = hostPhysicalCpuCount();
-  const int cores = hostCoresPerCpuCount();
-  const int threads = hostLogicalPerCoreCount();
-  ASSERT_GE(sockets, 1);
-  ASSERT_GE(cores, 1);
-  ASSERT_GE(threads, 1);
   // The factors round up on machines whose cores differ, never by a factor 2.
+  const long product = hostPhysicalCpuCount() * defaultCores * hostLogicalPerCoreCount();
   const long online = sysconf(_SC_NPROCESSORS_ONLN);
-  EXPECT_GE(sockets * cores * threads, online);
-  EXPECT_LT(sockets * cores * threads, 2 * online);
-}
-
-TEST(HostRuntime, HooksReplaceAnswersForTheirScope) {
-  const int defaultThreads = HostThreadCount();
-  const int defaultCores = hostCoresPerCpuCount();
+  EXPECT_GE(product, online);
+  EXPECT_LT(product, 2 * online);
+  EXPECT_THROW(HostResumeCaller(), QuorGoToCaller) << "without a host the error goes on";
   {
     HostHooks hooks;
     hooks.threadCount = [] { return 5; };
@@ -55,8 +47,6 @@ TEST(HostRuntime, HooksReplaceAnswersForTheirScope) {
   EXPECT_EQ(HostThreadCount(), defaultThreads);
 }
 
-// Escaped exceptions, side-by-side running and teardown of the pool are
-// proven through Driver in the Driver suites.
 TEST(ThreadPoolThreaded, RefusedTasksAreDestroyedAtOnce) {
   struct CountingTask : tpTaskObject {
     explicit CountingTask(int& destroyed) : tpTaskObject(nullptr), _destroyed(destroyed) {}
@@ -70,29 +60,6 @@ TEST(ThreadPoolThreaded, RefusedTasksAreDestroyedAtOnce) {
   pool.startAll();
   EXPECT_FALSE(pool.invoke(new CountingTask(destroyed), nullptr, tpScopePool));
   EXPECT_EQ(destroyed, 1);
-}
-
-TEST(ThreadPoolThreaded, ThreadsGetTheStackAskedFor) {
-  struct StackTask : tpTaskObject {
-    explicit StackTask(std::size_t& bytes) : tpTaskObject(nullptr), _bytes(bytes) {}
-    int Run(void*) override {
-      pthread_attr_t attr;
-      pthread_getattr_np(pthread_self(), &attr);
-      pthread_attr_getstacksize(&attr, &_bytes);
-      pthread_attr_destroy(&attr);
-      return 1;
-    }
-    std::size_t& _bytes;
-  };
-  std::size_t bytes = 0;
-  {
-    // Above the usual 8 MB default; the system may hand out a larger cached stack.
-    tpThreadPool pool(1, 16 * 1024);
-    pool.init();
-    pool.startAll();
-    pool.invoke(new StackTask(bytes), nullptr, tpScopePool);
-  }
-  EXPECT_GE(bytes, 16u * 1024 * 1024);
 }
 
 std::vector<unsigned> AllowedCpus(pid_t who) {
@@ -114,14 +81,11 @@ TEST(PlacementThreaded, BindsToAnAllowedCpuAndRefusesOthers) {
     seen.emplace_back(cpu, thread == GetCurrentThread());
   });
   std::thread([&] {
-    const unsigned last = allowed.back();
-    EXPECT_TRUE(SetThreadIdealProcessor(GetCurrentThread(), last));
-    EXPECT_EQ(AllowedCpus(0), std::vector<unsigned>{last});
-    // The process's CPUs decide, not the thread's narrowed mask.
-    EXPECT_TRUE(SetThreadIdealProcessor(GetCurrentThread(), allowed.front()));
-    EXPECT_EQ(AllowedCpus(0), std::vector<unsigned>{allowed.front()});
-    EXPECT_FALSE(SetThreadIdealProcessor(GetCurrentThread(), CPU_SETSIZE));
-    EXPECT_EQ(AllowedCpus(0), std::vector<unsigned>{allowed.front()}) << "a refusal changes nothing";
+    // The process's CPUs decide, not the thread's narrowed mask; a refusal changes nothing.
+    for (unsigned cpu : {allowed.back(), allowed.front(), unsigned{CPU_SETSIZE}}) {
+      EXPECT_EQ(SetThreadIdealProcessor(GetCurrentThread(), cpu), cpu != CPU_SETSIZE);
+      EXPECT_EQ(AllowedCpus(0), std::vector<unsigned>{cpu == CPU_SETSIZE ? allowed.front() : cpu});
+    }
   }).join();
   const std::vector<std::pair<unsigned, bool>> expected{
       {allowed.back(), true}, {allowed.front(), true}, {CPU_SETSIZE, true}};

@@ -1,110 +1,29 @@
-// The whole-table matrices run through Driver: the same rows in one batch and
-// in many, on 1 to 8 threads, agree up to rounding, and exactly where nothing
+// The whole-table matrices through Driver: the same rows in one batch and in
+// many, on 1 to 8 threads, agree up to rounding, and exactly where nothing
 // rounds: counts, sums of power-of-two weights, and a constant column of the
 // listwise matrix.
 #include <vorel/databatch.h>
-#include <vorel/driver.h>
 #include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <random>
 #include <tuple>
 #include <vector>
 
+#include "table_support.h"
 #include "test_support.h"
-#include "wholetable_support.h"
 
 namespace vorel {
 namespace {
 
-using testing::wholetable::Table;
-constexpr double kCode = -99;
+using namespace testing::tables;
 constexpr unsigned kCols = 5;
 
-// Cells near 0 with spread 1, a constant column 3, about one cell in eight
-// missing; weights and regression weights powers of two, so their sums are exact.
-Table MakeTable(std::size_t nRows) {
-  std::mt19937_64 rng(1234);
-  std::uniform_real_distribution<double> cell(-1, 1);
-  const double powers[] = {0.25, 0.5, 1, 2, 4};
-  Table t(kCols, true, true);
-  for (std::size_t r = 0; r < nRows; ++r) {
-    std::vector<double> cells(kCols);
-    for (double& c : cells)
-      c = rng() % 8 == 0 ? kCode : cell(rng);
-    cells[3] = 0.1;
-    t.AddRow(cells, powers[rng() % 5], powers[rng() % 5]);
-  }
-  return t;
-}
-
-// Each worker reads the next rows into two batches, every row for the pairwise
-// matrix and the complete rows for the listwise one, and adds them to its own
-// matrices; at the end it adds those to the problem's.
-class TableProblem : public ProblemBase {
- public:
-  TableProblem(const Table& table, std::size_t batchRows) : _table(table), _batchRows(batchRows) {}
-
-  WorkerBase* CreateWorker() override { return new Worker(*this); }
-
-  MatrixListwise listwise;
-  MatrixPairwise pairwise{kCode};
-
- private:
-  class Worker : public WorkerBase {
-   public:
-    explicit Worker(TableProblem& problem)
-        : _problem(problem),
-          _allRows(problem._batchRows, problem._table),
-          _completeRows(problem._batchRows, problem._table) {}
-
-    bool ReadBatch() override {
-      const Table& t = _problem._table;
-      if (_problem._next == t.NRows()) return false;
-      const std::size_t end = std::min(_problem._next + _problem._batchRows, t.NRows());
-      _allRows.Fill(_problem._next, end, false);
-      _completeRows.Fill(_problem._next, end, true);
-      _problem._next = end;
-      return true;
-    }
-    void ProcessBatch() override {
-      _pairwise += _allRows.batch;
-      _listwise += _completeRows.batch;
-    }
-    void MergeResult() override {
-      _problem.listwise += _listwise;
-      _problem.pairwise += _pairwise;
-    }
-
-   private:
-    // A batch of the table's rows [begin, end), or of the complete ones among them.
-    struct Rows {
-      Rows(std::size_t capacity, const Table& t) : table(t), batch(t.EmptyBatch(capacity)) {}
-      void Fill(std::size_t begin, std::size_t end, bool completeOnly) {
-        batch.Clear();
-        for (std::size_t r = begin; r < end; ++r) {
-          bool complete = true;
-          for (unsigned c = 0; c < kCols; ++c)
-            complete = complete && table.Cell(r, c) != kCode;
-          if (!completeOnly || complete) table.Append(batch, r);
-        }
-      }
-      const Table& table;
-      DataBatch batch;
-    };
-
-    TableProblem& _problem;
-    Rows _allRows, _completeRows;
-    MatrixListwise _listwise;
-    MatrixPairwise _pairwise{kCode};
-  };
-
-  const Table& _table;
-  const std::size_t _batchRows;
-  std::size_t _next = 0;  // the next row to read; touched only under the read lock
+struct Matrices {
+  MatrixListwise listwise;         // the complete rows
+  MatrixPairwise pairwise{kCode};  // every row
 };
 
 // Rounding of sums of n terms of size `scale`, with room for the merges.
@@ -112,21 +31,39 @@ double Tolerance(double n, double scale) {
   return 16 * n * std::numeric_limits<double>::epsilon() * scale;
 }
 
-// The size of the terms behind a corrected sum of squares: the sum of squares
-// about zero, css + weight x mean^2. A pair record's means are not exact even
-// for a constant column (an empty record takes weight x mean / weight), so its
-// corrected sums are only as exact as this.
+// The size of the terms behind a corrected sum of squares: css + weight x
+// mean^2. A pair record's means are not exact even for a constant column (an
+// empty record takes weight x mean / weight), so neither are its sums.
 double RawSquares(double css, double weight, double mean) { return css + weight * mean * mean; }
 
 class WholeTableThreaded : public ::testing::TestWithParam<std::tuple<int, std::size_t>> {};
 
 TEST_P(WholeTableThreaded, SplitsAgreeWithOneBatch) {
   const auto [threads, batchRows] = GetParam();
-  const std::size_t nRows = 400;
-  const Table t = MakeTable(nRows);
-  TableProblem whole(t, nRows), split(t, batchRows);
-  Driver(&whole, 1);
-  Driver(&split, threads);
+  Table t = RandomTable(1234, kCols, 400, true, true, 0.125, 0.0, /*dyadic=*/true), complete;
+  for (std::size_t r = 0; r < t.rows.size(); ++r) {
+    t.rows[r][3] = 0.1;
+    if (std::count(t.rows[r].begin(), t.rows[r].end(), kCode) != 0) continue;
+    complete.rows.push_back(t.rows[r]);
+    complete.w.push_back(t.w[r]);
+    complete.rw.push_back(t.rw[r]);
+  }
+  Matrices whole, split;
+  DataBatch allRows = MakeBatch(t, 0, t.rows.size());
+  DataBatch completeRows = MakeBatch(complete, 0, complete.rows.size());
+  whole.pairwise += allRows;
+  whole.listwise += completeRows;
+  std::vector<DataBatch> all = Split(t, batchRows), full = Split(complete, batchRows);
+  RunPass(
+      threads, all.size(), [] { return Matrices{}; },
+      [&](Matrices& m, std::size_t i) {
+        m.pairwise += all[i];
+        if (i < full.size()) m.listwise += full[i];
+      },
+      [&](Matrices& m, const std::vector<std::size_t>&) {
+        split.listwise += m.listwise;
+        split.pairwise += m.pairwise;
+      });
 
   const MatrixListwise& a = whole.listwise;
   const MatrixListwise& b = split.listwise;
@@ -147,7 +84,7 @@ TEST_P(WholeTableThreaded, SplitsAgreeWithOneBatch) {
 
   const MatrixPairwise& p = whole.pairwise;
   const MatrixPairwise& q = split.pairwise;
-  EXPECT_EQ(q.NRows(), nRows);
+  EXPECT_EQ(q.NRows(), t.rows.size());
   EXPECT_EQ(q.WeightSum(), p.WeightSum());
   EXPECT_EQ(q.RegWeightSum(), p.RegWeightSum());
   for (unsigned i = 0; i < kCols; ++i) {

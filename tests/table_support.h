@@ -1,0 +1,131 @@
+// Test data shared by the matrix suites: a table of rows, batches cut from
+// it, and a Driver pass over prepared items.
+#pragma once
+
+#include <vorel/databatch.h>
+#include <vorel/driver.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <random>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "test_support.h"
+
+// A namespace of its own: other test headers define a Table too.
+namespace vorel::testing::tables {
+
+inline constexpr double kCode = -99.0;
+
+// Rows of cells; a weight, a regression weight and a group per row where the
+// vector is not empty (a batch of the table then carries them).
+struct Table {
+  std::vector<std::vector<double>> rows = {};
+  std::vector<double> w = {}, rw = {};
+  std::vector<unsigned> groups = {};
+
+  unsigned NColumns() const { return static_cast<unsigned>(rows.at(0).size()); }
+  std::vector<double> Column(unsigned col, std::size_t begin, std::size_t end) const {
+    std::vector<double> x;
+    for (std::size_t r = begin; r < end; ++r)
+      x.push_back(rows[r][col]);
+    return x;
+  }
+};
+
+// nRows rows of cells offset + U(-1, 1), a share `missing` of them kCode;
+// weights (hasW) and regression weights (hasRW) in [0.25, 4), or powers of two
+// from 1/4 to 4 when `dyadic`, so that their sums never round.
+inline Table RandomTable(unsigned seed, unsigned nCols, std::size_t nRows, bool hasW, bool hasRW,
+                         double missing = 0.0, double offset = 0.0, bool dyadic = false) {
+  std::mt19937_64 rng(seed);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0), weight(0.25, 4.0), coin(0.0, 1.0);
+  std::uniform_int_distribution<int> power(-2, 2);
+  const auto draw = [&] { return dyadic ? std::ldexp(1.0, power(rng)) : weight(rng); };
+  Table t;
+  for (std::size_t r = 0; r < nRows; ++r) {
+    t.rows.emplace_back(nCols);
+    for (double& x : t.rows.back())
+      x = coin(rng) < missing ? kCode : offset + unit(rng);
+    if (hasW) t.w.push_back(draw());
+    if (hasRW) t.rw.push_back(draw());
+  }
+  return t;
+}
+
+// Sets the row's weight, regression weight and group in the cells that a
+// batch made by MakeBatch reads at each AddRow.
+inline void SelectRow(const Table& t, std::size_t r, double& w, double& rw, unsigned& g) {
+  if (!t.w.empty()) w = t.w[r];
+  if (!t.rw.empty()) rw = t.rw[r];
+  if (!t.groups.empty()) g = t.groups[r];
+}
+
+// Rows [begin, end) of t in a batch with room for them (at least one row).
+inline DataBatch MakeBatch(const Table& t, std::size_t begin, std::size_t end) {
+  static double w, rw;
+  static unsigned g;
+  DataBatch batch(t.NColumns(), static_cast<unsigned>(std::max<std::size_t>(1, end - begin)),
+                  t.w.empty() ? nullptr : &w, t.rw.empty() ? nullptr : &rw,
+                  t.groups.empty() ? nullptr : &g);
+  for (std::size_t r = begin; r < end; ++r) {
+    SelectRow(t, r, w, rw, g);
+    batch.AddRow(t.rows[r].data());
+  }
+  return batch;
+}
+
+// The table cut into batches of batchRows rows, the last one maybe shorter.
+template <class Make = DataBatch (*)(const Table&, std::size_t, std::size_t)>
+auto Split(const Table& t, std::size_t batchRows, Make make = MakeBatch) {
+  std::vector<decltype(make(t, 0, 0))> batches;
+  for (std::size_t begin = 0; begin < t.rows.size(); begin += batchRows)
+    batches.push_back(make(t, begin, std::min(t.rows.size(), begin + batchRows)));
+  return batches;
+}
+
+// Driver over nItems prepared items: each worker owns the state that make()
+// gives, takes the next index under the read lock, calls add(state, index)
+// with no lock, and at the end merge(state, its indices) under the result lock.
+template <class Make, class Add, class Merge>
+void RunPass(int nThreads, std::size_t nItems, Make make, Add add, Merge merge) {
+  using State = decltype(make());
+  struct Pass : ProblemBase {
+    struct Worker : WorkerBase {
+      Worker(Pass& pass, State s) : p(pass), state(std::move(s)) {}
+      bool ReadBatch() override {
+        if (p.next == p.nItems) return false;
+        taken.push_back(p.next++);
+        return true;
+      }
+      void ProcessBatch() override { p.add(state, taken.back()); }
+      void MergeResult() override { p.merge(state, taken); }
+      Pass& p;
+      State state;
+      std::vector<std::size_t> taken;
+    };
+    Pass(std::size_t n, Make& mk, Add& ad, Merge& mg) : nItems(n), make(mk), add(ad), merge(mg) {}
+    WorkerBase* CreateWorker() override { return new Worker(*this, make()); }
+    std::size_t nItems, next = 0;
+    Make& make;
+    Add& add;
+    Merge& merge;
+  } pass(nItems, make, add, merge);
+  Driver(&pass, nThreads);
+}
+
+// Expects f() to throw std::length_error("vector<T> too long").
+template <class F>
+void ExpectVectorTooLong(F f) {
+  try {
+    f();
+    ADD_FAILURE() << "no std::length_error";
+  } catch (const std::length_error& e) {
+    EXPECT_STREQ(e.what(), "vector<T> too long");
+  }
+}
+
+}  // namespace vorel::testing::tables
