@@ -37,19 +37,20 @@ struct Table {
 };
 
 // nRows rows of cells offset + U(-1, 1), a share `missing` of them kCode;
-// weights (hasW) and regression weights (hasRW) in [0.25, 4), or powers of two
-// from 1/4 to 4 when `dyadic`, so that their sums never round.
+// weights (hasW) and regression weights (hasRW) in [0.25, 4). With `dyadic`
+// the cells are offset + integers from -8 to 8 and the weights powers of two
+// from 1/4 to 4, so that no sum of them rounds.
 inline Table RandomTable(unsigned seed, unsigned nCols, std::size_t nRows, bool hasW, bool hasRW,
                          double missing = 0.0, double offset = 0.0, bool dyadic = false) {
   std::mt19937_64 rng(seed);
   std::uniform_real_distribution<double> unit(-1.0, 1.0), weight(0.25, 4.0), coin(0.0, 1.0);
-  std::uniform_int_distribution<int> power(-2, 2);
+  std::uniform_int_distribution<int> power(-2, 2), integer(-8, 8);
   const auto draw = [&] { return dyadic ? std::ldexp(1.0, power(rng)) : weight(rng); };
   Table t;
   for (std::size_t r = 0; r < nRows; ++r) {
     t.rows.emplace_back(nCols);
     for (double& x : t.rows.back())
-      x = coin(rng) < missing ? kCode : offset + unit(rng);
+      x = coin(rng) < missing ? kCode : offset + (dyadic ? integer(rng) : unit(rng));
     if (hasW) t.w.push_back(draw());
     if (hasRW) t.rw.push_back(draw());
   }

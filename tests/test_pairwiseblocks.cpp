@@ -28,65 +28,36 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr const char* kS = "backend/vorel/smatrixpairwise";
 constexpr const char* kNS = "backend/vorel/nsmatrixpairwise";
 
-TEST(SMatrixPairwise, WorkedTableAndPreconditions) {
-  SMatrixPairwise m(-99.0);
-  DataBatch empty(2, 3, nullptr, nullptr, nullptr);
-  m += empty;
-  EXPECT_EQ(m.Col2(), 0);
-  DataBatch batch = MakeBatch(Table{{{1, 4, -99}, {2, -99, -99}, {-99, 8, -99}}}, 0, 3);
-  m += batch;
-  EXPECT_EQ(m.Col1(), 0);
-  EXPECT_EQ(m.Col2(), 3);
-  EXPECT_EQ(m.NRows(), 3);
-  EXPECT_EQ(m.RegWeightSum(), 3.0);
-  EXPECT_EQ(VarFields(m.Var(0)), (Values{2, 2, 2, 1.5, 0.5, 1, 2}));
-  EXPECT_EQ(VarFields(m.Var(1)), (Values{2, 2, 2, 6, 8, 4, 8}));
-  EXPECT_EQ(VarFields(m.Var(2)), (Values{0, 0, 0, 0, 0, MinInitial, MaxInitial}));
-  // One row has both cells; the later column is the pair's first variable.
-  EXPECT_EQ(PairFields(m.Pair(0, 1)), (Values{1, 1, 1, 4, 1, 0, 0, 0}));
-  EXPECT_EQ(&m.Pair(0, 1), &m.Pair(1, 0));
-  EXPECT_EQ(PairFields(m.Pair(0, 2)), Values(8, 0.0));
-
-  // A block of one column has no pairs; batches of 3 rows with regression
-  // weight 2 total 3 and 6 each.
-  const Table ones{{Values(3, 1.0), Values(3, 2.0), Values(3, 6.0)}, {}, Values(3, 2.0)};
-  SMatrixPairwise one(-1.0, 1, 2), other(-1.0, 1, 2);
-  for (SMatrixPairwise* target : {&one, &one, &other}) {
-    DataBatch b = MakeBatch(ones, 0, 3);
-    *target += b;
-  }
-  EXPECT_EQ(one.WeightSum(), 6.0);
-  EXPECT_EQ(one.RegWeightSum(), 12.0);
-  one += other;
-  EXPECT_EQ(one.NColumns(), 1);
-  EXPECT_EQ(VarFields(one.Var(1)), (Values{9, 9, 18, 3, 84, 1, 6}));
-
-  SMatrixPairwise s(-1.0, 1, 4);
-  EXPECT_VOREL_ASSERT(s.Var(1), "0. < WeightSum()", kS);
+TEST(SMatrixPairwise, BoundsPairsAndPreconditions) {
+  SMatrixPairwise m(-1.0), s(-1.0, 1, 4), wider(-1.0, 0, 4), backwards(-1.0, 3, 1);
   DataBatch five = MakeBatch(Table{{{0, 1, 2, 3, 4}, {1, 2, 3, 4, 5}}}, 0, 2);
-  s += five;
+  for (SMatrixPairwise* target : {&m, &s, &wider})
+    *target += five;
+  EXPECT_EQ(m.Col1(), 0);
+  EXPECT_EQ(m.Col2(), 5);
+  // The later column is the pair's first variable, in either order.
+  EXPECT_EQ(&m.Pair(3, 1), &m.Pair(1, 3));
+  EXPECT_EQ(m.Pair(3, 1).Mean0(), 3.5);
   EXPECT_VOREL_ASSERT(s.Var(4), "col < Col2() && col >= Col0()", kS);
   EXPECT_VOREL_ASSERT(s.Var(0), "col < Col2() && col >= Col0()", kS);
   EXPECT_VOREL_ASSERT(s.Pair(0, 2), "row < _my->_col2 && row >= _my->_col0", kS);
   EXPECT_VOREL_ASSERT(s.Pair(2, 4), "col < _my->_col2 && col >= _my->_col0", kS);
   EXPECT_VOREL_ASSERT(s.Pair(3, 3), "row != col", kS);
-  DataBatch weighted = MakeBatch(Table{{Values(5, 1.0)}, {}, {2}}, 0, 1);
-  EXPECT_VOREL_ASSERT(s += weighted, "_hasRegWeights == data.HasRegWeights()", kS);
-  SMatrixPairwise withRW(-1.0, 1, 4), wider(-1.0, 0, 4), backwards(-1.0, 3, 1);
-  withRW += weighted;
-  wider += five;
-  EXPECT_VOREL_ASSERT(s += withRW, "_hasRegWeights == d._hasRegWeights", kS);
   EXPECT_VOREL_ASSERT(s += wider, "_varStats.size() == d._varStats.size()", kS);
   ExpectVectorTooLong([&] { backwards += five; });  // a block of negative size
   EXPECT_EQ(backwards.NColumns(), 0);
   NSMatrixPairwise stranger(-1.0, 1, 2, 4);
   stranger += five;
   EXPECT_THROW(s += stranger, std::bad_cast);
+  // A block of one column has no pairs.
+  SMatrixPairwise one(-1.0, 1, 2);
+  one += five;
+  EXPECT_EQ(one.NColumns(), 1);
+  EXPECT_VOREL_ASSERT(one.Pair(1, 2), "col < _my->_col2 && col >= _my->_col0", kS);
 }
 
 TEST(NSMatrixPairwise, WorkedRectangleAndPreconditions) {
   NSMatrixPairwise m(-1.0, 1, 3, 6);
-  EXPECT_VOREL_ASSERT(m.Var(1), "0. < WeightSum()", kNS);
   Table t;  // cell (r, c) is 10 c + r; column 4 is missing in row 0
   for (double r = 0; r < 3; ++r)
     t.rows.push_back({r, 10 + r, 20 + r, 30 + r, r == 0 ? -1 : 40 + r, 50 + r});
@@ -105,13 +76,9 @@ TEST(NSMatrixPairwise, WorkedRectangleAndPreconditions) {
   // Two columns of one set have no record.
   EXPECT_VOREL_ASSERT(m.Pair(3, 4), "lo < _my->_col1 && hi >= _my->_col1", kNS);
   EXPECT_VOREL_ASSERT(m.Pair(2, 1), "lo < _my->_col1 && hi >= _my->_col1", kNS);
-  DataBatch weighted = MakeBatch(Table{{Values(6, 2.0)}, {}, {1}}, 0, 1);
-  NSMatrixPairwise narrower(-1.0, 1, 3, 5), withRW(-1.0, 1, 3, 6);
+  NSMatrixPairwise narrower(-1.0, 1, 3, 5);
   narrower += batch;
-  withRW += weighted;
   EXPECT_VOREL_ASSERT(m += narrower, "_varStats.size() == d._varStats.size()", kNS);
-  EXPECT_VOREL_ASSERT(m += weighted, "_hasRegWeights == data.HasRegWeights()", kNS);
-  EXPECT_VOREL_ASSERT(m += withRW, "_hasRegWeights == d._hasRegWeights", kNS);
 }
 
 // Each matrix over three columns, and its reference.
@@ -140,6 +107,37 @@ template <class M>
 class PairwiseMatrices : public ::testing::Test {};
 using PairwiseTypes = ::testing::Types<MatrixPairwise, SMatrixPairwise, NSMatrixPairwise>;
 TYPED_TEST_SUITE(PairwiseMatrices, PairwiseTypes);
+
+// A batch without rows changes nothing; columns missing throughout keep the
+// empty record. Regression weights must be in every batch and merge or none.
+TYPED_TEST(PairwiseMatrices, WorkedTableAndRegressionWeights) {
+  using K = Kind<TypeParam>;
+  TypeParam m = K::Make(-99), rw = K::Make(-99), rwOther = K::Make(-99);
+  DataBatch empty(3, 1, nullptr, nullptr, nullptr);
+  m += empty;
+  EXPECT_EQ(m.NColumns(), 0);
+  DataBatch batch = MakeBatch(Table{{{1, 4, -99}, {2, -99, -99}, {-99, 8, -99}}}, 0, 3);
+  m += batch;
+  EXPECT_EQ(m.WeightSum(), 3.0);
+  EXPECT_EQ(m.RegWeightSum(), 3.0);
+  EXPECT_PRED2(SameFields, VarFields(m.Var(0)), (Values{2, 2, 2, 1.5, 0.5, 1, 2}));
+  EXPECT_PRED2(SameFields, VarFields(m.Var(1)), (Values{2, 2, 2, 6, 8, 4, 8}));
+  EXPECT_PRED2(SameFields, VarFields(m.Var(2)), (Values{0, 0, 0, 0, 0, MinInitial, MaxInitial}));
+  EXPECT_EQ(PairFields(m.Pair(0, 2)), Values(8, 0.0));
+  // Batches of 3 rows with regression weight 2 and no weights: 3 and 6 each.
+  const Table ones{{Values(3, 1.0), Values(3, 2.0), Values(3, 6.0)}, {}, Values(3, 2.0)};
+  for (TypeParam* target : {&rw, &rw, &rwOther}) {
+    DataBatch b = MakeBatch(ones, 0, 3);
+    *target += b;
+  }
+  EXPECT_EQ(rw.WeightSum(), 6.0);
+  EXPECT_EQ(rw.RegWeightSum(), 12.0);
+  rw += rwOther;
+  EXPECT_PRED2(SameFields, VarFields(rw.Var(1)), (Values{9, 9, 18, 3, 84, 1, 6}));
+  DataBatch weighted = MakeBatch(ones, 0, 1);
+  EXPECT_VOREL_ASSERT(m += weighted, "_hasRegWeights == data.HasRegWeights()", K::kSource);
+  EXPECT_VOREL_ASSERT(m += rw, "_hasRegWeights == d._hasRegWeights", K::kSource);
+}
 
 // A matrix whose weights total 0 is ignored by a filled matrix, rows and all,
 // but copied whole by an empty one. Copies are deep; moves hand over.
