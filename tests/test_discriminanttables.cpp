@@ -95,8 +95,7 @@ TYPED_TEST(DiscriminantTables, MatchPlainSumsBatchByBatch) {
         SCOPED_TRACE(std::to_string(capacity) + " rows a batch, " + std::to_string(nVar)
                      + " variables" + (t.w.empty() ? ", unweighted" : ""));
         TypeParam m(5, nVar);
-        AddInBatches(m, t, 0, t.rows.size(), capacity);
-        ExpectSums(m, BatchedSums(t, 0, t.rows.size(), 5, capacity));
+        ExpectSums(m, AddInBatches(m, t, 0, t.rows.size(), capacity));
       }
     }
   }
@@ -112,19 +111,17 @@ TYPED_TEST(DiscriminantTables, EmptyAndZeroWeightInputsMergesAndCopies) {
   m += noRows;
   EXPECT_EQ(m.NRows(), 0);
   EXPECT_EQ(m.NGroup(), 2);
-  AddInBatches(m, cancelling, 0, 2, 2);
+  Sums expected = AddInBatches(m, cancelling, 0, 2, 2);
   EXPECT_EQ(m.NRows(), 2);
   EXPECT_VOREL_ASSERT(ReadOne(m), "0. < WeightSum()", SourceOf(m));
-  AddInBatches(m, kWorked, 0, 3, 3);
+  MergeSums(expected, AddInBatches(m, kWorked, 0, 3, 3));
   AddInBatches(m, cancelling, 0, 2, 2);
   AddInBatches(zero, cancelling, 0, 2, 2);
   m += zero;
   m += noRows;
+  ExpectSums(m, expected);
   copied += zero;
   EXPECT_EQ(copied.NRows(), 2);
-  Sums expected = PlainSums(cancelling, 0, 2, 2);
-  MergeSums(expected, PlainSums(kWorked, 0, 3, 2));
-  ExpectSums(m, expected);
 
   TypeParam copy(m), assigned(5, 5), total;
   assigned = m;
@@ -146,11 +143,11 @@ TYPED_TEST(DiscriminantTables, RefusesWhatDoesNotFit) {
   const char* source = SourceOf(TypeParam());
   TypeParam fresh(2, 2), filled(2, 2), threeGroups(3, 2);
   EXPECT_VOREL_ASSERT(AddInBatches(fresh, wide, 0, 1, 1), "nCols == _nVar", source);
-  AddInBatches(filled, kWorked, 0, 3, 3);
+  const Sums expected = AddInBatches(filled, kWorked, 0, 3, 3);
   EXPECT_VOREL_ASSERT(AddInBatches(filled, wide, 0, 1, 1), "nCols == _nVar", source);
   AddInBatches(threeGroups, kWorked, 0, 3, 3);
   EXPECT_VOREL_ASSERT(filled += threeGroups, "_nVar == d._nVar && _nGroup == d._nGroup", source);
-  ExpectSums(filled, PlainSums(kWorked, 0, 3, 2));
+  ExpectSums(filled, expected);
   using Other = std::conditional_t<std::is_same_v<TypeParam, DiscriminantMatrix>,
                                    DiscIndividualMatrix, DiscriminantMatrix>;
   Other other(2, 2);
@@ -199,22 +196,19 @@ INSTANTIATE_TEST_SUITE_P(ThreadsAndBatchSizes, DiscriminantTablesThreaded,
                                                               std::size_t{64})));
 
 TEST(DiscriminantMatrix, WorkedTableAndPreconditions) {
-  for (std::size_t capacity : {3, 2, 1}) {
-    DiscriminantMatrix m(2, 2);
-    AddInBatches(m, kWorked, 0, 3, capacity);
-    EXPECT_EQ(m.NRows(), 3);
-    EXPECT_EQ(m.WeightSum(), 4.0);
-    // sumW, sumX1 and sumX2 of group 0 then 1; TSSP: both orders, and the
-    // diagonal, squares over all groups.
-    EXPECT_EQ((Values{m.sumW(0), m.sumX1(0, 0), m.sumX1(0, 1), m.sumX2(0, 0), m.sumX2(0, 1),
-                      m.sumW(1), m.sumX1(1, 0), m.sumX1(1, 1), m.sumX2(1, 0), m.sumX2(1, 1),
-                      m.TSSP(1, 0), m.TSSP(0, 1), m.TSSP(0, 0), m.TSSP(1, 1)}),
-              (Values{2, 6, 8, 26, 40, 2, 6, 8, 18, 32, 56, 56, 26 + 18, 40 + 32}));
-  }
-  DiscriminantMatrix m(2, 2);
-  AddInBatches(m, Unweighted(kWorked), 0, 3, 2);
-  EXPECT_EQ(m.WeightSum(), 3.0);
-  EXPECT_EQ(m.sumW(1), 1.0);
+  DiscriminantMatrix m(2, 2), unweighted(2, 2);
+  AddInBatches(m, kWorked, 0, 3, 2);
+  EXPECT_EQ(m.NRows(), 3);
+  EXPECT_EQ(m.WeightSum(), 4.0);
+  // sumW, sumX1 and sumX2 of group 0 then 1; TSSP: both orders, and the
+  // diagonal, squares over all groups.
+  EXPECT_EQ((Values{m.sumW(0), m.sumX1(0, 0), m.sumX1(0, 1), m.sumX2(0, 0), m.sumX2(0, 1),
+                    m.sumW(1), m.sumX1(1, 0), m.sumX1(1, 1), m.sumX2(1, 0), m.sumX2(1, 1),
+                    m.TSSP(1, 0), m.TSSP(0, 1), m.TSSP(0, 0), m.TSSP(1, 1)}),
+            (Values{2, 6, 8, 26, 40, 2, 6, 8, 18, 32, 56, 56, 26 + 18, 40 + 32}));
+  const Sums expected = AddInBatches(unweighted, Unweighted(kWorked), 0, 3, 2);
+  EXPECT_EQ(unweighted.WeightSum(), 3.0);
+  EXPECT_EQ(unweighted.sumW(1), 1.0);
   EXPECT_VOREL_ASSERT(m.sumW(2), "c < NGroup() && c >= 0", kTotals);
   EXPECT_VOREL_ASSERT(m.sumW(-1), "c < NGroup() && c >= 0", kTotals);
   EXPECT_VOREL_ASSERT(m.sumX1(2, 0), "group < NGroup() && group >= 0", kTotals);
@@ -225,28 +219,26 @@ TEST(DiscriminantMatrix, WorkedTableAndPreconditions) {
   EXPECT_VOREL_ASSERT(m.TSSP(0, -1), "col < NVar() && col >= 0", kTotals);
   // A grouped batch is ignored, also through the base class.
   DataBatchByGroup grouped = BatchFor(DiscIndividualMatrix(), kWorked, 0, 3, 2);
-  MatrixBase& base = m;
+  MatrixBase& base = unweighted;
   EXPECT_EQ(&(base += grouped), &base);
-  ExpectSums(m, PlainSums(Unweighted(kWorked), 0, 3, 2));
+  ExpectSums(unweighted, expected);
 }
 
 TEST(DiscIndividualMatrix, WorkedTableAndPreconditions) {
-  for (std::size_t capacity : {3, 2, 1}) {
-    DiscIndividualMatrix m(2, 2);
-    AddInBatches(m, kWorked, 0, 3, capacity);
-    EXPECT_EQ(m.NRows(), 3);
-    EXPECT_EQ(m.WeightSum(), 4.0);
-    Values entries;
-    for (int g = 0; g < 2; ++g)
-      for (int k = 0; k < 6; ++k)
-        entries.push_back(m.TSSP(k, g));
-    EXPECT_EQ(entries, (Values{26, 32, 40, 6, 8, 2, 18, 24, 32, 6, 8, 2}));
-    // By variable numbers, 2 standing for the column of ones.
-    EXPECT_EQ((Values{m.TSSP(1, 1, 0), m.TSSP(0, 1, 1), m.TSSP(2, 0, 0), m.TSSP(1, 2, 1)}),
-              (Values{40, 24, 6, 8}));
-  }
-  DiscIndividualMatrix m(2, 2);
-  AddInBatches(m, Unweighted(kWorked), 0, 3, 2);
+  DiscIndividualMatrix worked(2, 2), m(2, 2);
+  AddInBatches(worked, kWorked, 0, 3, 2);
+  EXPECT_EQ(worked.NRows(), 3);
+  EXPECT_EQ(worked.WeightSum(), 4.0);
+  Values entries;
+  for (int g = 0; g < 2; ++g)
+    for (int k = 0; k < 6; ++k)
+      entries.push_back(worked.TSSP(k, g));
+  EXPECT_EQ(entries, (Values{26, 32, 40, 6, 8, 2, 18, 24, 32, 6, 8, 2}));
+  // By variable numbers, 2 standing for the column of ones.
+  EXPECT_EQ((Values{worked.TSSP(1, 1, 0), worked.TSSP(0, 1, 1), worked.TSSP(2, 0, 0),
+                    worked.TSSP(1, 2, 1)}),
+            (Values{40, 24, 6, 8}));
+  const Sums expected = AddInBatches(m, Unweighted(kWorked), 0, 3, 2);
   EXPECT_EQ(m.WeightSum(), 3.0);
   EXPECT_EQ(m.TSSP(2, 2, 1), 1.0);
   EXPECT_VOREL_ASSERT(m.TSSP(6, 0), "0 <= tsspIndex && tsspIndex < countMatrix", kByGroup);
@@ -266,16 +258,94 @@ TEST(DiscIndividualMatrix, WorkedTableAndPreconditions) {
   DiscIndividualMatrix fresh(2, 2);
   EXPECT_VOREL_ASSERT(fresh += ungrouped, "tsspIndex == nCellsCrossProduct", kByGroup);
   EXPECT_EQ(fresh.NRows(), 0);
-  ExpectSums(m, PlainSums(Unweighted(kWorked), 0, 3, 2));
-
+  ExpectSums(m, expected);
   // Batches with fewer groups than the matrix leave the higher ones alone.
   const Table low = RandomRows(3, 2, 10, {0, 1}, true), high = RandomRows(4, 2, 10, {2, 3}, true);
   DiscIndividualMatrix four(4, 2);
-  AddInBatches(four, low, 0, 10, 16, /*batchGroups=*/2);
-  AddInBatches(four, high, 0, 10, 16);
-  Sums expected = PlainSums(low, 0, 10, 4);
-  MergeSums(expected, PlainSums(high, 0, 10, 4));
-  ExpectSums(four, expected);
+  Sums sums = AddInBatches(four, low, 0, 10, 16, /*batchGroups=*/2);
+  MergeSums(sums, AddInBatches(four, high, 0, 10, 16));
+  ExpectSums(four, sums);
+}
+
+struct Row {
+  unsigned group;
+  double cells[2];
+};
+
+const std::vector<Row> rows = {{0, {1, 2}}, {0, {3, 6}},  {0, {5, 4}}, {1, {6, 1}},
+                               {1, {8, 3}}, {1, {10, 5}}, {1, {8, 7}}};
+
+struct Figures {
+  std::vector<double> mean;    // [g * n + i]
+  std::vector<double> within;  // pooled within-group covariance, [i * n + j]
+};
+
+// The worked example of the discriminant section of the README, as it stands there.
+Figures ReadmeExample() {
+  // 2 groups, 2 variables; a batch of up to 64 rows with groups and no
+  // weights, so that every row weighs 1.
+  vorel::DiscriminantMatrix m(2, 2);
+  unsigned group = 0;
+  vorel::DataBatch batch(2, 64, nullptr, nullptr, &group);
+  for (const Row& row : rows) {  // a Row holds a group and two cells
+    group = row.group;
+    batch.AddRow(row.cells);
+  }
+  m += batch;
+
+  const int n = m.NVar(), k = m.NGroup();
+  std::vector<double> mean(k * n), within(n * n);
+  int groupsWithRows = 0;
+  for (int g = 0; g < k; ++g) {
+    if (m.sumW(g) > 0.) ++groupsWithRows;
+    for (int i = 0; i < n; ++i)
+      mean[g * n + i] = m.sumX1(g, i) / m.sumW(g);
+  }
+  for (int i = 0; i < n; ++i) {
+    for (int j = 0; j < n; ++j) {
+      double w = m.TSSP(i, j);
+      for (int g = 0; g < k; ++g)
+        if (m.sumW(g) > 0.) w -= m.sumX1(g, i) * m.sumX1(g, j) / m.sumW(g);
+      within[i * n + j] = w / (m.WeightSum() - groupsWithRows);
+    }
+  }
+  return {mean, within};
+}
+
+// Every sum here is an integer and every division by a group weight exact, so
+// the figures come out as the correctly rounded quotients the README quotes.
+TEST(DiscriminantReadme, MeansAndPooledCovarianceFromTheTotalsTable) {
+  const Figures f = ReadmeExample();
+  EXPECT_EQ(f.mean, (std::vector<double>{3, 4, 8, 4}));
+  EXPECT_EQ(f.within, (std::vector<double>{3.2, 2.4, 2.4, 5.6}));
+  EXPECT_EQ(f.within[0] * 5, 16.0);
+  EXPECT_EQ(f.within[3] * 5, 28.0);
+}
+
+// By the README's table the group tables give the same sums, and each
+// group's own covariance.
+TEST(DiscriminantReadme, TheGroupTablesGiveTheSameSumsAndEachGroupsCovariance) {
+  Table t;
+  for (const Row& row : rows) {
+    t.rows.push_back({row.cells[0], row.cells[1]});
+    t.groups.push_back(row.group);
+  }
+  DiscriminantMatrix m(2, 2);
+  DiscIndividualMatrix d(2, 2);
+  AddInBatches(m, t, 0, t.rows.size(), 64);
+  AddInBatches(d, t, 0, t.rows.size(), 64);
+  Values covariance;
+  for (int g = 0; g < 2; ++g) {
+    const double wg = d.TSSP(2, 2, g);
+    EXPECT_EQ(wg, m.sumW(g));
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(d.TSSP(2, i, g), m.sumX1(g, i));
+      for (int j = i; j < 2; ++j)
+        covariance.push_back((d.TSSP(i, j, g) - d.TSSP(2, i, g) * d.TSSP(2, j, g) / wg) / (wg - 1));
+    }
+  }
+  EXPECT_EQ(d.TSSP(1, 0, 0) + d.TSSP(1, 0, 1), m.TSSP(1, 0));
+  EXPECT_EQ(covariance, (Values{4, 2, 4, 8.0 / 3, 8.0 / 3, 20.0 / 3}));
 }
 
 }  // namespace

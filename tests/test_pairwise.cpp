@@ -1,13 +1,19 @@
-// SMatrixPairwise and NSMatrixPairwise on hand-worked cases, and all three
-// pairwise matrices against the plain-loop reference, bit for bit: merges and
-// copies, and passes through Driver.
+// The pairwise-deletion family: VarStat and PairStat, MatrixPairwise,
+// SMatrixPairwise and NSMatrixPairwise on hand-worked cases, and the three
+// matrices against the plain-loop reference, bit for bit, in merges, copies
+// and passes through Driver.
 #include <vorel/databatch.h>
 #include <vorel/initialextremes.h>
 #include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixpairwise.h>
+#include <vorel/statrecords.h>
 
+#include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <tuple>
 #include <typeinfo>
 #include <utility>
@@ -24,9 +30,191 @@ using namespace testing::tables;
 using namespace testing::pairwise;
 using testing::SameBits;
 using Values = std::vector<double>;
+constexpr double kEps = std::numeric_limits<double>::epsilon();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr const char* kPairwise = "backend/vorel/matrixpairwise";
 constexpr const char* kS = "backend/vorel/smatrixpairwise";
 constexpr const char* kNS = "backend/vorel/nsmatrixpairwise";
+
+TEST(VarStat, WorkedExamples) {
+  EXPECT_EQ(VarFields(VarStat()), (Values{0, 0, 0, 0, 0, 1.79e308, -1.79e308}));
+  WorkArea work;
+  const double x[] = {2, 4}, w[] = {1, 3};
+  VarStat s, t;
+  s.Init(x, w, nullptr, work, 2);
+  EXPECT_EQ(VarFields(s), (Values{2, 4, 4, 3.5, 3, 2, 4}));
+  s.Init(x, nullptr, w, work, 2);  // the same figures as regression weights
+  EXPECT_EQ(VarFields(s), (Values{2, 2, 4, 3.5, 3, 2, 4}));
+
+  // Halves 1, 3 and 5, 7: ((2*2*2 + 2) + 2*2*2) + 2 = 20, no rounding anywhere;
+  // by itself the sums double and the mean stays.
+  const double a[] = {1, 3}, b[] = {5, 7};
+  s.Init(a, nullptr, nullptr, work, 2);
+  t.Init(b, nullptr, nullptr, work, 2);
+  s.Update(t);
+  EXPECT_EQ(VarFields(s), (Values{4, 4, 4, 4, 20, 1, 7}));
+  s.Update(s);
+  EXPECT_EQ(VarFields(s), (Values{8, 8, 8, 4, 40, 1, 7}));
+
+  // A row where only the second cell is missing leaves the pair for both.
+  work.missingCode = -9;
+  const double p0[] = {1, 2, 3}, p1[] = {5, -9, 7};
+  PairStat p;
+  p.Init(p0, p1, nullptr, nullptr, work, 3);
+  EXPECT_EQ(PairFields(p), (Values{2, 2, 2, 2, 6, 2, 2, 2}));
+}
+
+TEST(VarStat, MissingZeroWeightAndNaNRules) {
+  WorkArea work;
+  work.missingCode = -99;
+  const double x[] = {1, 2, 6}, allMissing[] = {-99, -99};
+  VarStat s, z;
+  s.Init(x, nullptr, nullptr, work, 3);
+  const VarStatData before = s.Data();
+  z.Init(allMissing, nullptr, nullptr, work, 2);
+  EXPECT_EQ(VarFields(z), VarFields(VarStat()));
+  s.Update(z);
+  EXPECT_EQ(std::memcmp(&before, &s.Data(), sizeof before), 0);
+
+  // Rows of zero total weight (constant, so their own mean is no 0/0): mean
+  // and sums stay, the rows count, the extremes join.
+  const double low[] = {-5}, high[] = {50, 50}, zeros[] = {0, 0};
+  z.Init(low, zeros, nullptr, work, 1);
+  s.Update(z);
+  z.Init(high, zeros, nullptr, work, 2);
+  s.Update(z);
+  EXPECT_EQ(VarFields(s), (Values{6, 3, 3, before.mean, before.css, -5, 50}));
+
+  // A constant column is its own mean with any weights, even totalling zero.
+  const double same[] = {0.1, 0.1, 0.1}, cancel[] = {1, -2, 1};
+  z.Init(same, cancel, nullptr, work, 3);
+  EXPECT_EQ(z.Mean(), 0.1);
+  EXPECT_EQ(z.CSS(), 0.0);
+
+  // NaN is a value, not missing; a NaN code drops nothing, not even -99;
+  // -0.0 equals a code of 0.0.
+  const double withNaN[] = {1, kNaN, -99}, zeroes[] = {-0.0, 0.0, 1};
+  z.Init(withNaN, nullptr, nullptr, work, 3);
+  EXPECT_EQ(z.NRows(), 2);
+  EXPECT_TRUE(std::isnan(z.Mean()) && std::isnan(z.CSS()));
+  work.missingCode = kNaN;
+  z.Init(withNaN, nullptr, nullptr, work, 3);
+  EXPECT_EQ(z.NRows(), 3);
+  work.missingCode = 0.0;
+  z.Init(zeroes, nullptr, nullptr, work, 3);
+  EXPECT_EQ(z.NRows(), 1);
+}
+
+TEST(StatRecords, HandlesOwnTheirRecords) {
+  WorkArea work;
+  const double x[] = {1, 2, 4};
+  VarStat a;
+  a.Init(x, nullptr, nullptr, work, 3);
+  VarStat b(a), d;
+  std::unique_ptr<VarStat> c(a.Copy());
+  d = a;
+  d = d;
+  a.Init(x, nullptr, nullptr, work, 1);
+  for (const VarStat* copy : {&b, c.get(), &d})
+    EXPECT_EQ(copy->Max(), 4.0);
+  VarStat moved(std::move(b));
+  EXPECT_EQ(moved.NRows(), 3);
+  b = a;  // a moved-from handle takes a new record when assigned to
+  EXPECT_EQ(b.NRows(), 1);
+
+  PairStat p(new PairStatData{2, 2, 2, 1, 1, 0, 0, 0}), q;
+  q = p;
+  std::unique_ptr<PairStat> r(p.Copy());
+  p.Data().nRows = 7;
+  EXPECT_EQ(q.NRows() + r->NRows(), 4);
+}
+
+MatrixPairwise Accumulated(const Table& t, std::size_t begin, std::size_t end, double code = -99) {
+  MatrixPairwise m(code);
+  DataBatch batch = MakeBatch(t, begin, end);
+  m += batch;
+  return m;
+}
+
+TEST(MatrixPairwise, NewMatrixAndPreconditions) {
+  MatrixPairwise m(-99);
+  EXPECT_EQ(m.NRows(), 0u);
+  EXPECT_EQ(m.WeightSum(), 0.0);
+  EXPECT_EQ(m.RegWeightSum(), 0.0);
+  EXPECT_FALSE(m.HasRegWeights());
+  EXPECT_EQ(m.MissingCode(), -99.0);
+  EXPECT_VOREL_ASSERT(m.Var(0), "col < NColumns()", kPairwise);
+  const Table wide{{{1, 2, 3}}};
+  DataBatch batch = MakeBatch(Table{{{1, 2}}}, 0, 1), wideBatch = MakeBatch(wide, 0, 1);
+  m += batch;
+  EXPECT_VOREL_ASSERT(m.Pair(2, 0), "row < NColumns()", kPairwise);
+  EXPECT_VOREL_ASSERT(m.Pair(0, 2), "col < NColumns()", kPairwise);
+  EXPECT_VOREL_ASSERT(m.Pair(1, 1), "row != col", kPairwise);
+  EXPECT_VOREL_ASSERT(m += wideBatch, "_varStats.size() == nCols", kPairwise);
+  EXPECT_VOREL_ASSERT(m += Accumulated(wide, 0, 1), "_varStats.size() == d._varStats.size()",
+                      kPairwise);
+  // (n - 1) n must fit 32 bits: 65,537 columns do not.
+  MatrixPairwise fresh(-99);
+  DataBatch tooWide = MakeBatch(Table{{Values(65537, 1.0)}}, 0, 1);
+  ExpectVectorTooLong([&] { fresh += tooWide; });
+  EXPECT_EQ(fresh.NColumns(), 0u);
+}
+
+TEST(MatrixPairwise, WorkedExamplesAndDeletionRules) {
+  // Column 0 of a pair is the higher column, whichever order it is asked in.
+  const Table t{{{1, 4}, {2, -99}, {-99, 8}}};
+  EXPECT_EQ(PairFields(Accumulated(t, 0, 3).Pair(1, 0)), (Values{1, 1, 1, 4, 1, 0, 0, 0}));
+  // A NaN code compares equal to nothing: every cell counts.
+  EXPECT_EQ(Accumulated(t, 0, 3, kNaN).Pair(1, 0).NRows(), 3u);
+  const MatrixPairwise w = Accumulated(Table{{{2}, {4}}, {1, 3}, {2, 1}}, 0, 2);
+  const Values fields = VarFields(w.Var(0));
+  EXPECT_EQ(Values(fields.begin(), fields.begin() + 3), (Values{2, 4, 5}));
+  EXPECT_NEAR(w.Var(0).Mean(), 3.2, 2 * kEps * 3.2);
+  EXPECT_NEAR(w.Var(0).CSS(), 4.8, 4 * kEps * 4.8);
+
+  // Column 1 missing throughout; row 2 missing everywhere; a NaN cell in
+  // column 2, whose pair with column 0 loses only that column's figures.
+  const Table d{{{1, -99, 5}, {3, -99, kNaN}, {-99, -99, -99}, {5, -99, 7}, {-99, 2, 2}},
+                {1, 1, 4, 2, 1}};
+  MatrixPairwise m = Accumulated(d, 0, 4);
+  EXPECT_EQ(m.NRows(), 4u);
+  EXPECT_EQ(m.WeightSum(), 8.0);
+  EXPECT_EQ(VarFields(m.Var(0)), (Values{3, 4, 4, 3.5, 11}));
+  const VarStats gone = m.Var(1);
+  EXPECT_EQ(VarFields(gone), Values(5, 0.0));
+  EXPECT_TRUE(std::isnan(m.Var(2).Mean()));
+  EXPECT_PRED2(SameFields, PairFields(m.Pair(0, 2)), (Values{3, 4, 4, kNaN, 3.5, kNaN, 11, kNaN}));
+  DataBatch batch = MakeBatch(d, 4, 5);
+  m += batch;
+  EXPECT_EQ(gone.NRows(), 1u);  // a view shows what later batches add
+  for (int i = 0; i < 32; ++i)
+    m += m;  // counts go on beyond 32 bits, everywhere
+  EXPECT_EQ(m.NRows(), std::uint64_t{5} << 32);
+  EXPECT_EQ(m.Var(0).NRows(), std::uint64_t{3} << 32);
+  EXPECT_EQ(m.Pair(1, 2).NRows(), std::uint64_t{1} << 32);
+  // One column has no pairs.
+  EXPECT_VOREL_ASSERT(Accumulated(Table{{{2}}}, 0, 1).Pair(0, 0), "row != col", kPairwise);
+}
+
+TEST(MatrixPairwise, ZeroWeightRules) {
+  // All weights 0: rows counted, Var barred; a non-constant column's css is
+  // NaN until weight arrives, a constant one keeps css 0.
+  const Table z{{{1, 3}, {2, 3}, {1, 3}}, {0, 0, 1}};
+  MatrixPairwise zero = Accumulated(z, 0, 2);
+  EXPECT_EQ(zero.NRows(), 2u);
+  EXPECT_VOREL_ASSERT(zero.Pair(1, 0), "0. < WeightSum()", kPairwise);
+  DataBatch last = MakeBatch(z, 2, 3);
+  zero += last;
+  EXPECT_EQ(zero.Var(0).Mean(), 1.0);
+  EXPECT_TRUE(std::isnan(zero.Var(0).CSS()));
+  EXPECT_EQ(VarFields(zero.Var(1)), (Values{3, 1, 1, 3, 0}));
+  // A merged matrix is tested on its frequency weights, whatever its combined
+  // weights total.
+  const Table rw{{{5}, {1}, {2}}, {1, 1, -1}, {1, 1, 2}};
+  MatrixPairwise withRw = Accumulated(rw, 0, 1);
+  withRw += Accumulated(rw, 1, 3);
+  EXPECT_EQ(withRw.NRows(), 1u);
+}
 
 TEST(SMatrixPairwise, BoundsPairsAndPreconditions) {
   SMatrixPairwise m(-1.0), s(-1.0, 1, 4), wider(-1.0, 0, 4), backwards(-1.0, 3, 1);
@@ -86,7 +274,7 @@ template <class M>
 struct Kind;
 template <>
 struct Kind<MatrixPairwise> {
-  static constexpr const char* kSource = "backend/vorel/matrixpairwise";
+  static constexpr const char* kSource = kPairwise;
   static MatrixPairwise Make(double code) { return MatrixPairwise(code); }
   static RefBlock Ref(double code) { return SBlock(code, 0, 3); }
 };
