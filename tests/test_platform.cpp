@@ -1,11 +1,9 @@
-// The platform layer on this machine: host answers and hooks, tasks the pool
-// cannot run, and thread placement. The pool's running of tasks is proven
-// through Driver in the Driver suites.
+// The platform layer on this machine: host answers and hooks, and thread
+// placement. The pool is proven through Driver in the Driver suites.
 #include <sched.h>
 #include <unistd.h>
 #include <vorelhost/hostruntime.h>
 #include <vorelhost/placement.h>
-#include <vorelhost/tpthreadpool.h>
 
 #include <thread>
 #include <utility>
@@ -45,21 +43,6 @@ TEST(HostRuntime, MachineDefaultsAndScopedHooks) {
     EXPECT_EQ(HostThreadCount(), 5);
   }
   EXPECT_EQ(HostThreadCount(), defaultThreads);
-}
-
-TEST(ThreadPoolThreaded, RefusedTasksAreDestroyedAtOnce) {
-  struct CountingTask : tpTaskObject {
-    explicit CountingTask(int& destroyed) : tpTaskObject(nullptr), _destroyed(destroyed) {}
-    ~CountingTask() override { ++_destroyed; }
-    int Run(void*) override { return 1; }
-    int& _destroyed;
-  };
-  int destroyed = 0;
-  tpThreadPool pool(0, 0);
-  pool.init();
-  pool.startAll();
-  EXPECT_FALSE(pool.invoke(new CountingTask(destroyed), nullptr, tpScopePool));
-  EXPECT_EQ(destroyed, 1);
 }
 
 std::vector<unsigned> AllowedCpus(pid_t who) {
