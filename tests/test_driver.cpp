@@ -225,6 +225,29 @@ TEST(DriverHost, ThreadCountFromTheArgumentOrTheHostAndCacheBytesIn32Bits) {
   EXPECT_EQ(none.created.load() + none.totalReads.load() + resume.calls, 0);
 }
 
+// ProcessBatch holds no lock and the tasks run side by side: the first
+// ProcessBatch of worker 0 waits for worker 1 to read, and CreateWorker for
+// worker 1 waits until worker 0 is already reading.
+TEST(DriverConcurrency, TasksRunWhileLaterOnesAreMadeAndProcessOutsideTheLock) {
+  RecordingProblem* self = nullptr;
+  Plan plan{50};
+  plan.beforeCreate = [&self](unsigned index) {
+    if (index != 1) return;
+    WaitFor(
+        self, [&] { return self->totalReads > 0; }, "worker 1 made before worker 0 read");
+  };
+  plan.inFirstProcess = [&self](unsigned index) {
+    if (index != 0) return;
+    WaitFor(
+        self, [&] { return self->created == 2 && self->logs[1].reads > 0; },
+        "worker 1 could not read while worker 0 processed");
+  };
+  RecordingProblem problem(plan);
+  self = &problem;
+  Driver(&problem, 2);
+  problem.ExpectCleanEnd(2);
+}
+
 // Faulty workers meet in their first ProcessBatch, so that all of them throw
 // there before any of them can stop the others.
 class DriverHostError
