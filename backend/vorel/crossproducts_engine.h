@@ -10,10 +10,12 @@
 // panel P, one row of the chunk after the other (P[r * ld + lane]), with the
 // weighted values w[i] * x[i] in a second panel Q of the same shape (Q is P
 // without weights). A tile of R row-columns c against V vectors of
-// column-lanes k is then summed down the chunk: per row, V loads of x_k, one
-// broadcast of w * x_c per c, and R * V separate multiplications and
-// additions into R * V accumulators, each lane its own cell. The
-// accumulators go back to the scratch between chunks, unchanged in value.
+// column-lanes k is then summed down the chunk: per row, V loads of x_k, a
+// broadcast of w * x_c per c (AVX-512 folds one into each multiplication),
+// and R * V separate multiplications and additions into R * V accumulators,
+// each lane its own cell. The accumulators go back to the scratch between
+// chunks, unchanged in value. Blocks of at most eight columns take a fused
+// kernel instead that keeps every cell in a register (NarrowTriangleAvx).
 #pragma once
 
 #include <vorel/initialextremes.h>
@@ -73,8 +75,8 @@ struct Layout {
   Index p = 0, q = 0, tri = 0, rect = 0, diag = 0, total = 0;  // offsets and size
 };
 
-// Accumulator row c of the triangle: lanes 0 .. c + 15, so that a tile of up
-// to 16 lanes that holds the diagonal cell fits in it.
+// Accumulator row c of the triangle: lanes 0 .. c + kMaxTileLanes - 1, so that
+// any tile that holds the diagonal cell fits in it.
 constexpr Index TriangleRow(Index c) { return c * (c + 1) / 2 + (kMaxTileLanes - 1) * c; }
 
 // The panel lane of column j.
