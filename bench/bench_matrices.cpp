@@ -313,20 +313,20 @@ class ListwisePass : public ProblemBase {
   MatrixListwise _result;
 };
 
-// Args: threads, p. 40 batches of 5,000 rows.
+// Args: threads, p, rows a batch; 200,000 rows in all.
 void BM_DriverListwise(benchmark::State& state) {
   const int threads = static_cast<int>(state.range(0)), p = static_cast<int>(state.range(1));
-  constexpr int kBatchRows = 5000, kBatches = 40;
+  const int batchRows = static_cast<int>(state.range(2)), batches = 200000 / batchRows;
   std::uint64_t rows = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    ListwisePass pass(p, kBatchRows, kBatches);
+    ListwisePass pass(p, batchRows, batches);
     state.ResumeTiming();
     Driver(&pass, threads);
     rows = pass.Result().NRows();
   }
-  Check(state, rows == std::uint64_t{kBatchRows} * kBatches, "rows of the pass");
-  SetRates(state, Cells(p) * kBatchRows * kBatches, 8.0 * p * kBatchRows * kBatches);
+  Check(state, rows == static_cast<std::uint64_t>(batchRows) * batches, "rows of the pass");
+  SetRates(state, Cells(p) * batchRows * batches, 8.0 * p * batchRows * batches);
 }
 
 // ---------------------------------------------------------------- shapes
@@ -359,7 +359,7 @@ BENCHMARK(BM_MatrixPairwise)->Apply(PairwiseShapes);
 BENCHMARK(BM_SMatrixPairwise)->Apply(PairwiseShapes);
 BENCHMARK(BM_NSMatrixPairwise)->Apply(PairwiseShapes);
 BENCHMARK(BM_DriverListwise)
-    ->ArgsProduct({{1, 2}, {100, 200}})
+    ->ArgsProduct({{1, 2}, {100, 200}, {500, 1000, 5000}})
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 

@@ -58,8 +58,11 @@ constexpr Index kL2PanelBytes = 512 * 1024;
 constexpr Index kMinChunkRows = 128;
 constexpr Index kMaxChunkRows = 2048;
 // Cycles of arithmetic that the reading of a chunk should be asked for ahead
-// of, so that it comes from memory in time: a few microseconds.
-constexpr Index kPrefetchLeadCycles = 20000;
+// of, so that it comes from memory in time even when other cores share the
+// memory: about a hundred microseconds.
+constexpr Index kPrefetchLeadCycles = 400000;
+// At most this much of the data asked for ahead at once.
+constexpr Index kPrefetchBytes = 512 * 1024;
 
 // ---------------------------------------------------------------- layout
 
@@ -315,31 +318,46 @@ void PackChunk(const CrossProductJob& job, const Layout& lay, Index i0, Index ro
 }
 
 // Asks for rows [i0, i0 + rows) of every column, to be in L2 when they are
-// packed: the hardware follows a few streams, not one per column. Step asks
-// for a few lines at a time, spread over the work on the chunk before, so
-// that the memory is kept busy without a flood of requests at once.
+// packed: the hardware follows a few streams, not one per column. The tiles
+// ask for one line every few rows of their own (Tick), paced so that the
+// lines of a chunk are spread over the work on the chunk before: a burst of
+// requests fills the miss buffers and stalls the arithmetic behind them.
 class Prefetcher {
  public:
   Prefetcher(const CrossProductJob& job, Index i0, Index rows)
-      : _job(job), _i0(i0), _rows(rows > 0 ? rows : 0) {}
-  void Step(Index lines) {
-    for (; lines > 0 && _column < _job.cols.count; --lines) {
-      __builtin_prefetch(ColumnOf(_job.cols, _column) + _i0 + _row, 0, 2);
-      _row += 8;
-      if (_row >= _rows) {
-        _row = 0;
-        ++_column;
-      }
-    }
+      : _job(job), _i0(i0), _rows(rows > 0 ? rows : 0) {
+    if (_rows > 0 && _job.cols.count > 0) _at = ColumnOf(_job.cols, 0) + _i0;
   }
-  void Finish() { Step(static_cast<Index>(_job.cols.count) * ((_rows + 7) / 8)); }
+  // One line every `rows` rows of tile work (at least one).
+  void Pace(Index rows) { _every = _countdown = rows > 0 ? rows : 1; }
+  // Called once per row of tile work.
+  void Tick() {
+    if (--_countdown > 0) return;
+    _countdown = _every;
+    Step();
+  }
+  void Finish() {
+    while (_column < _job.cols.count && _rows > 0)
+      Step();
+  }
   Index Lines() const { return static_cast<Index>(_job.cols.count) * ((_rows + 7) / 8); }
 
  private:
+  void Step() {
+    if (_column >= _job.cols.count) return;
+    __builtin_prefetch(_at + _row, 0, 2);
+    _row += 8;
+    if (_row < _rows) return;
+    _row = 0;
+    if (++_column < _job.cols.count) _at = ColumnOf(_job.cols, _column) + _i0;
+  }
+
   const CrossProductJob& _job;
   Index _i0, _rows;
+  const double* _at = nullptr;
   int _column = 0;
   Index _row = 0;
+  Index _every = 1, _countdown = 1;
 };
 
 void PrefetchChunk(const CrossProductJob& job, Index i0, Index rows) {
@@ -557,12 +575,15 @@ bool NarrowTriangleAvx(const CrossProductJob& job, double* tri) {
 
 // ---------------------------------------------------------------- tiles
 
-using TileFn = void (*)(const double* q, const double* p, Index ld, Index rows, double* const* acc);
+using TileFn = void (*)(const double* q, const double* p, Index ld, Index rows, double* const* acc,
+                       Prefetcher& next);
 
 // R row-columns (lanes q[0..R) of Q) against V vectors of column-lanes (lanes
 // p[0..V*L) of P), over rows rows; acc[j] holds the V*L accumulators of row j.
+// Each row also ticks the prefetcher of the chunk to come.
 template <class Isa, int R, int V>
-void Tile(const double* q, const double* p, Index ld, Index rows, double* const* acc) {
+void Tile(const double* q, const double* p, Index ld, Index rows, double* const* acc,
+          Prefetcher& next) {
   using Vec = typename Isa::Vec;
   constexpr int L = Isa::kLanes;
   Vec a[R][V];
@@ -591,6 +612,7 @@ void Tile(const double* q, const double* p, Index ld, Index rows, double* const*
     }
     q += ld;
     p += ld;
+    next.Tick();
   }
 #pragma GCC unroll 16
   for (int j = 0; j < R; ++j)
@@ -626,18 +648,12 @@ int VectorsFor(Index width) {
   return v < Isa::kVecs ? static_cast<int>(v) : Isa::kVecs;
 }
 
-// The triangle's tiles over one chunk, asking for the next chunk a few lines
-// after each tile.
-template <class Isa>
-void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri,
-                   Prefetcher& next) {
+// The triangle's tiles over one block of rows: Run(r, v, c0, k0) for a tile
+// of r row-columns from c0 against v vectors of column-lanes from k0.
+template <class Isa, class Run>
+void ForEachTriangleTile(const Layout& lay, Run run) {
   constexpr Index kLanes = Isa::kLanes;
   constexpr Index kWidth = kLanes * Isa::kVecs;
-  double* acc[Isa::kRows];
-  Index tiles = 0;
-  for (Index k0 = 0; k0 < lay.all; k0 += kWidth)
-    tiles += VectorsFor<Isa>(lay.all - k0) + (lay.all - k0) / Isa::kRows + 1;
-  const Index perTile = next.Lines() / (tiles > 0 ? tiles : 1) + 1;
   for (Index k0 = 0; k0 < lay.all; k0 += kWidth) {
     // Rows c below k0 have no cells in this block of columns, and a row c
     // has its cells in the first (c - k0) / kLanes + 1 vectors: the rows go
@@ -648,38 +664,57 @@ void TriangleChunk(const Layout& lay, const double* p, const double* q, Index ro
       const Index to = band + 1 == most ? lay.all : Smaller(lay.all, from + kLanes);
       for (Index c0 = from; c0 < to;) {
         const int r = static_cast<int>(Smaller(Isa::kRows, to - c0));
-        for (int j = 0; j < r; ++j)
-          acc[j] = tri + TriangleRow(c0 + j) + k0;
-        kTiles<Isa>.fns[r - 1][band](q + c0, p + k0, lay.ld, rows, acc);
-        next.Step(perTile);
+        run(r, band + 1, c0, k0);
         c0 += r;
       }
     }
   }
-  next.Finish();
 }
 
-// The rectangle's tiles over one chunk; the next chunk as for the triangle.
+// The rectangle's tiles, as ForEachTriangleTile; k0 counts from the
+// rectangle's first column-lane.
+template <class Isa, class Run>
+void ForEachRectangleTile(const Layout& lay, Run run) {
+  constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
+  const Index width = lay.all - lay.split;
+  for (Index k0 = 0; k0 < width; k0 += kWidth) {
+    const int v = VectorsFor<Isa>(width - k0);
+    for (Index c0 = 0; c0 < lay.split; c0 += Isa::kRows)
+      run(static_cast<int>(Smaller(Isa::kRows, lay.split - c0)), v, c0, k0);
+  }
+}
+
+// Tiles a chunk runs, for pacing the prefetcher.
+template <class Isa>
+Index TilesPerChunk(const CrossProductJob& job, const Layout& lay) {
+  Index tiles = 0;
+  const auto count = [&tiles](int, int, Index, Index) { ++tiles; };
+  if (job.triangle != nullptr) ForEachTriangleTile<Isa>(lay, count);
+  if (job.rectangle != nullptr) ForEachRectangleTile<Isa>(lay, count);
+  return tiles;
+}
+
+template <class Isa>
+void TriangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* tri,
+                   Prefetcher& next) {
+  double* acc[Isa::kRows];
+  ForEachTriangleTile<Isa>(lay, [&](int r, int v, Index c0, Index k0) {
+    for (int j = 0; j < r; ++j)
+      acc[j] = tri + TriangleRow(c0 + j) + k0;
+    kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + k0, lay.ld, rows, acc, next);
+  });
+}
+
 template <class Isa>
 void RectangleChunk(const Layout& lay, const double* p, const double* q, Index rows, double* rect,
                     Prefetcher& next) {
-  constexpr Index kWidth = Isa::kLanes * Isa::kVecs;
   const Index first = lay.split + lay.gap;
-  const Index width = lay.all - lay.split;
   double* acc[Isa::kRows];
-  const Index tiles = ((width + kWidth - 1) / kWidth) * (lay.split / Isa::kRows + 1);
-  const Index perTile = next.Lines() / (tiles > 0 ? tiles : 1) + 1;
-  for (Index k0 = 0; k0 < width; k0 += kWidth) {
-    const int v = VectorsFor<Isa>(width - k0);
-    for (Index c0 = 0; c0 < lay.split; c0 += Isa::kRows) {
-      const int r = static_cast<int>(Smaller(Isa::kRows, lay.split - c0));
-      for (int j = 0; j < r; ++j)
-        acc[j] = rect + (c0 + j) * lay.rectLd + k0;
-      kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + first + k0, lay.ld, rows, acc);
-      next.Step(perTile);
-    }
-  }
-  next.Finish();
+  ForEachRectangleTile<Isa>(lay, [&](int r, int v, Index c0, Index k0) {
+    for (int j = 0; j < r; ++j)
+      acc[j] = rect + (c0 + j) * lay.rectLd + k0;
+    kTiles<Isa>.fns[r - 1][v - 1](q + c0, p + first + k0, lay.ld, rows, acc, next);
+  });
 }
 
 // The diagonal: lane by lane, Q times P down the chunk.
@@ -773,13 +808,17 @@ void RunCrossProducts(const CrossProductJob& job) {
   if (lay.weighted) ClearPanelPadding(lay, q);
 
   // How many chunks ahead to ask for: one when a chunk's arithmetic covers
-  // the time the reading takes (it is asked for late in that work, where
-  // the tiles no longer push it out of L2), more for narrow blocks.
+  // the lead, more for narrow blocks.
   const Index cells = lay.all * (lay.all + 1) / 2 + lay.split * (lay.all - lay.split);
   const Index chunkCycles = lay.chunk * (cells / 8 + 1);
   // A job without rows has chunks of no rows and nothing to fetch ahead.
   Index ahead = chunkCycles == 0 ? 1 : (kPrefetchLeadCycles + chunkCycles - 1) / chunkCycles;
-  if (ahead > 64) ahead = 64;
+  // Not so far that what is asked for leaves L2 again before it is packed.
+  const Index chunkBytes = lay.chunk * job.cols.count * static_cast<Index>(sizeof(double));
+  const Index most = chunkBytes > 0 ? kPrefetchBytes / chunkBytes : 1;
+  if (ahead > most) ahead = most;
+  if (ahead < 1) ahead = 1;
+  const Index tiles = TilesPerChunk<Isa>(job, lay);
   for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
     const Index rows = Smaller(lay.chunk, job.nRows - i0);
     if (ahead > 1 && i0 == 0)  // the first chunks, which nothing asked for yet
@@ -787,6 +826,7 @@ void RunCrossProducts(const CrossProductJob& job) {
     PackChunk<Isa>(job, lay, i0, rows, p, q);
     const Index at = i0 + ahead * lay.chunk;
     Prefetcher next(job, at, Smaller(lay.chunk, job.nRows - at));
+    next.Pace(tiles * rows / (next.Lines() + 1));
     if (job.diagonal != nullptr) DiagonalChunk<Isa>(lay, p, q, rows, scratch + lay.diag);
     if (job.triangle != nullptr) TriangleChunk<Isa>(lay, p, q, rows, scratch + lay.tri, next);
     if (job.rectangle != nullptr) RectangleChunk<Isa>(lay, p, q, rows, scratch + lay.rect, next);
