@@ -1,7 +1,6 @@
 #include <vorelhost/placement.h>
 
 #include <sched.h>
-#include <unistd.h>
 
 #include <memory>
 #include <mutex>
@@ -25,16 +24,6 @@ std::shared_ptr<const PlacementObserver> CurrentObserver() {
   return store.observer;
 }
 
-// The CPUs the process may use: the mask of its main thread. A pool thread's
-// own mask is no guide, as an earlier request may have narrowed it to one CPU.
-bool ProcessMayUse(unsigned cpu) {
-  if (cpu >= CPU_SETSIZE) return false;
-  cpu_set_t allowed;
-  CPU_ZERO(&allowed);
-  if (sched_getaffinity(getpid(), sizeof allowed, &allowed) != 0) return false;
-  return CPU_ISSET(cpu, &allowed);
-}
-
 }  // namespace
 
 ThreadHandle GetCurrentThread() noexcept { return ThreadHandle{pthread_self()}; }
@@ -42,11 +31,19 @@ ThreadHandle GetCurrentThread() noexcept { return ThreadHandle{pthread_self()}; 
 bool SetThreadIdealProcessor(ThreadHandle thread, unsigned cpu) {
   const std::shared_ptr<const PlacementObserver> observer = CurrentObserver();
   if (*observer) (*observer)(thread, cpu);
-  if (!ProcessMayUse(cpu)) return false;
+  cpu_set_t own;
+  CPU_ZERO(&own);
+  if (cpu >= CPU_SETSIZE || pthread_getaffinity_np(thread.native, sizeof own, &own) != 0 ||
+      !CPU_ISSET(cpu, &own))
+    return false;
   cpu_set_t one;
   CPU_ZERO(&one);
   CPU_SET(cpu, &one);
-  return pthread_setaffinity_np(thread.native, sizeof one, &one) == 0;
+  // Narrowing the set moves the thread at once; widening it again leaves it
+  // where it now is until the scheduler has a reason to move it.
+  if (pthread_setaffinity_np(thread.native, sizeof one, &one) != 0) return false;
+  pthread_setaffinity_np(thread.native, sizeof own, &own);
+  return true;
 }
 
 PlacementObserver SetPlacementObserver(PlacementObserver observer) {

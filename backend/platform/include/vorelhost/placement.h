@@ -1,13 +1,14 @@
 // Thread placement: a hint to the scheduler about the CPU a thread should run
 // on.
 //
-// On Linux the hint is an affinity request: SetThreadIdealProcessor binds the
-// thread to the one CPU asked for, if that CPU is among those the process may
-// use (its affinity mask, which reflects cpusets and taskset), and refuses
-// otherwise, leaving the thread where it was. A refusal is no error; callers
-// go on unplaced. The binding lasts as long as the thread or until the next
-// request for it; the library asks only for the threads of its own pools,
-// which end with their run.
+// Linux has no such hint, so SetThreadIdealProcessor moves the thread to the
+// CPU asked for and then hands it back the set of CPUs it had: the thread
+// starts there, and the scheduler stays free to move it when that CPU is
+// busy. Binding it for good would let two runs side by side, in one process
+// or in two, pile onto the same CPU while another one idles. A CPU outside the
+// thread's own set (its affinity mask, which reflects cpusets, taskset and any
+// narrowing by the host) is refused, and the thread stays where it was. A
+// refusal is no error; callers go on unplaced.
 //
 // Tests and hosts may watch the requests: an observer installed with
 // SetPlacementObserver is told of every request, refused ones included,
@@ -32,9 +33,10 @@ inline bool operator==(ThreadHandle a, ThreadHandle b) {
 // The calling thread.
 ThreadHandle GetCurrentThread() noexcept;
 
-// Asks for `thread` to run on CPU `cpu`. True if the request was carried out,
-// false if it was refused (no such CPU for this process, or the system said
-// no). An exception of the observer passes through.
+// Asks for `thread` to run on CPU `cpu`. True if the thread was moved there,
+// false if the request was refused (a CPU outside the thread's set, or the
+// system said no). The thread's set is the same afterwards either way. An
+// exception of the observer passes through.
 bool SetThreadIdealProcessor(ThreadHandle thread, unsigned cpu);
 
 using PlacementObserver = std::function<void(ThreadHandle thread, unsigned cpu)>;
