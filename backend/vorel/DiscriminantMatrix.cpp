@@ -177,7 +177,10 @@ int DiscriminantMatrix::NRows() const { return _my->_nRows; }
 
 MatrixBase& DiscriminantMatrix::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
-  const auto& source = dynamic_cast<const DiscriminantMatrix&>(other);
+  // Only an object of this very class can be merged.
+  const auto* d = dynamic_cast<const DiscriminantMatrix*>(&other);
+  VOREL_ASSERT(d != nullptr);
+  const DiscriminantMatrix& source = *d;
   if (!_my->IsFilled()) {
     // The expression is reported as written.
     // clang-format off

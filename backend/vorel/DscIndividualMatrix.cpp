@@ -158,7 +158,10 @@ int DiscIndividualMatrix::NRows() const { return _my->_nRows; }
 
 MatrixBase& DiscIndividualMatrix::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
-  const auto& source = dynamic_cast<const DiscIndividualMatrix&>(other);
+  // Only an object of this very class can be merged.
+  const auto* d = dynamic_cast<const DiscIndividualMatrix*>(&other);
+  VOREL_ASSERT(d != nullptr);
+  const DiscIndividualMatrix& source = *d;
   if (!_my->IsFilled()) {
     *_my = *source._my;
   } else {

@@ -188,7 +188,10 @@ int NSMatrixPairwise::NRows() const { return _my->_nRows; }
 
 MatrixBase& NSMatrixPairwise::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
-  const NSMatrixPairwise& same = dynamic_cast<const NSMatrixPairwise&>(other);
+  // Only an object of this very class can be merged.
+  const auto* d = dynamic_cast<const NSMatrixPairwise*>(&other);
+  VOREL_ASSERT(d != nullptr);
+  const NSMatrixPairwise& same = *d;
   if (_my->_varStats.empty()) {
     *_my = *same._my;
   } else {

@@ -178,7 +178,10 @@ int SMatrixPairwise::NRows() const { return _my->_nRows; }
 
 MatrixBase& SMatrixPairwise::operator+=(MatrixBase& other) {
   if (other.NRows() == 0) return *this;
-  const SMatrixPairwise& same = dynamic_cast<const SMatrixPairwise&>(other);
+  // Only an object of this very class can be merged.
+  const auto* d = dynamic_cast<const SMatrixPairwise*>(&other);
+  VOREL_ASSERT(d != nullptr);
+  const SMatrixPairwise& same = *d;
   if (_my->_varStats.empty()) {
     *_my = *same._my;
   } else {
