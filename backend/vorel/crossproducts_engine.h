@@ -61,8 +61,10 @@ constexpr Index kMaxChunkRows = 2048;
 // of, so that it comes from memory in time even when other cores share the
 // memory: about a hundred microseconds.
 constexpr Index kPrefetchLeadCycles = 400000;
-// At most this much of the data asked for ahead at once.
-constexpr Index kPrefetchBytes = 512 * 1024;
+// At most this much of the data asked for ahead at once, or two chunks if
+// they are larger: asked for too far ahead, lines leave L2 before they are
+// packed.
+constexpr Index kPrefetchBytes = 128 * 1024;
 
 // ---------------------------------------------------------------- layout
 
@@ -813,11 +815,10 @@ void RunCrossProducts(const CrossProductJob& job) {
   const Index chunkCycles = lay.chunk * (cells / 8 + 1);
   // A job without rows has chunks of no rows and nothing to fetch ahead.
   Index ahead = chunkCycles == 0 ? 1 : (kPrefetchLeadCycles + chunkCycles - 1) / chunkCycles;
-  // Not so far that what is asked for leaves L2 again before it is packed.
   const Index chunkBytes = lay.chunk * job.cols.count * static_cast<Index>(sizeof(double));
-  const Index most = chunkBytes > 0 ? kPrefetchBytes / chunkBytes : 1;
+  Index most = chunkBytes > 0 ? kPrefetchBytes / chunkBytes : 1;
+  if (most < 2) most = 2;
   if (ahead > most) ahead = most;
-  if (ahead < 1) ahead = 1;
   const Index tiles = TilesPerChunk<Isa>(job, lay);
   for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
     const Index rows = Smaller(lay.chunk, job.nRows - i0);
