@@ -839,7 +839,9 @@ void RunCrossProducts(const CrossProductJob& job) {
 // ---------------------------------------------------------------- column pass
 
 constexpr int kGroup = 8;         // columns summed side by side
-constexpr Index kPassRows = 512;  // rows of a group taken at a time
+// Rows of a group taken at a time: small enough that the second sweep over a
+// block (the sums after the extremes) finds it in L1.
+constexpr Index kPassRows = 64;
 
 // Running extremes of one column: a vector of lane-wise extremes plus a
 // scalar for the rows that do not fill a vector. Lane by lane the update is
