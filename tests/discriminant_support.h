@@ -127,4 +127,47 @@ Sums AddInBatches(Matrix& m, const Table& t, std::size_t begin, std::size_t end,
   return sums;
 }
 
+inline bool SameValues(const std::vector<double>& a, const std::vector<double>& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), SameBits);
+}
+
+// Every figure of the totals table against the plain sums, bit for bit: the
+// diagonal of TSSP totals the squares of every group in group order.
+inline void ExpectSums(const DiscriminantMatrix& m, const Sums& s) {
+  ASSERT_EQ(m.NGroup(), s.nGroup);
+  ASSERT_EQ(m.NVar(), s.nVar);
+  EXPECT_EQ(m.NRows(), s.nRows);
+  const int n = s.nVar;
+  std::vector<double> lib{m.WeightSum()}, ref{s.weightSum};
+  for (int i = 0; i < n; ++i) {
+    double diagonal = 0.0;
+    for (int g = 0; g < s.nGroup; ++g) {
+      lib.insert(lib.end(), {m.sumW(g), m.sumX1(g, i), m.sumX2(g, i)});
+      ref.insert(ref.end(), {s.At(g, n, n), s.At(g, n, i), s.At(g, i, i)});
+      diagonal += s.At(g, i, i);
+    }
+    for (int j = 0; j <= i; ++j) {
+      lib.insert(lib.end(), {m.TSSP(i, j), m.TSSP(j, i)});
+      ref.insert(ref.end(), 2, i == j ? diagonal : s.cross[i * n + j]);
+    }
+  }
+  EXPECT_PRED2(SameValues, lib, ref);
+}
+
+// Every entry of the table by group, by variable numbers in both orders and
+// by index (the triangle with diagonal, row after row), bit for bit.
+inline void ExpectSums(const DiscIndividualMatrix& m, const Sums& s) {
+  ASSERT_EQ(m.NGroup(), s.nGroup);
+  ASSERT_EQ(m.NVar(), s.nVar);
+  EXPECT_EQ(m.NRows(), s.nRows);
+  std::vector<double> lib{m.WeightSum()}, ref{s.weightSumByGroup};
+  for (int g = 0; g < s.nGroup; ++g)
+    for (int row = 0, k = 0; row <= s.nVar; ++row)
+      for (int col = 0; col <= row; ++col) {
+        lib.insert(lib.end(), {m.TSSP(row, col, g), m.TSSP(col, row, g), m.TSSP(k++, g)});
+        ref.insert(ref.end(), 3, s.At(g, row, col));
+      }
+  EXPECT_PRED2(SameValues, lib, ref);
+}
+
 }  // namespace vorel::testing::discriminant

@@ -10,17 +10,50 @@
 #include <vector>
 
 #include "listwise_block_reference.h"
+#include "table_support.h"
 #include "test_support.h"
 
 namespace vorel {
 namespace {
 
-using testing::BatchOf;
-using testing::RandomTable;
-using testing::RefBlock;
 using testing::SameBits;
-using testing::Table;
-using testing::Weighting;
+using testing::listwise::RefBlock;
+using testing::tables::Table;
+
+enum class Weighting { kNone, kWeights, kRegWeights, kBoth };
+
+// nRows rows of nColumns values far from 0 (so that centring matters), column
+// 1 constant, with the weights the layout asks for; `dyadic`: see
+// tables::RandomTable.
+Table RandomTable(unsigned seed, std::size_t nRows, unsigned nColumns, Weighting weighting,
+                  bool dyadic) {
+  const bool w = weighting == Weighting::kWeights || weighting == Weighting::kBoth;
+  const bool rw = weighting == Weighting::kRegWeights || weighting == Weighting::kBoth;
+  Table t = testing::tables::RandomTable(seed, nColumns, nRows, w, rw, 0.0, 1e3, dyadic);
+  for (std::vector<double>& row : t.rows)
+    row[1] = 0.1;
+  return t;
+}
+
+// One batch refilled with rows [first, last) of a table; weight and regWeight
+// are the caller's cells behind its pointers.
+struct BatchOf {
+  double weight = 0.0, regWeight = 0.0;
+  unsigned group = 0;
+  DataBatch batch;
+  BatchOf(const Table& t, std::size_t first, std::size_t last, std::size_t capacity)
+      : batch(t.NColumns(), static_cast<unsigned>(capacity), t.w.empty() ? nullptr : &weight,
+              t.rw.empty() ? nullptr : &regWeight, nullptr) {
+    Fill(t, first, last);
+  }
+  void Fill(const Table& t, std::size_t first, std::size_t last) {
+    batch.Clear();
+    for (std::size_t r = first; r < last; ++r) {
+      testing::tables::SelectRow(t, r, weight, regWeight, group);
+      batch.AddRow(t.rows[r].data());
+    }
+  }
+};
 
 // Both blocks cover batch columns 1 to 5 of a 7-column table, so columns 0
 // and 6 lie outside; the tables make column 1 constant.
@@ -32,12 +65,7 @@ struct SKind {
   static Matrix Wider() { return Matrix(1, 7); }
   static Matrix Shifted() { return Matrix(0, 5); }  // same size, other bounds
   static Foreign MakeForeign() { return Foreign(1, 3, 6); }
-  static bool HasCell(int, int) { return true; }
-  // Row i of the triangle takes the dot product with column i first.
-  static double Cell(const RefBlock& r, int i, int j) {
-    return r.cross[std::max(i, j)][std::min(i, j)];
-  }
-  static void Merge(RefBlock& t, const RefBlock& d) { testing::MergeSymmetric(t, d); }
+  static constexpr std::size_t kFirst = 0;
 };
 
 struct NSKind {
@@ -48,12 +76,7 @@ struct NSKind {
   static Matrix Wider() { return Matrix(1, 3, 7); }
   static Matrix Shifted() { return Matrix(1, 2, 6); }
   static Foreign MakeForeign() { return Foreign(1, 6); }
-  static bool HasCell(int i, int j) { return i == j || (i < 2) != (j < 2); }
-  // A rectangle cell takes the dot product with the first-set column first.
-  static double Cell(const RefBlock& r, int i, int j) {
-    return r.cross[std::min(i, j)][std::max(i, j)];
-  }
-  static void Merge(RefBlock& t, const RefBlock& d) { testing::MergeRectangle(t, d, 2); }
+  static constexpr std::size_t kFirst = 2;
 };
 
 template <class Kind>
@@ -62,40 +85,23 @@ class ListwiseBlock : public ::testing::Test {
   using Matrix = typename Kind::Matrix;
   static constexpr int kCol0 = 1, kCol2 = 6;
 
-  static void ExpectSameBits(const Matrix& m, const RefBlock& ref) {
-    ASSERT_EQ(m.NColumns(), static_cast<int>(ref.means.size()));
-    EXPECT_EQ(m.NRows(), ref.nRows);
-    EXPECT_TRUE(SameBits(m.WeightSum(), ref.weightSum));
-    EXPECT_TRUE(SameBits(m.RegWeightSum(), ref.regWeightSum));
-    for (int i = 0; i < m.NColumns(); ++i) {
-      EXPECT_TRUE(SameBits(m.Mean(kCol0 + i), ref.means[i])) << "mean " << i;
-      EXPECT_TRUE(SameBits(m.Min(kCol0 + i), ref.mins[i])) << "min " << i;
-      EXPECT_TRUE(SameBits(m.Max(kCol0 + i), ref.maxs[i])) << "max " << i;
-      for (int j = 0; j < m.NColumns(); ++j) {
-        if (!Kind::HasCell(i, j)) continue;
-        EXPECT_TRUE(SameBits(m.CCP(kCol0 + i, kCol0 + j), Kind::Cell(ref, i, j)))
-            << "cell " << i << "," << j;
-      }
-    }
-  }
-
   // Rows [first, last) in batches of batchRows, and the reference of the same steps.
   static RefBlock AddInBatches(Matrix& m, const Table& t, std::size_t first, std::size_t last,
                                std::size_t batchRows) {
     RefBlock ref;
-    BatchOf batch(t, 0, 0, batchRows);
     for (std::size_t start = first; start < last; start += batchRows) {
       const std::size_t end = std::min(last, start + batchRows);
-      batch.Fill(t, start, end);
+      BatchOf batch(t, start, end, batchRows);
       m += batch.batch;
-      const RefBlock part = testing::ReduceRows(t, start, end, kCol0, kCol2);
-      if (start == first) {
-        ref = part;
-      } else {
-        Kind::Merge(ref, part);
-      }
+      Merge(ref, testing::listwise::ReduceRows(t, start, end, kCol0, kCol2));
     }
     return ref;
+  }
+  static void Merge(RefBlock& t, const RefBlock& d) {
+    testing::listwise::Merge(t, d, Kind::kFirst);
+  }
+  static void ExpectSameBits(const Matrix& m, const RefBlock& ref) {
+    testing::listwise::ExpectSameBits(m, ref, kCol0, Kind::kFirst);
   }
 
   // Every cell of a block.
@@ -103,7 +109,8 @@ class ListwiseBlock : public ::testing::Test {
     std::vector<double> cells;
     for (int x = kCol0; x < kCol2; ++x)
       for (int y = kCol0; y < kCol2; ++y)
-        if (Kind::HasCell(x - kCol0, y - kCol0)) cells.push_back(m.CCP(x, y));
+        if (Kind::kFirst == 0 || x == y || (x < kCol0 + 2) != (y < kCol0 + 2))
+          cells.push_back(m.CCP(x, y));
     return cells;
   }
 };
@@ -117,8 +124,8 @@ TYPED_TEST(ListwiseBlock, BitForBitWithTheWrittenOutFormulas) {
   for (Weighting weighting :
        {Weighting::kNone, Weighting::kWeights, Weighting::kRegWeights, Weighting::kBoth}) {
     for (std::size_t batchRows : {1u, 4u, 13u, 40u}) {
-      const unsigned seed = 7001u + 31u * static_cast<unsigned>(weighting)
-                            + static_cast<unsigned>(batchRows);
+      const unsigned seed =
+          7001u + 31u * static_cast<unsigned>(weighting) + static_cast<unsigned>(batchRows);
       SCOPED_TRACE(::testing::Message() << "seed " << seed << " batch " << batchRows);
       const Table t = RandomTable(seed, 40, 7, weighting, false);
       auto whole = TypeParam::Make();
@@ -130,7 +137,7 @@ TYPED_TEST(ListwiseBlock, BitForBitWithTheWrittenOutFormulas) {
       const RefBlock other = this->AddInBatches(second, t, 17, 40, batchRows);
       MatrixBase& shared = first;
       shared += second;
-      TypeParam::Merge(ref, other);
+      this->Merge(ref, other);
       this->ExpectSameBits(first, ref);
       EXPECT_EQ(second.NRows(), 23);
     }
@@ -143,12 +150,12 @@ TYPED_TEST(ListwiseBlock, TheBatchIsSpentOnTheBlockOnly) {
   auto m = TypeParam::Make();
   m += batch.batch;
   for (unsigned r = 0; r < 5; ++r) {
-    EXPECT_EQ(batch.batch.Column(0)[r], t.columns[0][r]);
-    EXPECT_EQ(batch.batch.Column(6)[r], t.columns[6][r]);
+    EXPECT_EQ(batch.batch.Column(0)[r], t.rows[r][0]);
+    EXPECT_EQ(batch.batch.Column(6)[r], t.rows[r][6]);
     for (unsigned c = 1; c < 6; ++c)
-      EXPECT_EQ(batch.batch.Column(c)[r], t.columns[c][r] - m.Mean(static_cast<int>(c)));
-    EXPECT_EQ(batch.batch.Weights()[r], t.weights[r] * t.regWeights[r]);
-    EXPECT_EQ(batch.batch.RegWeights()[r], t.regWeights[r]);
+      EXPECT_EQ(batch.batch.Column(c)[r], t.rows[r][c] - m.Mean(static_cast<int>(c)));
+    EXPECT_EQ(batch.batch.Weights()[r], t.w[r] * t.rw[r]);
+    EXPECT_EQ(batch.batch.RegWeights()[r], t.rw[r]);
   }
   // An empty batch and a grouped batch change nothing.
   DataBatch empty(7, 1, &batch.weight, &batch.regWeight, nullptr);
@@ -164,9 +171,11 @@ TYPED_TEST(ListwiseBlock, ZeroWeightSums) {
   // Rows 1 and 2 have frequency weights totalling 0 but combined weights
   // totalling -1: the frequency weights decide.
   Table t = RandomTable(5, 3, 7, Weighting::kBoth, false);
-  t.weights = {2.0, 1.0, -1.0};
-  t.regWeights = {1.0, 1.0, 2.0};
-  t.columns[3] = {5.0, 9.0, 4.0};
+  t.w = {2.0, 1.0, -1.0};
+  t.rw = {1.0, 1.0, 2.0};
+  t.rows[0][3] = 5.0;
+  t.rows[1][3] = 9.0;
+  t.rows[2][3] = 4.0;
 
   // A later batch whose weights total exactly 0 changes nothing at all.
   auto filled = TypeParam::Make();
@@ -241,7 +250,8 @@ TYPED_TEST(ListwiseBlock, MergeThroughTheBase) {
   MatrixBase& self = filled;
   self += filled;
   std::vector<double> twice = once;
-  for (double& cell : twice) cell *= 2.0;
+  for (double& cell : twice)
+    cell *= 2.0;
   EXPECT_EQ(this->Cells(target), twice);
   EXPECT_EQ(this->Cells(filled), twice);
   EXPECT_EQ(filled.RegWeightSum(), target.RegWeightSum());
@@ -268,8 +278,8 @@ TYPED_TEST(ListwiseBlock, MergePreconditions) {
   auto weighted = filled(TypeParam::Make(), tw);
   const char* const source = TypeParam::kSource;
   EXPECT_VOREL_ASSERT(target += wider, "_means.size() == d._means.size()", source);
-  EXPECT_VOREL_ASSERT(target += shifted,
-                      "_col0 == d._col0 && _col1 == d._col1 && _col2 == d._col2", source);
+  EXPECT_VOREL_ASSERT(target += shifted, "_col0 == d._col0 && _col1 == d._col1 && _col2 == d._col2",
+                      source);
   EXPECT_VOREL_ASSERT(target += weighted, "_hasRegWeights == d._hasRegWeights", source);
   EXPECT_EQ(target.NRows(), 4);
 }
@@ -307,7 +317,7 @@ constexpr const char* kNSSource = NSKind::kSource;
 
 TEST(SMatrixListwise, ShapeAndBounds) {
   Table t = RandomTable(5, 6, 7, Weighting::kNone, false);
-  t.columns[2][3] = -1e9;
+  t.rows[3][2] = -1e9;
   SMatrixListwise m(2, 5);
   BatchOf batch(t, 0, 6, 6);
   m += batch.batch;
@@ -333,12 +343,9 @@ TEST(SMatrixListwise, ShapeAndBounds) {
     block += batch.batch;
   };
   EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(1, 0)), "_col0 == 0 && _col1 == 0", kSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(-1, 3)), "_col0==_col1 && _col0>=0",
-                      kSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(2, 8)), "_col2 <= nCols && _col2>_col0",
-                      kSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(3, 3)), "_col2 <= nCols && _col2>_col0",
-                      kSSource);
+  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(-1, 3)), "_col0==_col1 && _col0>=0", kSSource);
+  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(2, 8)), "_col2 <= nCols && _col2>_col0", kSSource);
+  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(3, 3)), "_col2 <= nCols && _col2>_col0", kSSource);
   firstBatch(SMatrixListwise(6, 7));  // the last column alone is a block
 
   // A later batch that lacks the block's columns is refused too.
@@ -350,7 +357,7 @@ TEST(SMatrixListwise, ShapeAndBounds) {
 
 TEST(NSMatrixListwise, ShapeAndBounds) {
   Table t = RandomTable(12, 7, 6, Weighting::kNone, false);
-  t.columns[5][4] = 1e7;
+  t.rows[4][5] = 1e7;
   NSMatrixListwise m(1, 3, 6);
   BatchOf batch(t, 0, 7, 7);
   m += batch.batch;

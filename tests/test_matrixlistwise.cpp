@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "pairwise_reference.h"
+#include "listwise_block_reference.h"
 #include "table_support.h"
 #include "test_support.h"
 
@@ -19,48 +19,6 @@ using testing::SameBits;
 constexpr const char* kSource = "backend/vorel/matrixlistwise";
 constexpr double kEps = std::numeric_limits<double>::epsilon();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// The arithmetic of one batch and of one merge, written out as loops. A batch
-// reduces as a pair record of every two columns with nothing missing.
-struct RefListwise {
-  double weightSum = 0, regWeightSum = 0;
-  std::uint64_t nRows = 0;
-  std::vector<double> means = {}, xp = {};  // xp: row r holds columns 0..r
-};
-
-RefListwise RefReduce(const Table& t, std::size_t begin, std::size_t end) {
-  RefListwise r{0, 0, end - begin};
-  for (unsigned c = 0; c < t.NColumns(); ++c) {
-    for (unsigned k = 0; k <= c; ++k) {
-      const testing::pairwise::RefRecord p = testing::pairwise::RefInit(
-          t.Column(c, begin, end).data(), t.Column(k, begin, end).data(),
-          t.w.empty() ? nullptr : &t.w[begin], t.rw.empty() ? nullptr : &t.rw[begin], kNaN,
-          static_cast<int>(end - begin));
-      r.xp.push_back(p.cscp);
-      if (k == c) r.means.push_back(p.mean0);
-      r.weightSum = p.weightSum;
-      r.regWeightSum = p.regWeightSum;
-    }
-  }
-  return r;
-}
-
-void RefMerge(RefListwise& t, const RefListwise& d) {
-  if (t.nRows == 0 || d.weightSum == 0.0) {
-    if (t.nRows == 0) t = d;
-    return;
-  }
-  std::vector<double> m(t.means.size());
-  for (std::size_t i = 0, k = 0; i < m.size(); ++i) {
-    const double shift =
-        testing::pairwise::RefShift(t.means[i], t.regWeightSum, d.means[i], d.regWeightSum);
-    m[i] = t.means[i] + shift;
-    const double a = shift * t.regWeightSum, b = (m[i] - d.means[i]) * d.regWeightSum;
-    for (std::size_t j = 0; j <= i; ++j, ++k)
-      t.xp[k] = (((m[j] - t.means[j]) * a + d.xp[k]) + (m[j] - d.means[j]) * b) + t.xp[k];
-  }
-  t = {t.weightSum + d.weightSum, t.regWeightSum + d.regWeightSum, t.nRows + d.nRows, m, t.xp};
-}
 
 TEST(MatrixListwise, NewMatrixAndPreconditions) {
   MatrixListwise m;
@@ -223,26 +181,20 @@ TEST_P(MatrixListwiseThreaded, DriverEqualsReplayAndOneBatch) {
   if (!t.w.empty()) t.w[6] = 0.0;
   std::vector<DataBatch> batches = Split(t, batchRows);
   MatrixListwise split;
-  RefListwise ref;
+  testing::listwise::RefBlock ref;
   RunPass(
       threads, batches.size(), [] { return MatrixListwise(); },
       [&](MatrixListwise& m, std::size_t i) { m += batches[i]; },
       [&](MatrixListwise& m, const std::vector<std::size_t>& taken) {
         split += m;
-        RefListwise worker;
+        testing::listwise::RefBlock worker;
         for (std::size_t i : taken)
-          RefMerge(worker,
-                   RefReduce(t, i * batchRows, std::min((i + 1) * batchRows, t.rows.size())));
-        RefMerge(ref, worker);
+          testing::listwise::Merge(
+              worker, testing::listwise::ReduceRows(
+                          t, i * batchRows, std::min((i + 1) * batchRows, t.rows.size()), 0, 6));
+        testing::listwise::Merge(ref, worker);
       });
-  ASSERT_EQ(split.NRows(), ref.nRows);
-  EXPECT_PRED2(SameBits, split.WeightSum(), ref.weightSum);
-  EXPECT_PRED2(SameBits, split.RegWeightSum(), ref.regWeightSum);
-  for (unsigned r = 0, k = 0; r < 6; ++r) {
-    EXPECT_PRED2(SameBits, split.Mean(r), ref.means[r]) << r;
-    for (unsigned c = 0; c <= r; ++c, ++k)
-      EXPECT_PRED2(SameBits, split.CCP(r, c), ref.xp[k]) << r << "," << c;
-  }
+  testing::listwise::ExpectSameBits(split, ref, 0);
 
   MatrixListwise whole;
   DataBatch all = MakeBatch(t, 0, t.rows.size());
