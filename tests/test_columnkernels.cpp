@@ -17,23 +17,13 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Random column with a mix of magnitudes, repeated values and signed zeros.
 std::vector<double> RandomColumn(std::mt19937_64& rng, int n) {
+  const double kOdd[] = {-0.0, 1e-310, 7.25};  // 1e-310: subnormal
   std::uniform_real_distribution<double> value(-1e3, 1e3);
   std::uniform_int_distribution<int> kind(0, 9);
   std::vector<double> x(n);
   for (double& v : x) {
-    switch (kind(rng)) {
-      case 0:
-        v = -0.0;
-        break;
-      case 1:
-        v = 1e-310;
-        break;  // subnormal
-      case 2:
-        v = 7.25;
-        break;
-      default:
-        v = value(rng);
-    }
+    const int k = kind(rng);
+    v = k < 3 ? kOdd[k] : value(rng);
   }
   return x;
 }

@@ -203,20 +203,6 @@ TYPED_TEST(ListwiseBlock, ZeroWeightSums) {
   EXPECT_EQ(TypeParam::Make().Max(3), MaxInitial);
 }
 
-TYPED_TEST(ListwiseBlock, AccessorPreconditions) {
-  const Table t = RandomTable(8, 3, 7, Weighting::kNone, false);
-  BatchOf batch(t, 0, 3, 3);
-  auto m = TypeParam::Make();
-  m += batch.batch;
-  const char* const source = TypeParam::kSource;
-  EXPECT_VOREL_ASSERT(m.Mean(0), "c < _my->_col2 && c >= _my->_col0", source);
-  EXPECT_VOREL_ASSERT(m.Min(6), "c < _my->_col2 && c >= _my->_col0", source);
-  EXPECT_VOREL_ASSERT(m.Max(6), "c < _my->_col2 && c >= _my->_col0", source);
-  EXPECT_VOREL_ASSERT(m.CCP(0, 3), "row < _my->_col2 && row >= _my->_col0", source);
-  EXPECT_VOREL_ASSERT(m.CCP(3, 6), "col < _my->_col2 && col >= _my->_col0", source);
-  EXPECT_EQ(m.CCP(2, 4), m.CCP(4, 2));
-}
-
 TYPED_TEST(ListwiseBlock, MergeThroughTheBase) {
   const Table t = RandomTable(99, 8, 7, Weighting::kRegWeights, true);
   auto filled = TypeParam::Make();
@@ -264,7 +250,7 @@ TYPED_TEST(ListwiseBlock, MergeThroughTheBase) {
   EXPECT_VOREL_ASSERT(base += foreign, "d != nullptr", TypeParam::kSource);
 }
 
-TYPED_TEST(ListwiseBlock, MergePreconditions) {
+TYPED_TEST(ListwiseBlock, AccessorAndMergePreconditions) {
   const Table t = RandomTable(3, 4, 7, Weighting::kNone, false);
   const Table tw = RandomTable(3, 4, 7, Weighting::kBoth, false);
   auto filled = [](typename TypeParam::Matrix m, const Table& table) {
@@ -277,6 +263,11 @@ TYPED_TEST(ListwiseBlock, MergePreconditions) {
   auto shifted = filled(TypeParam::Shifted(), t);
   auto weighted = filled(TypeParam::Make(), tw);
   const char* const source = TypeParam::kSource;
+  EXPECT_VOREL_ASSERT(target.Mean(0), "c < _my->_col2 && c >= _my->_col0", source);
+  EXPECT_VOREL_ASSERT(target.Min(6), "c < _my->_col2 && c >= _my->_col0", source);
+  EXPECT_VOREL_ASSERT(target.Max(6), "c < _my->_col2 && c >= _my->_col0", source);
+  EXPECT_VOREL_ASSERT(target.CCP(0, 3), "row < _my->_col2 && row >= _my->_col0", source);
+  EXPECT_VOREL_ASSERT(target.CCP(3, 6), "col < _my->_col2 && col >= _my->_col0", source);
   EXPECT_VOREL_ASSERT(target += wider, "_means.size() == d._means.size()", source);
   EXPECT_VOREL_ASSERT(target += shifted, "_col0 == d._col0 && _col1 == d._col1 && _col2 == d._col2",
                       source);

@@ -15,6 +15,7 @@
 #include <limits>
 #include <memory>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -253,26 +254,19 @@ TEST(NSMatrixPairwise, WorkedRectangleAndPreconditions) {
   EXPECT_VOREL_ASSERT(m += narrower, "_varStats.size() == d._varStats.size()", kNS);
 }
 
-// Each matrix over three columns, and its reference.
+// Each matrix over three columns, its reference and its source.
 template <class M>
-struct Kind;
-template <>
-struct Kind<MatrixPairwise> {
-  static constexpr const char* kSource = kPairwise;
-  static MatrixPairwise Make(double code) { return MatrixPairwise(code); }
-  static RefBlock Ref(double code) { return SBlock(code, 0, 3); }
-};
-template <>
-struct Kind<SMatrixPairwise> {
-  static constexpr const char* kSource = kS;
-  static SMatrixPairwise Make(double code) { return SMatrixPairwise(code); }
-  static RefBlock Ref(double code) { return SBlock(code, 0, 3); }
-};
-template <>
-struct Kind<NSMatrixPairwise> {
-  static constexpr const char* kSource = kNS;
-  static NSMatrixPairwise Make(double code) { return NSMatrixPairwise(code, 0, 1, 3); }
-  static RefBlock Ref(double code) { return NSBlock(code, 0, 1, 3); }
+struct Kind {
+  static constexpr bool kIsNS = std::is_same_v<M, NSMatrixPairwise>;
+  static constexpr const char* kSource =
+      std::is_same_v<M, MatrixPairwise> ? kPairwise : (kIsNS ? kNS : kS);
+  static M Make(double code) {
+    if constexpr (kIsNS)
+      return M(code, 0, 1, 3);
+    else
+      return M(code);
+  }
+  static RefBlock Ref(double code) { return kIsNS ? NSBlock(code, 0, 1, 3) : SBlock(code, 0, 3); }
 };
 
 template <class M>

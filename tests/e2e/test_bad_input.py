@@ -36,8 +36,8 @@ class BadInput(unittest.TestCase):
                 self.expect_failure([SAMPLE, option, "salary"], BAD_USAGE, SAMPLE,
                                     'no column "salary"', "income")
 
-    def test_rows_with_too_few_or_too_many_fields(self):
-        self.expect_data_error("a,b,c\n1,2,3\n4,5\n", [], "line 3:", "2 fields, the header has 3")
+    def test_row_with_a_wrong_field_count(self):
+        # The blank line 3 still counts.
         self.expect_data_error("a,b,c\n1,2,3\n\n4,5,6\n7,8,9,10\n", [], "line 5:",
                                "4 fields, the header has 3")
 
@@ -53,8 +53,6 @@ class BadInput(unittest.TestCase):
     def test_weight_negative_or_not_a_number(self):
         self.expect_data_error("x,w\n1,1\n2,-3\n", ["-w", "w"], 'line 3, column 2 ("w")',
                                "is negative", "unchanged into every sum")
-        self.expect_data_error("x,w\n1,1\n2,heavy\n", ["-w", "w"], 'line 3, column 2 ("w")',
-                               "not a number")
         self.expect_data_error("x,w\n1,1\n2,NaN\n", ["-w", "w", "--missing-text", "empty"],
                                "line 3", "not a number")
 
