@@ -107,8 +107,9 @@ TEST_P(BlockedMatrices, DiscriminantTablesMatchTheirFormulas) {
 // and the others from the masked pass over all pairs or, when only a few pairs
 // have missing cells (one column of 27), from their own reduction; every way
 // the records are those of the per-column and per-pair reduction, bit for bit.
-// Column c has missing cells when c % 3 == 1 (at row 0, at the last row or a
-// run in the middle), or with `few` only the last column has some.
+// Column c has missing cells when c % 3 == 1 (at row 0, at the last row, at
+// one row inside or a run in the middle), or with `few` only the last column
+// has some.
 TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
   using namespace testing::pairwise;
   for (int p : {5, 14, 27}) {
@@ -122,7 +123,10 @@ TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
       if (!regWeights) t.rw.clear();
       for (int c = few ? p - 1 : 1; c < p; c += 3)
         for (int i = 0; i < n; ++i)
-          if (c % 4 == 0 ? i == 0 : c % 4 == 1 ? i == n - 1 : i >= n / 3 && i < n / 3 + 9)
+          if (c % 4 == 0   ? i == 0
+              : c % 4 == 1 ? i == n - 1
+              : c % 4 == 2 ? i == 200 + c % 8
+                           : i >= n / 3 && i < n / 3 + 9)
             t.rows[i][c] = kMissing;
       DataBatch batch = MakeBatch(t, 0, t.rows.size());
       MatrixPairwise m(kMissing);

@@ -1,5 +1,9 @@
 #include "completecolumns.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "columnkernels.h"
 #include "crossproducts.h"
 
@@ -7,17 +11,21 @@ namespace vorel {
 namespace {
 
 // Whether any of the n cells compares equal to code (a NaN code never does).
-// The test runs a block of rows at a time without stopping, so that it
-// compiles to vector compares; it stops at the first block with a hit.
+// Every column of every batch goes through here, so it takes eight cells a
+// step with vector compares (ordered equality, as ==) and stops at the first
+// step with a hit.
 bool HasCell(const double* x, int n, double code) {
-  constexpr int kBlock = 64;
   int i = 0;
-  for (; i + kBlock <= n; i += kBlock) {
-    bool hit = false;
-    for (int k = 0; k < kBlock; ++k)
-      hit |= x[i + k] == code;
-    if (hit) return true;
+#if defined(__SSE2__)
+  const __m128d c = _mm_set1_pd(code);
+  for (; i + 8 <= n; i += 8) {
+    const __m128d a = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i), c),
+                                _mm_cmpeq_pd(_mm_loadu_pd(x + i + 2), c));
+    const __m128d b = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i + 4), c),
+                                _mm_cmpeq_pd(_mm_loadu_pd(x + i + 6), c));
+    if (_mm_movemask_pd(_mm_or_pd(a, b)) != 0) return true;
   }
+#endif
   for (; i < n; ++i)
     if (x[i] == code) return true;
   return false;
@@ -25,8 +33,21 @@ bool HasCell(const double* x, int n, double code) {
 
 }  // namespace
 
-void CompleteColumns::Reduce(const DataBatch& data, int first, int count, double missingCode,
-                             Pairs pairs, int split, bool extremes, int minimum) {
+BatchTotals TotalsOf(const DataBatch& data, int n) {
+  const double* w = data.Weights();
+  const double* rw = data.RegWeights();
+  BatchTotals t;
+  t.weightSum = SumWeights(w, n);
+  t.regWeights = rw != nullptr;
+  t.regWeightSum = rw == nullptr  ? t.weightSum
+                   : w == nullptr ? SumValues(rw, n)
+                                  : DotProduct(rw, w, n);
+  return t;
+}
+
+void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, int first,
+                             int count, double missingCode, Pairs pairs, int split, bool extremes,
+                             int minimum) {
   const int n = static_cast<int>(data.NRows());
   _slot.assign(static_cast<std::size_t>(count), -1);
   _columns.clear();
@@ -52,10 +73,8 @@ void CompleteColumns::Reduce(const DataBatch& data, int first, int count, double
   const double* w = data.Weights();
   const double* rw = data.RegWeights();
   _nRows = n;
-  _weightSum = SumWeights(w, n);
-  _regWeightSum = rw == nullptr  ? _weightSum
-                  : w == nullptr ? SumValues(rw, n)
-                                 : DotProduct(rw, w, n);
+  _weightSum = totals.weightSum;
+  _regWeightSum = totals.regWeightSum;
   const double* v = rw == nullptr ? w : rw;  // the combined weights
   if (w != nullptr && rw != nullptr) {
     _combined.resize(static_cast<std::size_t>(n));

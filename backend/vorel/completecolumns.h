@@ -30,6 +30,17 @@
 
 namespace vorel {
 
+// A batch's totals over all its rows: the weights, and the weights times the
+// regression weights (the weights alone without regression weights). A
+// pairwise matrix needs them for its own totals and for the records of its
+// complete columns; one sum each, taken once.
+struct BatchTotals {
+  double weightSum = 0.0;
+  double regWeightSum = 0.0;
+  bool regWeights = false;
+};
+BatchTotals TotalsOf(const DataBatch& data, int n);
+
 class CompleteColumns {
  public:
   // Which pairs the matrix keeps: every pair within the block, or each
@@ -45,8 +56,9 @@ class CompleteColumns {
   // columns first ..) and reduces them: means (and extremes when asked),
   // corrected sums of squares, and the cross-products of the pairs kept.
   // Nothing is reduced when fewer than minimum columns are complete.
-  void Reduce(const DataBatch& data, int first, int count, double missingCode, Pairs pairs,
-              int split, bool extremes, int minimum);
+  // totals are the batch's, as TotalsOf gives them.
+  void Reduce(const DataBatch& data, const BatchTotals& totals, int first, int count,
+              double missingCode, Pairs pairs, int split, bool extremes, int minimum);
 
   bool Complete(int j) const { return _slot[static_cast<std::size_t>(j)] >= 0; }
   // The pairs kept whose two columns are both complete.

@@ -10,6 +10,7 @@
 
 #include "columnkernels.h"
 #include "completecolumns.h"
+#include "pairwisefold.h"
 #include "pairwiserecords.h"
 #include "storelimits.h"
 
@@ -69,8 +70,7 @@ struct MatrixPairwiseData {
   ScatteredPairs _scattered;
 
  private:
-  void AddTableSums(const DataBatch& data);
-  void UpdateRecords(const DataBatch& data);
+  void UpdateRecords(const DataBatch& data, const BatchTotals& totals);
 };
 
 void MatrixPairwiseData::CreateStats(const DataBatch& data) {
@@ -93,21 +93,10 @@ void MatrixPairwiseData::Accumulate(const DataBatch& data) {
   VOREL_ASSERT(_hasRegWeights == data.HasRegWeights());
   _nRows += n;
   VOREL_ASSERT(_varStats.size() == nCols);
-  AddTableSums(data);
-  UpdateRecords(data);
-}
-
-// The table's totals cover every row; the missing code plays no part.
-void MatrixPairwiseData::AddTableSums(const DataBatch& data) {
-  const int n = Rows(data.NRows());
-  _weightSum += SumWeights(data.Weights(), n);
-  if (!data.HasRegWeights()) {
-    _regWeightSum = _weightSum;
-  } else if (data.HasWeights()) {
-    _regWeightSum += DotProduct(data.Weights(), data.RegWeights(), n);
-  } else {
-    _regWeightSum += SumValues(data.RegWeights(), n);
-  }
+  // The table's totals cover every row; the missing code plays no part.
+  const BatchTotals totals = TotalsOf(data, Rows(n));
+  AddBatchWeights(totals, _weightSum, _regWeightSum);
+  UpdateRecords(data, totals);
 }
 
 // Each column, then each pair of it with a lower column, reduced on its own
@@ -117,13 +106,13 @@ void MatrixPairwiseData::AddTableSums(const DataBatch& data) {
 // pairs go through one masked pass. Either gives the same bits as the pair's
 // own reduction (see completecolumns.h), without a compressed copy per column
 // and pair.
-void MatrixPairwiseData::UpdateRecords(const DataBatch& data) {
+void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals& totals) {
   const unsigned n = data.NRows();
   const unsigned nCols = data.NColumns();
   const double* weights = data.Weights();
   const double* regWeights = data.RegWeights();
   const CompleteColumns& full = _complete;
-  _complete.Reduce(data, 0, static_cast<int>(nCols), _workArea.missingCode,
+  _complete.Reduce(data, totals, 0, static_cast<int>(nCols), _workArea.missingCode,
                    CompleteColumns::Pairs::Triangle, 0, false, 1);
   const bool masked = ScatteredPairs::WorthIt(
       static_cast<long long>(nCols) * (static_cast<long long>(nCols) - 1) / 2,

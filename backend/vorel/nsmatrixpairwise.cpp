@@ -100,8 +100,9 @@ void NSMatrixPairwiseData::Accumulate(const DataBatch& data) {
   if (n == 0) return;
   const std::size_t nCols = static_cast<std::size_t>(_col2 - _col0);
   VOREL_ASSERT(_varStats.size() == nCols);
-  AddBatchWeights(data, n, _weightSum, _regWeightSum);
-  _complete.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
+  const BatchTotals totals = TotalsOf(data, n);
+  AddBatchWeights(totals, _weightSum, _regWeightSum);
+  _complete.Reduce(data, totals, _col0, _col2 - _col0, _workArea.missingCode,
                    CompleteColumns::Pairs::Rectangle, _col1 - _col0, true, 1);
   _useScattered = ScatteredPairs::WorthIt(static_cast<long long>(_col1 - _col0) * (_col2 - _col1),
                                           _complete.CompletePairs());

@@ -17,18 +17,12 @@
 
 namespace vorel {
 
-// Adds the n rows of a batch to a matrix's totals, whatever their cells hold.
+// Adds a batch's totals to a matrix's, whatever the batch's cells hold.
 // Without regression weights the combined total is the plain total, so it is
 // set rather than added to and the two can never drift apart.
-inline void AddBatchWeights(const DataBatch& data, int n, double& weightSum, double& regWeightSum) {
-  weightSum += SumWeights(data.Weights(), n);
-  if (data.RegWeights() == nullptr) {
-    regWeightSum = weightSum;
-  } else if (data.Weights() == nullptr) {
-    regWeightSum += SumValues(data.RegWeights(), n);
-  } else {
-    regWeightSum += DotProduct(data.RegWeights(), data.Weights(), n);
-  }
+inline void AddBatchWeights(const BatchTotals& batch, double& weightSum, double& regWeightSum) {
+  weightSum += batch.weightSum;
+  regWeightSum = batch.regWeights ? regWeightSum + batch.regWeightSum : weightSum;
 }
 
 // Reduces column col of the batch into scratch and folds it into target.

@@ -42,7 +42,7 @@ struct SMatrixPairwiseData {
   void Merge(const SMatrixPairwiseData& d);
 
  private:
-  void FoldColumnsAndPairs(const DataBatch& data, int n);
+  void FoldColumnsAndPairs(const DataBatch& data, const BatchTotals& totals, int n);
   void Swap(SMatrixPairwiseData& other) noexcept;
 };
 
@@ -99,20 +99,22 @@ void SMatrixPairwiseData::Accumulate(const DataBatch& data) {
   if (n == 0) return;
   const std::size_t nCols = static_cast<std::size_t>(_col2 - _col0);
   VOREL_ASSERT(_varStats.size() == nCols);
-  AddBatchWeights(data, n, _weightSum, _regWeightSum);
-  FoldColumnsAndPairs(data, n);
+  const BatchTotals totals = TotalsOf(data, n);
+  AddBatchWeights(totals, _weightSum, _regWeightSum);
+  FoldColumnsAndPairs(data, totals, n);
 }
 
 // Column by column: the column's own record, then at once its pairs with the
 // columns before it, the later column as the pair's first variable.
-void SMatrixPairwiseData::FoldColumnsAndPairs(const DataBatch& data, int n) {
+void SMatrixPairwiseData::FoldColumnsAndPairs(const DataBatch& data, const BatchTotals& totals,
+                                              int n) {
   // One scratch record of each kind serves the whole batch: Init replaces all
   // of a record, so this is the same as a fresh temporary per column and pair.
   VarStat columnScratch;
   PairStat pairScratch;
   const int nCols = _col2 - _col0;
-  _complete.Reduce(data, _col0, nCols, _workArea.missingCode, CompleteColumns::Pairs::Triangle, 0,
-                   true, 1);
+  _complete.Reduce(data, totals, _col0, nCols, _workArea.missingCode,
+                   CompleteColumns::Pairs::Triangle, 0, true, 1);
   const ScatteredPairs* scattered = nullptr;
   if (ScatteredPairs::WorthIt(static_cast<long long>(nCols) * (nCols - 1) / 2,
                               _complete.CompletePairs())) {
