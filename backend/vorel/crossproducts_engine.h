@@ -328,7 +328,10 @@ class Prefetcher {
  public:
   Prefetcher(const CrossProductJob& job, Index i0, Index rows)
       : _job(job), _i0(i0), _rows(rows > 0 ? rows : 0) {
-    if (_rows > 0 && _job.cols.count > 0) _at = ColumnOf(_job.cols, 0) + _i0;
+    if (_rows == 0)
+      _column = _job.cols.count;  // past the last row: nothing to ask for
+    else if (_job.cols.count > 0)
+      _at = ColumnOf(_job.cols, 0) + _i0;
   }
   // One line every `rows` rows of tile work (at least one).
   void Pace(Index rows) { _every = _countdown = rows > 0 ? rows : 1; }
@@ -339,7 +342,7 @@ class Prefetcher {
     Step();
   }
   void Finish() {
-    while (_column < _job.cols.count && _rows > 0)
+    while (_column < _job.cols.count)
       Step();
   }
   Index Lines() const { return static_cast<Index>(_job.cols.count) * ((_rows + 7) / 8); }
