@@ -191,6 +191,27 @@ TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {
       EXPECT_TRUE(SameBits(sumW[k], refW[k])) << k;
     }
     EXPECT_TRUE(SameBits(total, refTotal));
+    // Several columns side by side give each column's own bits, across the
+    // groups of columns taken together.
+    for (int count = 1; count <= 2 * kScatterColumns - 1; ++count) {
+      std::vector<std::vector<double>> cols;
+      std::vector<const double*> xs;
+      for (int c = 0; c < count; ++c)
+        cols.push_back(RandomColumn(rng, n));
+      for (const auto& c : cols)
+        xs.push_back(c.data());
+      std::vector<double> many(5 * count, 1.5), manySq(5 * count, -2.0);
+      ScatterWeightedSumsOfColumns(xs.data(), count, g.data(), wp, many.data(), manySq.data(), 5,
+                                   n);
+      for (int c = 0; c < count; ++c) {
+        std::vector<double> one(5, 1.5), oneSq(5, -2.0);
+        ScatterWeightedSums(xs[c], g.data(), wp, one.data(), oneSq.data(), n);
+        for (int k = 0; k < 5; ++k) {
+          EXPECT_TRUE(SameBits(many[5 * c + k], one[k])) << count << " columns, " << c;
+          EXPECT_TRUE(SameBits(manySq[5 * c + k], oneSq[k])) << count << " columns, " << c;
+        }
+      }
+    }
     // n = 0 leaves everything as it was.
     ScatterWeights(g.data(), wp, sumW, &total, 0);
     ScatterSums(x.data(), g.data(), sum.data(), sumSq.data(), 0);

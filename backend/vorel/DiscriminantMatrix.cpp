@@ -127,11 +127,11 @@ void DiscriminantMatrixData::Accumulate(const DataBatch& data) {
   const double* weights = data.Weights();
   double weightSum = 0.0;
   ScatterWeights(groups, weights, sumW, &weightSum, nRows);
-  for (int i = 0; i < nCols; ++i) {
-    const std::size_t offset = static_cast<std::size_t>(_nGroup) * i;
-    ScatterWeightedSums(data.Column(static_cast<unsigned>(i)), groups, weights,
-                        sumX1.get() + offset, sumX2.get() + offset, nRows);
-  }
+  std::vector<const double*> columns(static_cast<std::size_t>(nCols));
+  for (int i = 0; i < nCols; ++i)
+    columns[static_cast<std::size_t>(i)] = data.Column(static_cast<unsigned>(i));
+  ScatterWeightedSumsOfColumns(columns.data(), nCols, groups, weights, sumX1.get(), sumX2.get(),
+                               static_cast<std::size_t>(_nGroup), nRows);
   const int tsspIndex = AccumulateCrossProducts(data, weights, nRows, tssp.get());
   VOREL_ASSERT(tsspIndex == nCellsTSSP);
 

@@ -121,38 +121,60 @@ double MinValue(const double* x, int n) {
   return best;
 }
 
-void ScatterSums(const double* x, const unsigned* g, double* sum, double* sumSq, int n) {
-  int i = 0;
-  for (; i + 4 <= n; i += 4) {
-    for (int k = i; k < i + 4; ++k) {
-      sum[g[k]] += x[k];
-      sumSq[g[k]] += x[k] * x[k];
+namespace {
+
+// C columns side by side, row by row. Each cell of a table still takes its
+// rows in order, so the bits are those of one column at a time; the columns'
+// chains of additions are independent, so interleaving them keeps the
+// additions to one group from waiting on each other. Unweighted, t is x and
+// t * x is x * x.
+template <int C, bool Weighted>
+void ScatterColumns(const double* const* x, const unsigned* g, const double* w, double* sum,
+                    double* sumSq, std::size_t stride, int n) {
+  for (int i = 0; i < n; ++i) {
+    const std::size_t at = g[i];
+    double v[C];
+#pragma GCC unroll 8
+    for (int c = 0; c < C; ++c)
+      v[c] = x[c][i];
+#pragma GCC unroll 8
+    for (int c = 0; c < C; ++c) {
+      const double t = Weighted ? v[c] * w[i] : v[c];
+      sum[c * stride + at] += t;
+      sumSq[c * stride + at] += t * v[c];
     }
   }
-  for (; i < n; ++i) {
-    sum[g[i]] += x[i];
-    sumSq[g[i]] += x[i] * x[i];
-  }
+}
+
+}  // namespace
+
+void ScatterSums(const double* x, const unsigned* g, double* sum, double* sumSq, int n) {
+  ScatterColumns<1, false>(&x, g, nullptr, sum, sumSq, 0, n);
 }
 
 void ScatterWeightedSums(const double* x, const unsigned* g, const double* w, double* sum,
                          double* sumSq, int n) {
-  if (w == nullptr) {
-    ScatterSums(x, g, sum, sumSq, n);
-    return;
+  ScatterWeightedSumsOfColumns(&x, 1, g, w, sum, sumSq, 0, n);
+}
+
+void ScatterWeightedSumsOfColumns(const double* const* x, int count, const unsigned* g,
+                                  const double* w, double* sum, double* sumSq, std::size_t stride,
+                                  int n) {
+  // kScatterColumns columns at a time side by side, those left over one by one.
+  int c = 0;
+  for (; c + kScatterColumns <= count; c += kScatterColumns) {
+    const std::size_t shift = static_cast<std::size_t>(c) * stride;
+    if (w != nullptr)
+      ScatterColumns<kScatterColumns, true>(x + c, g, w, sum + shift, sumSq + shift, stride, n);
+    else
+      ScatterColumns<kScatterColumns, false>(x + c, g, w, sum + shift, sumSq + shift, stride, n);
   }
-  int i = 0;
-  for (; i + 4 <= n; i += 4) {
-    for (int k = i; k < i + 4; ++k) {
-      const double t = x[k] * w[k];
-      sum[g[k]] += t;
-      sumSq[g[k]] += t * x[k];
-    }
-  }
-  for (; i < n; ++i) {
-    const double t = x[i] * w[i];
-    sum[g[i]] += t;
-    sumSq[g[i]] += t * x[i];
+  for (; c < count; ++c) {
+    const std::size_t shift = static_cast<std::size_t>(c) * stride;
+    if (w != nullptr)
+      ScatterColumns<1, true>(x + c, g, w, sum + shift, sumSq + shift, stride, n);
+    else
+      ScatterColumns<1, false>(x + c, g, w, sum + shift, sumSq + shift, stride, n);
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <vorel/initialextremes.h>
 
+#include <cstddef>
 #include <vector>
 
 namespace vorel {
@@ -54,6 +55,13 @@ void ScatterSums(const double* x, const unsigned* g, double* sum, double* sumSq,
 // w null: ScatterSums. Otherwise t = x[i] * w[i]; sum[g] += t; sumSq[g] += t * x[i].
 void ScatterWeightedSums(const double* x, const unsigned* g, const double* w, double* sum,
                          double* sumSq, int n);
+// ScatterWeightedSums for the columns x[0 .. count), column c into the tables
+// at sum + c * stride and sumSq + c * stride, the same bits, faster: the
+// columns go kScatterColumns at a time, side by side.
+constexpr int kScatterColumns = 4;
+void ScatterWeightedSumsOfColumns(const double* const* x, int count, const unsigned* g,
+                                  const double* w, double* sum, double* sumSq, std::size_t stride,
+                                  int n);
 // sumW[g[i]] += 1.0; *total += 1.0.
 void ScatterUnitWeights(const unsigned* g, std::vector<double>& sumW, double* total, int n);
 // w null: ScatterUnitWeights. Otherwise sumW[g[i]] += w[i]; *total += w[i].
