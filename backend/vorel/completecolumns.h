@@ -123,4 +123,45 @@ class ScatteredPairs {
   int _count = 0;
 };
 
+// The figures of a record, of the whole table's kind or a block's, taken
+// over from the blocked pass (column j, or the pair of columns a and b, all
+// complete) or from the masked pass; the same bits as the record's own
+// reduction. A column record that keeps extremes gets them too.
+template <class Record>
+void TakeColumnFigures(Record& r, const CompleteColumns& full, int j) {
+  r.nRows = static_cast<decltype(r.nRows)>(full.NRows());
+  r.weightSum = full.WeightSum();
+  r.regWeightSum = full.RegWeightSum();
+  r.mean = full.Mean(j);
+  r.css = full.CSS(j);
+  if constexpr (requires { r.min; }) {
+    r.min = full.Min(j);
+    r.max = full.Max(j);
+  }
+}
+
+template <class Record>
+void TakePairFigures(Record& r, const CompleteColumns& full, int a, int b) {
+  r.nRows = static_cast<decltype(r.nRows)>(full.NRows());
+  r.weightSum = full.WeightSum();
+  r.regWeightSum = full.RegWeightSum();
+  r.mean0 = full.Mean(a);
+  r.mean1 = full.Mean(b);
+  r.css0 = full.CSS(a);
+  r.css1 = full.CSS(b);
+  r.cscp = full.CSCP(a, b);
+}
+
+template <class Record>
+void TakePairFigures(Record& r, const PairFigures& f) {
+  r.nRows = static_cast<decltype(r.nRows)>(f.nRows);
+  r.weightSum = f.weightSum;
+  r.regWeightSum = f.regWeightSum;
+  r.mean0 = f.mean0;
+  r.mean1 = f.mean1;
+  r.css0 = f.css0;
+  r.css1 = f.css1;
+  r.cscp = f.cscp;
+}
+
 }  // namespace vorel

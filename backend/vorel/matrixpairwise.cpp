@@ -126,11 +126,7 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals&
     const int ic = static_cast<int>(c);
     VarStatsData var;
     if (full.Complete(ic)) {
-      var.nRows = n;
-      var.weightSum = full.WeightSum();
-      var.regWeightSum = full.RegWeightSum();
-      var.mean = full.Mean(ic);
-      var.css = full.CSS(ic);
+      TakeColumnFigures(var, full, ic);
     } else {
       var.Init(column, weights, regWeights, _workArea, n);
     }
@@ -139,24 +135,9 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals&
       const int ik = static_cast<int>(k);
       PairStatsData pair;
       if (full.Complete(ic) && full.Complete(ik)) {
-        pair.nRows = n;
-        pair.weightSum = full.WeightSum();
-        pair.regWeightSum = full.RegWeightSum();
-        pair.mean0 = full.Mean(ic);
-        pair.mean1 = full.Mean(ik);
-        pair.css0 = full.CSS(ic);
-        pair.css1 = full.CSS(ik);
-        pair.cscp = full.CSCP(ic, ik);
+        TakePairFigures(pair, full, ic, ik);
       } else if (masked) {
-        const PairFigures& f = _scattered.Pair(ic, ik);
-        pair.nRows = static_cast<std::uint64_t>(f.nRows);
-        pair.weightSum = f.weightSum;
-        pair.regWeightSum = f.regWeightSum;
-        pair.mean0 = f.mean0;
-        pair.mean1 = f.mean1;
-        pair.css0 = f.css0;
-        pair.css1 = f.css1;
-        pair.cscp = f.cscp;
+        TakePairFigures(pair, _scattered.Pair(ic, ik));
       } else {
         pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
       }

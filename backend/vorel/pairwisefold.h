@@ -52,14 +52,7 @@ inline void FoldColumn(const DataBatch& data, int col, int j, const CompleteColu
     FoldColumn(data, col, n, work, scratch, target);
     return;
   }
-  VarStatData& figures = scratch.Data();
-  figures.nRows = complete.NRows();
-  figures.weightSum = complete.WeightSum();
-  figures.regWeightSum = complete.RegWeightSum();
-  figures.mean = complete.Mean(j);
-  figures.css = complete.CSS(j);
-  figures.min = complete.Min(j);
-  figures.max = complete.Max(j);
+  TakeColumnFigures(scratch.Data(), complete, j);
   target.Update(scratch);
 }
 
@@ -76,26 +69,11 @@ inline void FoldPair(const DataBatch& data, int first, int second, int a, int b,
       FoldPair(data, first, second, n, work, scratch, target);
       return;
     }
-    const PairFigures& f = scattered->Pair(a, b);
-    figures.nRows = static_cast<int>(f.nRows);
-    figures.weightSum = f.weightSum;
-    figures.regWeightSum = f.regWeightSum;
-    figures.mean0 = f.mean0;
-    figures.mean1 = f.mean1;
-    figures.css0 = f.css0;
-    figures.css1 = f.css1;
-    figures.cscp = f.cscp;
+    TakePairFigures(figures, scattered->Pair(a, b));
     target.Update(scratch);
     return;
   }
-  figures.nRows = complete.NRows();
-  figures.weightSum = complete.WeightSum();
-  figures.regWeightSum = complete.RegWeightSum();
-  figures.mean0 = complete.Mean(a);
-  figures.mean1 = complete.Mean(b);
-  figures.css0 = complete.CSS(a);
-  figures.css1 = complete.CSS(b);
-  figures.cscp = complete.CSCP(a, b);
+  TakePairFigures(figures, complete, a, b);
   target.Update(scratch);
 }
 
