@@ -126,58 +126,52 @@ double PlainCorrected(const Shared& s, bool lastWeighted = true) {
 
 // ---------------------------------------------------------------- listwise
 
-// Args: p, n, weighted.
-void BM_MatrixListwise(benchmark::State& state) {
+// One batch into a new listwise matrix made by make(p); the cell read(m, p)
+// of the first iteration is checked against the plain loops (lastWeighted as
+// in PlainCorrected). Args: p, n, weighted.
+template <class Make, class Read>
+void ListwiseBatch(benchmark::State& state, Make make, Read read, bool lastWeighted, double items,
+                   const char* what) {
   const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
   Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
-  const double want = PlainCorrected(s);
+  const double want = PlainCorrected(s, lastWeighted);
   double got = 0.0;
   bool first = true;
   for (auto _ : state) {
-    MatrixListwise m;
+    auto m = make(p);
     m += *s.batch;
-    if (first) got = m.CCP(static_cast<unsigned>(p - 1), 0);
+    if (first) got = read(m, p);
     first = false;
   }
   s.spent = true;
-  Check(state, SameBits(got, want), "listwise cell");
-  SetRates(state, Cells(p) * n, Bytes(p, n, s.weighted));
+  Check(state, SameBits(got, want), what);
+  SetRates(state, items * n, Bytes(p, n, s.weighted));
+}
+
+void BM_MatrixListwise(benchmark::State& state) {
+  const int p = static_cast<int>(state.range(0));
+  ListwiseBatch(
+      state, [](int) { return MatrixListwise(); },
+      [](const MatrixListwise& m, int q) { return m.CCP(static_cast<unsigned>(q - 1), 0); }, true,
+      Cells(p), "listwise cell");
 }
 
 void BM_SMatrixListwise(benchmark::State& state) {
-  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
-  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
-  const double want = PlainCorrected(s);
-  double got = 0.0;
-  bool first = true;
-  for (auto _ : state) {
-    SMatrixListwise m;
-    m += *s.batch;
-    if (first) got = m.CCP(p - 1, 0);
-    first = false;
-  }
-  s.spent = true;
-  Check(state, SameBits(got, want), "block cell");
-  SetRates(state, Cells(p) * n, Bytes(p, n, s.weighted));
+  const int p = static_cast<int>(state.range(0));
+  ListwiseBatch(
+      state, [](int) { return SMatrixListwise(); },
+      [](const SMatrixListwise& m, int q) { return m.CCP(q - 1, 0); }, true, Cells(p),
+      "block cell");
 }
 
 // The first half of the columns against the second, with all sums of squares.
 void BM_NSMatrixListwise(benchmark::State& state) {
-  const int p = static_cast<int>(state.range(0)), n = static_cast<int>(state.range(1));
-  Shared& s = SharedBatch(p, n, state.range(2) != 0, kNone);
-  const double want = PlainCorrected(s, false);
-  double got = 0.0;
-  bool first = true;
-  for (auto _ : state) {
-    NSMatrixListwise m(0, p / 2, p);
-    m += *s.batch;
-    if (first) got = m.CCP(0, p - 1);
-    first = false;
-  }
-  s.spent = true;
-  Check(state, SameBits(got, want), "rectangle cell");
+  const int p = static_cast<int>(state.range(0));
   const double half = p / 2;
-  SetRates(state, (half * (p - half) + p) * n, Bytes(p, n, s.weighted));
+  ListwiseBatch(
+      state, [](int q) { return NSMatrixListwise(0, q / 2, q); },
+      [](const NSMatrixListwise& m, int q) { return m.CCP(0, q - 1); }, false,
+      half * (p - half) + p, "rectangle cell");
 }
 
 // ---------------------------------------------------------------- discriminant
