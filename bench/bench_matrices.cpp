@@ -37,13 +37,6 @@ enum Missing { kNone = 0, kEven = 1, kConcentrated = 2 };
 
 double Cells(int p) { return 0.5 * p * (p + 1.0); }
 
-std::uint64_t Next(std::uint64_t& s) {
-  std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
-  return z ^ (z >> 31);
-}
-double Unit(std::uint64_t& s) { return static_cast<double>(Next(s) >> 11) * 0x1.0p-53; }
 
 // One batch of a shape, made once and kept while benchmarks of that shape
 // run. Listwise classes centre it in place (and mark it spent, so that the

@@ -4,9 +4,7 @@
 #include <memory>
 
 namespace vorel::bench {
-namespace {
 
-// splitmix64: fast, and the same numbers on every machine.
 std::uint64_t Next(std::uint64_t& s) {
   std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
   z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
@@ -14,10 +12,7 @@ std::uint64_t Next(std::uint64_t& s) {
   return z ^ (z >> 31);
 }
 
-// Uniform in [0, 1).
 double Unit(std::uint64_t& s) { return static_cast<double>(Next(s) >> 11) * 0x1.0p-53; }
-
-}  // namespace
 
 Table MakeTable(int p, int n, std::uint64_t seed) {
   Table t;

@@ -12,6 +12,11 @@
 
 namespace vorel::bench {
 
+// splitmix64: fast, and the same numbers on every machine.
+std::uint64_t Next(std::uint64_t& s);
+// Uniform in [0, 1).
+double Unit(std::uint64_t& s);
+
 // p columns of n rows, column-major with stride n, and a positive weight per
 // row. Values differ in scale and offset from column to column, so that the
 // centring has work to do and no column is constant.

@@ -31,6 +31,17 @@ bool HasCell(const double* x, int n, double code) {
   return false;
 }
 
+// The combined weight of each row: the weights, the regression weights, or
+// with both their products, made in store; null without either.
+const double* CombinedWeights(const double* w, const double* rw, int n,
+                              std::vector<double>& store) {
+  if (w == nullptr || rw == nullptr) return rw == nullptr ? w : rw;
+  store.resize(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i)
+    store[static_cast<std::size_t>(i)] = w[i] * rw[i];
+  return store.data();
+}
+
 }  // namespace
 
 BatchTotals TotalsOf(const DataBatch& data, int n) {
@@ -75,13 +86,7 @@ void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, i
   _nRows = n;
   _weightSum = totals.weightSum;
   _regWeightSum = totals.regWeightSum;
-  const double* v = rw == nullptr ? w : rw;  // the combined weights
-  if (w != nullptr && rw != nullptr) {
-    _combined.resize(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i)
-      _combined[static_cast<std::size_t>(i)] = w[i] * rw[i];
-    v = _combined.data();
-  }
+  const double* v = CombinedWeights(w, rw, n, _combined);
 
   const auto size = static_cast<std::size_t>(m);
   _means.resize(size);
@@ -148,13 +153,7 @@ void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double 
     _columns.push_back(const_cast<double*>(data.Column(static_cast<unsigned>(first + j))));
   const double* w = data.Weights();
   const double* rw = data.RegWeights();
-  const double* v = rw == nullptr ? w : rw;  // the combined weights
-  if (w != nullptr && rw != nullptr) {
-    _combined.resize(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i)
-      _combined[static_cast<std::size_t>(i)] = w[i] * rw[i];
-    v = _combined.data();
-  }
+  const double* v = CombinedWeights(w, rw, n, _combined);
 
   MaskedPairsJob job;
   job.weights = w;
