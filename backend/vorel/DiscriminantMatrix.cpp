@@ -3,14 +3,15 @@
 #include <vorelhost/assertion.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <utility>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
 namespace vorel {
@@ -48,6 +49,23 @@ struct DiscriminantMatrixData {
   }
   std::size_t TriangleCells() const {
     return internal::CheckedTableCells(internal::CheckedMatrixRowCount(_nVar));
+  }
+
+  static constexpr internal::StateKind kStateKind = internal::StateKind::DiscriminantMatrix;
+  // Flags, shape, totals, then sumW, sumX1, sumX2 and TSSP as stored. The
+  // shape of an empty record is whatever it was built with.
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r) {
+    bool filled = !r.Empty();
+    a.Flag(internal::StateFlag::Filled, filled);
+    a.Dim("groups", r._nGroup, filled ? 0 : INT_MIN, INT_MAX);
+    a.Dim("variables", r._nVar, filled ? 1 : INT_MIN, INT_MAX);
+    a.RowCount(r._nRows, filled);
+    a.Real(r._weightSum);
+    a.Reals(r._sumW, filled ? static_cast<std::size_t>(r._nGroup) : 0);
+    a.Reals(r._sumX1, filled ? r.GroupCells() : 0, filled);
+    a.Reals(r._sumX2, filled ? r.GroupCells() : 0, filled);
+    a.Reals(r._TSSP, filled ? r.TriangleCells() : 0, filled);
   }
 };
 
@@ -138,6 +156,12 @@ template class internal::RecordHandle<DiscriminantMatrixData>;
 DiscriminantMatrix::DiscriminantMatrix() : _my(std::in_place) {}
 
 DiscriminantMatrix::DiscriminantMatrix(int nGroup, int nVar) : _my(std::in_place, nGroup, nVar) {}
+
+std::vector<std::byte> DiscriminantMatrix::SaveState() const { return internal::SaveRecord(*_my); }
+
+DiscriminantMatrix DiscriminantMatrix::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(DiscriminantMatrix(), &DiscriminantMatrix::_my, state);
+}
 
 int DiscriminantMatrix::NRows() const { return _my->_nRows; }
 

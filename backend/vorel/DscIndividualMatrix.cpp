@@ -3,13 +3,14 @@
 #include <vorelhost/assertion.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <utility>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
 namespace vorel {
@@ -50,6 +51,20 @@ struct DiscIndividualMatrixData {
   std::size_t TableCells() const {
     const long long countMatrix = internal::CheckedMatrixRowCount(_nVar + 1LL) + _nVar + 1LL;
     return internal::CheckedTableCells(countMatrix * _nGroup);
+  }
+
+  static constexpr internal::StateKind kStateKind = internal::StateKind::DiscIndividualMatrix;
+  // Flags, shape, totals, then the table as stored. The shape of an empty
+  // record is whatever it was built with.
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r) {
+    bool filled = !r.Empty();
+    a.Flag(internal::StateFlag::Filled, filled);
+    a.Dim("groups", r._nGroup, filled ? 0 : INT_MIN, INT_MAX);
+    a.Dim("variables", r._nVar, filled ? 1 : INT_MIN, INT_MAX);
+    a.RowCount(r._nRows, filled);
+    a.Real(r._weightSum);
+    a.Reals(r._TSSP, filled ? r.TableCells() : 0, filled);
   }
 };
 
@@ -122,6 +137,14 @@ DiscIndividualMatrix::DiscIndividualMatrix() : _my(std::in_place) {}
 
 DiscIndividualMatrix::DiscIndividualMatrix(int nGroup, int nVar)
     : _my(std::in_place, nGroup, nVar) {}
+
+std::vector<std::byte> DiscIndividualMatrix::SaveState() const {
+  return internal::SaveRecord(*_my);
+}
+
+DiscIndividualMatrix DiscIndividualMatrix::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(DiscIndividualMatrix(), &DiscIndividualMatrix::_my, state);
+}
 
 int DiscIndividualMatrix::NRows() const { return _my->_nRows; }
 

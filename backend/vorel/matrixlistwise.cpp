@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 #include "records/meansscratch.h"
 #include "records/updateformula.h"
@@ -32,10 +32,11 @@ namespace {
 unsigned MatrixRow(unsigned n) { return internal::TriangleStart(n + 1); }
 
 // The widest table whose (n + 1) n still fits 32 bits.
-void CheckColumnCount(unsigned nCols) {
-  internal::CheckStoreSize((std::uint64_t{nCols} + 1) * nCols,
-                           std::numeric_limits<std::uint32_t>::max());
-}
+constexpr unsigned kMaxColumns = 65535;
+static_assert((std::uint64_t{kMaxColumns} + 1) * kMaxColumns
+              <= std::numeric_limits<std::uint32_t>::max());
+
+void CheckColumnCount(unsigned nCols) { internal::CheckStoreSize(nCols, kMaxColumns); }
 
 // The last row of the triangle ends with the store. The expression is
 // reported as written.
@@ -56,6 +57,10 @@ struct MatrixListwiseData {
   void Merge(const MatrixListwiseData& d);
 
   unsigned NColumns() const { return static_cast<unsigned>(_means.size()); }
+
+  static constexpr internal::StateKind kStateKind = internal::StateKind::MatrixListwise;
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r);
 
   double _weightSum = 0.0;     // frequency weight of all rows counted
   double _regWeightSum = 0.0;  // combined weight of all rows counted
@@ -163,6 +168,22 @@ void MatrixListwiseData::MergeRow(unsigned row, const double* newMeans, const Ma
     t[j] = internal::JoinCell(newMeans[j], mt[j], md[j], f, o[j], t[j]);
 }
 
+// Flags, columns, totals, the means and the triangle with its diagonal.
+template <class Archive, class Self>
+void MatrixListwiseData::StateFields(Archive& a, Self& r) {
+  bool filled = !r.Empty();
+  a.Flag(internal::StateFlag::Filled, filled);
+  a.Flag(internal::StateFlag::RegWeights, r._hasRegWeights);
+  int nCols = static_cast<int>(r.NColumns());
+  a.Dim("columns", nCols, filled ? 1 : 0, filled ? kMaxColumns : 0);
+  a.RowCount(r._nRows, filled);
+  a.Real(r._weightSum);
+  a.Real(r._regWeightSum);
+  const auto n = static_cast<unsigned>(nCols);
+  a.Reals(r._means, n);
+  a.Reals(r._xp, MatrixRow(n), filled);
+}
+
 // ---------------------------------------------------------------- handle
 
 template class internal::RecordHandle<MatrixListwiseData>;
@@ -178,6 +199,12 @@ MatrixListwise& MatrixListwise::operator+=(const MatrixListwise& d) {
   if (d._my->_nRows == 0) return *this;
   internal::CopyOrMerge(*_my, *d._my);
   return *this;
+}
+
+std::vector<std::byte> MatrixListwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+MatrixListwise MatrixListwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(MatrixListwise(), &MatrixListwise::_my, state);
 }
 
 unsigned MatrixListwise::NColumns() const { return _my->NColumns(); }

@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "records/completecolumns.h"
 #include "records/pairwisefold.h"
 #include "records/pairwiserecords.h"
@@ -28,11 +28,12 @@ namespace {
 // count of n columns. 32-bit by design; the column count is checked before use.
 unsigned MatrixRow(unsigned n) { return internal::TriangleStart(n); }
 
-// The widest table whose (n - 1) n still fits 32 bits: 65,536 columns.
-void CheckColumnCount(unsigned nCols) {
-  internal::CheckStoreSize((std::uint64_t{nCols} - 1) * nCols,
-                           std::numeric_limits<std::uint32_t>::max());
-}
+// The widest table whose (n - 1) n still fits 32 bits.
+constexpr unsigned kMaxColumns = 65536;
+static_assert((std::uint64_t{kMaxColumns} - 1) * kMaxColumns
+              <= std::numeric_limits<std::uint32_t>::max());
+
+void CheckColumnCount(unsigned nCols) { internal::CheckStoreSize(nCols, kMaxColumns); }
 
 int Rows(unsigned n) { return static_cast<int>(n); }
 
@@ -63,6 +64,10 @@ struct MatrixPairwiseData {
   void CreateStats(const DataBatch& data);
   void Accumulate(const DataBatch& data);
   void Merge(const MatrixPairwiseData& d);
+
+  static constexpr internal::StateKind kStateKind = internal::StateKind::MatrixPairwise;
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r);
 
   double _weightSum = 0.0;              // frequency weight of every row added
   double _regWeightSum = 0.0;           // combined weight of every row added
@@ -173,6 +178,26 @@ void MatrixPairwiseData::Merge(const MatrixPairwiseData& d) {
   _nRows += d._nRows;
 }
 
+// Flags, missing code, columns, totals, the column records and the pair
+// records, row after row of the triangle.
+template <class Archive, class Self>
+void MatrixPairwiseData::StateFields(Archive& a, Self& r) {
+  bool filled = !r.Empty();
+  a.Flag(internal::StateFlag::Filled, filled);
+  a.Flag(internal::StateFlag::RegWeights, r._hasRegWeights);
+  a.Real(r._workArea.missingCode);
+  int nCols = static_cast<int>(r._varStats.size());
+  a.Dim("columns", nCols, filled ? 1 : 0, filled ? kMaxColumns : 0);
+  a.RowCount(r._nRows, filled);
+  a.Real(r._weightSum);
+  a.Real(r._regWeightSum);
+  const auto n = static_cast<unsigned>(nCols);
+  const std::uint64_t rows = r._nRows;
+  a.Records(r._varStats, n, [rows](auto& ar, auto& v) { internal::VarStateFields(ar, v, rows); });
+  a.Records(r._xp, MatrixRow(n),
+            [rows](auto& ar, auto& p) { internal::PairStateFields(ar, p, rows); });
+}
+
 // ---------------------------------------------------------------- handle
 
 template class internal::RecordHandle<MatrixPairwiseData>;
@@ -192,6 +217,12 @@ MatrixPairwise& MatrixPairwise::operator+=(const MatrixPairwise& d) {
   if (d._my->_nRows == 0) return *this;
   internal::CopyOrMerge(*_my, *d._my);
   return *this;
+}
+
+std::vector<std::byte> MatrixPairwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+MatrixPairwise MatrixPairwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(MatrixPairwise(0.0), &MatrixPairwise::_my, state);
 }
 
 unsigned MatrixPairwise::NColumns() const { return static_cast<unsigned>(_my->_varStats.size()); }

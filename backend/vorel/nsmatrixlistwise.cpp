@@ -32,8 +32,16 @@ class NSMatrixListwiseData : public internal::ListwiseBlockData<NSMatrixListwise
 
   std::vector<double> _css;  // corrected sum of squares of each block column
 
+  static constexpr internal::StateKind kStateKind = internal::StateKind::NSMatrixListwise;
+
  private:
   friend class ListwiseBlockData;
+
+  static constexpr bool kSymmetric = false;
+  template <class Archive, class Self>
+  static void OwnStateFields(Archive& a, Self& r, std::size_t n) {
+    a.Reals(r._css, n);
+  }
 
   void CheckFirstBatch(const DataBatch& data) const;
   std::size_t CellCount() const;
@@ -135,6 +143,12 @@ MatrixBase& NSMatrixListwise::operator+=(DataBatch& data) {
 
 MatrixBase& NSMatrixListwise::operator+=(MatrixBase& other) {
   return internal::AddSameClass(*this, other, &NSMatrixListwise::_my);
+}
+
+std::vector<std::byte> NSMatrixListwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+NSMatrixListwise NSMatrixListwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(NSMatrixListwise(0, 1, 2), &NSMatrixListwise::_my, state);
 }
 
 int NSMatrixListwise::NRows() const { return _my->_nRows; }

@@ -9,7 +9,6 @@
 
 namespace vorel {
 
-
 // All state of an NSMatrixPairwise: the shared pairwise block. _varStats
 // holds the whole block, the first set before the second. _xp is a rectangle
 // of nFirst rows of nSecond pairs, row after row: column r of the first set
@@ -17,6 +16,7 @@ namespace vorel {
 // stands at r * nSecond + c.
 struct NSMatrixPairwiseData : internal::PairwiseBlockData<NSMatrixPairwiseData> {
   static constexpr auto kPairs = internal::CompleteColumns::Pairs::Rectangle;
+  static constexpr internal::StateKind kStateKind = internal::StateKind::NSMatrixPairwise;
 
   using PairwiseBlockData::PairwiseBlockData;
 
@@ -80,6 +80,12 @@ template class internal::RecordHandle<NSMatrixPairwiseData>;
 
 NSMatrixPairwise::NSMatrixPairwise(double missingCode, int col0, int col1, int col2)
     : _my(std::in_place, missingCode, col0, col1, col2) {}
+
+std::vector<std::byte> NSMatrixPairwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+NSMatrixPairwise NSMatrixPairwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(NSMatrixPairwise(0.0, 0, 1, 2), &NSMatrixPairwise::_my, state);
+}
 
 int NSMatrixPairwise::NRows() const { return _my->_nRows; }
 

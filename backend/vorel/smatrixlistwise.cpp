@@ -26,8 +26,14 @@ class SMatrixListwiseData : public internal::ListwiseBlockData<SMatrixListwiseDa
   SMatrixListwiseData(int col0, int col2)
       : ListwiseBlockData(internal::BlockBounds{col0, col0, col2}) {}
 
+  static constexpr internal::StateKind kStateKind = internal::StateKind::SMatrixListwise;
+
  private:
   friend class ListwiseBlockData;
+
+  static constexpr bool kSymmetric = true;
+  template <class Archive, class Self>
+  static void OwnStateFields(Archive&, Self&, std::size_t) {}
 
   void CheckFirstBatch(const DataBatch& data);
   std::size_t CellCount() const;
@@ -124,6 +130,12 @@ MatrixBase& SMatrixListwise::operator+=(DataBatch& data) {
 
 MatrixBase& SMatrixListwise::operator+=(MatrixBase& other) {
   return internal::AddSameClass(*this, other, &SMatrixListwise::_my);
+}
+
+std::vector<std::byte> SMatrixListwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+SMatrixListwise SMatrixListwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(SMatrixListwise(), &SMatrixListwise::_my, state);
 }
 
 int SMatrixListwise::NRows() const { return _my->_nRows; }

@@ -10,13 +10,13 @@
 
 namespace vorel {
 
-
 // All state of an SMatrixPairwise: the shared pairwise block whose _xp is the
 // lower triangle without diagonal, row after row: block position i has a row
 // of i pairs, one with each earlier position, and the pair of positions i > j
 // stands at MatrixRowCount(i) + j. The diagonal is _varStats.
 struct SMatrixPairwiseData : internal::PairwiseBlockData<SMatrixPairwiseData> {
   static constexpr auto kPairs = internal::CompleteColumns::Pairs::Triangle;
+  static constexpr internal::StateKind kStateKind = internal::StateKind::SMatrixPairwise;
 
   SMatrixPairwiseData(double missingCode, int col0, int col2)
       : PairwiseBlockData(missingCode, col0, col0, col2) {}
@@ -83,6 +83,12 @@ SMatrixPairwise::SMatrixPairwise(double missingCode) : _my(std::in_place, missin
 
 SMatrixPairwise::SMatrixPairwise(double missingCode, int col0, int col2)
     : _my(std::in_place, missingCode, col0, col2) {}
+
+std::vector<std::byte> SMatrixPairwise::SaveState() const { return internal::SaveRecord(*_my); }
+
+SMatrixPairwise SMatrixPairwise::LoadState(std::span<const std::byte> state) {
+  return internal::LoadHandle(SMatrixPairwise(0.0), &SMatrixPairwise::_my, state);
+}
 
 int SMatrixPairwise::NRows() const { return _my->_nRows; }
 

@@ -42,6 +42,11 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -83,6 +88,12 @@ class DiscriminantMatrix : public MatrixBase {
   // Weighted sum of products of variables row and col over all rows, in
   // either order; for row == col the total sum of squares (see above).
   double TSSP(int row, int col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static DiscriminantMatrix LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<DiscriminantMatrixData> _my;

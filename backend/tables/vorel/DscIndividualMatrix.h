@@ -50,7 +50,12 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
 #include <vorelhost/assertion.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -94,6 +99,12 @@ class DiscIndividualMatrix : public MatrixBase {
   // Entry of row and col (each 0 to NVar(), NVar() being the column of ones)
   // of group groupVal; TSSP(row, col, g) equals TSSP(col, row, g).
   double TSSP(int row, int col, int groupVal) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static DiscIndividualMatrix LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<DiscIndividualMatrixData> _my;

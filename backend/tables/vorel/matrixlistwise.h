@@ -42,8 +42,12 @@
 #pragma once
 
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -77,6 +81,12 @@ class MatrixListwise {
   // CCP(i, j) == CCP(j, i) and CCP(i, i) is the corrected sum of squares.
   // Requires "row < NColumns()", "col < NColumns()" and "0. < WeightSum()".
   double CCP(unsigned row, unsigned col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static MatrixListwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<MatrixListwiseData> _my;

@@ -36,9 +36,13 @@
 #pragma once
 
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
 #include <vorel/statrecords.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -148,6 +152,12 @@ class MatrixPairwise {
   // The record of the pair of two different columns, in either order. Requires
   // "row < NColumns()", "col < NColumns()", "row != col" and "0. < WeightSum()".
   PairStats Pair(unsigned row, unsigned col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static MatrixPairwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<MatrixPairwiseData> _my;

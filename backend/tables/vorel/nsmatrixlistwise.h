@@ -46,6 +46,11 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -88,6 +93,12 @@ class NSMatrixListwise : public MatrixBase {
   // in either order, the corrected cross-product; one of them must lie in
   // each set. A sum, not divided by anything.
   double CCP(int row, int col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static NSMatrixListwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<NSMatrixListwiseData> _my;

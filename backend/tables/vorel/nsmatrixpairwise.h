@@ -55,7 +55,12 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
 #include <vorel/statrecords.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -95,6 +100,12 @@ class NSMatrixPairwise : public MatrixBase {
   // variable is the column of the first set. Requires both in the block,
   // row != col, 0. < WeightSum(), and one column in each set.
   PairStat& Pair(int row, int col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static NSMatrixPairwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<NSMatrixPairwiseData> _my;

@@ -42,6 +42,11 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -85,6 +90,12 @@ class SMatrixListwise : public MatrixBase {
   // Corrected cross-product of two columns, in either order; CCP(c, c) is the
   // corrected sum of squares of c. A sum, not divided by anything.
   double CCP(int row, int col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static SMatrixListwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<SMatrixListwiseData> _my;

@@ -53,7 +53,12 @@
 
 #include <vorel/matrixbase.h>
 #include <vorel/recordhandle.h>
+#include <vorel/state.h>
 #include <vorel/statrecords.h>
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace vorel {
 
@@ -94,6 +99,12 @@ class SMatrixPairwise : public MatrixBase {
   // variable is the later column. Requires both in the block, row != col and
   // 0. < WeightSum().
   PairStat& Pair(int row, int col) const;
+
+  // The whole state as portable bytes, and an object with the very same bits
+  // from them; bytes that are not such a state raise StateError. See
+  // <vorel/state.h>.
+  std::vector<std::byte> SaveState() const;
+  static SMatrixPairwise LoadState(std::span<const std::byte> state);
 
  private:
   internal::RecordHandle<SMatrixPairwiseData> _my;

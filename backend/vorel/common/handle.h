@@ -7,7 +7,8 @@
 //   void Accumulate(Batch&)                an empty record takes a batch in;
 //   void Merge(const Record&)              a filled record takes another in;
 //   Record EmptyOfSameShape() const        a fresh record for the next batch;
-// and copies deeply with its own copy constructor and operator=.
+// and copies deeply with its own copy constructor and operator=. Its
+// portable state is its StateFields (statecodec.h).
 //
 // A source file that defines a matrix class instantiates its handle with
 // `template class vorel::internal::RecordHandle<Record>;`.
@@ -19,8 +20,12 @@
 #include <vorel/recordhandle.h>
 #include <vorelhost/assertion.h>
 
+#include <cstddef>
 #include <memory>
+#include <span>
 #include <utility>
+
+#include "statecodec.h"
 
 namespace vorel::internal {
 
@@ -94,6 +99,16 @@ template <class Handle, class Record>
 MatrixBase& AddSameClass(Handle& self, MatrixBase& other, RecordHandle<Record> Handle::*my) {
   return AddSameClass(self, other, my,
                       [&self, my](const Record& d) { CopyOrMerge(*(self.*my), d); });
+}
+
+// LoadState() of the matrix class Handle, whose record the member `my`
+// holds: blank, an object as its constructor made it, takes every field of
+// the state, bounds and missing code included.
+template <class Handle, class Record>
+Handle LoadHandle(Handle blank, RecordHandle<Record> Handle::*my,
+                  std::span<const std::byte> state) {
+  LoadRecord(*(blank.*my), state);
+  return blank;
 }
 
 }  // namespace vorel::internal

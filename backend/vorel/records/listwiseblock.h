@@ -16,7 +16,11 @@
 //   void CheckMerge(const Block& d) const       the preconditions of Merge;
 //   void JoinCells(const Block& d, double* newMeans, double a, double b)
 //                                               the joined extremes, means and
-//                                               cells, the old means unchanged.
+//                                               cells, the old means unchanged;
+//   static constexpr bool kSymmetric            col0 == col1 always;
+//   static void OwnStateFields(Archive&, Self&, std::size_t n)
+//                                               the state of stores beyond the
+//                                               shared ones, n block columns.
 //
 // Internal to the library.
 #pragma once
@@ -29,6 +33,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/statecodec.h"
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 #include "meansscratch.h"
@@ -103,6 +108,25 @@ class ListwiseBlockData {
     _weightSum += d._weightSum;
     _regWeightSum = a + b;
     _nRows += d._nRows;
+  }
+
+  // Flags, bounds, totals, the means, minima and maxima, the block's own
+  // stores, and the cross-product cells. Self is const when saving.
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r) {
+    bool filled = !r.Empty();
+    a.Flag(StateFlag::Filled, filled);
+    a.Flag(StateFlag::RegWeights, r._hasRegWeights);
+    a.Bounds(r._col0, r._col1, r._col2, filled, Block::kSymmetric);
+    a.RowCount(r._nRows, filled);
+    a.Real(r._weightSum);
+    a.Real(r._regWeightSum);
+    const std::size_t n = filled ? static_cast<std::size_t>(r._col2 - r._col0) : 0;
+    a.Reals(r._means, n);
+    a.Reals(r._mins, n);
+    a.Reals(r._maxs, n);
+    Block::OwnStateFields(a, r, n);
+    a.Reals(r._xp, filled ? r.CellCount() : 0, filled);
   }
 
   double _weightSum = 0.0;     // frequency weight of all rows

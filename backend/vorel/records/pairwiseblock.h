@@ -30,8 +30,10 @@
 #include <utility>
 #include <vector>
 
+#include "common/statecodec.h"
 #include "completecolumns.h"
 #include "pairwisefold.h"
+#include "pairwiserecords.h"
 
 namespace vorel::internal {
 
@@ -100,6 +102,25 @@ class PairwiseBlockData {
     _weightSum += d._weightSum;
     _regWeightSum += d._regWeightSum;
     _nRows += d._nRows;
+  }
+
+  // Flags, missing code, bounds, totals, the column records and the pair
+  // records in the order of the shape. Self is const when saving.
+  template <class Archive, class Self>
+  static void StateFields(Archive& a, Self& r) {
+    bool filled = !r.Empty();
+    a.Flag(StateFlag::Filled, filled);
+    a.Flag(StateFlag::RegWeights, r._hasRegWeights);
+    a.Real(r._workArea.missingCode);
+    a.Bounds(r._col0, r._col1, r._col2, filled, Block::kPairs == CompleteColumns::Pairs::Triangle);
+    a.RowCount(r._nRows, filled);
+    a.Real(r._weightSum);
+    a.Real(r._regWeightSum);
+    const std::size_t n = filled ? static_cast<std::size_t>(r._col2 - r._col0) : 0;
+    const std::size_t pairs = filled ? static_cast<std::size_t>(r.PairCount()) : 0;
+    const int rows = r._nRows;
+    a.Records(r._varStats, n, [rows](auto& ar, auto& v) { VarStateFields(ar, v, rows); });
+    a.Records(r._xp, pairs, [rows](auto& ar, auto& p) { PairStateFields(ar, p, rows); });
   }
 
   double _weightSum = 0.0;        // frequency weight of every row given

@@ -12,6 +12,8 @@
 
 #include <vorel/statrecords.h>
 
+#include <type_traits>
+
 #include "kernels/columnkernels.h"
 #include "updateformula.h"
 
@@ -91,6 +93,35 @@ void UpdatePair(Record& t, const Record& o) {
   t.mean0 = m0.mean;
   t.mean1 = m1.mean;
   JoinTotals(t, o);
+}
+
+// The state of one variable's record, in the order of its fields: row count
+// (at most the table's rows), weight sums, mean, corrected sum of squares,
+// and the extremes where the record keeps them. Record is const when saving.
+template <class Archive, class Record, class Rows>
+void VarStateFields(Archive& a, Record& r, Rows tableRows) {
+  a.Count(r.nRows, tableRows);
+  a.Real(r.weightSum);
+  a.Real(r.regWeightSum);
+  a.Real(r.mean);
+  a.Real(r.css);
+  if constexpr (HasExtremes<std::remove_const_t<Record>>) {
+    a.Real(r.min);
+    a.Real(r.max);
+  }
+}
+
+// The state of one pair's record, in the order of its fields.
+template <class Archive, class Record, class Rows>
+void PairStateFields(Archive& a, Record& r, Rows tableRows) {
+  a.Count(r.nRows, tableRows);
+  a.Real(r.weightSum);
+  a.Real(r.regWeightSum);
+  a.Real(r.mean0);
+  a.Real(r.mean1);
+  a.Real(r.css0);
+  a.Real(r.css1);
+  a.Real(r.cscp);
 }
 
 }  // namespace vorel::internal

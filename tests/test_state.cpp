@@ -1,0 +1,417 @@
+// The portable state: exact round trips of every result class, and hostile
+// bytes that must raise StateError with the right offset and nothing else.
+
+#include <vorel/vorel.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "common/statecodec.h"
+#include "discriminant_support.h"
+#include "table_support.h"
+#include "test_support.h"
+
+namespace vorel::testing {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+using tables::kCode;
+using tables::Table;
+
+// ---------------------------------------------------------------- makers
+
+// How the rows of a test object carry weights.
+struct Weighting {
+  bool weights;
+  bool regWeights;
+};
+constexpr std::array<Weighting, 3> kWeightings{{{false, false}, {true, false}, {true, true}}};
+
+constexpr unsigned kColumns = 6;
+
+// Adds rows [begin, end) of t to m in batches of 5 rows.
+template <class Matrix>
+void AddRows(Matrix& m, const Table& t, std::size_t begin, std::size_t end) {
+  for (std::size_t b = begin; b < end; b += 5) {
+    DataBatch batch = tables::MakeBatch(t, b, std::min(end, b + 5));
+    m += batch;
+  }
+}
+
+// Per class: an empty object, and random rows for it (missing cells only for
+// the pairwise classes, groups only for the discriminant ones).
+template <class T>
+struct Maker;
+
+template <class T, double kMissingShare>
+struct PlainMaker {
+  static Table Rows(unsigned seed, Weighting w, std::size_t n) {
+    return tables::RandomTable(seed, kColumns, n, w.weights, w.regWeights, kMissingShare, 3.0);
+  }
+  static void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
+    AddRows(m, t, begin, end);
+  }
+};
+
+template <>
+struct Maker<MatrixListwise> : PlainMaker<MatrixListwise, 0.0> {
+  static MatrixListwise Empty() { return MatrixListwise(); }
+};
+template <>
+struct Maker<MatrixPairwise> : PlainMaker<MatrixPairwise, 0.2> {
+  static MatrixPairwise Empty() { return MatrixPairwise(kCode); }
+};
+template <>
+struct Maker<SMatrixListwise> : PlainMaker<SMatrixListwise, 0.0> {
+  static SMatrixListwise Empty() { return SMatrixListwise(1, 5); }
+};
+template <>
+struct Maker<NSMatrixListwise> : PlainMaker<NSMatrixListwise, 0.0> {
+  static NSMatrixListwise Empty() { return NSMatrixListwise(1, 3, 6); }
+};
+template <>
+struct Maker<SMatrixPairwise> : PlainMaker<SMatrixPairwise, 0.2> {
+  static SMatrixPairwise Empty() { return SMatrixPairwise(kCode, 1, 5); }
+};
+template <>
+struct Maker<NSMatrixPairwise> : PlainMaker<NSMatrixPairwise, 0.2> {
+  static NSMatrixPairwise Empty() { return NSMatrixPairwise(kCode, 0, 2, 6); }
+};
+
+template <class T>
+struct DiscriminantMaker {
+  static constexpr int kGroups = 3;
+  static T Empty() { return T(kGroups, static_cast<int>(kColumns)); }
+  // Always with weights; regression weights play no part here.
+  static Table Rows(unsigned seed, Weighting /*w*/, std::size_t n) {
+    return discriminant::RandomRows(seed, static_cast<int>(kColumns), n, {0, 2, 1}, false);
+  }
+  static void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
+    discriminant::AddInBatches(m, t, begin, end, 5);
+  }
+};
+template <>
+struct Maker<DiscriminantMatrix> : DiscriminantMaker<DiscriminantMatrix> {};
+template <>
+struct Maker<DiscIndividualMatrix> : DiscriminantMaker<DiscIndividualMatrix> {};
+
+template <class T>
+T Filled(unsigned seed, Weighting w, std::size_t n = 23) {
+  T m = Maker<T>::Empty();
+  const Table t = Maker<T>::Rows(seed, w, n);
+  Maker<T>::Add(m, t, 0, n);
+  return m;
+}
+
+// Everything an object holds, as its state: equal states, equal objects.
+template <class T>
+void ExpectSameState(const T& a, const T& b) {
+  const Bytes sa = a.SaveState();
+  const Bytes sb = b.SaveState();
+  EXPECT_TRUE(sa == sb) << "states of " << sa.size() << " and " << sb.size() << " bytes differ";
+}
+
+template <class T>
+T Reloaded(const T& m) {
+  const Bytes bytes = m.SaveState();
+  return T::LoadState(bytes);
+}
+
+// ---------------------------------------------------------------- round trips
+
+template <class T>
+class StateRoundTrip : public ::testing::Test {};
+
+using ResultClasses =
+    ::testing::Types<MatrixListwise, MatrixPairwise, SMatrixListwise, NSMatrixListwise,
+                     SMatrixPairwise, NSMatrixPairwise, DiscriminantMatrix, DiscIndividualMatrix>;
+TYPED_TEST_SUITE(StateRoundTrip, ResultClasses);
+
+// A loaded object has every bit of the original, and a merge with it (on
+// either side) gives the bits of the merge with the original.
+TYPED_TEST(StateRoundTrip, LoadedObjectsMergeAsTheOriginals) {
+  for (const Weighting w : kWeightings) {
+    for (unsigned seed : {11u, 12u, 13u}) {
+      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", weights " << w.weights
+                                        << ", regression weights " << w.regWeights);
+      const TypeParam a = Filled<TypeParam>(seed, w);
+      TypeParam b = Filled<TypeParam>(seed + 100, w, 31);
+      const TypeParam loadedA = Reloaded(a);
+      ExpectSameState(a, loadedA);
+      EXPECT_EQ(loadedA.NRows(), a.NRows());
+      EXPECT_TRUE(SameBits(loadedA.WeightSum(), a.WeightSum()));
+
+      TypeParam direct = a;
+      TypeParam fromLoadedSource = a;
+      TypeParam intoLoaded = loadedA;
+      TypeParam loadedB = Reloaded(b);
+      direct += b;
+      fromLoadedSource += loadedB;
+      intoLoaded += b;
+      ExpectSameState(direct, fromLoadedSource);
+      ExpectSameState(direct, intoLoaded);
+    }
+  }
+}
+
+// An object loaded from the state of an empty one is empty and takes its
+// first rows as a fresh object does; its bounds and shape come back too.
+TYPED_TEST(StateRoundTrip, EmptyObjectsComeBackEmpty) {
+  const TypeParam empty = Maker<TypeParam>::Empty();
+  TypeParam loaded = Reloaded(empty);
+  ExpectSameState(empty, loaded);
+  EXPECT_EQ(loaded.NRows(), 0);
+  TypeParam fresh = Maker<TypeParam>::Empty();
+  const Table t = Maker<TypeParam>::Rows(5, {true, true}, 9);
+  Maker<TypeParam>::Add(fresh, t, 0, 9);
+  Maker<TypeParam>::Add(loaded, t, 0, 9);
+  ExpectSameState(fresh, loaded);
+}
+
+TEST(StateRoundTrip, BoundsMissingCodeAndFlagsComeBack) {
+  const MatrixPairwise pairwise = Reloaded(Filled<MatrixPairwise>(3, {true, true}));
+  EXPECT_EQ(pairwise.MissingCode(), kCode);
+  EXPECT_TRUE(pairwise.HasRegWeights());
+  const NSMatrixListwise ns = Reloaded(NSMatrixListwise(2, 7, 9));
+  EXPECT_EQ(ns.Col0(), 2);
+  EXPECT_EQ(ns.Col1(), 7);
+  EXPECT_EQ(ns.Col2(), 9);
+  const SMatrixPairwise nanCode =
+      Reloaded(SMatrixPairwise(std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_TRUE(nanCode.MissingCode() != nanCode.MissingCode());
+  const DiscriminantMatrix shaped = Reloaded(DiscriminantMatrix(4, 9));
+  EXPECT_EQ(shaped.NGroup(), 4);
+  EXPECT_EQ(shaped.NVar(), 9);
+}
+
+// A copy of the bytes, so the loaded object cannot lean on the saved buffer.
+TEST(StateRoundTrip, LoadedObjectOwnsItsRecord) {
+  MatrixListwise loaded = [] {
+    const Bytes bytes = Filled<MatrixListwise>(21, {true, false}).SaveState();
+    return MatrixListwise::LoadState(bytes);
+  }();
+  const MatrixListwise again = Reloaded(loaded);
+  ExpectSameState(loaded, again);
+  EXPECT_GT(loaded.Mean(0), 0.0);
+}
+
+// ---------------------------------------------------------------- the format
+
+std::uint64_t ReadLittle(const Bytes& b, std::size_t at, int width) {
+  std::uint64_t v = 0;
+  for (int i = width - 1; i >= 0; --i)
+    v = (v << 8) | std::to_integer<std::uint64_t>(b[at + static_cast<std::size_t>(i)]);
+  return v;
+}
+
+void WriteLittle(Bytes& b, std::size_t at, std::uint64_t v, int width) {
+  for (int i = 0; i < width; ++i)
+    b[at + static_cast<std::size_t>(i)] = static_cast<std::byte>((v >> (8 * i)) & 0xFF);
+}
+
+// Makes the checksum fit the bytes again, so that a test reaches the check
+// behind it.
+void Reseal(Bytes& b) {
+  const std::size_t end = b.size() - 4;
+  WriteLittle(b, end, internal::Crc32c(std::span(b).first(end)), 4);
+}
+
+TEST(StateFormat, Crc32cOfTheCheckString) {
+  const std::string check = "123456789";
+  EXPECT_EQ(internal::Crc32c(std::as_bytes(std::span(check))), 0xE3069283u);
+  EXPECT_EQ(internal::Crc32c({}), 0u);
+  // Continuing from a prefix gives the CRC of the whole.
+  const auto all = std::as_bytes(std::span(check));
+  EXPECT_EQ(internal::Crc32c(all.subspan(5), internal::Crc32c(all.first(5))), 0xE3069283u);
+}
+
+// The state of a MatrixListwise over the rows (1, 2), (3, 4) without
+// weights, byte for byte as the format describes it.
+TEST(StateFormat, TestVectorOfTheFormatDescription) {
+  MatrixListwise m;
+  DataBatch batch(2, 2, nullptr, nullptr, nullptr);
+  const double rows[2][2] = {{1, 2}, {3, 4}};
+  batch.AddRow(rows[0]);
+  batch.AddRow(rows[1]);
+  m += batch;
+  const Bytes b = m.SaveState();
+  ASSERT_EQ(b.size(), 24u + 4 + 8 + 8 + 8 + 2 * 8 + 3 * 8 + 4);
+  const unsigned char magic[8] = {0x89, 'V', 'S', 'T', '\r', '\n', 0x1A, '\n'};
+  EXPECT_EQ(std::memcmp(b.data(), magic, 8), 0);
+  EXPECT_EQ(ReadLittle(b, 8, 2), 1u);                                  // version
+  EXPECT_EQ(ReadLittle(b, 10, 2), 1u);                                 // kind: MatrixListwise
+  EXPECT_EQ(ReadLittle(b, 12, 4), 1u);                                 // flags: filled
+  EXPECT_EQ(ReadLittle(b, 16, 8), b.size());                           // length
+  EXPECT_EQ(ReadLittle(b, 24, 4), 2u);                                 // columns
+  EXPECT_EQ(ReadLittle(b, 28, 8), 2u);                                 // rows
+  EXPECT_EQ(ReadLittle(b, 36, 8), std::bit_cast<std::uint64_t>(2.0));  // weight sum
+  EXPECT_EQ(ReadLittle(b, 44, 8), std::bit_cast<std::uint64_t>(2.0));  // combined weight sum
+  EXPECT_EQ(ReadLittle(b, 52, 8), std::bit_cast<std::uint64_t>(2.0));  // mean 0
+  EXPECT_EQ(ReadLittle(b, 60, 8), std::bit_cast<std::uint64_t>(3.0));  // mean 1
+  for (std::size_t cell = 0; cell < 3; ++cell)  // every centred cross-product is 2
+    EXPECT_EQ(ReadLittle(b, 68 + 8 * cell, 8), std::bit_cast<std::uint64_t>(2.0));
+  EXPECT_EQ(ReadLittle(b, 92, 4), 0xF7B58981u);  // CRC-32C of bytes 0 to 91
+}
+
+// ---------------------------------------------------------------- hostile bytes
+
+// Expects loading bytes as T to raise StateError at byte `offset` with a
+// message containing `text`.
+template <class T>
+void ExpectStateError(const Bytes& bytes, std::uint64_t offset, const std::string& text) {
+  try {
+    T::LoadState(bytes);
+    ADD_FAILURE() << "no StateError; expected \"" << text << "\" at byte " << offset;
+  } catch (const StateError& e) {
+    EXPECT_EQ(e.Offset(), offset) << e.what();
+    EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what();
+    EXPECT_NE(std::string(e.what()).find("at byte " + std::to_string(offset)), std::string::npos)
+        << e.what();
+  }
+}
+
+template <class T>
+class StateHostileBytes : public ::testing::Test {};
+TYPED_TEST_SUITE(StateHostileBytes, ResultClasses);
+
+TYPED_TEST(StateHostileBytes, EveryTruncationIsRefused) {
+  const Bytes full = Filled<TypeParam>(7, {true, true}, 6).SaveState();
+  for (std::size_t n = 0; n < full.size(); ++n) {
+    SCOPED_TRACE(n);
+    ExpectStateError<TypeParam>(Bytes(full.begin(), full.begin() + static_cast<long>(n)), n,
+                                "truncated");
+  }
+}
+
+TYPED_TEST(StateHostileBytes, EveryFlippedBitIsRefused) {
+  const Bytes good = Filled<TypeParam>(8, {true, true}, 6).SaveState();
+  for (std::size_t bit = 0; bit < 8 * good.size(); ++bit) {
+    Bytes bad = good;
+    bad[bit / 8] ^= static_cast<std::byte>(1u << (bit % 8));
+    EXPECT_THROW(TypeParam::LoadState(bad), StateError) << "bit " << bit;
+  }
+  // A flipped bit of the fields is a checksum mismatch, found at the checksum.
+  Bytes bad = good;
+  bad[30] ^= std::byte{4};
+  ExpectStateError<TypeParam>(bad, good.size() - 4, "checksum mismatch");
+}
+
+TYPED_TEST(StateHostileBytes, HeaderDamageIsNamed) {
+  const Bytes good = Filled<TypeParam>(9, {true, false}, 6).SaveState();
+  Bytes magic = good;
+  magic[1] = std::byte{'X'};
+  ExpectStateError<TypeParam>(magic, 0, "wrong magic");
+
+  Bytes future = good;
+  WriteLittle(future, 8, 2, 2);
+  Reseal(future);
+  ExpectStateError<TypeParam>(future, 8, "format version 2");
+
+  Bytes unknownKind = good;
+  WriteLittle(unknownKind, 10, 99, 2);
+  Reseal(unknownKind);
+  ExpectStateError<TypeParam>(unknownKind, 10, "unknown class kind 99");
+
+  Bytes unknownFlag = good;
+  WriteLittle(unknownFlag, 12, ReadLittle(good, 12, 4) | 0x100, 4);
+  Reseal(unknownFlag);
+  ExpectStateError<TypeParam>(unknownFlag, 12, "flags 256 are unknown");
+
+  Bytes longer = good;
+  longer.push_back(std::byte{0});
+  ExpectStateError<TypeParam>(longer, good.size(), "1 bytes follow the end");
+
+  Bytes shortLength = good;
+  WriteLittle(shortLength, 16, 27, 8);
+  ExpectStateError<TypeParam>(shortLength, 16, "fewer than a header");
+}
+
+// Each class refuses the state of every other class, naming both.
+TEST(StateHostileBytes, WrongClassIsNamed) {
+  const Bytes pairwise = Filled<MatrixPairwise>(4, {false, false}).SaveState();
+  ExpectStateError<MatrixListwise>(pairwise, 10, "holds a MatrixPairwise, not a MatrixListwise");
+  const Bytes s = Filled<SMatrixListwise>(4, {false, false}).SaveState();
+  ExpectStateError<NSMatrixListwise>(s, 10, "holds a SMatrixListwise, not a NSMatrixListwise");
+  const Bytes disc = Filled<DiscriminantMatrix>(4, {false, false}).SaveState();
+  ExpectStateError<DiscIndividualMatrix>(disc, 10, "not a DiscIndividualMatrix");
+}
+
+// MatrixListwise: columns at 24, rows at 28, then the sums and the stores.
+TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
+  const Bytes good = Filled<MatrixListwise>(5, {true, true}).SaveState();
+  Bytes wide = good;
+  WriteLittle(wide, 24, 65535, 4);
+  Reseal(wide);
+  ExpectStateError<MatrixListwise>(wide, 52, "truncated payload: 65535 items");
+
+  Bytes tooWide = good;
+  WriteLittle(tooWide, 24, 65536, 4);
+  Reseal(tooWide);
+  ExpectStateError<MatrixListwise>(tooWide, 24, "columns is 65536, outside 1 to 65535");
+
+  // SMatrixListwise: bounds at 24, rows at 36, sums, the column stores from 60.
+  Bytes huge = Filled<SMatrixListwise>(5, {false, false}).SaveState();
+  WriteLittle(huge, 32, 0x7FFFFFFF, 4);
+  Reseal(huge);
+  ExpectStateError<SMatrixListwise>(huge, 60, "truncated payload: 2147483646 items");
+
+  // A block whose means the bytes hold but whose triangle no int can index.
+  constexpr int kWide = 46341;
+  Bytes wideBlock = Filled<SMatrixListwise>(5, {false, false}).SaveState();
+  wideBlock.resize(60);
+  WriteLittle(wideBlock, 24, 0, 4);
+  WriteLittle(wideBlock, 28, 0, 4);
+  WriteLittle(wideBlock, 32, kWide, 4);
+  wideBlock.resize(60 + 3 * 8 * kWide + 4);
+  WriteLittle(wideBlock, 16, wideBlock.size(), 8);
+  Reseal(wideBlock);
+  ExpectStateError<SMatrixListwise>(wideBlock, 60 + 3 * 8 * kWide,
+                                    "more cells than the library's tables can index");
+
+  // NSMatrixPairwise: missing code at 24, bounds at 32.
+  Bytes disordered = Filled<NSMatrixPairwise>(5, {false, false}).SaveState();
+  WriteLittle(disordered, 40, 1, 4);  // col0 0, col1 2, col2 1
+  Reseal(disordered);
+  ExpectStateError<NSMatrixPairwise>(disordered, 32, "out of order");
+}
+
+// Counts are integers: the bits of a NaN where one stands are a count out of
+// range, and a record with more rows than its table is damage too.
+TEST(StateHostileBytes, ImpossibleCountsAreRefused) {
+  const std::uint64_t nanBits =
+      std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN());
+  Bytes listwise = Filled<MatrixListwise>(6, {true, false}).SaveState();
+  WriteLittle(listwise, 28, nanBits, 8);
+  Reseal(listwise);
+  ExpectStateError<MatrixListwise>(listwise, 28,
+                                   "row count of 9221120237041090560 is out of range");
+
+  // SMatrixListwise: flags, bounds at 24, rows at 36 as a 64-bit field of an int count.
+  Bytes block = Filled<SMatrixListwise>(6, {true, false}).SaveState();
+  WriteLittle(block, 36, nanBits, 8);
+  Reseal(block);
+  ExpectStateError<SMatrixListwise>(block, 36, "is out of range (at most 2147483647)");
+
+  Bytes emptyWithRows = MatrixListwise().SaveState();
+  WriteLittle(emptyWithRows, 28, 3, 8);
+  Reseal(emptyWithRows);
+  ExpectStateError<MatrixListwise>(emptyWithRows, 28, "does not fit a record that is empty");
+
+  // MatrixPairwise: missing code at 24, columns at 32, rows at 36, sums, then
+  // the first column record's count at 60.
+  Bytes pairwise = Filled<MatrixPairwise>(6, {true, false}).SaveState();
+  WriteLittle(pairwise, 60, ReadLittle(pairwise, 36, 8) + 1, 8);
+  Reseal(pairwise);
+  ExpectStateError<MatrixPairwise>(pairwise, 60, "out of range (at most 23)");
+}
+
+}  // namespace
+}  // namespace vorel::testing
