@@ -263,6 +263,14 @@ TEST(StateFormat, TestVectorOfTheFormatDescription) {
 
 // ---------------------------------------------------------------- hostile bytes
 
+// The bytes with `width` bytes at `at` replaced by value and the checksum
+// made to fit again.
+Bytes Patched(Bytes b, std::size_t at, std::uint64_t value, int width) {
+  WriteLittle(b, at, value, width);
+  Reseal(b);
+  return b;
+}
+
 // Expects loading bytes as T to raise StateError at byte `offset` with a
 // message containing `text`.
 template <class T>
@@ -310,19 +318,13 @@ TYPED_TEST(StateHostileBytes, HeaderDamageIsNamed) {
   magic[1] = std::byte{'X'};
   ExpectStateError<TypeParam>(magic, 0, "wrong magic");
 
-  Bytes future = good;
-  WriteLittle(future, 8, 2, 2);
-  Reseal(future);
+  const Bytes future = Patched(good, 8, 2, 2);
   ExpectStateError<TypeParam>(future, 8, "format version 2");
 
-  Bytes unknownKind = good;
-  WriteLittle(unknownKind, 10, 99, 2);
-  Reseal(unknownKind);
+  const Bytes unknownKind = Patched(good, 10, 99, 2);
   ExpectStateError<TypeParam>(unknownKind, 10, "unknown class kind 99");
 
-  Bytes unknownFlag = good;
-  WriteLittle(unknownFlag, 12, ReadLittle(good, 12, 4) | 0x100, 4);
-  Reseal(unknownFlag);
+  const Bytes unknownFlag = Patched(good, 12, ReadLittle(good, 12, 4) | 0x100, 4);
   ExpectStateError<TypeParam>(unknownFlag, 12, "flags 256 are unknown");
 
   Bytes longer = good;
@@ -347,20 +349,15 @@ TEST(StateHostileBytes, WrongClassIsNamed) {
 // MatrixListwise: columns at 24, rows at 28, then the sums and the stores.
 TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
   const Bytes good = Filled<MatrixListwise>(5, {true, true}).SaveState();
-  Bytes wide = good;
-  WriteLittle(wide, 24, 65535, 4);
-  Reseal(wide);
+  const Bytes wide = Patched(good, 24, 65535, 4);
   ExpectStateError<MatrixListwise>(wide, 52, "truncated payload: 65535 items");
 
-  Bytes tooWide = good;
-  WriteLittle(tooWide, 24, 65536, 4);
-  Reseal(tooWide);
+  const Bytes tooWide = Patched(good, 24, 65536, 4);
   ExpectStateError<MatrixListwise>(tooWide, 24, "columns is 65536, outside 1 to 65535");
 
   // SMatrixListwise: bounds at 24, rows at 36, sums, the column stores from 60.
-  Bytes huge = Filled<SMatrixListwise>(5, {false, false}).SaveState();
-  WriteLittle(huge, 32, 0x7FFFFFFF, 4);
-  Reseal(huge);
+  const Bytes huge =
+      Patched(Filled<SMatrixListwise>(5, {false, false}).SaveState(), 32, 0x7FFFFFFF, 4);
   ExpectStateError<SMatrixListwise>(huge, 60, "truncated payload: 2147483646 items");
 
   // A block whose means the bytes hold but whose triangle no int can index.
@@ -377,9 +374,9 @@ TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
                                     "more cells than the library's tables can index");
 
   // NSMatrixPairwise: missing code at 24, bounds at 32.
-  Bytes disordered = Filled<NSMatrixPairwise>(5, {false, false}).SaveState();
-  WriteLittle(disordered, 40, 1, 4);  // col0 0, col1 2, col2 1
-  Reseal(disordered);
+  // col0 0, col1 2, col2 1
+  const Bytes disordered =
+      Patched(Filled<NSMatrixPairwise>(5, {false, false}).SaveState(), 40, 1, 4);
   ExpectStateError<NSMatrixPairwise>(disordered, 32, "out of order");
 }
 
@@ -388,28 +385,23 @@ TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
 TEST(StateHostileBytes, ImpossibleCountsAreRefused) {
   const std::uint64_t nanBits =
       std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN());
-  Bytes listwise = Filled<MatrixListwise>(6, {true, false}).SaveState();
-  WriteLittle(listwise, 28, nanBits, 8);
-  Reseal(listwise);
+  const Bytes listwise =
+      Patched(Filled<MatrixListwise>(6, {true, false}).SaveState(), 28, nanBits, 8);
   ExpectStateError<MatrixListwise>(listwise, 28,
                                    "row count of 9221120237041090560 is out of range");
 
   // SMatrixListwise: flags, bounds at 24, rows at 36 as a 64-bit field of an int count.
-  Bytes block = Filled<SMatrixListwise>(6, {true, false}).SaveState();
-  WriteLittle(block, 36, nanBits, 8);
-  Reseal(block);
+  const Bytes block =
+      Patched(Filled<SMatrixListwise>(6, {true, false}).SaveState(), 36, nanBits, 8);
   ExpectStateError<SMatrixListwise>(block, 36, "is out of range (at most 2147483647)");
 
-  Bytes emptyWithRows = MatrixListwise().SaveState();
-  WriteLittle(emptyWithRows, 28, 3, 8);
-  Reseal(emptyWithRows);
+  const Bytes emptyWithRows = Patched(MatrixListwise().SaveState(), 28, 3, 8);
   ExpectStateError<MatrixListwise>(emptyWithRows, 28, "does not fit a record that is empty");
 
   // MatrixPairwise: missing code at 24, columns at 32, rows at 36, sums, then
   // the first column record's count at 60.
-  Bytes pairwise = Filled<MatrixPairwise>(6, {true, false}).SaveState();
-  WriteLittle(pairwise, 60, ReadLittle(pairwise, 36, 8) + 1, 8);
-  Reseal(pairwise);
+  const Bytes counted = Filled<MatrixPairwise>(6, {true, false}).SaveState();
+  const Bytes pairwise = Patched(counted, 60, ReadLittle(counted, 36, 8) + 1, 8);
   ExpectStateError<MatrixPairwise>(pairwise, 60, "out of range (at most 23)");
 }
 

@@ -3,7 +3,6 @@
 #include <vorelhost/assertion.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
 #include <utility>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "common/triangle.h"
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
+#include "records/discriminantstate.h"
 
 namespace vorel {
 
@@ -52,16 +52,10 @@ struct DiscriminantMatrixData {
   }
 
   static constexpr internal::StateKind kStateKind = internal::StateKind::DiscriminantMatrix;
-  // Flags, shape, totals, then sumW, sumX1, sumX2 and TSSP as stored. The
-  // shape of an empty record is whatever it was built with.
+  // Flags, shape, totals, then sumW, sumX1, sumX2 and TSSP as stored.
   template <class Archive, class Self>
   static void StateFields(Archive& a, Self& r) {
-    bool filled = !r.Empty();
-    a.Flag(internal::StateFlag::Filled, filled);
-    a.Dim("groups", r._nGroup, filled ? 0 : INT_MIN, INT_MAX);
-    a.Dim("variables", r._nVar, filled ? 1 : INT_MIN, INT_MAX);
-    a.RowCount(r._nRows, filled);
-    a.Real(r._weightSum);
+    const bool filled = internal::DiscriminantStateHead(a, r);
     a.Reals(r._sumW, filled ? static_cast<std::size_t>(r._nGroup) : 0);
     a.Reals(r._sumX1, filled ? r.GroupCells() : 0, filled);
     a.Reals(r._sumX2, filled ? r.GroupCells() : 0, filled);

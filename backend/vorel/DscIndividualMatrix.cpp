@@ -3,7 +3,6 @@
 #include <vorelhost/assertion.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
 #include <utility>
 
@@ -12,6 +11,7 @@
 #include "common/triangle.h"
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
+#include "records/discriminantstate.h"
 
 namespace vorel {
 
@@ -54,16 +54,10 @@ struct DiscIndividualMatrixData {
   }
 
   static constexpr internal::StateKind kStateKind = internal::StateKind::DiscIndividualMatrix;
-  // Flags, shape, totals, then the table as stored. The shape of an empty
-  // record is whatever it was built with.
+  // Flags, shape, totals, then the table as stored.
   template <class Archive, class Self>
   static void StateFields(Archive& a, Self& r) {
-    bool filled = !r.Empty();
-    a.Flag(internal::StateFlag::Filled, filled);
-    a.Dim("groups", r._nGroup, filled ? 0 : INT_MIN, INT_MAX);
-    a.Dim("variables", r._nVar, filled ? 1 : INT_MIN, INT_MAX);
-    a.RowCount(r._nRows, filled);
-    a.Real(r._weightSum);
+    const bool filled = internal::DiscriminantStateHead(a, r);
     a.Reals(r._TSSP, filled ? r.TableCells() : 0, filled);
   }
 };
