@@ -257,6 +257,7 @@ TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   EXPECT_EQ(Counted::live.load(), 0);
   const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
   const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;
+  RecordProperty("peak_live_results", static_cast<int>(Counted::peak.load()));
   EXPECT_LE(Counted::peak.load(), bound);
   EXPECT_GT(Counted::peak.load(), 1) << "no two results ever alive at once";
 }
