@@ -75,17 +75,23 @@ inline std::vector<double> Figures(const MatrixPairwise& m) {
   return f;
 }
 
+// A pair of columns of the block that it keeps figures for: any pair in an S
+// block, only pairs across its two sets in an NS block.
+template <class Block>
+bool HoldsPair(const Block& m, int i, int j) {
+  return m.Col1() == m.Col0() || (i < m.Col1()) != (j < m.Col1());
+}
+
 // The listwise blocks: every column's mean and extremes, and the
-// cross-products that the block holds (NS: only across its two sets).
+// cross-products that the block holds.
 template <class Block>
 requires requires(const Block& b) { b.CCP(0, 0); }
 std::vector<double> Figures(const Block& m) {
   std::vector<double> f{double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  const bool symmetric = m.Col1() == m.Col0();
   for (int i = m.Col0(); i < m.Col2(); ++i) {
     f.insert(f.end(), {m.Mean(i), m.Min(i), m.Max(i)});
     for (int j = m.Col0(); j < m.Col2(); ++j)
-      if (symmetric || (i < m.Col1()) != (j < m.Col1())) f.push_back(m.CCP(i, j));
+      if (HoldsPair(m, i, j)) f.push_back(m.CCP(i, j));
   }
   return f;
 }
@@ -95,12 +101,11 @@ template <class Block>
 requires requires(const Block& b) { b.Pair(0, 1); }
 std::vector<double> Figures(const Block& m) {
   std::vector<double> f{double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  const bool symmetric = m.Col1() == m.Col0();
   for (int i = m.Col0(); i < m.Col2(); ++i) {
     const std::vector<double> var = pairwise::VarFields(m.Var(i));
     f.insert(f.end(), var.begin(), var.end());
     for (int j = m.Col0(); j < m.Col2(); ++j) {
-      if (i == j || !(symmetric || (i < m.Col1()) != (j < m.Col1()))) continue;
+      if (i == j || !HoldsPair(m, i, j)) continue;
       const std::vector<double> pair = pairwise::PairFields(m.Pair(i, j));
       f.insert(f.end(), pair.begin(), pair.end());
     }
@@ -160,6 +165,19 @@ inline std::vector<double> Figures(const ListwiseBlocks& b) {
 // Bit for bit, NaN payloads included.
 inline bool SameFigures(const std::vector<double>& a, const std::vector<double>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
+}
+
+// The same, for EXPECT_TRUE: on failure, the first figure that differs.
+inline ::testing::AssertionResult SameBitsAs(const std::vector<double>& a,
+                                             const std::vector<double>& b) {
+  if (SameFigures(a, b)) return ::testing::AssertionSuccess();
+  if (a.size() != b.size())
+    return ::testing::AssertionFailure() << a.size() << " figures against " << b.size();
+  std::size_t k = 0;
+  while (std::memcmp(&a[k], &b[k], sizeof(double)) == 0)
+    ++k;
+  return ::testing::AssertionFailure()
+         << "figure " << k << ": " << std::hexfloat << a[k] << " against " << b[k];
 }
 
 // How each class is made and fed.

@@ -55,7 +55,7 @@ TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
       arrival += reduced;
       tree.AddBlock(block, ReduceBlock<R>(grid, block));
     }
-    EXPECT_PRED2(SameFigures, Figures(tree.Finish()), reference);
+    EXPECT_TRUE(SameBitsAs(Figures(tree.Finish()), reference));
     arrivalFigures.push_back(Figures(arrival));
   }
   const auto sameAsFirst = [&](const std::vector<double>& f) {
@@ -160,7 +160,7 @@ TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
     EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
     R total = Kind<R>::Fresh();
     whole.AddTo(total);
-    EXPECT_PRED2(SameFigures, Figures(total), reference);
+    EXPECT_TRUE(SameBitsAs(Figures(total), reference));
   }
 }
 
@@ -180,7 +180,7 @@ TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
       PassOptions options;
       options.threads = threads;
       options.delays = true;
-      EXPECT_PRED2(SameFigures, Figures(DriverPass<R>(grid, options)), reference);
+      EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, options)), reference));
     }
 }
 
@@ -201,7 +201,7 @@ TYPED_TEST(BlockTreeThreaded, FirstBlockArrivingLast) {
   PassOptions tree;
   tree.threads = 2;
   tree.gate = &treeGate;
-  EXPECT_PRED2(SameFigures, Figures(DriverPass<R>(grid, tree)), TreeReference<R>(grid));
+  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
 }
 
 // A listwise matrix that counts the live results: those made by the factory
@@ -253,7 +253,7 @@ TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   PassOptions options;
   options.threads = kThreads;
   options.delays = true;
-  EXPECT_PRED2(SameFigures, Figures(DriverPass<Counted>(grid, options)), reference);
+  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<Counted>(grid, options)), reference));
   EXPECT_EQ(Counted::live.load(), 0);
   const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
   const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;

@@ -63,7 +63,7 @@ namespace vorel {
 // The result of blocks [FirstBlock(), EndBlock()).
 template <class Result>
 struct BlockNode {
-  unsigned level;
+  std::uint32_t level;
   std::uint64_t index;
   Result result;
 
