@@ -1,0 +1,104 @@
+// State files are replaced whole or not at all.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "atomicfile.h"
+#include "errors.h"
+
+namespace vorelstat {
+namespace {
+
+std::vector<std::byte> BytesOf(const std::string& text) {
+  std::vector<std::byte> bytes;
+  for (char c : text)
+    bytes.push_back(static_cast<std::byte>(c));
+  return bytes;
+}
+
+// A fresh folder, removed with what it holds.
+class Folder {
+ public:
+  Folder() {
+    char name[] = "/tmp/vorelstat-atomic-XXXXXX";
+    if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+    _path = name;
+  }
+  ~Folder() {
+    for (const std::string& entry : Entries())
+      ::unlink((_path + "/" + entry).c_str());
+    ::rmdir(_path.c_str());
+  }
+  std::vector<std::string> Entries() const {
+    std::vector<std::string> names;
+    if (DIR* dir = ::opendir(_path.c_str())) {
+      while (const dirent* e = ::readdir(dir))
+        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..")
+          names.push_back(e->d_name);
+      ::closedir(dir);
+    }
+    return names;
+  }
+  std::string operator/(const std::string& name) const { return _path + "/" + name; }
+
+ private:
+  std::string _path;
+};
+
+TEST(AtomicFile, WritesAndReplacesWholeFiles) {
+  Folder folder;
+  const std::string path = folder / "a.state";
+  WriteFileAtomically(path, BytesOf("first"));
+  EXPECT_EQ(ReadWholeFile(path), BytesOf("first"));
+  WriteFileAtomically(path, BytesOf("second, longer"));
+  EXPECT_EQ(ReadWholeFile(path), BytesOf("second, longer"));
+  EXPECT_EQ(folder.Entries(), std::vector<std::string>{"a.state"});
+}
+
+// A write that stops half way (a full disk) leaves the old file as it was
+// and no temporary file behind.
+TEST(AtomicFile, AWriteFailingHalfWayLeavesTheOldFile) {
+  Folder folder;
+  const std::string path = folder / "a.state";
+  WriteFileAtomically(path, BytesOf("good old state"));
+  const std::vector<std::byte> fresh(1000, std::byte{7});
+  std::size_t written = 0;
+  const WriteCall halfThenFull = [&](int fd, const void* data, std::size_t size) -> ssize_t {
+    if (written >= fresh.size() / 2) {
+      errno = ENOSPC;
+      return -1;
+    }
+    const std::size_t n = std::min(size, fresh.size() / 2 - written);
+    written += n;
+    return ::write(fd, data, n);
+  };
+  try {
+    WriteFileAtomically(path, fresh, halfThenFull);
+    ADD_FAILURE() << "no UsageError";
+  } catch (const UsageError& e) {
+    const std::string what = e.what();
+    EXPECT_NE(what.find(path), std::string::npos) << what;
+    EXPECT_NE(what.find("after 500 bytes"), std::string::npos) << what;
+    EXPECT_NE(what.find(std::strerror(ENOSPC)), std::string::npos) << what;
+  }
+  EXPECT_EQ(ReadWholeFile(path), BytesOf("good old state"));
+  EXPECT_EQ(folder.Entries(), std::vector<std::string>{"a.state"});
+}
+
+TEST(AtomicFile, AFolderThatIsMissingIsNamed) {
+  EXPECT_THROW(WriteFileAtomically("/nonexistent-folder/a.state", BytesOf("x")), UsageError);
+  EXPECT_THROW(ReadWholeFile("/nonexistent-folder/a.state"), UsageError);
+}
+
+}  // namespace
+}  // namespace vorelstat
