@@ -8,7 +8,11 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <span>
 #include <string>
@@ -201,6 +205,88 @@ TEST(StateRoundTrip, LoadedObjectOwnsItsRecord) {
   const MatrixListwise again = Reloaded(loaded);
   ExpectSameState(loaded, again);
   EXPECT_GT(loaded.Mean(0), 0.0);
+}
+
+// ---------------------------------------------------------------- another process
+
+// States written here and read in a fresh process of this same test binary:
+// the child loads each file as its class, and its object saves the same
+// bytes and merges with the parent's rows to the parent's merge. The child's
+// half runs only when the parent hands it the folder.
+constexpr const char* kStateFolderVariable = "VOREL_TEST_STATE_FOLDER";
+
+Bytes ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  const std::vector<char> chars((std::istreambuf_iterator<char>(in)), {});
+  Bytes bytes(chars.size());
+  std::memcpy(bytes.data(), chars.data(), chars.size());
+  return bytes;
+}
+
+void WriteFile(const std::filesystem::path& path, const Bytes& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+}
+
+template <class T>
+void WriteStates(const std::filesystem::path& folder) {
+  const std::string name = ::testing::internal::GetTypeName<T>();
+  T a = Filled<T>(41, {true, true});
+  T b = Filled<T>(42, {true, true});
+  WriteFile(folder / (name + ".a"), a.SaveState());
+  WriteFile(folder / (name + ".b"), b.SaveState());
+  a += b;
+  WriteFile(folder / (name + ".merged"), a.SaveState());
+}
+
+template <class T>
+void CheckStates(const std::filesystem::path& folder) {
+  const std::string name = ::testing::internal::GetTypeName<T>();
+  SCOPED_TRACE(name);
+  const Bytes a = ReadFile(folder / (name + ".a"));
+  T loaded = T::LoadState(a);
+  EXPECT_TRUE(loaded.SaveState() == a);
+  T b = T::LoadState(ReadFile(folder / (name + ".b")));
+  loaded += b;
+  EXPECT_TRUE(loaded.SaveState() == ReadFile(folder / (name + ".merged")));
+}
+
+TEST(StateFreshProcess, ChildReadsTheStates) {
+  const char* folder = std::getenv(kStateFolderVariable);
+  if (folder == nullptr) GTEST_SKIP() << "runs in the child of WritesStatesForAChild only";
+  CheckStates<MatrixListwise>(folder);
+  CheckStates<MatrixPairwise>(folder);
+  CheckStates<SMatrixListwise>(folder);
+  CheckStates<NSMatrixListwise>(folder);
+  CheckStates<SMatrixPairwise>(folder);
+  CheckStates<NSMatrixPairwise>(folder);
+  CheckStates<DiscriminantMatrix>(folder);
+  CheckStates<DiscIndividualMatrix>(folder);
+}
+
+TEST(StateFreshProcess, WritesStatesForAChild) {
+  if (std::getenv(kStateFolderVariable) != nullptr) GTEST_SKIP() << "the child's own run";
+  const std::filesystem::path folder =
+      std::filesystem::temp_directory_path()
+      / ("vorel-state-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-"
+         + std::to_string(std::hash<std::string>()(std::filesystem::current_path().string())));
+  std::filesystem::create_directories(folder);
+  WriteStates<MatrixListwise>(folder);
+  WriteStates<MatrixPairwise>(folder);
+  WriteStates<SMatrixListwise>(folder);
+  WriteStates<NSMatrixListwise>(folder);
+  WriteStates<SMatrixPairwise>(folder);
+  WriteStates<NSMatrixPairwise>(folder);
+  WriteStates<DiscriminantMatrix>(folder);
+  WriteStates<DiscIndividualMatrix>(folder);
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string command = "timeout 60 env " + std::string(kStateFolderVariable) + "='"
+                              + folder.string() + "' '" + self
+                              + "' --gtest_filter=StateFreshProcess.ChildReadsTheStates >/dev/null";
+  const int status = std::system(command.c_str());
+  std::filesystem::remove_all(folder);
+  EXPECT_EQ(status, 0) << command;
 }
 
 // ---------------------------------------------------------------- the format
