@@ -1,6 +1,7 @@
 // The portable state: exact round trips of every result class, and hostile
 // bytes that must raise StateError with the right offset and nothing else.
 
+#include <unistd.h>
 #include <vorel/vorel.h>
 
 #include <algorithm>
@@ -267,10 +268,9 @@ TEST(StateFreshProcess, ChildReadsTheStates) {
 
 TEST(StateFreshProcess, WritesStatesForAChild) {
   if (std::getenv(kStateFolderVariable) != nullptr) GTEST_SKIP() << "the child's own run";
+  // One folder per process: runs of other builds may go on beside this one.
   const std::filesystem::path folder =
-      std::filesystem::temp_directory_path()
-      / ("vorel-state-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-"
-         + std::to_string(std::hash<std::string>()(std::filesystem::current_path().string())));
+      std::filesystem::temp_directory_path() / ("vorel-state-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
   WriteStates<MatrixListwise>(folder);
   WriteStates<MatrixPairwise>(folder);
