@@ -7,13 +7,16 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 
 // The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
 // _sumX1 and _sumX2 are null and _sumW is empty too.

@@ -6,13 +6,16 @@
 #include <cstddef>
 #include <utility>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 
 // The record behind a DiscIndividualMatrix. Empty while _TSSP is null.
 struct DiscIndividualMatrixData {

@@ -7,15 +7,18 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 #include "records/meansscratch.h"
 #include "records/updateformula.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 namespace {
 
 // Start of row n of the lower triangle with its diagonal, and the cell count

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"

@@ -4,8 +4,8 @@
 #include <emmintrin.h>
 #endif
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel::internal {
 namespace {

@@ -29,8 +29,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "meansscratch.h"
 #include "updateformula.h"
 

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "common/storelimits.h"
 #include "completecolumns.h"
 

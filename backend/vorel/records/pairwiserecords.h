@@ -12,10 +12,12 @@
 
 #include <vorel/statrecords.h>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "updateformula.h"
 
 namespace vorel::internal {
+
+using namespace vorel::internal;
 
 template <typename Record>
 concept HasExtremes = requires(Record r) {

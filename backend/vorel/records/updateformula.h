@@ -17,7 +17,7 @@
 // Pure functions on doubles. Internal to the library.
 #pragma once
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 
 namespace vorel::internal {
 
