@@ -71,7 +71,8 @@ std::size_t NSMatrixListwiseData::CellCount() const {
 // squares of every column and every first-set column against every
 // second-set column, row after row. The blocked kernel gives every cell the
 // bits of its own dot product over the rows in order.
-void NSMatrixListwiseData::FillCells(const internal::ColumnBlock& block, const double* w, int rows) {
+void NSMatrixListwiseData::FillCells(const internal::ColumnBlock& block, const double* w,
+                                     int rows) {
   internal::CrossProductJob job = JobOver(block, w, rows);
   job.rectangle = _xp.get();
   job.split = NFirst();
