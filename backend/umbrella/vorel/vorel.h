@@ -1,4 +1,7 @@
-// Everything the library exports, in one include.
+// Everything the library exports, in one include: <vorel/vorel.h>.
+//
+// It stands in a folder of its own, apart from the headers it gathers: those
+// are included by the library itself, this one only by callers.
 #pragma once
 
 #include <vorel/DiscriminantMatrix.h>
