@@ -15,8 +15,11 @@
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchColumns;
+using internal::CrossProductJob;
+using internal::CrossProducts;
+using internal::ScatterWeightedSumsOfColumns;
+using internal::ScatterWeights;
 
 // The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
 // _sumX1 and _sumX2 are null and _sumW is empty too.

@@ -14,8 +14,10 @@
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchColumns;
+using internal::CrossProductJob;
+using internal::CrossProducts;
+using internal::SumWeights;
 
 // The record behind a DiscIndividualMatrix. Empty while _TSSP is null.
 struct DiscIndividualMatrixData {

@@ -17,8 +17,14 @@
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchColumns;
+using internal::ColumnPass;
+using internal::CrossProductJob;
+using internal::CrossProducts;
+using internal::MultiplyInPlace;
+using internal::SumValues;
+using internal::SumWeights;
+
 namespace {
 
 // Start of row n of the lower triangle with its diagonal, and the cell count

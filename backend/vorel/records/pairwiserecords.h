@@ -17,8 +17,6 @@
 
 namespace vorel::internal {
 
-using namespace vorel::internal;
-
 template <typename Record>
 concept HasExtremes = requires(Record r) {
   r.min;
