@@ -6,6 +6,7 @@
 
 #include <vorel/DiscriminantMatrix.h>
 #include <vorel/DscIndividualMatrix.h>
+#include <vorel/blocktree.h>
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
 #include <vorel/driver.h>
