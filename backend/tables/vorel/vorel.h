@@ -1,7 +1,7 @@
 // Everything the library exports, in one include: <vorel/vorel.h>.
 //
-// It stands in a folder of its own, apart from the headers it gathers: those
-// are included by the library itself, this one only by callers.
+// The library itself never includes it: its own sources include the headers
+// they use, one by one.
 #pragma once
 
 #include <vorel/DiscriminantMatrix.h>
