@@ -56,30 +56,42 @@ double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGrou
   return divisor > 0.0 ? withinCscp / divisor : kUndefined;
 }
 
+std::vector<double> OriginOf(const double* row, std::size_t nColumns) {
+  std::vector<double> origin(row, row + nColumns);
+  for (double& value : origin) {
+    if (!std::isfinite(value)) value = 0.0;
+  }
+  return origin;
+}
+
 GroupMoments::GroupMoments(std::size_t nColumns, bool keepCrossProducts)
     : _keep(keepCrossProducts),
+      _origin(nColumns, 0.0),
       _means(nColumns, 0.0),
       _cscp(keepCrossProducts ? TriangleSize(nColumns) : 0, 0.0),
+      _moved(nColumns, 0.0),
       _shift(nColumns, 0.0) {}
 
-void GroupMoments::Join(std::uint64_t rows, double weight, const double* means, const double* cscp,
-                        std::vector<double>& pooled) {
-  JoinPart(rows, weight, means, cscp, true, pooled);
+void GroupMoments::Join(std::uint64_t rows, double weight, const double* origin,
+                        const double* means, const double* cscp, std::vector<double>& pooled) {
+  JoinPart(rows, weight, origin, means, cscp, true, pooled);
 }
 
 void GroupMoments::Join(const GroupMoments& other, std::vector<double>& pooled) {
   if (other._rows == 0) return;
-  JoinPart(other._rows, other._weight, other._means.data(),
+  JoinPart(other._rows, other._weight, other._origin.data(), other._means.data(),
            other._keep ? other._cscp.data() : nullptr, false, pooled);
 }
 
-void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* means,
-                            const double* cscp, bool partToPooled, std::vector<double>& pooled) {
+void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* origin,
+                            const double* means, const double* cscp, bool partToPooled,
+                            std::vector<double>& pooled) {
   const std::size_t k = _means.size();
   const std::size_t cells = TriangleSize(k);
   if (_rows == 0) {
     // Nothing to move: the part's figures are taken as they are, so that a
     // constant column keeps its value exactly.
+    _origin.assign(origin, origin + k);
     _means.assign(means, means + k);
     if (cscp != nullptr) {
       if (_keep) _cscp.assign(cscp, cscp + cells);
@@ -93,17 +105,21 @@ void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* mea
     return;
   }
   const double total = _weight + weight;
+  // The part's means relative to this origin; the origins of one group lie
+  // close together, so their difference is exact or nearly.
+  for (std::size_t i = 0; i < k; ++i)
+    _moved[i] = means[i] + (origin[i] - _origin[i]);
   // _shift[i] = M_i - m_t,i; the part's distance M_i - m_d,i follows from it.
   for (std::size_t i = 0; i < k; ++i)
-    _shift[i] = weight * (means[i] - _means[i]) / total;
+    _shift[i] = weight * (_moved[i] - _means[i]) / total;
   std::size_t cell = 0;
   for (std::size_t i = 0; i < k; ++i) {
     const double newMean = _means[i] + _shift[i];
     const double a = _weight * _shift[i];
-    const double b = weight * (newMean - means[i]);
+    const double b = weight * (newMean - _moved[i]);
     for (std::size_t j = 0; j <= i; ++j, ++cell) {
       const double newMeanJ = _means[j] + _shift[j];
-      const double joined = _shift[j] * a + (newMeanJ - means[j]) * b;
+      const double joined = _shift[j] * a + (newMeanJ - _moved[j]) * b;
       const double part = cscp != nullptr ? cscp[cell] : 0.0;
       if (_keep) _cscp[cell] += part + joined;
       pooled[cell] += (partToPooled ? part : 0.0) + joined;

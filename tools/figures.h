@@ -85,9 +85,15 @@ double SelfCorrelation(const ColumnMoments& c);
 // corrected cross-products over W - G.
 double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups);
 
+// A point near a group's data, for each column: the first row's values, or 0
+// where a value is not finite. Means are kept relative to it, so that their
+// rounding is that of the spread of the data, not of its distance from zero.
+std::vector<double> OriginOf(const double* row, std::size_t nColumns);
+
 // Centred results of some rows of one group. Parts of a group are joined by
 // the update formula: the joined mean moves by W_d (m_d - m_t) / W, and the
-// cross-products gain W_t (M - m_t)(M - m_t)' + W_d (M - m_d)(M - m_d)'.
+// cross-products gain W_t (M - m_t)(M - m_t)' + W_d (M - m_d)(M - m_d)'. All
+// means are relative to the group's origin, the first part's.
 class GroupMoments {
  public:
   // keepCrossProducts: whether the group keeps its own corrected
@@ -95,11 +101,11 @@ class GroupMoments {
   GroupMoments(std::size_t nColumns, bool keepCrossProducts);
 
   // Joins centred results of further rows of the group: their row count,
-  // weight, means and corrected cross-products (a triangle, see TriangleIndex).
-  // `pooled` (a triangle) receives what the join adds to the group's corrected
-  // cross-products, the part's own included.
-  void Join(std::uint64_t rows, double weight, const double* means, const double* cscp,
-            std::vector<double>& pooled);
+  // weight, origin, means relative to that origin and corrected cross-products
+  // (a triangle, see TriangleIndex). `pooled` (a triangle) receives what the
+  // join adds to the group's corrected cross-products, the part's own included.
+  void Join(std::uint64_t rows, double weight, const double* origin, const double* means,
+            const double* cscp, std::vector<double>& pooled);
   // Joins another partial result of the same group, whose own corrected
   // cross-products are already in another pooled sum; `pooled` receives only
   // what the join adds.
@@ -107,7 +113,9 @@ class GroupMoments {
 
   std::uint64_t Rows() const { return _rows; }
   double Weight() const { return _weight; }
-  double Mean(std::size_t i) const { return _means[i]; }
+  // The origin of the means, once the group has rows.
+  const double* Origin() const { return _origin.data(); }
+  double Mean(std::size_t i) const { return _origin[i] + _means[i]; }
   bool KeepsCrossProducts() const { return _keep; }
   // The group's own covariance; needs keepCrossProducts.
   double Covariance(std::size_t i, std::size_t j) const;
@@ -115,14 +123,16 @@ class GroupMoments {
  private:
   // Adds the part's cross-products `cscp` (may be null) to the group's own,
   // and to `pooled` when `partToPooled`, besides what the join adds.
-  void JoinPart(std::uint64_t rows, double weight, const double* means, const double* cscp,
-                bool partToPooled, std::vector<double>& pooled);
+  void JoinPart(std::uint64_t rows, double weight, const double* origin, const double* means,
+                const double* cscp, bool partToPooled, std::vector<double>& pooled);
 
   bool _keep;
   std::uint64_t _rows = 0;
   double _weight = 0.0;
+  std::vector<double> _origin;
   std::vector<double> _means;
   std::vector<double> _cscp;   // triangle, kept only on request
+  std::vector<double> _moved;  // scratch: the part's means relative to the origin
   std::vector<double> _shift;  // scratch: the new means minus the old
 };
 

@@ -143,6 +143,7 @@ class GroupRows {
       : _nValues(nValues),
         _capacity(capacity),
         _batch(nValues, capacity, &_weight, nullptr, nullptr),
+        _moved(nValues),
         _means(nValues),
         _cscp(figures::TriangleSize(nValues)) {
     _codes.reserve(capacity);
@@ -168,11 +169,19 @@ class GroupRows {
                      [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
     for (std::size_t first = 0; first < n;) {
       const long long code = _codes[_order[first]];
+      figures::GroupMoments& group = table.Of(code);
+      // Rows go in less the group's origin, so that the batch's means round
+      // as the spread of the data does, not as its distance from zero.
+      const std::vector<double> origin =
+          figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
       std::size_t last = first;
       _batch.Clear();
       for (; last < n && _codes[_order[last]] == code; ++last) {
+        const double* row = Row(last);
+        for (unsigned i = 0; i < _nValues; ++i)
+          _moved[i] = row[i] - origin[i];
         _weight = _weights[_order[last]];
-        _batch.AddRow(&_values[_order[last] * _nValues]);
+        _batch.AddRow(_moved.data());
       }
       vorel::MatrixListwise part;
       part += _batch;
@@ -181,8 +190,8 @@ class GroupRows {
         for (unsigned j = 0; j <= i; ++j)
           _cscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
       }
-      table.Of(code).Join(part.NRows(), part.WeightSum(), _means.data(), _cscp.data(),
-                          table.Within());
+      group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
+                 table.Within());
       first = last;
     }
     _codes.clear();
@@ -191,6 +200,9 @@ class GroupRows {
   }
 
  private:
+  // The values of the row at place `k` of the group order.
+  const double* Row(std::size_t k) const { return &_values[_order[k] * _nValues]; }
+
   unsigned _nValues;
   unsigned _capacity;
   std::vector<long long> _codes;
@@ -199,7 +211,7 @@ class GroupRows {
   std::vector<std::size_t> _order;
   double _weight = 1.0;  // read by AddRow
   vorel::DataBatch _batch;
-  std::vector<double> _means, _cscp;
+  std::vector<double> _moved, _means, _cscp;
 };
 
 class StatWorker;
