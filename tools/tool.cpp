@@ -199,7 +199,7 @@ void CheckSize(const RowLayout& layout, const Options& o, const std::string& pat
 
 }  // namespace
 
-void RunTool(const Options& o, bool progress, std::FILE* out) {
+ToolRun RunPasses(const Options& o, bool progress) {
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
   // Columns of the tool's choice found to hold text; each pass that finds
@@ -233,21 +233,13 @@ void RunTool(const Options& o, bool progress, std::FILE* out) {
     passOptions.batchRows = o.batchRows;
     passOptions.groupCovariance = o.groupCovariance;
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-    const PassResult pass = RunPass(reader, layout, rules, passOptions);
+    PassResult pass = RunPass(reader, layout, rules, passOptions);
     bar.Finish();
 
     if (pass.textColumns.empty()) {
       std::sort(skipped.begin(), skipped.end(),
                 [](const SkippedColumn& a, const SkippedColumn& b) { return a.field < b.field; });
-      const Report report(o.path, layout, pass, skipped, o.groupCovariance);
-      if (o.format == "csv") {
-        WriteCsv(report, out);
-      } else if (o.format == "json") {
-        WriteJson(report, out);
-      } else {
-        WriteTable(report, out);
-      }
-      return;
+      return {std::move(layout), std::move(skipped), std::move(pass)};
     }
     const TextColumn& first = pass.textColumns.front();
     const std::string& name = layout.names[layout.valueFields[first.slot]];
@@ -261,6 +253,18 @@ void RunTool(const Options& o, bool progress, std::FILE* out) {
       textColumns.push_back(
           {layout.valueFields[column.slot], TextReason(column.line, column.text)});
     }
+  }
+}
+
+void RunTool(const Options& o, bool progress, std::FILE* out) {
+  const ToolRun run = RunPasses(o, progress);
+  const Report report(o.path, run.layout, run.pass, run.skipped, o.groupCovariance);
+  if (o.format == "csv") {
+    WriteCsv(report, out);
+  } else if (o.format == "json") {
+    WriteJson(report, out);
+  } else {
+    WriteTable(report, out);
   }
 }
 

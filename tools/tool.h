@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "rowparser.h"
+#include "statpass.h"
 
 namespace vorelstat {
 
@@ -41,6 +42,19 @@ char DelimiterOption(const std::string& text);
 // The most value columns one run analyses: the library's whole-table
 // matrices index their cells in 32 bits.
 inline constexpr std::size_t kMostColumns = 65535;
+
+// What a run settled on: the columns, those it passed over and why, and the
+// pass's results.
+struct ToolRun {
+  RowLayout layout;
+  std::vector<SkippedColumn> skipped;  // in header order
+  PassResult pass;
+};
+
+// Reads the file: decides the columns, runs the pass (a second time when a
+// column of the tool's choice showed text only during the first). Throws
+// UsageError or DataError.
+ToolRun RunPasses(const Options& options, bool progress);
 
 // Reads the file and writes the report to `out`, which the caller checks for
 // write errors. Throws UsageError or DataError before anything is written.
