@@ -25,6 +25,13 @@ void Range::Include(const Range& other) {
 
 bool Range::Constant() const { return min == max && std::isfinite(min); }
 
+void Constancy::Include(const Constancy& other) {
+  if (other.state == State::kVaries) state = State::kVaries;
+  if (other.state == State::kOneValue) Include(other.value);
+}
+
+bool Constancy::Constant() const { return state == State::kOneValue && std::isfinite(value); }
+
 double Mean(const ColumnMoments& c) {
   if (c.n == 0) return kUndefined;
   return c.range.Constant() ? c.range.ConstantValue() : c.mean;

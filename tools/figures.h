@@ -56,6 +56,29 @@ struct Range {
   double ConstantValue() const { return max; }
 };
 
+// Whether a set of cells holds one value only, without keeping the extremes:
+// cheap enough to follow for every column on the rows of every pair.
+struct Constancy {
+  enum class State : std::uint8_t { kNoCells, kOneValue, kVaries };
+  State state = State::kNoCells;
+  double value = 0.0;
+
+  // Returns whether the cells still hold one value.
+  bool Include(double x) {
+    if (state == State::kNoCells) {
+      state = State::kOneValue;
+      value = x;
+    } else if (state == State::kOneValue && !(x == value)) {
+      state = State::kVaries;
+    }
+    return state != State::kVaries;
+  }
+  void Include(const Constancy& other);
+  bool Varies() const { return state == State::kVaries; }
+  // One value, and finite: as Range::Constant.
+  bool Constant() const;
+};
+
 // One column over the rows behind its figures.
 struct ColumnMoments {
   std::uint64_t n = 0;  // cells

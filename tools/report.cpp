@@ -122,8 +122,8 @@ figures::PairMoments Report::PairOf(std::size_t i, std::size_t j) const {
     p.cscp = pair.CSCP();
     p.css0 = pair.CSS0();
     p.css1 = pair.CSS1();
-    p.constant0 = _pass.pairRanges[i * k + j].Constant();
-    p.constant1 = _pass.pairRanges[j * k + i].Constant();
+    p.constant0 = _pass.pairConstancy[i * k + j].Constant();
+    p.constant1 = _pass.pairConstancy[j * k + i].Constant();
   }
   return p;
 }

@@ -67,25 +67,25 @@ struct Counters {
   }
 };
 
-// Cell counts and extremes of the columns, and under pairwise deletion of
-// each column over the rows of each pair.
+// Cell counts and extremes of the columns, and under pairwise deletion
+// whether each column holds one value on the rows of each pair.
 struct Extremes {
   std::vector<std::uint64_t> counts;
   std::vector<figures::Range> ranges;
-  std::vector<figures::Range> pairRanges;
+  std::vector<figures::Constancy> pairConstancy;
 
   Extremes(unsigned nValues, bool pairwise)
       : counts(nValues, 0),
         ranges(nValues),
-        pairRanges(pairwise ? std::size_t{nValues} * nValues : 0) {}
+        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
 
   void Add(const Extremes& o) {
     for (std::size_t c = 0; c < counts.size(); ++c) {
       counts[c] += o.counts[c];
       ranges[c].Include(o.ranges[c]);
     }
-    for (std::size_t c = 0; c < pairRanges.size(); ++c)
-      pairRanges[c].Include(o.pairRanges[c]);
+    for (std::size_t c = 0; c < pairConstancy.size(); ++c)
+      pairConstancy[c].Include(o.pairConstancy[c]);
   }
 };
 
@@ -384,7 +384,7 @@ class StatWorker : public vorel::WorkerBase {
   void FlushBatch() {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
-    if (_pairwise) UpdatePairExtremes();
+    if (_pairwise) UpdatePairConstancy();
     if (_listwiseMatrix) *_listwiseMatrix += _batch;
     if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
     _batch.Clear();
@@ -409,24 +409,22 @@ class StatWorker : public vorel::WorkerBase {
     }
   }
 
-  // For each pair, the range of both columns over the rows where both are
-  // present: a column may be constant on a pair's rows and not elsewhere.
-  void UpdatePairExtremes() {
+  // For each pair, whether each column holds one value on the rows where
+  // both are present: a column may be constant there and not elsewhere. A
+  // pair whose column varies is not looked at again, so after the first
+  // batches this costs next to nothing.
+  void UpdatePairConstancy() {
     const unsigned n = _batch.NRows();
     const std::size_t k = _batch.NColumns();
     for (unsigned i = 0; i < k; ++i) {
       const double* xi = _batch.Column(i);
-      for (unsigned j = 0; j < i; ++j) {
+      for (unsigned j = 0; j < k; ++j) {
+        figures::Constancy& constancy = _extremes.pairConstancy[i * k + j];
+        if (i == j || constancy.Varies()) continue;
         const double* xj = _batch.Column(j);
-        figures::Range ri = _extremes.pairRanges[i * k + j];
-        figures::Range rj = _extremes.pairRanges[j * k + i];
         for (unsigned r = 0; r < n; ++r) {
-          if (!Present(xi[r]) || !Present(xj[r])) continue;
-          ri.Include(xi[r]);
-          rj.Include(xj[r]);
+          if (Present(xi[r]) && Present(xj[r]) && !constancy.Include(xi[r])) break;
         }
-        _extremes.pairRanges[i * k + j] = ri;
-        _extremes.pairRanges[j * k + i] = rj;
       }
     }
   }
@@ -493,7 +491,7 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   result.cellsCoerced = counters.cellsCoerced;
   result.cellCounts = std::move(problem._extremes.counts);
   result.ranges = std::move(problem._extremes.ranges);
-  result.pairRanges = std::move(problem._extremes.pairRanges);
+  result.pairConstancy = std::move(problem._extremes.pairConstancy);
   result.listwise = std::move(problem._listwise);
   result.pairwise = std::move(problem._pairwise);
   if (problem._groups) {

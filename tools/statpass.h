@@ -72,9 +72,9 @@ struct PassResult {
   // Per value column, over the cells that reached the whole-table matrix.
   std::vector<std::uint64_t> cellCounts;
   std::vector<figures::Range> ranges;
-  // Pairwise only: k x k, entry (i, j) the range of column i over the rows
-  // where columns i and j are both present.
-  std::vector<figures::Range> pairRanges;
+  // Pairwise only: k x k, entry (i, j) whether column i holds one value on
+  // the rows where columns i and j are both present.
+  std::vector<figures::Constancy> pairConstancy;
 
   // Exactly one of the two is set.
   std::unique_ptr<vorel::MatrixListwise> listwise;
