@@ -144,10 +144,10 @@ void Near(double got, Real want, Real bound, const char* what) {
 
 void Compare(const ToolRun& run, const Reference& ref, const CellRules& rules, bool groupCov) {
   const PassResult& pass = run.pass;
-  Check(pass.rowsRead == ref.read, "rows read");
-  Check(pass.rowsUsed == ref.used, "rows used");
-  Check(pass.rowsZeroWeight == ref.zero, "rows of weight 0");
-  Check(pass.rowsWithoutWeight == ref.noWeight, "rows without weight");
+  Check(pass.rows.read == ref.read, "rows read");
+  Check(pass.rows.used == ref.used, "rows used");
+  Check(pass.rows.zeroWeight == ref.zero, "rows of weight 0");
+  Check(pass.rows.withoutWeight == ref.noWeight, "rows without weight");
   const std::size_t k = run.layout.NValues();
   if (k > kMostCheckedColumns) return;
   const Report report("fuzz", run.layout, pass, run.skipped, groupCov);

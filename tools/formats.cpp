@@ -61,17 +61,17 @@ void SquareTable(std::FILE* out, const Report& report,
 std::string RowsLine(const Report& report) {
   const PassResult& pass = report.Pass();
   std::string line =
-      std::to_string(pass.rowsRead) + " read, " + std::to_string(pass.rowsUsed) + " used";
-  if (pass.rowsIncomplete != 0) {
+      std::to_string(pass.rows.read) + " read, " + std::to_string(pass.rows.used) + " used";
+  if (pass.rows.incomplete != 0) {
     line += report.pairwise
-                ? ", " + std::to_string(pass.rowsIncomplete) + " with missing cells"
-                : ", " + std::to_string(pass.rowsIncomplete) + " left out for missing cells";
+                ? ", " + std::to_string(pass.rows.incomplete) + " with missing cells"
+                : ", " + std::to_string(pass.rows.incomplete) + " left out for missing cells";
   }
-  if (pass.rowsWithoutWeight != 0) {
-    line += ", " + std::to_string(pass.rowsWithoutWeight) + " left out for a missing weight";
+  if (pass.rows.withoutWeight != 0) {
+    line += ", " + std::to_string(pass.rows.withoutWeight) + " left out for a missing weight";
   }
-  if (pass.rowsZeroWeight != 0) {
-    line += ", " + std::to_string(pass.rowsZeroWeight) + " of weight 0 left out";
+  if (pass.rows.zeroWeight != 0) {
+    line += ", " + std::to_string(pass.rows.zeroWeight) + " of weight 0 left out";
   }
   return line;
 }
@@ -103,8 +103,8 @@ void WriteTable(const Report& report, std::FILE* out) {
   head.Add("rows", RowsLine(report));
   for (const SkippedSummary& column : report.skipped)
     head.Add("skipped", column.name + ": " + column.reason);
-  if (pass.cellsCoerced != 0) {
-    head.Add("cells", std::to_string(pass.cellsCoerced) + " not numbers, taken as missing");
+  if (pass.rows.cellsCoerced != 0) {
+    head.Add("cells", std::to_string(pass.rows.cellsCoerced) + " not numbers, taken as missing");
   }
   std::string weights =
       report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
@@ -155,8 +155,8 @@ void WriteTable(const Report& report, std::FILE* out) {
   }
   if (report.Grouped()) {
     std::string title = "\nMeans by group of " + report.groupColumn;
-    if (pass.rowsWithoutGroup != 0) {
-      title += " (" + std::to_string(pass.rowsWithoutGroup) + " rows without a group left out)";
+    if (pass.rows.withoutGroup != 0) {
+      title += " (" + std::to_string(pass.rows.withoutGroup) + " rows without a group left out)";
     }
     Put(out, title + "\n");
     const auto groupTable = [&](const std::function<double(std::size_t, std::size_t)>& value) {
@@ -233,13 +233,13 @@ void WriteCsv(const Report& report, std::FILE* out) {
   summary("regression_weight_column", CsvField(report.regWeightColumn));
   summary("group_column", CsvField(report.groupColumn));
   summary("threads", std::to_string(pass.threads));
-  summary("rows_read", std::to_string(pass.rowsRead));
-  summary("rows_used", std::to_string(pass.rowsUsed));
-  summary("rows_incomplete", std::to_string(pass.rowsIncomplete));
-  summary("rows_without_weight", std::to_string(pass.rowsWithoutWeight));
-  summary("rows_zero_weight", std::to_string(pass.rowsZeroWeight));
-  summary("rows_without_group", std::to_string(pass.rowsWithoutGroup));
-  summary("cells_not_numeric", std::to_string(pass.cellsCoerced));
+  summary("rows_read", std::to_string(pass.rows.read));
+  summary("rows_used", std::to_string(pass.rows.used));
+  summary("rows_incomplete", std::to_string(pass.rows.incomplete));
+  summary("rows_without_weight", std::to_string(pass.rows.withoutWeight));
+  summary("rows_zero_weight", std::to_string(pass.rows.zeroWeight));
+  summary("rows_without_group", std::to_string(pass.rows.withoutGroup));
+  summary("cells_not_numeric", std::to_string(pass.rows.cellsCoerced));
   summary("weight_sum", RoundTrip(report.weightSum));
   for (const SkippedSummary& column : report.skipped)
     csv.Add("skipped", "", column.name, "", "reason", CsvField(column.reason));
@@ -407,12 +407,13 @@ void WriteJson(const Report& report, std::FILE* out) {
   Put(out, "  \"regression_weight_column\": " + JsonName(report.regWeightColumn) + ",\n");
   Put(out, "  \"group_column\": " + JsonName(report.groupColumn) + ",\n");
   Put(out, "  \"threads\": " + std::to_string(pass.threads) + ",\n");
-  Put(out, "  \"rows\": {\"read\": " + JsonNumber(pass.rowsRead) + ", \"used\": "
-               + JsonNumber(pass.rowsUsed) + ", \"incomplete\": " + JsonNumber(pass.rowsIncomplete)
-               + ", \"without_weight\": " + JsonNumber(pass.rowsWithoutWeight)
-               + ", \"zero_weight\": " + JsonNumber(pass.rowsZeroWeight)
-               + ", \"without_group\": " + JsonNumber(pass.rowsWithoutGroup) + "},\n");
-  Put(out, "  \"cells_not_numeric\": " + JsonNumber(pass.cellsCoerced) + ",\n");
+  Put(out, "  \"rows\": {\"read\": " + JsonNumber(pass.rows.read)
+               + ", \"used\": " + JsonNumber(pass.rows.used)
+               + ", \"incomplete\": " + JsonNumber(pass.rows.incomplete)
+               + ", \"without_weight\": " + JsonNumber(pass.rows.withoutWeight)
+               + ", \"zero_weight\": " + JsonNumber(pass.rows.zeroWeight)
+               + ", \"without_group\": " + JsonNumber(pass.rows.withoutGroup) + "},\n");
+  Put(out, "  \"cells_not_numeric\": " + JsonNumber(pass.rows.cellsCoerced) + ",\n");
   Put(out, "  \"weight_sum\": " + JsonNumber(report.weightSum) + ",\n");
   Put(out, "  \"skipped_columns\": [");
   for (std::size_t i = 0; i < report.skipped.size(); ++i) {

@@ -47,26 +47,6 @@ void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
   if (!kept || offered.where.Before(kept->where)) kept = offered;
 }
 
-struct Counters {
-  std::uint64_t rowsRead = 0;
-  std::uint64_t rowsUsed = 0;
-  std::uint64_t rowsIncomplete = 0;
-  std::uint64_t rowsWithoutWeight = 0;
-  std::uint64_t rowsZeroWeight = 0;
-  std::uint64_t rowsWithoutGroup = 0;
-  std::uint64_t cellsCoerced = 0;
-
-  void Add(const Counters& o) {
-    rowsRead += o.rowsRead;
-    rowsUsed += o.rowsUsed;
-    rowsIncomplete += o.rowsIncomplete;
-    rowsWithoutWeight += o.rowsWithoutWeight;
-    rowsZeroWeight += o.rowsZeroWeight;
-    rowsWithoutGroup += o.rowsWithoutGroup;
-    cellsCoerced += o.cellsCoerced;
-  }
-};
-
 // Cell counts and extremes of the columns, and under pairwise deletion
 // whether each column holds one value on the rows of each pair.
 struct Extremes {
@@ -259,7 +239,7 @@ class StatProblem : public vorel::ProblemBase {
 
   // Written under the result lock.
   std::optional<FoundError> _firstError;
-  Counters _counters;
+  RowCounts _counters;
   Extremes _extremes;
   std::vector<std::optional<FoundText>> _texts;  // per value column
   std::unique_ptr<vorel::MatrixListwise> _listwise;
@@ -350,29 +330,29 @@ class StatWorker : public vorel::WorkerBase {
 
  private:
   void TakeRow() {
-    ++_counters.rowsRead;
+    ++_counters.read;
     _counters.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
-      ++_counters.rowsWithoutWeight;
+      ++_counters.withoutWeight;
       return;
     }
     // A row of weight 0 is not there, as frequency weights mean; the library
     // would still count it, and a batch of such rows would divide by 0.
     if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
-      ++_counters.rowsZeroWeight;
+      ++_counters.zeroWeight;
       return;
     }
     const bool complete = _row.nMissing == 0;
-    if (!complete) ++_counters.rowsIncomplete;
+    if (!complete) ++_counters.incomplete;
     if (!complete && !_pairwise) return;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
-    ++_counters.rowsUsed;
+    ++_counters.used;
     if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
     if (!_groupRows) return;
     if (_row.groupMissing) {
-      ++_counters.rowsWithoutGroup;
+      ++_counters.withoutGroup;
       return;
     }
     if (!complete) return;
@@ -449,7 +429,7 @@ class StatWorker : public vorel::WorkerBase {
   std::optional<GroupTable> _groups;
   Extremes _extremes;
   std::vector<std::optional<FoundText>> _texts;
-  Counters _counters;
+  RowCounts _counters;
   std::optional<FoundError> _error;
 };
 
@@ -470,6 +450,16 @@ std::string Location(const ChunkReader& reader, const RowLayout& layout, std::ui
 
 }  // namespace
 
+void RowCounts::Add(const RowCounts& o) {
+  read += o.read;
+  used += o.used;
+  incomplete += o.incomplete;
+  withoutWeight += o.withoutWeight;
+  zeroWeight += o.zeroWeight;
+  withoutGroup += o.withoutGroup;
+  cellsCoerced += o.cellsCoerced;
+}
+
 PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
                    const PassOptions& options) {
   StatProblem problem(reader, layout, rules, options);
@@ -481,14 +471,7 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   }
   PassResult result;
   result.threads = problem._workersMade;
-  const Counters& counters = problem._counters;
-  result.rowsRead = counters.rowsRead;
-  result.rowsUsed = counters.rowsUsed;
-  result.rowsIncomplete = counters.rowsIncomplete;
-  result.rowsWithoutWeight = counters.rowsWithoutWeight;
-  result.rowsZeroWeight = counters.rowsZeroWeight;
-  result.rowsWithoutGroup = counters.rowsWithoutGroup;
-  result.cellsCoerced = counters.cellsCoerced;
+  result.rows = problem._counters;
   result.cellCounts = std::move(problem._extremes.counts);
   result.ranges = std::move(problem._extremes.ranges);
   result.pairConstancy = std::move(problem._extremes.pairConstancy);

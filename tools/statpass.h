@@ -59,15 +59,22 @@ struct TextColumn {
   std::string text;
 };
 
+// What became of the rows of a pass.
+struct RowCounts {
+  std::uint64_t read = 0;           // data lines parsed (blank lines are skipped)
+  std::uint64_t used = 0;           // rows that reached the whole-table matrix
+  std::uint64_t incomplete = 0;     // rows with a missing value cell
+  std::uint64_t withoutWeight = 0;  // rows left out for a missing weight
+  std::uint64_t zeroWeight = 0;     // rows left out for a weight of 0
+  std::uint64_t withoutGroup = 0;   // rows left out of the group results for a missing group
+  std::uint64_t cellsCoerced = 0;   // cells that were not numbers, taken as missing
+
+  void Add(const RowCounts& other);
+};
+
 struct PassResult {
   int threads = 0;
-  std::uint64_t rowsRead = 0;           // data lines parsed (blank lines are skipped)
-  std::uint64_t rowsUsed = 0;           // rows that reached the whole-table matrix
-  std::uint64_t rowsIncomplete = 0;     // rows with a missing value cell
-  std::uint64_t rowsWithoutWeight = 0;  // rows left out for a missing weight
-  std::uint64_t rowsZeroWeight = 0;     // rows left out for a weight of 0
-  std::uint64_t rowsWithoutGroup = 0;   // rows left out of the group results for a missing group
-  std::uint64_t cellsCoerced = 0;       // cells that were not numbers, taken as missing
+  RowCounts rows;
 
   // Per value column, over the cells that reached the whole-table matrix.
   std::vector<std::uint64_t> cellCounts;

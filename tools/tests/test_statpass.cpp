@@ -157,9 +157,9 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
     if (full && row.group) grouped[*row.group - 1].push_back(&row);
   }
   EXPECT_EQ(pass.threads, threads);
-  EXPECT_EQ(pass.rowsRead, data.rows.size());
-  EXPECT_EQ(pass.rowsWithoutWeight, data.rows.size() - weighted.size());
-  EXPECT_EQ(pass.rowsUsed, pairwise ? weighted.size() : complete.size());
+  EXPECT_EQ(pass.rows.read, data.rows.size());
+  EXPECT_EQ(pass.rows.withoutWeight, data.rows.size() - weighted.size());
+  EXPECT_EQ(pass.rows.used, pairwise ? weighted.size() : complete.size());
 
   for (unsigned i = 0; i < kVars; ++i) {
     SCOPED_TRACE("column " + std::to_string(i));
@@ -339,13 +339,13 @@ TEST_P(StatReport, FiguresThatAreNotDefinedAreNaN) {
   EXPECT_NE(single.report->notes[0].find("divisor W - 1"), std::string::npos);
   // No rows: counts 0, nothing else.
   const Reported none("a,b,g\nNA,1,0\n", pairwise);
-  EXPECT_EQ(none.pass.rowsRead, 1u);
+  EXPECT_EQ(none.pass.rows.read, 1u);
   EXPECT_EQ(none.report->columns[0].moments.n, 0u);
   EXPECT_TRUE(std::isnan(none.report->columns[0].mean));
   EXPECT_TRUE(std::isnan(none.report->columns[0].min));
   EXPECT_EQ(none.report->NGroups(), 0u);
   const Reported empty("a,b\n", pairwise);
-  EXPECT_EQ(empty.pass.rowsRead, 0u);
+  EXPECT_EQ(empty.pass.rows.read, 0u);
   EXPECT_TRUE(std::isnan(empty.report->Covariance(0, 0)));
 }
 
@@ -354,7 +354,7 @@ TEST_P(StatReport, RowsOfWeightZeroAreAbsent) {
   const bool pairwise = GetParam();
   const Reported zero("x,y,w\n1,5,0\n2,3,0\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
   const Reported absent("x,y,w\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
-  EXPECT_EQ(zero.pass.rowsZeroWeight, 2u);
+  EXPECT_EQ(zero.pass.rows.zeroWeight, 2u);
   EXPECT_EQ(FormatJson(*zero.report).substr(FormatJson(*zero.report).find("\"weight_sum\"")),
             FormatJson(*absent.report).substr(FormatJson(*absent.report).find("\"weight_sum\"")));
 }
