@@ -1,4 +1,7 @@
-// Everything the library exports, in one include.
+// Everything the library exports, in one include: <vorel/vorel.h>.
+//
+// The library itself never includes it: its own sources include the headers
+// they use, one by one.
 #pragma once
 
 #include <vorel/DiscriminantMatrix.h>
