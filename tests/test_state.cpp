@@ -17,6 +17,7 @@
 #include <limits>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "common/statecodec.h"
@@ -140,6 +141,12 @@ using ResultClasses =
                      SMatrixPairwise, NSMatrixPairwise, DiscriminantMatrix, DiscIndividualMatrix>;
 TYPED_TEST_SUITE(StateRoundTrip, ResultClasses);
 
+// Calls f(std::type_identity<T>()) for each class T of the list.
+template <class... T, class F>
+void ForEachClass(::testing::Types<T...>, F f) {
+  (f(std::type_identity<T>()), ...);
+}
+
 // A loaded object has every bit of the original, and a merge with it (on
 // either side) gives the bits of the merge with the original.
 TYPED_TEST(StateRoundTrip, LoadedObjectsMergeAsTheOriginals) {
@@ -256,14 +263,8 @@ void CheckStates(const std::filesystem::path& folder) {
 TEST(StateFreshProcess, ChildReadsTheStates) {
   const char* folder = std::getenv(kStateFolderVariable);
   if (folder == nullptr) GTEST_SKIP() << "runs in the child of WritesStatesForAChild only";
-  CheckStates<MatrixListwise>(folder);
-  CheckStates<MatrixPairwise>(folder);
-  CheckStates<SMatrixListwise>(folder);
-  CheckStates<NSMatrixListwise>(folder);
-  CheckStates<SMatrixPairwise>(folder);
-  CheckStates<NSMatrixPairwise>(folder);
-  CheckStates<DiscriminantMatrix>(folder);
-  CheckStates<DiscIndividualMatrix>(folder);
+  ForEachClass(ResultClasses(),
+               [&](auto type) { CheckStates<typename decltype(type)::type>(folder); });
 }
 
 TEST(StateFreshProcess, WritesStatesForAChild) {
@@ -272,14 +273,8 @@ TEST(StateFreshProcess, WritesStatesForAChild) {
   const std::filesystem::path folder =
       std::filesystem::temp_directory_path() / ("vorel-state-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
-  WriteStates<MatrixListwise>(folder);
-  WriteStates<MatrixPairwise>(folder);
-  WriteStates<SMatrixListwise>(folder);
-  WriteStates<NSMatrixListwise>(folder);
-  WriteStates<SMatrixPairwise>(folder);
-  WriteStates<NSMatrixPairwise>(folder);
-  WriteStates<DiscriminantMatrix>(folder);
-  WriteStates<DiscIndividualMatrix>(folder);
+  ForEachClass(ResultClasses(),
+               [&](auto type) { WriteStates<typename decltype(type)::type>(folder); });
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   const std::string command = "timeout 60 env " + std::string(kStateFolderVariable) + "='"
                               + folder.string() + "' '" + self
