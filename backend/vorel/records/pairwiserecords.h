@@ -95,14 +95,21 @@ void UpdatePair(Record& t, const Record& o) {
   JoinTotals(t, o);
 }
 
-// The state of one variable's record, in the order of its fields: row count
-// (at most the table's rows), weight sums, mean, corrected sum of squares,
-// and the extremes where the record keeps them. Record is const when saving.
+// The state of the totals that lead every record: its row count, at most
+// the table's rows, and its two weight sums. Record is const when saving.
 template <class Archive, class Record, class Rows>
-void VarStateFields(Archive& a, Record& r, Rows tableRows) {
+void TotalsStateFields(Archive& a, Record& r, Rows tableRows) {
   a.Count(r.nRows, tableRows);
   a.Real(r.weightSum);
   a.Real(r.regWeightSum);
+}
+
+// The state of one variable's record, in the order of its fields: totals,
+// mean, corrected sum of squares, and the extremes where the record keeps
+// them.
+template <class Archive, class Record, class Rows>
+void VarStateFields(Archive& a, Record& r, Rows tableRows) {
+  TotalsStateFields(a, r, tableRows);
   a.Real(r.mean);
   a.Real(r.css);
   if constexpr (HasExtremes<std::remove_const_t<Record>>) {
@@ -114,9 +121,7 @@ void VarStateFields(Archive& a, Record& r, Rows tableRows) {
 // The state of one pair's record, in the order of its fields.
 template <class Archive, class Record, class Rows>
 void PairStateFields(Archive& a, Record& r, Rows tableRows) {
-  a.Count(r.nRows, tableRows);
-  a.Real(r.weightSum);
-  a.Real(r.regWeightSum);
+  TotalsStateFields(a, r, tableRows);
   a.Real(r.mean0);
   a.Real(r.mean1);
   a.Real(r.css0);
