@@ -22,8 +22,8 @@ bool HasCell(const double* x, int n, double code) {
 #if defined(__SSE2__)
   const __m128d c = _mm_set1_pd(code);
   for (; i + 8 <= n; i += 8) {
-    const __m128d a = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i), c),
-                                _mm_cmpeq_pd(_mm_loadu_pd(x + i + 2), c));
+    const __m128d a =
+        _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i), c), _mm_cmpeq_pd(_mm_loadu_pd(x + i + 2), c));
     const __m128d b = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i + 4), c),
                                 _mm_cmpeq_pd(_mm_loadu_pd(x + i + 6), c));
     if (_mm_movemask_pd(_mm_or_pd(a, b)) != 0) return true;
@@ -59,8 +59,8 @@ BatchTotals TotalsOf(const DataBatch& data, int n) {
   return t;
 }
 
-void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, int first,
-                             int count, double missingCode, Pairs pairs, int split, bool extremes,
+void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, int first, int count,
+                             double missingCode, Pairs pairs, int split, bool extremes,
                              int minimum) {
   const int n = static_cast<int>(data.NRows());
   _slot.assign(static_cast<std::size_t>(count), -1);
@@ -139,10 +139,13 @@ double CompleteColumns::CSCP(int a, int b) const {
 }
 
 bool ScatteredPairs::WorthIt(long long pairs, long long complete) {
-  // A pair costs a compression and five sweeps of its own, against one
-  // masked lane of two passes here: from an eighth of the pairs on, all of
-  // them go here.
-  return pairs > 0 && 8 * (pairs - complete) >= pairs;
+  // A pair costs a compression and five sweeps of its own, some ten steps a
+  // row, against under two for a masked lane of two passes here; but the
+  // passes pack every column of the block, some four steps a row each. So
+  // from about half as many pairs with a missing cell as columns on (the
+  // columns being about the square root of twice the pairs), they go here.
+  const long long scattered = pairs - complete;
+  return scattered > 0 && 2 * scattered * scattered >= pairs;
 }
 
 void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double missingCode,
@@ -164,9 +167,12 @@ void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double 
   job.hasRegWeights = rw != nullptr;
   job.missingCode = missingCode;
   job.nRows = n;
+  job.completePairs = false;
   if (pairs == CompleteColumns::Pairs::Triangle) {
     job.first = ColumnBlock{nullptr, 0, count, _columns.data()};
     _figures.resize(static_cast<std::size_t>(count) * static_cast<std::size_t>(count - 1) / 2);
+    _columnFigures.resize(static_cast<std::size_t>(count));
+    job.columns = _columnFigures.data();
   } else {
     job.triangle = false;
     job.first = ColumnBlock{nullptr, 0, split, _columns.data()};

@@ -19,6 +19,7 @@ struct Avx512Isa {
   static constexpr int kRows = 12;
   static constexpr int kVecs = 2;
   static constexpr bool kPacksColumns = true;
+  static constexpr int kPairBlocks = 3;  // blocks of lanes the masked pairs take side by side
 
   static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
@@ -44,6 +45,9 @@ struct Avx512Isa {
   static Mask AndNot(Mask a, Mask b) { return static_cast<Mask>(a & ~b); }  // a and not b
   static Mask Or(Mask a, Mask b) { return static_cast<Mask>(a | b); }
   static bool Any(Mask m) { return m != 0; }
+  // The lanes of a mask as bits (bit l: lane l), and back.
+  static unsigned Bits(Mask m) { return m; }
+  static Mask MaskFromBits(unsigned bits) { return static_cast<Mask>(bits); }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) { return _mm512_mask_add_pd(acc, m, acc, t); }
   // a in the lanes of m, b in the others.

@@ -3,20 +3,27 @@
 // (see common.h).
 //
 // For a first variable a and a block of kLanes second variables, two passes
-// go down the rows in chunks. A lane takes a row when neither of its cells is
-// the missing code, and skips it by mask otherwise.
-//   Pass 1: the row count, the weight totals, and per column the running
-//           state of StableMean over the kept cells: whether a cell was seen,
-//           the first kept cell, whether the leading run of that value goes
-//           on, the run's weight, and the sum of the rest.
-//   Then the means, lane by lane, as StableMean ends.
+// go down the rows in chunks. Each pass takes only the rows where a's cell is
+// not missing (a list of them per chunk), and a lane takes such a row when
+// its own cell is not missing either, by a mask worked out once per chunk
+// (one bit a lane and row); otherwise the lane skips the row.
+//   Pass 1: the weight totals, and per column the running state of
+//           StableMean over the kept cells: whether a cell was seen, the
+//           first kept cell, whether the leading run of that value goes on,
+//           the run's weight, and the sum of the rest.
+//   Then the row counts, from the masks' bits (whole numbers, so the order
+//   of counting does not matter), and the means, lane by lane, as
+//   StableMean ends.
 //   Pass 2: the corrected sums of the centred kept cells.
-// The second variables are read through a panel (one row of the chunk after
-// the other) so that a vector load gives a lane its own column's cell; the
-// first variable's cell is broadcast.
+// The second variables are read through panels (one row of the chunk after
+// the other) so that a vector load gives a lane its own column's cell: the
+// cells, their products with the combined weight, and the masks; the first
+// variable's cell is broadcast. A column's own figures come from a first
+// variable that is never missing, whose half of the figures is dropped.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "kernels/common.h"
 #include "kernels/crossproducts.h"
@@ -44,40 +51,127 @@ enum Pass1 {
 // Fields of a pass-2 state.
 enum Pass2 { kMean0, kMean1, kCss0, kCss1, kCscp, kPass2Fields };
 
+using LaneBits = std::uint8_t;  // one block of lanes of one row: bit l set, lane l's cell is there
+using RowBits = std::uint64_t;  // 64 rows of one column, likewise
+constexpr Index kRowBits = 64;
+
 struct PairsLayout {
-  int nA = 0;                               // first variables
-  int nB = 0;                               // second variables: the lanes
-  Index blocks = 0;                         // blocks of lanes per first variable
-  Index ld = 0;                             // row stride of the panel
-  Index chunk = 0;                          // rows per chunk
-  Index state1 = 0, state2 = 0, total = 0;  // offsets and size in the scratch
+  int nA = 0;        // first variables
+  int nB = 0;        // second variables: the lanes
+  Index blocks = 0;  // blocks of lanes
+  Index ld = 0;      // row stride of the panels
+  Index chunk = 0;   // rows per chunk
+  Index words = 0;   // words of a column's bits in a chunk
+  // Offsets in the scratch, in doubles. States: one per block of each first
+  // variable, then one per block of the first variable that is never missing.
+  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, list = 0, all = 0, zeros = 0, flags = 0;
+  Index state1 = 0, state2 = 0, total = 0;
 };
 
+constexpr Index DoublesFor(Index bytes) {
+  return (bytes + static_cast<Index>(sizeof(double)) - 1) / static_cast<Index>(sizeof(double));
+}
+
 template <class Isa>
-PairsLayout MakePairsLayout(const MaskedPairsJob& job) {
+PairsLayout MakePairsLayout(const MaskedPairsJob& job, bool combined) {
   constexpr Index kLanes = Isa::kLanes;
   PairsLayout lay;
   lay.nA = job.first.count;
   lay.nB = job.triangle ? job.first.count : job.second.count;
   lay.blocks = (lay.nB + kLanes - 1) / kLanes;
-  lay.ld = AlignUp(lay.nB, 8);
+  lay.ld = AlignUp(lay.blocks * kLanes, 8);
   if (lay.ld % 64 == 0) lay.ld += 8;
-  const Index rowBytes = lay.ld * static_cast<Index>(sizeof(double));
-  Index chunk = kL2PanelBytes / 2 / rowBytes;
+  // The panels of a chunk stay in L2 while every first variable reads them.
+  const Index rowBytes = lay.ld * static_cast<Index>(sizeof(double)) * (combined ? 2 : 1)
+                         + lay.blocks * static_cast<Index>(sizeof(LaneBits));
+  Index chunk = kL2PanelBytes / rowBytes;
   if (chunk < kMinChunkRows) chunk = kMinChunkRows;
   if (chunk > kMaxChunkRows) chunk = kMaxChunkRows;
-  lay.chunk = Smaller(chunk / 4 * 4, AlignUp(job.nRows, 4));
-  if (lay.chunk < 4) lay.chunk = 4;
-  const Index states = static_cast<Index>(lay.nA) * lay.blocks * kLanes;
-  lay.state1 = lay.chunk * lay.ld;
-  lay.state2 = lay.state1 + states * kPass1Fields;
-  lay.total = lay.state2 + states * kPass2Fields;
+  chunk = chunk / kRowBits * kRowBits;
+  lay.chunk = Smaller(chunk, AlignUp(job.nRows > 0 ? job.nRows : 1, kRowBits));
+  lay.words = lay.chunk / kRowBits;
+  const Index states = (static_cast<Index>(lay.nA) + 1) * lay.blocks * kLanes;
+  const Index nBits = job.triangle ? 0 : lay.nB;
+  Index at = 0;
+  lay.p = at;
+  at += lay.chunk * lay.ld;
+  lay.q = at;
+  if (combined) at += lay.chunk * lay.ld;
+  lay.masks = at;
+  at += DoublesFor(lay.chunk * lay.blocks * static_cast<Index>(sizeof(LaneBits)));
+  lay.bitsA = at;
+  at += lay.nA * lay.words;
+  lay.bitsB = job.triangle ? lay.bitsA : at;
+  at += nBits * lay.words;
+  lay.list = at;
+  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
+  lay.all = at;
+  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
+  lay.zeros = at;
+  at += lay.chunk;
+  lay.flags = at;  // per column of first, then of second: has a missing cell
+  at += DoublesFor(static_cast<Index>(lay.nA) + nBits);
+  lay.state1 = at;
+  at += states * kPass1Fields;
+  lay.state2 = at;
+  at += states * kPass2Fields;
+  lay.total = at;
   return lay;
 }
 
-// The second variables of a chunk into the panel, as they are.
+// Whether any of the n cells compares equal to code.
 template <class Isa>
-void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, double* p, Index ld) {
+bool HasMissing(const double* x, Index n, double code) {
+  constexpr int L = Isa::kLanes;
+  const typename Isa::Vec c = Isa::Set1(code);
+  Index i = 0;
+  for (; i + 2 * L <= n; i += 2 * L) {
+    const unsigned present = Isa::Bits(Isa::NotEqual(Isa::Load(x + i), c))
+                             & Isa::Bits(Isa::NotEqual(Isa::Load(x + i + L), c));
+    if (present != (1u << L) - 1) return true;
+  }
+  for (; i < n; ++i)
+    if (x[i] == code) return true;
+  return false;
+}
+
+// rows cells of one column as bits, 64 rows a word; bits past rows are clear.
+template <class Isa>
+void PresenceBits(const double* x, Index rows, double code, RowBits* bits) {
+  constexpr int L = Isa::kLanes;
+  const typename Isa::Vec c = Isa::Set1(code);
+  for (Index w = 0; w * kRowBits < rows; ++w) {
+    const Index from = w * kRowBits, to = Smaller(rows, from + kRowBits);
+    RowBits word = 0;
+    Index i = from;
+    for (; i + L <= to; i += L)
+      word |= static_cast<RowBits>(Isa::Bits(Isa::NotEqual(Isa::Load(x + i), c))) << (i - from);
+    for (; i < to; ++i)
+      word |= static_cast<RowBits>(!(x[i] == code)) << (i - from);
+    bits[w] = word;
+  }
+}
+
+// The rows of a chunk whose bits are set, in order; returns how many.
+Index ListRows(const RowBits* bits, Index words, std::int32_t* list) {
+  Index count = 0;
+  for (Index w = 0; w < words; ++w) {
+    RowBits word = bits[w];
+    while (word != 0) {
+      list[count++] = static_cast<std::int32_t>(w * kRowBits + __builtin_ctzll(word));
+      word &= word - 1;
+    }
+  }
+  return count;
+}
+
+// The second variables of a chunk into the panel P, their products with the
+// combined weight into Q (x * v, as DotProduct forms them), and per row and
+// block of lanes the bits of the cells that are there.
+template <class Isa, bool Combined>
+void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, const double* v, double code,
+                 const PairsLayout& lay, double* p, double* q, LaneBits* masks) {
+  constexpr int L = Isa::kLanes;
   int j = 0;
   while (j < cols.count) {
     int take = Isa::kPacksColumns ? (cols.count - j >= 4 ? 4 : cols.count - j >= 2 ? 2 : 1) : 1;
@@ -86,11 +180,23 @@ void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, double* p, Index
       x[t] = ColumnOf(cols, j + t) + i0;
     Index done = 0;
     if constexpr (Isa::kPacksColumns)
-      done = Isa::PackColumns(take, Centring::None, x, nullptr, nullptr, rows, p + j, p + j, ld);
+      done =
+          Isa::PackColumns(take, Centring::None, x, nullptr, nullptr, rows, p + j, p + j, lay.ld);
     for (int t = 0; t < take; ++t)
       PackColumn<Centring::None, false>(x[t] + done, 0.0, nullptr, rows - done,
-                                        p + j + t + done * ld, p + j + t + done * ld, ld);
+                                        p + j + t + done * lay.ld, p + j + t + done * lay.ld,
+                                        lay.ld);
     j += take;
+  }
+  const typename Isa::Vec c = Isa::Set1(code);
+  for (Index r = 0; r < rows; ++r) {
+    const double* pr = p + r * lay.ld;
+    double* qr = q + r * lay.ld;
+    for (Index b = 0; b < lay.blocks; ++b) {
+      const typename Isa::Vec x = Isa::Load(pr + b * L);
+      masks[r * lay.blocks + b] = static_cast<LaneBits>(Isa::Bits(Isa::NotEqual(x, c)));
+      if constexpr (Combined) Isa::Store(qr + b * L, Isa::Mul(x, Isa::Broadcast(v + r)));
+    }
   }
 }
 
@@ -111,23 +217,40 @@ void MeanStep(typename Isa::Mask kept, typename Isa::Mask firstRow, typename Isa
   inRun = Isa::AndNot(inRun, restRow);
 }
 
-// Pass 1 over rows rows for B blocks of lanes side by side (the second
-// variables at p + b * kLanes, the states at state[b]): more sums that do not
-// wait for each other.
+// Where one first variable's passes read and write, over B blocks of lanes
+// side by side (more sums that do not wait for each other): the first
+// variable's cells, the panels and masks from the first block on, the rows
+// of the chunk to take, and the states of the B blocks.
+struct PairsRun {
+  const double* xa;
+  const double* p;
+  const double* q;
+  const LaneBits* masks;
+  Index ld, masksLd;
+  const std::int32_t* rows;
+  Index count;
+  const double* w;
+  const double* v;
+  double* const* state;
+};
+
 template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
-void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const double* w,
-                const double* v, double code, double* const* state) {
+void PairsPass1(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const Vec one = Isa::Set1(1.0), missing = Isa::Set1(code);
-  Vec count[B], weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B],
-      rest1[B];
+  const double* const xa = run.xa;
+  const double* const p = run.p;
+  const double* const q = run.q;
+  const double* const w = run.w;
+  const double* const v = run.v;
+  const Index ld = run.ld, mld = run.masksLd;
+  const Vec one = Isa::Set1(1.0);
+  Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
   Mask seen[B], inRun0[B], inRun1[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    const double* s = state[b];
-    count[b] = Isa::Load(s + kCount * L);
+    const double* s = run.state[b];
     weightSum[b] = Isa::Load(s + kWeightSum * L);
     combinedSum[b] = Isa::Load(s + kCombinedSum * L);
     seen[b] = Isa::ToMask(Isa::Load(s + kSeen * L));
@@ -140,8 +263,8 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
     run1[b] = Isa::Load(s + kRun1 * L);
     rest1[b] = Isa::Load(s + kRest1 * L);
   }
-  Index r = 0;
-  while (r < rows) {
+  Index i = 0;
+  while (i < run.count) {
     // Once no lane is in a leading run, a kept row only adds to the rest,
     // unless it is a lane's first: the rows go by this short form, with no
     // chain of masks from one row to the next, until such a row comes.
@@ -150,41 +273,39 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
     for (int b = 0; b < B; ++b)
       running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
     if (!running) {
-      for (; r < rows; ++r) {
-        const Vec x0 = Isa::Broadcast(xa + r);
-        const Mask keep0 = Isa::NotEqual(x0, missing);
+      for (; i < run.count; ++i) {
+        const Index r = run.rows[i];
         Mask kept[B];
         bool fresh = false;
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          kept[b] = Isa::And(keep0, Isa::NotEqual(Isa::Load(p + r * ld + b * L), missing));
+          kept[b] = Isa::MaskFromBits(run.masks[r * mld + b]);
           fresh = fresh || Isa::Any(Isa::AndNot(kept[b], seen[b]));
         }
         if (fresh) break;
+        const Vec x0 = Isa::Broadcast(xa + r);
         Vec weight = one;
         if constexpr (Combined) weight = Isa::Broadcast(v + r);
         const Vec add0 = Combined ? Isa::Mul(x0, weight) : x0;
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          const Vec x1 = Isa::Load(p + r * ld + b * L);
-          count[b] = Isa::AddIf(kept[b], count[b], one);
           if constexpr (HasWeights)
             weightSum[b] = Isa::AddIf(kept[b], weightSum[b], Isa::Broadcast(w + r));
           if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept[b], combinedSum[b], weight);
           rest0[b] = Isa::AddIf(kept[b], rest0[b], add0);
-          rest1[b] = Isa::AddIf(kept[b], rest1[b], Combined ? Isa::Mul(x1, weight) : x1);
+          rest1[b] = Isa::AddIf(kept[b], rest1[b], Isa::Load(q + r * ld + b * L));
         }
       }
-      if (r == rows) break;
+      if (i == run.count) break;
     }
+    const Index r = run.rows[i];
     const Vec x0 = Isa::Broadcast(xa + r);
     Vec weight = one;
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
       const Vec x1 = Isa::Load(p + r * ld + b * L);
-      const Mask kept = Isa::And(Isa::NotEqual(x0, missing), Isa::NotEqual(x1, missing));
-      count[b] = Isa::AddIf(kept, count[b], one);
+      const Mask kept = Isa::MaskFromBits(run.masks[r * mld + b]);
       if constexpr (HasWeights)
         weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
       if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
@@ -193,12 +314,11 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
       MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b], rest1[b]);
       seen[b] = Isa::Or(seen[b], kept);
     }
-    ++r;
+    ++i;
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    double* s = state[b];
-    Isa::Store(s + kCount * L, count[b]);
+    double* s = run.state[b];
     Isa::Store(s + kWeightSum * L, weightSum[b]);
     Isa::Store(s + kCombinedSum * L, combinedSum[b]);
     Isa::Store(s + kSeen * L, Isa::FromMask(seen[b]));
@@ -215,30 +335,32 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
 
 // Pass 2 for B blocks of lanes side by side, as pass 1.
 template <class Isa, int B, bool Combined>
-void PairsPass2(const double* xa, const double* p, Index ld, Index rows, const double* v,
-                double code, double* const* state) {
+void PairsPass2(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const Vec missing = Isa::Set1(code);
+  const double* const xa = run.xa;
+  const double* const p = run.p;
+  const double* const v = run.v;
+  const Index ld = run.ld, mld = run.masksLd;
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    mean0[b] = Isa::Load(state[b] + kMean0 * L);
-    mean1[b] = Isa::Load(state[b] + kMean1 * L);
-    css0[b] = Isa::Load(state[b] + kCss0 * L);
-    css1[b] = Isa::Load(state[b] + kCss1 * L);
-    cscp[b] = Isa::Load(state[b] + kCscp * L);
+    mean0[b] = Isa::Load(run.state[b] + kMean0 * L);
+    mean1[b] = Isa::Load(run.state[b] + kMean1 * L);
+    css0[b] = Isa::Load(run.state[b] + kCss0 * L);
+    css1[b] = Isa::Load(run.state[b] + kCss1 * L);
+    cscp[b] = Isa::Load(run.state[b] + kCscp * L);
   }
-  for (Index r = 0; r < rows; ++r) {
+  for (Index i = 0; i < run.count; ++i) {
+    const Index r = run.rows[i];
     const Vec x0 = Isa::Broadcast(xa + r);
-    const Mask keep0 = Isa::NotEqual(x0, missing);
     Vec weight = Isa::Set1(1.0);
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
+      const Mask kept = Isa::MaskFromBits(run.masks[r * mld + b]);
       const Vec x1 = Isa::Load(p + r * ld + b * L);
-      const Mask kept = Isa::And(keep0, Isa::NotEqual(x1, missing));
       const Vec c0 = Isa::Sub(x0, mean0[b]);
       const Vec c1 = Isa::Sub(x1, mean1[b]);
       if constexpr (Combined) {
@@ -256,9 +378,9 @@ void PairsPass2(const double* xa, const double* p, Index ld, Index rows, const d
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    Isa::Store(state[b] + kCss0 * L, css0[b]);
-    Isa::Store(state[b] + kCss1 * L, css1[b]);
-    Isa::Store(state[b] + kCscp * L, cscp[b]);
+    Isa::Store(run.state[b] + kCss0 * L, css0[b]);
+    Isa::Store(run.state[b] + kCss1 * L, css1[b]);
+    Isa::Store(run.state[b] + kCscp * L, cscp[b]);
   }
 }
 
@@ -290,50 +412,140 @@ void PairsMeans(const double* s1, double* s2) {
   Isa::Store(s2 + kCscp * L, zero);
 }
 
+// The passes over B blocks, for B from 1 to the level's kPairBlocks.
+template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
+void RunPass(int pass, int blocks, const PairsRun& run) {
+  if constexpr (B > 1) {
+    if (blocks < B) {
+      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, blocks, run);
+      return;
+    }
+  }
+  if (pass == 1)
+    PairsPass1<Isa, B, HasWeights, Combined, HasRegWeights>(run);
+  else
+    PairsPass2<Isa, B, Combined>(run);
+}
+
+// Which blocks of lanes one first variable needs, and where its states lie.
+struct FirstVariable {
+  const double* x;  // its cells; the zeros for the variable that is never missing
+  bool missing;     // has a missing cell in the rows
+  Index blocks;     // blocks of lanes it pairs with
+  Index states;     // index of its first block's states
+};
+
 template <class Isa, bool HasWeights, bool Combined, bool HasRegWeights>
 void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* scratch) {
   constexpr int L = Isa::kLanes;
   const ColumnBlock& seconds = job.triangle ? job.first : job.second;
-  double* panel = scratch;
+  double* panel = scratch + lay.p;
+  double* products = Combined ? scratch + lay.q : panel;
+  auto* masks = reinterpret_cast<LaneBits*>(scratch + lay.masks);
+  auto* bitsA = reinterpret_cast<RowBits*>(scratch + lay.bitsA);
+  auto* bitsB = reinterpret_cast<RowBits*>(scratch + lay.bitsB);
+  auto* list = reinterpret_cast<std::int32_t*>(scratch + lay.list);
+  auto* all = reinterpret_cast<std::int32_t*>(scratch + lay.all);
+  auto* missing = reinterpret_cast<bool*>(scratch + lay.flags);
+  bool* missingB = job.triangle ? missing : missing + lay.nA;
   double* states1 = scratch + lay.state1;
   double* states2 = scratch + lay.state2;
-  const Index stateCount = static_cast<Index>(lay.nA) * lay.blocks;
+  const Index perVariable = lay.blocks;
+  const Index stateCount = (static_cast<Index>(lay.nA) + 1) * perVariable;
   Clear(states1, stateCount * L * kPass1Fields);
   Clear(panel, lay.chunk * lay.ld);  // lanes past the last column stay zero
-  // Blocks of lanes of first variable a: all of them, or in a triangle those
-  // with a lane below a.
-  auto blocksOf = [&](Index a) { return job.triangle ? (a + L - 1) / L : lay.blocks; };
+  if constexpr (Combined) Clear(products, lay.chunk * lay.ld);
+  Clear(scratch + lay.zeros, lay.chunk);
+  for (Index r = 0; r < lay.chunk; ++r)
+    all[r] = static_cast<std::int32_t>(r);
+
+  for (Index a = 0; a < lay.nA; ++a)
+    missing[a] = HasMissing<Isa>(ColumnOf(job.first, a), job.nRows, job.missingCode);
+  if (!job.triangle)
+    for (Index b = 0; b < lay.nB; ++b)
+      missingB[b] = HasMissing<Isa>(ColumnOf(seconds, b), job.nRows, job.missingCode);
+  // Whether a block of lanes has a column with a missing cell.
+  auto blockMissing = [&](Index block) {
+    for (Index b = block * L; b < Smaller((block + 1) * L, lay.nB); ++b)
+      if (missingB[b]) return true;
+    return false;
+  };
+
+  // The first variables in turn, then the one that is never missing (for
+  // the columns' own figures, lanes being the first variables).
+  const Index variables = lay.nA + (job.columns != nullptr ? 1 : 0);
+  auto variable = [&](Index a) {
+    if (a == lay.nA) return FirstVariable{scratch + lay.zeros, false, lay.blocks, a * perVariable};
+    const Index blocks = job.triangle ? (a + L - 1) / L : lay.blocks;
+    return FirstVariable{ColumnOf(job.first, a), missing[a], blocks, a * perVariable};
+  };
+  // A block is skipped when neither side has a missing cell and the caller
+  // takes such pairs elsewhere.
+  auto wanted = [&](const FirstVariable& f, Index block) {
+    return job.completePairs || f.missing || blockMissing(block);
+  };
+
   for (int pass = 1; pass <= 2; ++pass) {
     for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
       const Index rows = Smaller(lay.chunk, job.nRows - i0);
-      PackSeconds<Isa>(seconds, i0, rows, panel, lay.ld);
-      const double* w = HasWeights ? job.weights + i0 : nullptr;
       const double* v = Combined ? job.combined + i0 : nullptr;
-      for (Index a = 0; a < lay.nA; ++a) {
-        const double* xa = ColumnOf(job.first, a) + i0;
-        const Index blocks = blocksOf(a);
-        // Two blocks of lanes at a time, then the odd one.
-        for (Index b = 0; b < blocks; b += 2) {
-          const Index at = a * lay.blocks + b;
-          if (pass == 1) {
-            double* states[2] = {states1 + at * L * kPass1Fields,
-                                 states1 + (at + 1) * L * kPass1Fields};
-            if (b + 1 < blocks)
-              PairsPass1<Isa, 2, HasWeights, Combined, HasRegWeights>(
-                  xa, panel + b * L, lay.ld, rows, w, v, job.missingCode, states);
-            else
-              PairsPass1<Isa, 1, HasWeights, Combined, HasRegWeights>(
-                  xa, panel + b * L, lay.ld, rows, w, v, job.missingCode, states);
-          } else {
-            double* states[2] = {states2 + at * L * kPass2Fields,
-                                 states2 + (at + 1) * L * kPass2Fields};
-            if (b + 1 < blocks)
-              PairsPass2<Isa, 2, Combined>(xa, panel + b * L, lay.ld, rows, v, job.missingCode,
-                                           states);
-            else
-              PairsPass2<Isa, 1, Combined>(xa, panel + b * L, lay.ld, rows, v, job.missingCode,
-                                           states);
+      PackSeconds<Isa, Combined>(seconds, i0, rows, v, job.missingCode, lay, panel, products,
+                                 masks);
+      for (Index b = 0; b < lay.nB; ++b)
+        PresenceBits<Isa>(ColumnOf(seconds, b) + i0, rows, job.missingCode, bitsB + b * lay.words);
+      if (!job.triangle)
+        for (Index a = 0; a < lay.nA; ++a)
+          if (missing[a])
+            PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
+                              bitsA + a * lay.words);
+      const Index words = (rows + kRowBits - 1) / kRowBits;
+      PairsRun run{};
+      run.ld = lay.ld;
+      run.masksLd = lay.blocks;
+      run.w = HasWeights ? job.weights + i0 : nullptr;
+      run.v = v;
+      for (Index a = 0; a < variables; ++a) {
+        const FirstVariable f = variable(a);
+        run.xa = a == lay.nA ? f.x : f.x + i0;
+        if (f.missing) {
+          run.rows = list;
+          run.count = ListRows(bitsA + a * lay.words, words, list);
+        } else {
+          run.rows = all;
+          run.count = rows;
+        }
+        for (Index b = 0; b < f.blocks;) {
+          if (!wanted(f, b)) {
+            ++b;
+            continue;
           }
+          Index take = 1;
+          while (take < Isa::kPairBlocks && b + take < f.blocks && wanted(f, b + take))
+            ++take;
+          double* states[Isa::kPairBlocks];
+          double* base = pass == 1 ? states1 : states2;
+          const Index fields = pass == 1 ? Index{kPass1Fields} : Index{kPass2Fields};
+          for (Index t = 0; t < take; ++t)
+            states[t] = base + (f.states + b + t) * L * fields;
+          run.p = panel + b * L;
+          run.q = products + b * L;
+          run.masks = masks + b;
+          run.state = states;
+          RunPass<Isa, Isa::kPairBlocks, HasWeights, Combined, HasRegWeights>(
+              pass, static_cast<int>(take), run);
+          if (pass == 1) {
+            // The row counts of these lanes: whole numbers, exact in any order.
+            for (Index t = 0; t < take; ++t)
+              for (Index l = 0; l < L && (b + t) * L + l < lay.nB; ++l) {
+                const RowBits* x1 = bitsB + ((b + t) * L + l) * lay.words;
+                const RowBits* x0 = f.missing ? bitsA + a * lay.words : nullptr;
+                Index kept = 0;
+                for (Index k = 0; k < words; ++k)
+                  kept += __builtin_popcountll(x0 != nullptr ? x0[k] & x1[k] : x1[k]);
+                states[t][kCount * L + l] += static_cast<double>(kept);
+              }
+          }
+          b += take;
         }
       }
     }
@@ -342,32 +554,49 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
         PairsMeans<Isa, HasWeights, HasRegWeights>(states1 + at * L * kPass1Fields,
                                                    states2 + at * L * kPass2Fields);
   }
-  // The figures of every pair asked for.
+
+  // The figures of every pair and column asked for.
   for (Index a = 0; a < lay.nA; ++a) {
+    const FirstVariable f = variable(a);
     const Index lanes = job.triangle ? a : lay.nB;
     for (Index b = 0; b < lanes; ++b) {
-      const Index at = a * lay.blocks + b / L, lane = b % L;
-      const double* s1 = states1 + at * L * kPass1Fields + lane;
-      const double* s2 = states2 + at * L * kPass2Fields + lane;
-      PairFigures& f = job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b];
-      f.nRows = s1[kCount * L];
-      f.weightSum = HasWeights ? s1[kWeightSum * L] : f.nRows;
-      f.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : f.weightSum;
-      f.mean0 = s2[kMean0 * L];
-      f.mean1 = s2[kMean1 * L];
-      f.css0 = s2[kCss0 * L];
-      f.css1 = s2[kCss1 * L];
-      f.cscp = s2[kCscp * L];
+      if (!job.completePairs && !f.missing && !missingB[b]) continue;
+      const Index at = a * perVariable + b / L, l = b % L;
+      const double* s1 = states1 + at * L * kPass1Fields + l;
+      const double* s2 = states2 + at * L * kPass2Fields + l;
+      PairFigures& out = job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b];
+      out.nRows = s1[kCount * L];
+      out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
+      out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+      out.mean0 = s2[kMean0 * L];
+      out.mean1 = s2[kMean1 * L];
+      out.css0 = s2[kCss0 * L];
+      out.css1 = s2[kCss1 * L];
+      out.cscp = s2[kCscp * L];
+    }
+  }
+  if (job.columns != nullptr) {
+    for (Index b = 0; b < lay.nB; ++b) {
+      if (!job.completePairs && !missingB[b]) continue;
+      const Index at = lay.nA * perVariable + b / L, l = b % L;
+      const double* s1 = states1 + at * L * kPass1Fields + l;
+      const double* s2 = states2 + at * L * kPass2Fields + l;
+      ColumnFigures& out = job.columns[b];
+      out.nRows = s1[kCount * L];
+      out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
+      out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+      out.mean = s2[kMean1 * L];
+      out.css = s2[kCss1 * L];
     }
   }
 }
 
 template <class Isa>
 void RunMaskedPairs(const MaskedPairsJob& job) {
-  const PairsLayout lay = MakePairsLayout<Isa>(job);
+  const bool w = job.weights != nullptr, v = job.combined != nullptr, rw = job.hasRegWeights;
+  const PairsLayout lay = MakePairsLayout<Isa>(job, v);
   if (lay.nA == 0 || lay.nB == 0) return;
   double* scratch = ScratchBuffer(static_cast<std::size_t>(lay.total));
-  const bool w = job.weights != nullptr, v = job.combined != nullptr, rw = job.hasRegWeights;
   // Regression weights always make combined weights; weights alone are them.
   if (w && v && rw)
     RunMaskedPairs<Isa, true, true, true>(job, lay, scratch);
