@@ -38,6 +38,10 @@ struct Avx2Isa {
   static Mask AndNot(Mask a, Mask b) { return _mm256_andnot_pd(b, a); }  // a and not b
   static Mask Or(Mask a, Mask b) { return _mm256_or_pd(a, b); }
   static bool Any(Mask m) { return _mm256_movemask_pd(m) != 0; }
+  // The lanes of bits where x is not code.
+  static Mask KeptIf(unsigned bits, Vec x, Vec code) {
+    return And(MaskFromBits(bits), NotEqual(x, code));
+  }
   // The lanes of a mask as bits (bit l: lane l), and back.
   static unsigned Bits(Mask m) { return static_cast<unsigned>(_mm256_movemask_pd(m)); }
   static Mask MaskFromBits(unsigned bits) {

@@ -103,6 +103,10 @@ struct PlainIsa {
       if (m.in[l]) return true;
     return false;
   }
+  // The lanes of bits where x is not code.
+  static Mask KeptIf(unsigned bits, const Vec& x, const Vec& code) {
+    return And(MaskFromBits(bits), NotEqual(x, code));
+  }
   // The lanes of a mask as bits (bit l: lane l), and back.
   static unsigned Bits(const Mask& m) {
     unsigned bits = 0;

@@ -2,11 +2,11 @@
 // lane per pair. Written once over a level's Isa, with internal linkage only
 // (see common.h).
 //
-// For a first variable a and a block of kLanes second variables, two passes
-// go down the rows in chunks. Each pass takes only the rows where a's cell is
-// not missing (a list of them per chunk), and a lane takes such a row when
-// its own cell is not missing either, by a mask worked out once per chunk
-// (one bit a lane and row); otherwise the lane skips the row.
+// For a first variable a and a block of kLanes second variables (a unit),
+// two passes go down the rows in chunks. A lane takes a row when neither a's
+// cell nor its own is the missing code, by a mask: a's compare, and the
+// lanes' bits worked out once per chunk; otherwise the lane skips the row.
+// A few units go side by side, whatever their first variables.
 //   Pass 1: the weight totals, and per column the running state of
 //           StableMean over the kept cells: whether a cell was seen, the
 //           first kept cell, whether the leading run of that value goes on,
@@ -55,6 +55,16 @@ using LaneBits = std::uint8_t;  // one block of lanes of one row: bit l set, lan
 using RowBits = std::uint64_t;  // 64 rows of one column, likewise
 constexpr Index kRowBits = 64;
 
+// A unit of work: one first variable against one block of lanes, with the
+// states of that pair of them. The first variable's cells are compared with
+// the code row by row; a variable that is never missing is a column of NaN,
+// which equals no code.
+struct PairsUnit {
+  const double* xa;  // the first variable's cells of the chunk
+  Index block;
+  double* state;
+};
+
 struct PairsLayout {
   int nA = 0;        // first variables
   int nB = 0;        // second variables: the lanes
@@ -64,7 +74,10 @@ struct PairsLayout {
   Index words = 0;   // words of a column's bits in a chunk
   // Offsets in the scratch, in doubles. States: one per block of each first
   // variable, then one per block of the first variable that is never missing.
-  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, list = 0, all = 0, zeros = 0, flags = 0;
+  // Units: at most one per state, those of whole runs from the start and the
+  // others from the middle.
+  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, units = 0, nans = 0, list = 0, all = 0;
+  Index flags = 0;
   Index state1 = 0, state2 = 0, total = 0;
 };
 
@@ -103,12 +116,14 @@ PairsLayout MakePairsLayout(const MaskedPairsJob& job, bool combined) {
   at += lay.nA * lay.words;
   lay.bitsB = job.triangle ? lay.bitsA : at;
   at += nBits * lay.words;
+  lay.units = at;
+  at += DoublesFor(2 * states / kLanes * static_cast<Index>(sizeof(PairsUnit)));
+  lay.nans = at;
+  at += lay.chunk;
   lay.list = at;
   at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
   lay.all = at;
   at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
-  lay.zeros = at;
-  at += lay.chunk;
   lay.flags = at;  // per column of first, then of second: has a missing cell
   at += DoublesFor(static_cast<Index>(lay.nA) + nBits);
   lay.state1 = at;
@@ -152,19 +167,6 @@ void PresenceBits(const double* x, Index rows, double code, RowBits* bits) {
   }
 }
 
-// The rows of a chunk whose bits are set, in order; returns how many.
-Index ListRows(const RowBits* bits, Index words, std::int32_t* list) {
-  Index count = 0;
-  for (Index w = 0; w < words; ++w) {
-    RowBits word = bits[w];
-    while (word != 0) {
-      list[count++] = static_cast<std::int32_t>(w * kRowBits + __builtin_ctzll(word));
-      word &= word - 1;
-    }
-  }
-  return count;
-}
-
 // The second variables of a chunk into the panel P, their products with the
 // combined weight into Q (x * v, as DotProduct forms them), and per row and
 // block of lanes the bits of the cells that are there.
@@ -189,12 +191,16 @@ void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, const double* v,
     j += take;
   }
   const typename Isa::Vec c = Isa::Set1(code);
+  // Lanes past the last column take no row, so that they never hold up the
+  // short form of pass 1.
+  const unsigned last = (1u << (cols.count - (lay.blocks - 1) * L)) - 1u;
   for (Index r = 0; r < rows; ++r) {
     const double* pr = p + r * lay.ld;
     double* qr = q + r * lay.ld;
     for (Index b = 0; b < lay.blocks; ++b) {
       const typename Isa::Vec x = Isa::Load(pr + b * L);
-      masks[r * lay.blocks + b] = static_cast<LaneBits>(Isa::Bits(Isa::NotEqual(x, c)));
+      const unsigned lanes = b + 1 < lay.blocks ? (1u << L) - 1u : last;
+      masks[r * lay.blocks + b] = static_cast<LaneBits>(Isa::Bits(Isa::NotEqual(x, c)) & lanes);
       if constexpr (Combined) Isa::Store(qr + b * L, Isa::Mul(x, Isa::Broadcast(v + r)));
     }
   }
@@ -217,40 +223,73 @@ void MeanStep(typename Isa::Mask kept, typename Isa::Mask firstRow, typename Isa
   inRun = Isa::AndNot(inRun, restRow);
 }
 
-// Where one first variable's passes read and write, over B blocks of lanes
-// side by side (more sums that do not wait for each other): the first
-// variable's cells, the panels and masks from the first block on, the rows
-// of the chunk to take, and the states of the B blocks.
+// B units side by side (more sums that do not wait for each other) over the
+// rows of a chunk: the panels and masks, the weights, and the units. Units of
+// one first variable take only the rows where its cell is there, from a list;
+// others take every row and compare their first variables' cells.
 struct PairsRun {
-  const double* xa;
   const double* p;
   const double* q;
   const LaneBits* masks;
   Index ld, masksLd;
-  const std::int32_t* rows;
-  Index count;
+  const std::int32_t* list;  // for units of one first variable
+  Index count;               // rows listed, or all rows of the chunk
   const double* w;
   const double* v;
-  double* const* state;
+  double code;
+  const PairsUnit* units;
 };
 
-template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
+template <bool Listed>
+Index RowAt(const PairsRun& run, Index i) {
+  if constexpr (Listed) return run.list[i];
+  return i;
+}
+
+// The lanes that take row r: those whose cells are there (bits), where the
+// first variable's cell x0 is there too; on a listed row it is.
+template <class Isa, bool Listed>
+typename Isa::Mask Kept(unsigned bits, typename Isa::Vec x0, typename Isa::Vec missing) {
+  if constexpr (Listed) return Isa::MaskFromBits(bits);
+  return Isa::KeptIf(bits, x0, missing);
+}
+
+// The rows of a chunk where x is not the code, in order; returns how many.
+Index ListRows(const double* x, Index rows, double code, std::int32_t* list) {
+  Index count = 0;
+  for (Index r = 0; r < rows; ++r) {
+    list[count] = static_cast<std::int32_t>(r);
+    count += !(x[r] == code);
+  }
+  return count;
+}
+
+// Shared: the B units have one first variable, whose cell serves them all,
+// and the rows come from the list.
+template <class Isa, int B, bool Shared, bool HasWeights, bool Combined, bool HasRegWeights>
 void PairsPass1(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const double* const xa = run.xa;
-  const double* const p = run.p;
-  const double* const q = run.q;
   const double* const w = run.w;
   const double* const v = run.v;
   const Index ld = run.ld, mld = run.masksLd;
-  const Vec one = Isa::Set1(1.0);
+  const Vec one = Isa::Set1(1.0), missing = Isa::Set1(run.code);
+  const double* xa[B];
+  const double* p[B];
+  const double* q[B];
+  const LaneBits* m[B];
+  constexpr int X = Shared ? 1 : B;  // first variables
   Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
   Mask seen[B], inRun0[B], inRun1[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    const double* s = run.state[b];
+    const PairsUnit& u = run.units[b];
+    xa[b] = u.xa;
+    p[b] = run.p + u.block * L;
+    q[b] = run.q + u.block * L;
+    m[b] = run.masks + u.block;
+    const double* s = u.state;
     weightSum[b] = Isa::Load(s + kWeightSum * L);
     combinedSum[b] = Isa::Load(s + kCombinedSum * L);
     seen[b] = Isa::ToMask(Isa::Load(s + kSeen * L));
@@ -274,38 +313,44 @@ void PairsPass1(const PairsRun& run) {
       running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
     if (!running) {
       for (; i < run.count; ++i) {
-        const Index r = run.rows[i];
+        const Index r = RowAt<Shared>(run, i);
+        Vec x0[X];
         Mask kept[B];
+#pragma GCC unroll 4
+        for (int x = 0; x < X; ++x)
+          x0[x] = Isa::Broadcast(xa[x] + r);
         bool fresh = false;
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          kept[b] = Isa::MaskFromBits(run.masks[r * mld + b]);
+          kept[b] = Kept<Isa, Shared>(m[b][r * mld], x0[Shared ? 0 : b], missing);
           fresh = fresh || Isa::Any(Isa::AndNot(kept[b], seen[b]));
         }
         if (fresh) break;
-        const Vec x0 = Isa::Broadcast(xa + r);
         Vec weight = one;
         if constexpr (Combined) weight = Isa::Broadcast(v + r);
-        const Vec add0 = Combined ? Isa::Mul(x0, weight) : x0;
+        Vec add0[X];
+#pragma GCC unroll 4
+        for (int x = 0; x < X; ++x)
+          add0[x] = Combined ? Isa::Mul(x0[x], weight) : x0[x];
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
           if constexpr (HasWeights)
             weightSum[b] = Isa::AddIf(kept[b], weightSum[b], Isa::Broadcast(w + r));
           if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept[b], combinedSum[b], weight);
-          rest0[b] = Isa::AddIf(kept[b], rest0[b], add0);
-          rest1[b] = Isa::AddIf(kept[b], rest1[b], Isa::Load(q + r * ld + b * L));
+          rest0[b] = Isa::AddIf(kept[b], rest0[b], add0[Shared ? 0 : b]);
+          rest1[b] = Isa::AddIf(kept[b], rest1[b], Isa::Load(q[b] + r * ld));
         }
       }
       if (i == run.count) break;
     }
-    const Index r = run.rows[i];
-    const Vec x0 = Isa::Broadcast(xa + r);
+    const Index r = RowAt<Shared>(run, i);
     Vec weight = one;
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
-      const Vec x1 = Isa::Load(p + r * ld + b * L);
-      const Mask kept = Isa::MaskFromBits(run.masks[r * mld + b]);
+      const Vec x0 = Isa::Broadcast(xa[b] + r);
+      const Vec x1 = Isa::Load(p[b] + r * ld);
+      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
       if constexpr (HasWeights)
         weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
       if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
@@ -318,7 +363,7 @@ void PairsPass1(const PairsRun& run) {
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    double* s = run.state[b];
+    double* s = run.units[b].state;
     Isa::Store(s + kWeightSum * L, weightSum[b]);
     Isa::Store(s + kCombinedSum * L, combinedSum[b]);
     Isa::Store(s + kSeen * L, Isa::FromMask(seen[b]));
@@ -333,34 +378,45 @@ void PairsPass1(const PairsRun& run) {
   }
 }
 
-// Pass 2 for B blocks of lanes side by side, as pass 1.
-template <class Isa, int B, bool Combined>
+// Pass 2 for B units side by side, as pass 1.
+template <class Isa, int B, bool Shared, bool Combined>
 void PairsPass2(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const double* const xa = run.xa;
-  const double* const p = run.p;
   const double* const v = run.v;
   const Index ld = run.ld, mld = run.masksLd;
+  const Vec missing = Isa::Set1(run.code);
+  const double* xa[B];
+  const double* p[B];
+  const LaneBits* m[B];
+  constexpr int X = Shared ? 1 : B;  // first variables
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    mean0[b] = Isa::Load(run.state[b] + kMean0 * L);
-    mean1[b] = Isa::Load(run.state[b] + kMean1 * L);
-    css0[b] = Isa::Load(run.state[b] + kCss0 * L);
-    css1[b] = Isa::Load(run.state[b] + kCss1 * L);
-    cscp[b] = Isa::Load(run.state[b] + kCscp * L);
+    const PairsUnit& u = run.units[b];
+    xa[b] = u.xa;
+    p[b] = run.p + u.block * L;
+    m[b] = run.masks + u.block;
+    mean0[b] = Isa::Load(u.state + kMean0 * L);
+    mean1[b] = Isa::Load(u.state + kMean1 * L);
+    css0[b] = Isa::Load(u.state + kCss0 * L);
+    css1[b] = Isa::Load(u.state + kCss1 * L);
+    cscp[b] = Isa::Load(u.state + kCscp * L);
   }
   for (Index i = 0; i < run.count; ++i) {
-    const Index r = run.rows[i];
-    const Vec x0 = Isa::Broadcast(xa + r);
+    const Index r = RowAt<Shared>(run, i);
     Vec weight = Isa::Set1(1.0);
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
+    Vec xs[X];
+#pragma GCC unroll 4
+    for (int x = 0; x < X; ++x)
+      xs[x] = Isa::Broadcast(xa[x] + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
-      const Mask kept = Isa::MaskFromBits(run.masks[r * mld + b]);
-      const Vec x1 = Isa::Load(p + r * ld + b * L);
+      const Vec x0 = xs[Shared ? 0 : b];
+      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
+      const Vec x1 = Isa::Load(p[b] + r * ld);
       const Vec c0 = Isa::Sub(x0, mean0[b]);
       const Vec c1 = Isa::Sub(x1, mean1[b]);
       if constexpr (Combined) {
@@ -378,9 +434,10 @@ void PairsPass2(const PairsRun& run) {
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    Isa::Store(run.state[b] + kCss0 * L, css0[b]);
-    Isa::Store(run.state[b] + kCss1 * L, css1[b]);
-    Isa::Store(run.state[b] + kCscp * L, cscp[b]);
+    double* s = run.units[b].state;
+    Isa::Store(s + kCss0 * L, css0[b]);
+    Isa::Store(s + kCss1 * L, css1[b]);
+    Isa::Store(s + kCscp * L, cscp[b]);
   }
 }
 
@@ -412,28 +469,43 @@ void PairsMeans(const double* s1, double* s2) {
   Isa::Store(s2 + kCscp * L, zero);
 }
 
-// The passes over B blocks, for B from 1 to the level's kPairBlocks.
+// The passes over B units, for B from 1 to the level's kPairBlocks; shared
+// only with kPairBlocks units.
 template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
-void RunPass(int pass, int blocks, const PairsRun& run) {
+void RunPass(int pass, int units, bool shared, const PairsRun& run) {
   if constexpr (B > 1) {
-    if (blocks < B) {
-      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, blocks, run);
+    if (units < B) {
+      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, false, run);
       return;
     }
   }
-  if (pass == 1)
-    PairsPass1<Isa, B, HasWeights, Combined, HasRegWeights>(run);
-  else
-    PairsPass2<Isa, B, Combined>(run);
+  if (pass == 1) {
+    if (shared)
+      PairsPass1<Isa, B, true, HasWeights, Combined, HasRegWeights>(run);
+    else
+      PairsPass1<Isa, B, false, HasWeights, Combined, HasRegWeights>(run);
+  } else {
+    if (shared)
+      PairsPass2<Isa, B, true, Combined>(run);
+    else
+      PairsPass2<Isa, B, false, Combined>(run);
+  }
 }
 
-// Which blocks of lanes one first variable needs, and where its states lie.
-struct FirstVariable {
-  const double* x;  // its cells; the zeros for the variable that is never missing
-  bool missing;     // has a missing cell in the rows
-  Index blocks;     // blocks of lanes it pairs with
-  Index states;     // index of its first block's states
-};
+// The row counts of a unit's lanes, added to its state: whole numbers, exact
+// in any order. x0 null: the first variable is never missing.
+template <class Isa>
+void CountRows(const RowBits* x0, const RowBits* bitsB, Index stride, Index words, Index lanes,
+               double* state) {
+  constexpr int L = Isa::kLanes;
+  for (Index l = 0; l < lanes; ++l) {
+    const RowBits* x1 = bitsB + l * stride;
+    Index kept = 0;
+    for (Index k = 0; k < words; ++k)
+      kept += __builtin_popcountll(x0 != nullptr ? x0[k] & x1[k] : x1[k]);
+    state[kCount * L + l] += static_cast<double>(kept);
+  }
+}
 
 template <class Isa, bool HasWeights, bool Combined, bool HasRegWeights>
 void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* scratch) {
@@ -444,20 +516,22 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
   auto* masks = reinterpret_cast<LaneBits*>(scratch + lay.masks);
   auto* bitsA = reinterpret_cast<RowBits*>(scratch + lay.bitsA);
   auto* bitsB = reinterpret_cast<RowBits*>(scratch + lay.bitsB);
-  auto* list = reinterpret_cast<std::int32_t*>(scratch + lay.list);
-  auto* all = reinterpret_cast<std::int32_t*>(scratch + lay.all);
+  auto* units = reinterpret_cast<PairsUnit*>(scratch + lay.units);
   auto* missing = reinterpret_cast<bool*>(scratch + lay.flags);
   bool* missingB = job.triangle ? missing : missing + lay.nA;
+  double* nans = scratch + lay.nans;
+  auto* list = reinterpret_cast<std::int32_t*>(scratch + lay.list);
+  auto* all = reinterpret_cast<std::int32_t*>(scratch + lay.all);
   double* states1 = scratch + lay.state1;
   double* states2 = scratch + lay.state2;
-  const Index perVariable = lay.blocks;
-  const Index stateCount = (static_cast<Index>(lay.nA) + 1) * perVariable;
+  const Index stateCount = (static_cast<Index>(lay.nA) + 1) * lay.blocks;
   Clear(states1, stateCount * L * kPass1Fields);
   Clear(panel, lay.chunk * lay.ld);  // lanes past the last column stay zero
   if constexpr (Combined) Clear(products, lay.chunk * lay.ld);
-  Clear(scratch + lay.zeros, lay.chunk);
-  for (Index r = 0; r < lay.chunk; ++r)
+  for (Index r = 0; r < lay.chunk; ++r) {
+    nans[r] = __builtin_nan("");
     all[r] = static_cast<std::int32_t>(r);
+  }
 
   for (Index a = 0; a < lay.nA; ++a)
     missing[a] = HasMissing<Isa>(ColumnOf(job.first, a), job.nRows, job.missingCode);
@@ -470,83 +544,77 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
       if (missingB[b]) return true;
     return false;
   };
-
-  // The first variables in turn, then the one that is never missing (for
-  // the columns' own figures, lanes being the first variables).
-  const Index variables = lay.nA + (job.columns != nullptr ? 1 : 0);
-  auto variable = [&](Index a) {
-    if (a == lay.nA) return FirstVariable{scratch + lay.zeros, false, lay.blocks, a * perVariable};
-    const Index blocks = job.triangle ? (a + L - 1) / L : lay.blocks;
-    return FirstVariable{ColumnOf(job.first, a), missing[a], blocks, a * perVariable};
-  };
-  // A block is skipped when neither side has a missing cell and the caller
+  // The first variables in turn (a triangle's pair with the columns before
+  // it), then, for the columns' own figures, one that is never missing. A
+  // block is left out when neither side has a missing cell and the caller
   // takes such pairs elsewhere.
-  auto wanted = [&](const FirstVariable& f, Index block) {
-    return job.completePairs || f.missing || blockMissing(block);
+  const Index variables = lay.nA + (job.columns != nullptr ? 1 : 0);
+  auto blocksOf = [&](Index a) {
+    return job.triangle && a < lay.nA ? (a + L - 1) / L : lay.blocks;
+  };
+  auto firstMissing = [&](Index a) { return a < lay.nA && missing[a]; };
+  auto wanted = [&](Index a, Index block) {
+    return job.completePairs || firstMissing(a) || blockMissing(block);
   };
 
   for (int pass = 1; pass <= 2; ++pass) {
+    double* states = pass == 1 ? states1 : states2;
+    const Index fields = pass == 1 ? Index{kPass1Fields} : Index{kPass2Fields};
     for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
       const Index rows = Smaller(lay.chunk, job.nRows - i0);
+      const Index words = (rows + kRowBits - 1) / kRowBits;
       const double* v = Combined ? job.combined + i0 : nullptr;
       PackSeconds<Isa, Combined>(seconds, i0, rows, v, job.missingCode, lay, panel, products,
                                  masks);
-      for (Index b = 0; b < lay.nB; ++b)
-        PresenceBits<Isa>(ColumnOf(seconds, b) + i0, rows, job.missingCode, bitsB + b * lay.words);
-      if (!job.triangle)
-        for (Index a = 0; a < lay.nA; ++a)
-          if (missing[a])
-            PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
-                              bitsA + a * lay.words);
-      const Index words = (rows + kRowBits - 1) / kRowBits;
-      PairsRun run{};
-      run.ld = lay.ld;
-      run.masksLd = lay.blocks;
-      run.w = HasWeights ? job.weights + i0 : nullptr;
-      run.v = v;
+      if (pass == 1) {
+        for (Index b = 0; b < lay.nB; ++b)
+          PresenceBits<Isa>(ColumnOf(seconds, b) + i0, rows, job.missingCode,
+                            bitsB + b * lay.words);
+        if (!job.triangle)
+          for (Index a = 0; a < lay.nA; ++a)
+            if (missing[a])
+              PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
+                                bitsA + a * lay.words);
+      }
+      // The units in runs: whole runs of one first variable, then the
+      // rest of every first variable's units together.
+      constexpr Index K = Isa::kPairBlocks;
+      Index shared = 0, mixed = stateCount;
       for (Index a = 0; a < variables; ++a) {
-        const FirstVariable f = variable(a);
-        run.xa = a == lay.nA ? f.x : f.x + i0;
-        if (f.missing) {
-          run.rows = list;
-          run.count = ListRows(bitsA + a * lay.words, words, list);
-        } else {
-          run.rows = all;
-          run.count = rows;
+        const double* xa = a < lay.nA ? ColumnOf(job.first, a) + i0 : nans;
+        const Index from = shared;
+        for (Index b = 0; b < blocksOf(a); ++b) {
+          if (!wanted(a, b)) continue;
+          double* state = states + (a * lay.blocks + b) * L * fields;
+          units[shared++] = PairsUnit{xa, b, state};
+          if (pass == 1)
+            CountRows<Isa>(firstMissing(a) ? bitsA + a * lay.words : nullptr,
+                           bitsB + b * L * lay.words, lay.words, words, Smaller(L, lay.nB - b * L),
+                           state);
         }
-        for (Index b = 0; b < f.blocks;) {
-          if (!wanted(f, b)) {
-            ++b;
-            continue;
-          }
-          Index take = 1;
-          while (take < Isa::kPairBlocks && b + take < f.blocks && wanted(f, b + take))
-            ++take;
-          double* states[Isa::kPairBlocks];
-          double* base = pass == 1 ? states1 : states2;
-          const Index fields = pass == 1 ? Index{kPass1Fields} : Index{kPass2Fields};
-          for (Index t = 0; t < take; ++t)
-            states[t] = base + (f.states + b + t) * L * fields;
-          run.p = panel + b * L;
-          run.q = products + b * L;
-          run.masks = masks + b;
-          run.state = states;
-          RunPass<Isa, Isa::kPairBlocks, HasWeights, Combined, HasRegWeights>(
-              pass, static_cast<int>(take), run);
-          if (pass == 1) {
-            // The row counts of these lanes: whole numbers, exact in any order.
-            for (Index t = 0; t < take; ++t)
-              for (Index l = 0; l < L && (b + t) * L + l < lay.nB; ++l) {
-                const RowBits* x1 = bitsB + ((b + t) * L + l) * lay.words;
-                const RowBits* x0 = f.missing ? bitsA + a * lay.words : nullptr;
-                Index kept = 0;
-                for (Index k = 0; k < words; ++k)
-                  kept += __builtin_popcountll(x0 != nullptr ? x0[k] & x1[k] : x1[k]);
-                states[t][kCount * L + l] += static_cast<double>(kept);
-              }
-          }
-          b += take;
+        for (Index rest = (shared - from) % K; rest > 0; --rest)
+          units[mixed++] = units[--shared];
+      }
+      PairsRun run{panel,      products,
+                   masks,      lay.ld,
+                   lay.blocks, all,
+                   rows,       HasWeights ? job.weights + i0 : nullptr,
+                   v,          job.missingCode,
+                   nullptr};
+      for (Index u = 0; u < shared; u += K) {
+        if (u == 0 || units[u].xa != units[u - K].xa) {
+          run.list = list;
+          run.count = ListRows(units[u].xa, rows, job.missingCode, list);
         }
+        run.units = units + u;
+        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(K), true, run);
+      }
+      run.list = all;
+      run.count = rows;
+      for (Index u = stateCount; u < mixed; u += K) {
+        run.units = units + u;
+        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(
+            pass, static_cast<int>(Smaller(K, mixed - u)), false, run);
       }
     }
     if (pass == 1)
@@ -556,39 +624,33 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
   }
 
   // The figures of every pair and column asked for.
-  for (Index a = 0; a < lay.nA; ++a) {
-    const FirstVariable f = variable(a);
-    const Index lanes = job.triangle ? a : lay.nB;
-    for (Index b = 0; b < lanes; ++b) {
-      if (!job.completePairs && !f.missing && !missingB[b]) continue;
-      const Index at = a * perVariable + b / L, l = b % L;
-      const double* s1 = states1 + at * L * kPass1Fields + l;
-      const double* s2 = states2 + at * L * kPass2Fields + l;
-      PairFigures& out = job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b];
-      out.nRows = s1[kCount * L];
-      out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
-      out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+  auto figures = [&](Index a, Index b, auto& out) {
+    const Index at = a * lay.blocks + b / L, l = b % L;
+    const double* s1 = states1 + at * L * kPass1Fields + l;
+    const double* s2 = states2 + at * L * kPass2Fields + l;
+    out.nRows = s1[kCount * L];
+    out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
+    out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+    if constexpr (requires { out.cscp; }) {
       out.mean0 = s2[kMean0 * L];
       out.mean1 = s2[kMean1 * L];
       out.css0 = s2[kCss0 * L];
       out.css1 = s2[kCss1 * L];
       out.cscp = s2[kCscp * L];
-    }
-  }
-  if (job.columns != nullptr) {
-    for (Index b = 0; b < lay.nB; ++b) {
-      if (!job.completePairs && !missingB[b]) continue;
-      const Index at = lay.nA * perVariable + b / L, l = b % L;
-      const double* s1 = states1 + at * L * kPass1Fields + l;
-      const double* s2 = states2 + at * L * kPass2Fields + l;
-      ColumnFigures& out = job.columns[b];
-      out.nRows = s1[kCount * L];
-      out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
-      out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+    } else {
       out.mean = s2[kMean1 * L];
       out.css = s2[kCss1 * L];
     }
+  };
+  for (Index a = 0; a < lay.nA; ++a) {
+    const Index lanes = job.triangle ? a : lay.nB;
+    for (Index b = 0; b < lanes; ++b)
+      if (job.completePairs || missing[a] || missingB[b])
+        figures(a, b, job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b]);
   }
+  if (job.columns != nullptr)
+    for (Index b = 0; b < lay.nB; ++b)
+      if (job.completePairs || missingB[b]) figures(lay.nA, b, job.columns[b]);
 }
 
 template <class Isa>
