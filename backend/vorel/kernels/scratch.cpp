@@ -5,7 +5,7 @@
 #include <limits>
 #include <memory>
 
-#include "storelimits.h"
+#include "common/storelimits.h"
 
 namespace vorel::internal {
 

@@ -7,10 +7,7 @@
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
-namespace vorel {
-
-// The kernels.
-using namespace internal;
+namespace vorel::internal {
 namespace {
 
 // Whether any of the n cells compares equal to code (a NaN code never does).
@@ -190,4 +187,4 @@ const PairFigures& ScatteredPairs::Pair(int a, int b) const {
   return _figures[ia * (static_cast<std::size_t>(_count) - split) + (ib - split)];
 }
 
-}  // namespace vorel
+}  // namespace vorel::internal
