@@ -19,7 +19,7 @@ struct Avx512Isa {
   static constexpr int kRows = 12;
   static constexpr int kVecs = 2;
   static constexpr bool kPacksColumns = true;
-  static constexpr int kPairBlocks = 3;  // blocks of lanes the masked pairs take side by side
+  static constexpr int kPairBlocks = 2;  // blocks of lanes the masked pairs take side by side
 
   static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
