@@ -57,10 +57,12 @@ void AddRows(Matrix& m, const Table& t, std::size_t begin, std::size_t end) {
 template <class T>
 struct Maker;
 
-template <class T, double kMissingShare>
+// MissingPercent: the share of missing cells, in percent.
+template <class T, int MissingPercent>
 struct PlainMaker {
   static Table Rows(unsigned seed, Weighting w, std::size_t n) {
-    return tables::RandomTable(seed, kColumns, n, w.weights, w.regWeights, kMissingShare, 3.0);
+    return tables::RandomTable(seed, kColumns, n, w.weights, w.regWeights, MissingPercent / 100.0,
+                               3.0);
   }
   static void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
     AddRows(m, t, begin, end);
@@ -68,27 +70,27 @@ struct PlainMaker {
 };
 
 template <>
-struct Maker<MatrixListwise> : PlainMaker<MatrixListwise, 0.0> {
+struct Maker<MatrixListwise> : PlainMaker<MatrixListwise, 0> {
   static MatrixListwise Empty() { return MatrixListwise(); }
 };
 template <>
-struct Maker<MatrixPairwise> : PlainMaker<MatrixPairwise, 0.2> {
+struct Maker<MatrixPairwise> : PlainMaker<MatrixPairwise, 20> {
   static MatrixPairwise Empty() { return MatrixPairwise(kCode); }
 };
 template <>
-struct Maker<SMatrixListwise> : PlainMaker<SMatrixListwise, 0.0> {
+struct Maker<SMatrixListwise> : PlainMaker<SMatrixListwise, 0> {
   static SMatrixListwise Empty() { return SMatrixListwise(1, 5); }
 };
 template <>
-struct Maker<NSMatrixListwise> : PlainMaker<NSMatrixListwise, 0.0> {
+struct Maker<NSMatrixListwise> : PlainMaker<NSMatrixListwise, 0> {
   static NSMatrixListwise Empty() { return NSMatrixListwise(1, 3, 6); }
 };
 template <>
-struct Maker<SMatrixPairwise> : PlainMaker<SMatrixPairwise, 0.2> {
+struct Maker<SMatrixPairwise> : PlainMaker<SMatrixPairwise, 20> {
   static SMatrixPairwise Empty() { return SMatrixPairwise(kCode, 1, 5); }
 };
 template <>
-struct Maker<NSMatrixPairwise> : PlainMaker<NSMatrixPairwise, 0.2> {
+struct Maker<NSMatrixPairwise> : PlainMaker<NSMatrixPairwise, 20> {
   static NSMatrixPairwise Empty() { return NSMatrixPairwise(kCode, 0, 2, 6); }
 };
 
