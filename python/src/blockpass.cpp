@@ -1,0 +1,203 @@
+#include "blockpass.h"
+
+#include <vorel/databatch.h>
+#include <vorel/driver.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace vorelpy {
+namespace {
+
+// Turns the rows of one block into batches and reduces them to a tally. One
+// per worker; its batches and buffers are reused from block to block.
+class BlockReducer {
+ public:
+  BlockReducer(const Table& table, const Settings& settings)
+      : _table(table),
+        _settings(settings),
+        _reader(table),
+        _batch(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
+               settings.regWeights ? &_regWeight : nullptr, nullptr),
+        _marked(settings.nColumns) {
+    // Regression weights play no part in the group tables.
+    if (settings.grouped)
+      _groupBatch.emplace(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
+                          nullptr, nullptr);
+  }
+
+  // The tally of rows [first, first + n), n at most kBlockRows.
+  void Reduce(std::size_t first, std::size_t n, Tally& tally) {
+    _reader.Load(first, n);
+    _batch.Clear();
+    _groupRows.clear();
+    for (std::size_t r = 0; r < n; ++r)
+      TakeRow(first + r, _reader.Row(r), tally.counts);
+    if (_batch.NRows() == 0) return;
+    AddExtremes(tally.extremes);
+    if (_settings.grouped) AddGroups(tally.groups);
+    // Last: a listwise matrix centres the batch's columns in place.
+    if (tally.listwise) *tally.listwise += _batch;
+    if (tally.pairwise) *tally.pairwise += _batch;
+  }
+
+  bool SawStandIn() const { return _sawStandIn; }
+
+ private:
+  void TakeRow(std::size_t row, const double* cells, RowCounts& counts) {
+    ++counts.rows;
+    _weight = _table.weights ? _table.weights[row] : 1.0;
+    _regWeight = _table.regWeights ? _table.regWeights[row] : 1.0;
+    if (_weight == 0.0 || _regWeight == 0.0) {
+      ++counts.zeroWeight;
+      return;
+    }
+    const bool complete = IsComplete(cells);
+    if (!complete) {
+      ++counts.incomplete;
+      if (!_settings.pairwise) return;
+      if (_table.missing.nan) cells = MarkMissing(cells);
+    }
+    _batch.AddRow(cells);
+    if (!_settings.grouped) return;
+    const std::int64_t group = _table.groups ? _table.groups[row] : -1;
+    if (group < 0) {
+      ++counts.withoutGroup;
+    } else if (complete) {
+      _groupRows.emplace_back(group, _batch.NRows() - 1);
+    }
+  }
+
+  bool IsComplete(const double* cells) {
+    bool complete = true;
+    for (unsigned c = 0; c < _settings.nColumns; ++c)
+      complete &= !_table.missing.IsMissing(cells[c]);
+    // The stand-in for NaN must not occur as a value, or it would be dropped.
+    if (_settings.pairwise && _table.missing.nan) {
+      for (unsigned c = 0; c < _settings.nColumns; ++c)
+        _sawStandIn |= cells[c] == _settings.pairwiseCode;
+    }
+    return complete;
+  }
+
+  // The row with its NaN cells replaced by the pairwise matrix's code.
+  const double* MarkMissing(const double* cells) {
+    for (unsigned c = 0; c < _settings.nColumns; ++c)
+      _marked[c] = std::isnan(cells[c]) ? _settings.pairwiseCode : cells[c];
+    return _marked.data();
+  }
+
+  void AddExtremes(Extremes& extremes) {
+    std::optional<double> skip;
+    if (_settings.pairwise) skip = _settings.pairwiseCode;
+    for (unsigned c = 0; c < _settings.nColumns; ++c)
+      extremes.Add(c, _batch.Column(c), _batch.NRows(), skip);
+  }
+
+  // One matrix per group of the block, over its complete rows in row order.
+  void AddGroups(std::vector<GroupTally>& groups) {
+    std::stable_sort(_groupRows.begin(), _groupRows.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    const double* weights = _batch.Weights();
+    for (std::size_t k = 0; k < _groupRows.size();) {
+      const std::int64_t code = _groupRows[k].first;
+      _groupBatch->Clear();
+      for (; k < _groupRows.size() && _groupRows[k].first == code; ++k) {
+        const unsigned r = _groupRows[k].second;
+        for (unsigned c = 0; c < _settings.nColumns; ++c)
+          _marked[c] = _batch.Column(c)[r];
+        _weight = weights ? weights[r] : 1.0;
+        _groupBatch->AddRow(_marked.data());
+      }
+      groups.push_back(GroupTally{code, {}});
+      groups.back().matrix += *_groupBatch;
+    }
+  }
+
+  const Table& _table;
+  const Settings& _settings;
+  RowReader _reader;
+  // The current row's weights, read by AddRow.
+  double _weight = 1.0;
+  double _regWeight = 1.0;
+  vorel::DataBatch _batch;
+  std::optional<vorel::DataBatch> _groupBatch;
+  std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
+  std::vector<double> _marked;                                // one row of scratch
+  bool _sawStandIn = false;
+};
+
+class BlockProblem : public vorel::ProblemBase {
+ public:
+  BlockProblem(const Table& rows, const Settings& shape)
+      : table(rows),
+        settings(shape),
+        nBlocks((rows.nRows + kBlockRows - 1) / kBlockRows),
+        tallies(nBlocks) {}
+
+  vorel::WorkerBase* CreateWorker() override;
+
+  const Table& table;
+  const Settings& settings;
+  const std::size_t nBlocks;
+  std::size_t nextBlock = 0;                    // under the read lock
+  std::vector<std::unique_ptr<Tally>> tallies;  // one per block, each written by one worker
+  std::atomic<bool> sawStandIn{false};
+};
+
+class BlockWorker : public vorel::WorkerBase {
+ public:
+  explicit BlockWorker(BlockProblem& problem)
+      : _problem(problem), _reducer(problem.table, problem.settings) {}
+
+  bool ReadBatch() override {
+    if (_problem.nextBlock == _problem.nBlocks) return false;
+    _block = _problem.nextBlock++;
+    return true;
+  }
+
+  void ProcessBatch() override {
+    const std::size_t first = _block * kBlockRows;
+    auto tally = std::make_unique<Tally>(_problem.settings);
+    _reducer.Reduce(first, std::min(kBlockRows, _problem.table.nRows - first), *tally);
+    _problem.tallies[_block] = std::move(tally);
+  }
+
+  void MergeResult() override {
+    if (_reducer.SawStandIn()) _problem.sawStandIn = true;
+  }
+
+ private:
+  BlockProblem& _problem;
+  BlockReducer _reducer;
+  std::size_t _block = 0;
+};
+
+vorel::WorkerBase* BlockProblem::CreateWorker() { return new BlockWorker(*this); }
+
+// Merges the tallies pairwise, neighbours first: ((0 1) (2 3)) ((4 5) 6).
+Tally MergeAlongTree(std::vector<std::unique_ptr<Tally>>& tallies, const Settings& settings) {
+  if (tallies.empty()) return Tally(settings);
+  for (std::size_t step = 1; step < tallies.size(); step *= 2) {
+    for (std::size_t k = 0; k + step < tallies.size(); k += 2 * step) {
+      tallies[k]->Merge(*tallies[k + step]);
+      tallies[k + step].reset();
+    }
+  }
+  return std::move(*tallies[0]);
+}
+
+}  // namespace
+
+Tally RunPass(const Table& table, const Settings& settings, int threads) {
+  BlockProblem problem(table, settings);
+  vorel::Driver(&problem, threads);
+  if (problem.sawStandIn) throw ValueTaken{settings.pairwiseCode};
+  return MergeAlongTree(problem.tallies, settings);
+}
+
+}  // namespace vorelpy

@@ -1,0 +1,35 @@
+// One pass over a table on vorel's Driver.
+//
+// The rows are cut into blocks of a fixed size, whatever the thread count. A
+// worker takes the next block (the only serial step), turns its rows into
+// batches and reduces them to a tally of the block. The tallies of the blocks
+// are then merged along a fixed binary tree over the block numbers, so the
+// result has the same bits on any number of threads.
+//
+// Rows: a row whose weight or regression weight is 0 is left out everywhere
+// and counted. Listwise, a row with a missing cell is left out of the matrix;
+// pairwise, it is kept and its missing cells drop out cell by cell. The group
+// tables take the complete rows that have a group.
+#pragma once
+
+#include <cstddef>
+
+#include "table.h"
+#include "tally.h"
+
+namespace vorelpy {
+
+// Rows of one block, and the row capacity of every batch.
+inline constexpr std::size_t kBlockRows = 4096;
+
+// The tally of all rows of table. threads below 1 takes the host's count.
+// Throws ValueTaken when a pairwise pass with NaN as the missing mark meets a
+// cell equal to the stand-in code.
+Tally RunPass(const Table& table, const Settings& settings, int threads);
+
+// A cell held the value that stands in for NaN cells in a pairwise pass.
+struct ValueTaken {
+  double value;
+};
+
+}  // namespace vorelpy
