@@ -16,7 +16,9 @@ double Correlation(double cscp, double css0, double css1) {
   return cscp / (std::sqrt(css0) * std::sqrt(css1));
 }
 
-bool Constant(const Figures& f, std::size_t c) { return f.n[c] > 0 && f.min[c] == f.max[c]; }
+bool Constant(const Figures& f, std::size_t c) {
+  return f.n[c] > 0 && f.min[c] == f.max[c] && std::isfinite(f.min[c]) && !f.nan[c];
+}
 
 // The column figures from each column's own rows: n, W, mean and CSS.
 void SetColumn(Figures& f, std::size_t c, std::uint64_t n, double w, double mean, double css,
@@ -26,7 +28,7 @@ void SetColumn(Figures& f, std::size_t c, std::uint64_t n, double w, double mean
   const std::size_t diagonal = c * f.nColumns + c;
   if (n == 0) return;
   if (Constant(f, c)) {
-    f.mean[c] = f.min[c];
+    f.mean[c] = f.max[c];  // of -0 and +0, +0
     f.sd[c] = w - ddof > 0.0 ? 0.0 : kNaN;
     f.cov[diagonal] = f.sd[c];
     return;
@@ -139,6 +141,7 @@ Figures MakeFigures(const Settings& settings, const Tally& tally,
   f.corr.assign(k * k, kNaN);
   f.min = tally.extremes.minima;
   f.max = tally.extremes.maxima;
+  f.nan = tally.extremes.nan;
   for (std::size_t c = 0; c < k; ++c) {
     // A column without cells has no extremes.
     if (std::isinf(f.min[c]) && f.min[c] > f.max[c]) f.min[c] = f.max[c] = kNaN;

@@ -6,8 +6,11 @@
 namespace vorelpy {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
+
+// -0 below +0, so that the extremes do not depend on the order of the cells;
+// a NaN is below nothing and nothing is below it.
+bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
 
 // Groups of both lists by code; a group's rows in a come before those in b.
 std::vector<GroupTally> MergeGroups(const std::vector<GroupTally>& a,
@@ -37,27 +40,29 @@ void RowCounts::Add(const RowCounts& other) {
   withoutGroup += other.withoutGroup;
 }
 
-Extremes::Extremes(unsigned nColumns) : minima(nColumns, kInf), maxima(nColumns, -kInf) {}
+Extremes::Extremes(unsigned nColumns)
+    : minima(nColumns, kInf), maxima(nColumns, -kInf), nan(nColumns, 0) {}
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
   double lo = minima[c], hi = maxima[c];
-  bool nan = false;
+  bool seenNaN = false;
   for (unsigned r = 0; r < n; ++r) {
     // Compared exactly, on purpose: equality with the code is what makes a cell missing.
     if (skip && x[r] == *skip) continue;
-    nan |= std::isnan(x[r]);
-    lo = x[r] < lo ? x[r] : lo;
-    hi = x[r] > hi ? x[r] : hi;
+    seenNaN |= std::isnan(x[r]);
+    if (Below(x[r], lo)) lo = x[r];
+    if (Below(hi, x[r])) hi = x[r];
   }
-  minima[c] = nan ? kNaN : lo;
-  maxima[c] = nan ? kNaN : hi;
+  minima[c] = lo;
+  maxima[c] = hi;
+  nan[c] |= seenNaN;
 }
 
 void Extremes::Add(const Extremes& other) {
   for (std::size_t c = 0; c < minima.size(); ++c) {
-    const bool nan = std::isnan(minima[c]) || std::isnan(other.minima[c]);
-    minima[c] = nan ? kNaN : std::min(minima[c], other.minima[c]);
-    maxima[c] = nan ? kNaN : std::max(maxima[c], other.maxima[c]);
+    if (Below(other.minima[c], minima[c])) minima[c] = other.minima[c];
+    if (Below(maxima[c], other.maxima[c])) maxima[c] = other.maxima[c];
+    nan[c] |= other.nan[c];
   }
 }
 

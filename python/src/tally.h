@@ -33,10 +33,12 @@ struct RowCounts {
   void Add(const RowCounts& other);
 };
 
-// Smallest and largest value of each column over the cells that count. A NaN
-// cell makes both NaN, as it makes the column's mean NaN.
+// Smallest and largest value of each column over the cells that count; NaN
+// cells are passed over (they make the column's mean NaN instead), and noted,
+// since a column with one is not constant whatever its extremes.
 struct Extremes {
   std::vector<double> minima, maxima;
+  std::vector<char> nan;
 
   explicit Extremes(unsigned nColumns);
   // Folds in n cells of column c, skipping those equal to skip when given.

@@ -310,6 +310,10 @@ class _Accumulator:
         reg_weights and groups are arrays with one value per row or, with a
         DataFrame, column names. Every chunk has the same columns: a
         DataFrame's are taken by name. Returns the accumulator."""
+        return self._add(chunk, weights, reg_weights, groups, require_rows=False)
+
+    def _add(self, chunk: Any, weights: Any, reg_weights: Any, groups: Any,
+             require_rows: bool) -> "_Accumulator":
         if self._grouped and groups is None:
             raise TypeError("groups: ByGroup needs the group of each row")
         if not self._grouped and groups is not None:
@@ -318,6 +322,8 @@ class _Accumulator:
             chunk = self._same_columns(chunk, weights, reg_weights, groups)
         table = _Table(chunk, self._missing,
                        {"weights": weights, "reg_weights": reg_weights, "groups": groups})
+        if require_rows and table.n_rows == 0:
+            raise ValueError("data: has no rows")
         codes = self._group_codes(table.roles["groups"], table.n_rows)
         self._core.update(table.cells, _weights(table.roles["weights"], table.n_rows, "weights"),
                           _weights(table.roles["reg_weights"], table.n_rows, "reg_weights"), codes)
@@ -466,14 +472,5 @@ def describe(data: Any, weights: Any = None, reg_weights: Any = None, groups: An
         accumulator = Pairwise(missing, threads)
     else:
         accumulator = Listwise(missing, threads)
-    _check_rows(data)
-    accumulator.update(data, weights, reg_weights, groups)
+    accumulator._add(data, weights, reg_weights, groups, require_rows=True)
     return accumulator.result(ddof)
-
-
-def _check_rows(data: Any) -> None:
-    shape = getattr(data, "shape", None)
-    if shape is None:
-        shape = np.shape(data) if data is not None else None
-    if shape is not None and len(shape) >= 1 and shape[0] == 0:
-        raise ValueError("data: has no rows")
