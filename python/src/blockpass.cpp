@@ -13,6 +13,8 @@
 namespace vorelpy {
 namespace {
 
+std::atomic<bool> wholeBlocks{true};
+
 // Turns the rows of one block into batches and reduces them to a tally. One
 // per worker; its batches and buffers are reused from block to block.
 class BlockReducer {
@@ -23,7 +25,13 @@ class BlockReducer {
         _reader(table),
         _batch(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
                settings.regWeights ? &_regWeight : nullptr, nullptr),
-        _marked(settings.nColumns) {
+        _whole(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr, nullptr, nullptr),
+        _marked(settings.nColumns, 0.0),
+        _incomplete(kBlockRows) {
+    // A batch held full for good: a whole block is written into its columns
+    // in place, rather than row by row.
+    for (std::size_t r = 0; r < kBlockRows; ++r)
+      _whole.AddRow(_marked.data());
     // Regression weights play no part in the group tables.
     if (settings.grouped)
       _groupBatch.emplace(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
@@ -33,21 +41,73 @@ class BlockReducer {
   // The tally of rows [first, first + n), n at most kBlockRows.
   void Reduce(std::size_t first, std::size_t n, Tally& tally) {
     _reader.Load(first, n);
-    _batch.Clear();
     _groupRows.clear();
+    if (n == kBlockRows && !_settings.regWeights && wholeBlocks.load(std::memory_order_relaxed)
+        && TakeWholeBlock(first, tally.counts)) {
+      AddBatch(_whole, tally);
+      return;
+    }
+    _batch.Clear();
     for (std::size_t r = 0; r < n; ++r)
       TakeRow(first + r, _reader.Row(r), tally.counts);
-    if (_batch.NRows() == 0) return;
-    AddExtremes(tally.extremes);
-    if (_settings.grouped) AddGroups(tally.groups);
-    // Last: a listwise matrix centres the batch's columns in place.
-    if (tally.listwise) *tally.listwise += _batch;
-    if (tally.pairwise) *tally.pairwise += _batch;
+    AddBatch(_batch, tally);
   }
 
   bool SawStandIn() const { return _sawStandIn; }
 
  private:
+  void AddBatch(vorel::DataBatch& batch, Tally& tally) {
+    if (batch.NRows() == 0) return;
+    AddExtremes(batch, tally.extremes);
+    if (_settings.grouped) AddGroups(batch, tally.groups);
+    // Last: a listwise matrix centres the batch's columns in place.
+    if (tally.listwise) *tally.listwise += batch;
+    if (tally.pairwise) *tally.pairwise += batch;
+  }
+
+  // A block of kBlockRows rows that all go into the matrix (every weight
+  // positive and, listwise, every row complete), written into _whole column by
+  // column. The same cells in the same order as row by row; false, having
+  // counted nothing, when some row has to be left out.
+  bool TakeWholeBlock(std::size_t first, RowCounts& counts) {
+    const double* weights = _table.weights ? _table.weights + first : nullptr;
+    if (weights && std::find(weights, weights + kBlockRows, 0.0) != weights + kBlockRows)
+      return false;
+    const unsigned k = _settings.nColumns;
+    _reader.ToColumns(kBlockRows, _whole.Column(0), kBlockRows);
+    std::fill(_incomplete.begin(), _incomplete.end(), 0);
+    for (unsigned c = 0; c < k; ++c) {
+      const double* x = _whole.Column(c);
+      for (std::size_t r = 0; r < kBlockRows; ++r)
+        _incomplete[r] |= static_cast<unsigned char>(_table.missing.IsMissing(x[r]));
+    }
+    const auto nIncomplete =
+        static_cast<std::uint64_t>(std::count(_incomplete.begin(), _incomplete.end(), 1));
+    if (nIncomplete != 0 && !_settings.pairwise) return false;
+    if (_settings.pairwise && _table.missing.nan) {
+      for (unsigned c = 0; c < k; ++c) {
+        double* x = _whole.Column(c);
+        for (std::size_t r = 0; r < kBlockRows; ++r) {
+          _sawStandIn |= x[r] == _settings.pairwiseCode;
+          x[r] = std::isnan(x[r]) ? _settings.pairwiseCode : x[r];
+        }
+      }
+    }
+    if (weights) std::copy(weights, weights + kBlockRows, _whole.Weights());
+    counts.rows += kBlockRows;
+    counts.incomplete += nIncomplete;
+    if (!_settings.grouped) return true;
+    for (std::size_t r = 0; r < kBlockRows; ++r) {
+      const std::int64_t group = _table.groups ? _table.groups[first + r] : -1;
+      if (group < 0) {
+        ++counts.withoutGroup;
+      } else if (_incomplete[r] == 0) {
+        _groupRows.emplace_back(group, static_cast<unsigned>(r));
+      }
+    }
+    return true;
+  }
+
   void TakeRow(std::size_t row, const double* cells, RowCounts& counts) {
     ++counts.rows;
     _weight = _table.weights ? _table.weights[row] : 1.0;
@@ -91,25 +151,25 @@ class BlockReducer {
     return _marked.data();
   }
 
-  void AddExtremes(Extremes& extremes) {
+  void AddExtremes(const vorel::DataBatch& batch, Extremes& extremes) {
     std::optional<double> skip;
     if (_settings.pairwise) skip = _settings.pairwiseCode;
     for (unsigned c = 0; c < _settings.nColumns; ++c)
-      extremes.Add(c, _batch.Column(c), _batch.NRows(), skip);
+      extremes.Add(c, batch.Column(c), batch.NRows(), skip);
   }
 
   // One matrix per group of the block, over its complete rows in row order.
-  void AddGroups(std::vector<GroupTally>& groups) {
+  void AddGroups(const vorel::DataBatch& batch, std::vector<GroupTally>& groups) {
     std::stable_sort(_groupRows.begin(), _groupRows.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
-    const double* weights = _batch.Weights();
+    const double* weights = batch.Weights();
     for (std::size_t k = 0; k < _groupRows.size();) {
       const std::int64_t code = _groupRows[k].first;
       _groupBatch->Clear();
       for (; k < _groupRows.size() && _groupRows[k].first == code; ++k) {
         const unsigned r = _groupRows[k].second;
         for (unsigned c = 0; c < _settings.nColumns; ++c)
-          _marked[c] = _batch.Column(c)[r];
+          _marked[c] = batch.Column(c)[r];
         _weight = weights ? weights[r] : 1.0;
         _groupBatch->AddRow(_marked.data());
       }
@@ -124,10 +184,12 @@ class BlockReducer {
   // The current row's weights, read by AddRow.
   double _weight = 1.0;
   double _regWeight = 1.0;
-  vorel::DataBatch _batch;
+  vorel::DataBatch _batch;  // filled row by row
+  vorel::DataBatch _whole;  // kBlockRows rows for good
   std::optional<vorel::DataBatch> _groupBatch;
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
+  std::vector<unsigned char> _incomplete;                     // per row of _whole
   bool _sawStandIn = false;
 };
 
@@ -192,6 +254,8 @@ Tally MergeAlongTree(std::vector<std::unique_ptr<Tally>>& tallies, const Setting
 }
 
 }  // namespace
+
+void UseWholeBlocks(bool use) { wholeBlocks = use; }
 
 Tally RunPass(const Table& table, const Settings& settings, int threads) {
   BlockProblem problem(table, settings);

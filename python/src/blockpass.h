@@ -27,6 +27,11 @@ inline constexpr std::size_t kBlockRows = 4096;
 // cell equal to the stand-in code.
 Tally RunPass(const Table& table, const Settings& settings, int threads);
 
+// Whether blocks whose rows all count may be written into a batch column by
+// column (the default) rather than row by row. Both give the same bits; the
+// switch is there for the test that proves it.
+void UseWholeBlocks(bool use);
+
 // A cell held the value that stands in for NaN cells in a pairwise pass.
 struct ValueTaken {
   double value;

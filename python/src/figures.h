@@ -23,7 +23,7 @@ struct Figures {
   double weightSum = 0.0;  // frequency weight of the rows used
   std::vector<std::uint64_t> n;
   std::vector<double> weight, mean, sd, min, max;
-  std::vector<char> nan;  // the column has a NaN value
+  std::vector<char> nan;          // the column has a NaN value
   std::vector<double> cov, corr;  // row-major, nColumns x nColumns
   // Pairwise: rows and weight behind each pair, the column's own on the diagonal.
   std::vector<std::uint64_t> pairN;

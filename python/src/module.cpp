@@ -266,6 +266,8 @@ PYBIND11_MODULE(_core, m) {
   m.doc() = "The compiled core of vorel; use the functions and classes of the package vorel.";
   m.attr("__version__") = VOREL_VERSION;
   m.attr("BLOCK_ROWS") = vorelpy::kBlockRows;
+  m.def("_use_whole_blocks", &vorelpy::UseWholeBlocks, py::arg("use"),
+        "Tests only: write whole blocks column by column (True, the default) or row by row.");
   py::class_<Accumulator>(m, "Accumulator")
       .def(py::init<bool, std::optional<double>, bool, int>(), py::arg("pairwise"),
            py::arg("missing_code"), py::arg("grouped"), py::arg("threads"))

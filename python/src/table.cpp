@@ -1,5 +1,6 @@
 #include "table.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace vorelpy {
@@ -100,6 +101,35 @@ const double* RowReader::Row(std::size_t r) {
   for (std::size_t c = 0; c < _row.size(); ++c)
     _row[c] = _cells[c][offset * _strides[c]];
   return _row.data();
+}
+
+void RowReader::ToColumns(std::size_t n, double* out, std::size_t columnStride) const {
+  const std::size_t k = _table.columns.size();
+  if (_rowMajor != nullptr) {
+    // Eight rows at a time, so that each column receives whole cache lines.
+    constexpr std::size_t kTile = 8;
+    const double* rows = _rowMajor + _first * k;
+    for (std::size_t r0 = 0; r0 < n; r0 += kTile) {
+      const std::size_t tile = std::min(kTile, n - r0);
+      for (std::size_t c = 0; c < k; ++c) {
+        double* column = out + c * columnStride + r0;
+        for (std::size_t i = 0; i < tile; ++i)
+          column[i] = rows[(r0 + i) * k + c];
+      }
+    }
+    return;
+  }
+  for (std::size_t c = 0; c < k; ++c) {
+    double* column = out + c * columnStride;
+    const double* cells = _cells[c];
+    const std::ptrdiff_t stride = _strides[c];
+    if (stride == 1) {
+      std::copy(cells, cells + n, column);
+      continue;
+    }
+    for (std::size_t r = 0; r < n; ++r)
+      column[r] = cells[static_cast<std::ptrdiff_t>(r) * stride];
+  }
 }
 
 }  // namespace vorelpy

@@ -60,6 +60,9 @@ class RowReader {
   void Load(std::size_t first, std::size_t n);
   // Row r of the loaded range (0-based within it); valid until the next call.
   const double* Row(std::size_t r);
+  // Writes the n loaded rows column by column: column c from
+  // out + c * columnStride.
+  void ToColumns(std::size_t n, double* out, std::size_t columnStride) const;
 
  private:
   const Table& _table;

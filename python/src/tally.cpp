@@ -44,18 +44,55 @@ Extremes::Extremes(unsigned nColumns)
     : minima(nColumns, kInf), maxima(nColumns, -kInf), nan(nColumns, 0) {}
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
-  double lo = minima[c], hi = maxima[c];
-  bool seenNaN = false;
-  for (unsigned r = 0; r < n; ++r) {
-    // Compared exactly, on purpose: equality with the code is what makes a cell missing.
-    if (skip && x[r] == *skip) continue;
-    seenNaN |= std::isnan(x[r]);
-    if (Below(x[r], lo)) lo = x[r];
-    if (Below(hi, x[r])) hi = x[r];
+  // Plain comparisons in lanes that the compiler keeps in vector registers: a
+  // NaN cell loses every comparison (and is noted), a skipped cell is replaced
+  // by a value that cannot win. The order of -0 and +0 is settled afterwards.
+  constexpr unsigned kLanes = 8;
+  const double code = skip ? *skip : kInf;
+  const bool skipping = skip.has_value();
+  double lo[kLanes], hi[kLanes], nans[kLanes];
+  for (unsigned l = 0; l < kLanes; ++l) {
+    lo[l] = minima[c];
+    hi[l] = maxima[c];
+    nans[l] = 0.0;
   }
-  minima[c] = lo;
-  maxima[c] = hi;
-  nan[c] |= seenNaN;
+  unsigned r = 0;
+  for (; r + kLanes <= n; r += kLanes) {
+    for (unsigned l = 0; l < kLanes; ++l) {
+      const double v = x[r + l];
+      // Compared exactly, on purpose: equality with the code makes a cell missing.
+      const bool missing = skipping & (v == code);
+      const double forMin = missing ? kInf : v;
+      const double forMax = missing ? -kInf : v;
+      lo[l] = forMin < lo[l] ? forMin : lo[l];
+      hi[l] = forMax > hi[l] ? forMax : hi[l];
+      nans[l] = v != v ? 1.0 : nans[l];
+    }
+  }
+  for (; r < n; ++r) {
+    const double v = x[r];
+    if (skipping && v == code) continue;
+    lo[0] = v < lo[0] ? v : lo[0];
+    hi[0] = v > hi[0] ? v : hi[0];
+    nans[0] = v != v ? 1.0 : nans[0];
+  }
+  double low = lo[0], high = hi[0];
+  for (unsigned l = 0; l < kLanes; ++l) {
+    low = lo[l] < low ? lo[l] : low;
+    high = hi[l] > high ? hi[l] : high;
+    nan[c] |= nans[l] != 0.0;
+  }
+  // Zeros compare equal: -0 is the minimum if any cell is -0, +0 the maximum
+  // if any is +0, whatever the order of the cells.
+  if (low == 0.0 || high == 0.0) {
+    for (unsigned k = 0; k < n; ++k) {
+      if (x[k] != 0.0 || (skipping && x[k] == code)) continue;
+      if (low == 0.0 && std::signbit(x[k])) low = -0.0;
+      if (high == 0.0 && !std::signbit(x[k])) high = 0.0;
+    }
+  }
+  minima[c] = Below(low, minima[c]) ? low : minima[c];
+  maxima[c] = Below(maxima[c], high) ? high : maxima[c];
 }
 
 void Extremes::Add(const Extremes& other) {

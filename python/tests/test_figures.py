@@ -215,3 +215,31 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
     assert list(frames["columns"].index) == ["x", "y", "n"]
     assert list(frames["cov"].columns) == ["x", "y", "n"]
     assert frames["columns"].loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
+
+
+@pytest.mark.parametrize("case", ["C", "F", "frame", "weights", "pairwise NaN", "pairwise code",
+                                  "groups"])
+def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
+    # Blocks whose rows all count are written into the batch column by column;
+    # the figures must be those of adding the same rows one at a time.
+    n = 3 * vorel._core.BLOCK_ROWS + 17
+    x = rng.normal(100.0, 3.0, size=(n, 7))
+    args = {"threads": 2}
+    if case == "F":
+        x = np.asfortranarray(x)
+    if case == "frame":
+        x = pd.DataFrame(x).astype({0: np.float32, 3: np.int64})
+    if case == "weights":
+        args["weights"] = rng.integers(1, 4, size=n)
+    if case.startswith("pairwise"):
+        x[rng.random(x.shape) < 0.05] = -5.0 if case == "pairwise code" else np.nan
+        args.update(deletion="pairwise", missing=-5.0 if case == "pairwise code" else np.nan)
+    if case == "groups":
+        args["groups"] = rng.integers(-1, 4, size=n)
+    try:
+        whole = vorel.describe(x, **args)
+        vorel._core._use_whole_blocks(False)
+        by_row = vorel.describe(x, **args)
+    finally:
+        vorel._core._use_whole_blocks(True)
+    assert whole == by_row
