@@ -18,10 +18,12 @@
 #endif
 
 #include "bench_support.h"
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel::bench {
+
+using namespace vorel::internal;
 namespace {
 
 constexpr std::int64_t kColumns[] = {5, 20, 50, 100, 200};

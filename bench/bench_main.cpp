@@ -2,11 +2,11 @@
 // and the OpenBLAS threading noted in the context of every report.
 #include <benchmark/benchmark.h>
 
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 
 int main(int argc, char** argv) {
   benchmark::AddCustomContext("vorel kernel level",
-                              vorel::KernelLevelName(vorel::BestKernelLevel()));
+                              vorel::internal::KernelLevelName(vorel::internal::BestKernelLevel()));
 #if defined(VOREL_BENCH_OPENBLAS)
   benchmark::AddCustomContext("openblas", "cblas_dsyrk, one thread");
 #endif

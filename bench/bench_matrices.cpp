@@ -25,9 +25,11 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 
 namespace vorel::bench {
+
+using namespace vorel::internal;
 namespace {
 
 constexpr double kCode = -99.0;
@@ -36,7 +38,6 @@ constexpr unsigned kGroups = 4;
 enum Missing { kNone = 0, kEven = 1, kConcentrated = 2 };
 
 double Cells(int p) { return 0.5 * p * (p + 1.0); }
-
 
 // One batch of a shape, made once and kept while benchmarks of that shape
 // run. Listwise classes centre it in place (and mark it spent, so that the
@@ -274,7 +275,10 @@ const std::vector<double>& PassRows(int p, int nRows) {
 class ListwisePass : public ProblemBase {
  public:
   ListwisePass(int p, int batchRows, int nBatches)
-      : _p(p), _batchRows(batchRows), _nBatches(nBatches), _rows(PassRows(p, batchRows * nBatches)) {}
+      : _p(p),
+        _batchRows(batchRows),
+        _nBatches(nBatches),
+        _rows(PassRows(p, batchRows * nBatches)) {}
   WorkerBase* CreateWorker() override { return new Worker(*this); }
   MatrixListwise& Result() { return _result; }
 

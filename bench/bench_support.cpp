@@ -5,6 +5,8 @@
 
 namespace vorel::bench {
 
+using namespace vorel::internal;
+
 std::uint64_t Next(std::uint64_t& s) {
   std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
   z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;

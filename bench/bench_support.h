@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel::bench {
 
@@ -27,7 +27,7 @@ struct Table {
   std::vector<double> weights;
 
   double* Column(int j) { return cells.data() + static_cast<std::size_t>(j) * n; }
-  ColumnBlock Block() { return {cells.data(), n, p}; }
+  internal::ColumnBlock Block() { return {cells.data(), n, p}; }
 };
 
 // The table of this shape, made once and shared by the benchmarks that use it

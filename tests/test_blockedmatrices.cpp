@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 #include "discriminant_support.h"
 #include "listwise_block_reference.h"
 #include "pairwise_reference.h"
@@ -26,6 +26,8 @@
 
 namespace vorel {
 namespace {
+
+using namespace internal;
 
 using testing::tables::MakeBatch;
 using testing::tables::Table;

@@ -5,10 +5,10 @@
 #include <random>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "test_support.h"
 
-namespace vorel {
+namespace vorel::internal {
 namespace {
 
 using testing::SameBits;
@@ -221,4 +221,4 @@ TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {
 }
 
 }  // namespace
-}  // namespace vorel
+}  // namespace vorel::internal

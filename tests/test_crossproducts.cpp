@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "pairwise_reference.h"
 #include "test_support.h"
 
-namespace vorel {
+namespace vorel::internal {
 namespace {
 
 using testing::SameBits;
@@ -115,7 +115,7 @@ CrossProductJob Job(const ColumnBlock& cols, const double* w, int n,
 }
 
 // Every level is forced in turn; a level the CPU lacks is skipped, and says so.
-class KernelLevels : public ::testing::TestWithParam<KernelLevel> {
+class AtEveryLevel : public ::testing::TestWithParam<KernelLevel> {
  protected:
   void SetUp() override {
     if (!SetKernelLevel(GetParam()))
@@ -137,7 +137,7 @@ const Shape kShapes[] = {{0, 9},    {1, 0},    {1, 1},     {3, 5},    {4, 4},   
 // The triangle through its shorthand, strictly below the diagonal into every
 // third cell, with a column of ones behind, and rectangles with diagonals at
 // several splits: every output of a job that only reads its columns.
-TEST_P(KernelLevels, ProductsMatchThePlainLoop) {
+TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
   for (const Shape s : kShapes) {
     for (bool specials : {false, true}) {
       for (bool weighted : {false, true}) {
@@ -203,7 +203,7 @@ TEST_P(KernelLevels, ProductsMatchThePlainLoop) {
 // (the columns stay), and a block centred in place (the batch then holds the
 // centred cells, and nothing past the rows changed): the products are those
 // of the centred columns either way.
-TEST_P(KernelLevels, CentredProductsInCopiesOrInPlace) {
+TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
   for (const Shape s : kShapes) {
     for (bool weighted : {false, true}) {
       const unsigned seed = static_cast<unsigned>(s.p * 577 + s.n + weighted);
@@ -282,7 +282,7 @@ std::vector<double> Fields(const PairFigures& f) {
 // Pairs with scattered missing cells, side by side in masked lanes, against
 // the per-pair reduction: every weighting, runs at the start of the kept
 // cells, a column missing throughout, NaN cells, and a NaN missing code.
-TEST_P(KernelLevels, MaskedPairsMatchThePerPairReduction) {
+TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
   using testing::pairwise::PairFields;
   using testing::pairwise::RefInit;
   using testing::pairwise::SameFields;
@@ -351,7 +351,7 @@ TEST_P(KernelLevels, MaskedPairsMatchThePerPairReduction) {
 
 // The column pass against StableMean, MinValue and MaxValue, which the column
 // kernel tests hold to the plain loops.
-TEST_P(KernelLevels, ColumnPassMatchesTheColumnKernels) {
+TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
   for (const Shape s : kShapes) {
     for (bool weighted : {false, true}) {
       const unsigned seed = static_cast<unsigned>(s.p * 3 + s.n * 11 + weighted);
@@ -395,17 +395,14 @@ TEST_P(KernelLevels, ColumnPassMatchesTheColumnKernels) {
 std::string LevelName(const ::testing::TestParamInfo<KernelLevel>& level) {
   return KernelLevelName(level.param);
 }
-INSTANTIATE_TEST_SUITE_P(Levels, KernelLevels,
-                         ::testing::Values(KernelLevel::Plain, KernelLevel::Avx2,
-                                           KernelLevel::Avx512),
-                         LevelName);
+INSTANTIATE_TEST_SUITE_P(Levels, AtEveryLevel, ::testing::ValuesIn(KernelLevels()), LevelName);
 
 TEST(KernelDispatch, LevelsCanBeForcedOnlyWhenSupported) {
   EXPECT_TRUE(KernelLevelSupported(KernelLevel::Plain));
   const KernelLevel best = BestKernelLevel();
   EXPECT_TRUE(KernelLevelSupported(best));
   EXPECT_EQ(ActiveKernelLevel(), best);
-  for (KernelLevel level : {KernelLevel::Plain, KernelLevel::Avx2, KernelLevel::Avx512}) {
+  for (KernelLevel level : KernelLevels()) {
     EXPECT_EQ(SetKernelLevel(level), KernelLevelSupported(level));
     if (!KernelLevelSupported(level)) continue;
     EXPECT_EQ(ActiveKernelLevel(), level);
@@ -415,5 +412,16 @@ TEST(KernelDispatch, LevelsCanBeForcedOnlyWhenSupported) {
   SetKernelLevel(best);
 }
 
+#if defined(__x86_64__) && defined(__GNUC__)
+// A compiler can drop an instruction set without a word when the flags of a
+// level's source contradict each other; the level is then missing from the
+// library although the CPU runs it.
+TEST(KernelDispatch, EveryLevelTheCpuRunsIsBuilt) {
+  __builtin_cpu_init();
+  EXPECT_EQ(KernelLevelSupported(KernelLevel::Avx2), __builtin_cpu_supports("avx2") != 0);
+  EXPECT_EQ(KernelLevelSupported(KernelLevel::Avx512), __builtin_cpu_supports("avx512f") != 0);
+}
+#endif
+
 }  // namespace
-}  // namespace vorel
+}  // namespace vorel::internal

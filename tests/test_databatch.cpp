@@ -105,7 +105,8 @@ TEST(DataBatch, CopiesAreDeepAndIndependent) {
   // The copy keeps reading the caller's weight and takes further rows.
   weight = 6;
   assigned.AddRow(row);
-  assigned = assigned;  // self-assignment keeps the contents
+  const DataBatch& self = assigned;
+  assigned = self;  // self-assignment keeps the contents
   EXPECT_EQ(assigned.Column(0)[1], 1.0);
   DataBatch moved(std::move(assigned));
   EXPECT_EQ(moved.NRows(), 2u);

@@ -83,7 +83,9 @@ class DataBatchByGroupSort
     : public ::testing::TestWithParam<std::tuple<unsigned, unsigned, unsigned>> {};
 
 TEST_P(DataBatchByGroupSort, MatchesAPlainStableSortAcrossRefillsAndResorts) {
-  const auto [nColumns, nGroups, nRows] = GetParam();
+  const auto nColumns = std::get<0>(GetParam());
+  const auto nGroups = std::get<1>(GetParam());
+  const auto nRows = std::get<2>(GetParam());
   std::mt19937 random(20240611u + nColumns * 7u + nGroups * 131u + nRows);
   SCOPED_TRACE(::testing::Message()
                << "columns " << nColumns << " groups " << nGroups << " rows " << nRows);

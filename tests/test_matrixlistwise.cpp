@@ -115,7 +115,8 @@ TEST(MatrixListwise, EmptyZeroWeightAndSelfInputsAndCopies) {
   copy += source;  // into an empty matrix: a copy
   MatrixListwise constructed(source), assigned;
   assigned = source;
-  assigned = assigned;
+  const MatrixListwise& self = assigned;
+  assigned = self;
   source += m;
   for (const MatrixListwise* c : {&copy, &constructed, &assigned})
     EXPECT_EQ(c->CCP(0, 0), 2.0);
@@ -143,16 +144,19 @@ TEST(MatrixListwise, LargeOffsetKeepsAccuracy) {
   long double total = 0, sum0 = 0, sum1 = 0, css = 0, cp = 0;
   double rawSum = 0, rawSq = 0;
   for (std::size_t i = 0; i < 1000; ++i) {
-    total += t.w[i];
-    sum0 += t.w[i] * static_cast<long double>(t.rows[i][0]);
-    sum1 += t.w[i] * static_cast<long double>(t.rows[i][1]);
+    total += static_cast<long double>(t.w[i]);
+    sum0 += static_cast<long double>(t.w[i]) * static_cast<long double>(t.rows[i][0]);
+    sum1 += static_cast<long double>(t.w[i]) * static_cast<long double>(t.rows[i][1]);
     rawSum += t.w[i] * t.rows[i][0];
     rawSq += t.w[i] * t.rows[i][0] * t.rows[i][0];
   }
   const long double mean0 = sum0 / total, mean1 = sum1 / total;
   for (std::size_t i = 0; i < 1000; ++i) {
-    css += t.w[i] * (t.rows[i][0] - mean0) * (t.rows[i][0] - mean0);
-    cp += t.w[i] * (t.rows[i][0] - mean0) * (t.rows[i][1] - mean1);
+    const auto w = static_cast<long double>(t.w[i]);
+    const auto x0 = static_cast<long double>(t.rows[i][0]);
+    const auto x1 = static_cast<long double>(t.rows[i][1]);
+    css += w * (x0 - mean0) * (x0 - mean0);
+    cp += w * (x0 - mean0) * (x1 - mean1);
   }
   const double textbook = rawSq - rawSum * rawSum / static_cast<double>(total);
   EXPECT_GT(std::fabs(textbook - static_cast<double>(css)), static_cast<double>(css));
@@ -174,7 +178,9 @@ class MatrixListwiseThreaded : public ::testing::TestWithParam<Schedule> {};
 // arithmetic. It agrees with one batch of all rows up to rounding, and exactly
 // in a constant column.
 TEST_P(MatrixListwiseThreaded, DriverEqualsReplayAndOneBatch) {
-  const auto [threads, weighting, batchRows] = GetParam();
+  const auto threads = std::get<0>(GetParam());
+  const auto weighting = std::get<1>(GetParam());
+  const auto batchRows = std::get<2>(GetParam());
   Table t = RandomTable(31337, 6, 160, weighting & 1, weighting & 2, 0.0, 50.0);
   for (std::vector<double>& row : t.rows)
     row[3] = 0.1;

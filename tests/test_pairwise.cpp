@@ -103,7 +103,8 @@ TEST(StatRecords, HandlesOwnTheirRecords) {
   VarStat b(a), d;
   std::unique_ptr<VarStat> c(a.Copy());
   d = a;
-  d = d;
+  const VarStat& self = d;
+  d = self;
   a.Init(x, nullptr, nullptr, work, 1);
   for (const VarStat* copy : {&b, c.get(), &d})
     EXPECT_EQ(copy->Max(), 4.0);
@@ -353,7 +354,10 @@ class PairwiseBlocksThreaded : public ::testing::TestWithParam<Schedule> {};
 // workers' S matrices have no bounds and take [0, 7) from their first batch;
 // the shared one has [1, 6) until the first merge copies a worker's whole.
 TEST_P(PairwiseBlocksThreaded, DriverEqualsReplayOfItsSchedule) {
-  const auto [nThreads, weighting, batchRows, code] = GetParam();
+  const auto nThreads = std::get<0>(GetParam());
+  const auto weighting = std::get<1>(GetParam());
+  const auto batchRows = std::get<2>(GetParam());
+  const auto code = std::get<3>(GetParam());
   // A row missing everywhere, column 3 missing in rows 0-8 (whole batches of
   // it, for small batches), a NaN, a zero and a negative weight.
   Table t = RandomTable(20240611, 7, 160, weighting & 1, weighting & 2, 0.2);

@@ -7,11 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "matrixrowcount.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 
 // The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
 // _sumX1 and _sumX2 are null and _sumW is empty too.

@@ -6,11 +6,14 @@
 #include <cstddef>
 #include <utility>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "matrixrowcount.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 
 // The record behind a DiscIndividualMatrix. Empty while _TSSP is null.
 struct DiscIndividualMatrixData {

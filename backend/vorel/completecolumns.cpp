@@ -4,10 +4,13 @@
 #include <emmintrin.h>
 #endif
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 namespace {
 
 // Whether any of the n cells compares equal to code (a NaN code never does).

@@ -26,7 +26,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "crossproducts.h"
+#include "kernels/crossproducts.h"
 
 namespace vorel {
 
@@ -112,12 +112,12 @@ class ScatteredPairs {
   void Reduce(const DataBatch& data, int first, int count, double missingCode,
               CompleteColumns::Pairs pairs, int split);
   // The figures of pair (a, b), a being the pair's first variable.
-  const PairFigures& Pair(int a, int b) const;
+  const internal::PairFigures& Pair(int a, int b) const;
 
  private:
   std::vector<double*> _columns;
   std::vector<double> _combined;
-  std::vector<PairFigures> _figures;
+  std::vector<internal::PairFigures> _figures;
   CompleteColumns::Pairs _pairs = CompleteColumns::Pairs::Triangle;
   int _split = 0;
   int _count = 0;
@@ -153,7 +153,7 @@ void TakePairFigures(Record& r, const CompleteColumns& full, int a, int b) {
 }
 
 template <class Record>
-void TakePairFigures(Record& r, const PairFigures& f) {
+void TakePairFigures(Record& r, const internal::PairFigures& f) {
   r.nRows = static_cast<decltype(r.nRows)>(f.nRows);
   r.weightSum = f.weightSum;
   r.regWeightSum = f.regWeightSum;

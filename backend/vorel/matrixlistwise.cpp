@@ -9,11 +9,14 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "storelimits.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 namespace {
 
 // Start of row n of the lower triangle with its diagonal, and the cell count

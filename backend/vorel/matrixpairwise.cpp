@@ -8,13 +8,16 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "completecolumns.h"
 #include "pairwisefold.h"
 #include "pairwiserecords.h"
 #include "storelimits.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 namespace {
 
 // Start of row n of the lower triangle without its diagonal, and the record

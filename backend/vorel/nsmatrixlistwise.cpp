@@ -7,12 +7,15 @@
 #include <utility>
 #include <vector>
 
-#include "columnkernels.h"
-#include "crossproducts.h"
+#include "kernels/columnkernels.h"
+#include "kernels/crossproducts.h"
 #include "matrixrowcount.h"
 #include "meansscratch.h"
 
 namespace vorel {
+
+// The kernels.
+using namespace internal;
 
 // The state of one NSMatrixListwise. Empty while _xp is null; filled from the
 // first batch or merge on, with every store at its final size.

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 #include "completecolumns.h"
 #include "matrixrowcount.h"
 

@@ -11,9 +11,11 @@
 
 #include <vorel/statrecords.h>
 
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 
 namespace vorel::pairwise {
+
+using namespace vorel::internal;
 
 template <typename Record>
 concept HasExtremes = requires(Record r) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <random>
 #include <string>
@@ -104,18 +105,20 @@ struct Moments {
 Moments Gather(const std::vector<const Row*>& rows, bool regWeight) {
   Moments m;
   for (const Row* row : rows) {
-    const Real v = *row->weight * (regWeight ? row->regWeight : 1.0);
-    m.w += *row->weight;
+    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
+    m.w += static_cast<Real>(*row->weight);
     m.v += v;
     for (unsigned i = 0; i < kVars; ++i)
-      m.sum[i] += v * row->x[i].value_or(0.0);
+      m.sum[i] += v * static_cast<Real>(row->x[i].value_or(0.0));
   }
   for (const Row* row : rows) {
-    const Real v = *row->weight * (regWeight ? row->regWeight : 1.0);
+    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
     for (unsigned i = 0; i < kVars; ++i) {
       for (unsigned j = 0; j < kVars; ++j) {
         if (!row->x[i] || !row->x[j]) continue;
-        m.css[i][j] += v * (row->x[i].value() - m.mean(i)) * (row->x[j].value() - m.mean(j));
+        const Real xi = static_cast<Real>(row->x[i].value());
+        const Real xj = static_cast<Real>(row->x[j].value());
+        m.css[i][j] += v * (xi - m.mean(i)) * (xj - m.mean(j));
       }
     }
   }
@@ -165,7 +168,7 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
       if (row->x[i]) present.push_back(row);
     }
     const Moments m = Gather(present, regWeight);
-    double lo = INFINITY, hi = -INFINITY;
+    double lo = std::numeric_limits<double>::infinity(), hi = -lo;
     for (const Row* row : present) {
       lo = std::min(lo, *row->x[i]);
       hi = std::max(hi, *row->x[i]);

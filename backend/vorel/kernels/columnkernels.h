@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace vorel {
+namespace vorel::internal {
 
 // ---- plain arrays; n is the number of rows -------------------------------
 
@@ -65,8 +65,8 @@ void ScatterWeightedSumsOfColumns(const double* const* x, int count, const unsig
 // sumW[g[i]] += 1.0; *total += 1.0.
 void ScatterUnitWeights(const unsigned* g, std::vector<double>& sumW, double* total, int n);
 // w null: ScatterUnitWeights. Otherwise sumW[g[i]] += w[i]; *total += w[i].
-void ScatterWeights(const unsigned* g, const double* w, std::vector<double>& sumW,
-                    double* total, int n);
+void ScatterWeights(const unsigned* g, const double* w, std::vector<double>& sumW, double* total,
+                    int n);
 
 // ---- vector forms, for scratch vectors; an empty vector means "none" ------
 
@@ -85,4 +85,4 @@ double StableMean(const std::vector<double>& x, const std::vector<double>& w, do
 double MaxValue(const std::vector<double>& x);
 double MinValue(const std::vector<double>& x);
 
-}  // namespace vorel
+}  // namespace vorel::internal

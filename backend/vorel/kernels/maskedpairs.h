@@ -1,6 +1,6 @@
 // The masked pair kernel: pairs of columns with pairwise deletion, a vector
-// lane per pair. Part of the engine (crossproducts_engine.h includes it), with
-// the same rule: internal linkage only.
+// lane per pair. Written once over a level's Isa, with internal linkage only
+// (see common.h).
 //
 // For a first variable a and a block of kLanes second variables, two passes
 // go down the rows in chunks. A lane takes a row when neither of its cells is
@@ -16,7 +16,13 @@
 // first variable's cell is broadcast.
 #pragma once
 
-namespace vorel::kernels {
+#include <cstddef>
+
+#include "kernels/common.h"
+#include "kernels/crossproducts.h"
+#include "kernels/scratch.h"
+
+namespace vorel::internal::engine {
 namespace {
 
 // Fields of a pass-1 state, a vector each.
@@ -374,4 +380,4 @@ void RunMaskedPairs(const MaskedPairsJob& job) {
 }
 
 }  // namespace
-}  // namespace vorel::kernels
+}  // namespace vorel::internal::engine

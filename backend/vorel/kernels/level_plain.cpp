@@ -1,9 +1,12 @@
 // The blocked kernels in plain C++, for any CPU. Also the model of what an
 // Isa gives the engine: a vector type of kLanes doubles, the tile shape
-// (kRows row-columns against up to kVecs vectors), and lane-wise operations.
-#include "crossproducts_engine.h"
+// (kRows row-columns against up to kVecs vectors), and lane-wise operations;
+// an Isa that transposes columns as it packs them (kPacksColumns) also gives
+// PackColumns and NarrowTriangle, as the AVX levels do.
+#include "kernels/engine.h"
 
-namespace vorel::kernels {
+namespace vorel::internal {
+namespace engine {
 namespace {
 
 struct PlainIsa {
@@ -134,7 +137,8 @@ struct PlainIsa {
 };
 
 }  // namespace
+}  // namespace engine
 
-const KernelTable* PlainKernels() { return &kTable<PlainIsa>; }
+const KernelTable* PlainKernels() { return &engine::kTable<engine::PlainIsa>; }
 
-}  // namespace vorel::kernels
+}  // namespace vorel::internal

@@ -1,13 +1,16 @@
-// The seam between the dispatcher (crossproducts.cpp, built for baseline
-// x86-64) and the kernel levels, each in a source of its own built with its
-// instruction set. Internal.
+// The seam between the dispatcher (dispatch.cpp, built for baseline x86-64)
+// and the kernel levels, each in a source of its own (level_<name>.cpp) built
+// with its instruction set. Internal.
+//
+// A new instruction set is one source that defines its Isa and its table
+// getter (declared here), one enumerator of KernelLevel, one row of the table
+// in dispatch.cpp, and its compile flags beside the other levels' in the
+// build.
 #pragma once
 
-#include <cstddef>
+#include "kernels/crossproducts.h"
 
-#include "crossproducts.h"
-
-namespace vorel::kernels {
+namespace vorel::internal {
 
 struct KernelTable {
   void (*crossProducts)(const CrossProductJob& job);
@@ -23,8 +26,4 @@ const KernelTable* PlainKernels();
 const KernelTable* Avx2Kernels();
 const KernelTable* Avx512Kernels();
 
-// count doubles of this thread's scratch, aligned to 64 bytes. The contents
-// are undefined; the pointer stays valid until the next call on the thread.
-double* ScratchBuffer(std::size_t count);
-
-}  // namespace vorel::kernels
+}  // namespace vorel::internal

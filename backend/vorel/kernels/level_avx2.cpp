@@ -1,11 +1,15 @@
 // The blocked kernels with AVX2 (four doubles a vector, sixteen registers:
-// tiles of 6 row-columns against 2 vectors). Built with -mavx2 and nothing
-// that fuses: separate multiply and add instructions only.
-#include "crossproducts_engine.h"
-
-namespace vorel::kernels {
+// tiles of 6 row-columns against 2 vectors). Built with -mavx2 and
+// -ffp-contract=off: separate multiply and add instructions only (the build's
+// no_fused_multiply_add test checks the library for fused ones).
+#include "kernels/dispatch.h"
 
 #if defined(__AVX2__)
+#include "kernels/avx.h"
+#include "kernels/engine.h"
+
+namespace vorel::internal {
+namespace engine {
 namespace {
 
 struct Avx2Isa {
@@ -55,10 +59,15 @@ struct Avx2Isa {
 };
 
 }  // namespace
+}  // namespace engine
 
-const KernelTable* Avx2Kernels() { return &kTable<Avx2Isa>; }
+const KernelTable* Avx2Kernels() { return &engine::kTable<engine::Avx2Isa>; }
+
+}  // namespace vorel::internal
 #else
-const KernelTable* Avx2Kernels() { return nullptr; }
-#endif
+namespace vorel::internal {
 
-}  // namespace vorel::kernels
+const KernelTable* Avx2Kernels() { return nullptr; }
+
+}  // namespace vorel::internal
+#endif

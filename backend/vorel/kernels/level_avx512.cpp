@@ -1,11 +1,16 @@
 // The blocked kernels with AVX-512 (eight doubles a vector, thirty-two
 // registers: tiles of 12 row-columns against 2 vectors). Built with
-// -mavx512f and nothing that fuses: separate multiply and add instructions.
-#include "crossproducts_engine.h"
-
-namespace vorel::kernels {
+// -mavx512f and -ffp-contract=off: separate multiply and add instructions
+// only (the build's no_fused_multiply_add test checks the library for fused
+// ones).
+#include "kernels/dispatch.h"
 
 #if defined(__AVX512F__)
+#include "kernels/avx.h"
+#include "kernels/engine.h"
+
+namespace vorel::internal {
+namespace engine {
 namespace {
 
 struct Avx512Isa {
@@ -59,10 +64,15 @@ struct Avx512Isa {
 };
 
 }  // namespace
+}  // namespace engine
 
-const KernelTable* Avx512Kernels() { return &kTable<Avx512Isa>; }
+const KernelTable* Avx512Kernels() { return &engine::kTable<engine::Avx512Isa>; }
+
+}  // namespace vorel::internal
 #else
-const KernelTable* Avx512Kernels() { return nullptr; }
-#endif
+namespace vorel::internal {
 
-}  // namespace vorel::kernels
+const KernelTable* Avx512Kernels() { return nullptr; }
+
+}  // namespace vorel::internal
+#endif

@@ -1,8 +1,8 @@
-#include "columnkernels.h"
+#include "kernels/columnkernels.h"
 
 #include <utility>
 
-namespace vorel {
+namespace vorel::internal {
 namespace {
 
 int Length(const std::vector<double>& v) { return static_cast<int>(v.size()); }
@@ -71,8 +71,8 @@ double StableMean(const double* x, const double* w, const double* total, int n) 
   // The leading run of values equal to the first, four rows a turn while the
   // whole turn belongs to the run; weights still add one at a time in order.
   if (w == nullptr) {
-    for (; i + 4 <= n && x[i] == first && x[i + 1] == first && x[i + 2] == first
-           && x[i + 3] == first;
+    for (;
+         i + 4 <= n && x[i] == first && x[i + 1] == first && x[i + 2] == first && x[i + 3] == first;
          i += 4) {
       runWeight += 1.0;
       runWeight += 1.0;
@@ -82,8 +82,8 @@ double StableMean(const double* x, const double* w, const double* total, int n) 
     for (; i < n && x[i] == first; ++i)
       runWeight += 1.0;
   } else {
-    for (; i + 4 <= n && x[i] == first && x[i + 1] == first && x[i + 2] == first
-           && x[i + 3] == first;
+    for (;
+         i + 4 <= n && x[i] == first && x[i + 1] == first && x[i + 2] == first && x[i + 3] == first;
          i += 4) {
       runWeight += w[i];
       runWeight += w[i + 1];
@@ -252,4 +252,4 @@ double MaxValue(const std::vector<double>& x) { return MaxValue(x.data(), Length
 
 double MinValue(const std::vector<double>& x) { return MinValue(x.data(), Length(x)); }
 
-}  // namespace vorel
+}  // namespace vorel::internal

@@ -25,11 +25,15 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
-namespace vorel {
+namespace vorel::internal {
 
 enum class KernelLevel { Plain = 0, Avx2 = 1, Avx512 = 2 };
 
+// Every level this build knows, from the slowest to the fastest, whether the
+// CPU runs it or not.
+std::vector<KernelLevel> KernelLevels();
 // Whether this build and this CPU can run a level. Plain always can.
 bool KernelLevelSupported(KernelLevel level);
 // The fastest supported level; the level in use unless SetKernelLevel changed it.
@@ -160,4 +164,4 @@ void CrossProductTriangle(const ColumnBlock& cols, const double* w, int n, doubl
 // The rectangle of rows [0, split) against columns [split, count).
 void CrossProductRectangle(const ColumnBlock& cols, int split, const double* w, int n, double* out);
 
-}  // namespace vorel
+}  // namespace vorel::internal
