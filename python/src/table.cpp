@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 namespace vorelpy {
 namespace {
@@ -50,31 +51,51 @@ bool ReadableInPlace(const ColumnView& column) {
          && column.stride % static_cast<std::ptrdiff_t>(sizeof(double)) == 0;
 }
 
-// Column c starts c doubles after column 0 and every column steps one row
-// by the same number of doubles: the rows are C-ordered.
-const double* RowMajorStart(const Table& table) {
+// The cells of the table lie row by row: every column is float64 with the same
+// step from row to row, and each row's cells lie within one such step (a
+// C-ordered array, a slice of its columns, a DataFrame of one float64 block).
+// Then the offsets of the columns from the row's first cell, in doubles.
+std::optional<std::vector<std::ptrdiff_t>> RowOffsets(const Table& table) {
   const auto& columns = table.columns;
-  const auto width = static_cast<std::ptrdiff_t>(columns.size() * sizeof(double));
-  for (std::size_t c = 0; c < columns.size(); ++c) {
-    if (!ReadableInPlace(columns[c]) || columns[c].stride != width
-        || columns[c].first != columns[0].first + c * sizeof(double))
-      return nullptr;
+  const std::ptrdiff_t step = columns[0].stride;
+  if (step <= static_cast<std::ptrdiff_t>(sizeof(double))) return std::nullopt;
+  const char* lowest = columns[0].first;
+  const char* highest = columns[0].first;
+  for (const ColumnView& column : columns) {
+    if (!ReadableInPlace(column) || column.stride != step) return std::nullopt;
+    lowest = std::min(lowest, column.first);
+    highest = std::max(highest, column.first);
   }
-  return reinterpret_cast<const double*>(columns[0].first);
+  if (highest - lowest >= step) return std::nullopt;
+  std::vector<std::ptrdiff_t> offsets;
+  for (const ColumnView& column : columns)
+    offsets.push_back((column.first - lowest) / static_cast<std::ptrdiff_t>(sizeof(double)));
+  return offsets;
 }
 
 }  // namespace
 
 RowReader::RowReader(const Table& table)
     : _table(table),
-      _rowMajor(RowMajorStart(table)),
       _cells(table.columns.size()),
       _strides(table.columns.size()),
-      _row(table.columns.size()) {}
+      _row(table.columns.size()) {
+  if (std::optional<std::vector<std::ptrdiff_t>> offsets = RowOffsets(table)) {
+    _offsets = std::move(*offsets);
+    const char* lowest = table.columns[0].first;
+    for (const ColumnView& column : table.columns)
+      lowest = std::min(lowest, column.first);
+    _rows = reinterpret_cast<const double*>(lowest);
+    _rowStep = table.columns[0].stride / static_cast<std::ptrdiff_t>(sizeof(double));
+    _rowInPlace = _rowStep == static_cast<std::ptrdiff_t>(_offsets.size());
+    for (std::size_t c = 0; c < _offsets.size(); ++c)
+      _rowInPlace &= _offsets[c] == static_cast<std::ptrdiff_t>(c);
+  }
+}
 
 void RowReader::Load(std::size_t first, std::size_t n) {
   _first = first;
-  if (_rowMajor != nullptr) return;
+  if (_rows != nullptr) return;
   std::size_t nConverted = 0;
   for (const ColumnView& column : _table.columns)
     nConverted += ReadableInPlace(column) ? 0 : 1;
@@ -96,7 +117,13 @@ void RowReader::Load(std::size_t first, std::size_t n) {
 }
 
 const double* RowReader::Row(std::size_t r) {
-  if (_rowMajor != nullptr) return _rowMajor + (_first + r) * _table.columns.size();
+  if (_rows != nullptr) {
+    const double* row = _rows + static_cast<std::ptrdiff_t>(_first + r) * _rowStep;
+    if (_rowInPlace) return row;
+    for (std::size_t c = 0; c < _row.size(); ++c)
+      _row[c] = row[_offsets[c]];
+    return _row.data();
+  }
   const auto offset = static_cast<std::ptrdiff_t>(r);
   for (std::size_t c = 0; c < _row.size(); ++c)
     _row[c] = _cells[c][offset * _strides[c]];
@@ -105,16 +132,17 @@ const double* RowReader::Row(std::size_t r) {
 
 void RowReader::ToColumns(std::size_t n, double* out, std::size_t columnStride) const {
   const std::size_t k = _table.columns.size();
-  if (_rowMajor != nullptr) {
+  if (_rows != nullptr) {
     // Eight rows at a time, so that each column receives whole cache lines.
     constexpr std::size_t kTile = 8;
-    const double* rows = _rowMajor + _first * k;
     for (std::size_t r0 = 0; r0 < n; r0 += kTile) {
       const std::size_t tile = std::min(kTile, n - r0);
+      const double* rows = _rows + static_cast<std::ptrdiff_t>(_first + r0) * _rowStep;
       for (std::size_t c = 0; c < k; ++c) {
         double* column = out + c * columnStride + r0;
+        const double* cells = rows + _offsets[c];
         for (std::size_t i = 0; i < tile; ++i)
-          column[i] = rows[(r0 + i) * k + c];
+          column[i] = cells[static_cast<std::ptrdiff_t>(i) * _rowStep];
       }
     }
     return;

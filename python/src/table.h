@@ -49,8 +49,9 @@ struct Table {
 };
 
 // Reads rows [first, first + n) of a table as doubles, row by row: a row of a
-// C-ordered float64 array is read where it lies, any other layout or type is
-// gathered (and converted) into a buffer.
+// C-ordered float64 array is read where it lies, float64 cells stored row by
+// row with gaps are gathered row by row, and any other layout or type is read
+// column by column (and converted) into a buffer.
 class RowReader {
  public:
   explicit RowReader(const Table& table);
@@ -66,7 +67,12 @@ class RowReader {
 
  private:
   const Table& _table;
-  const double* _rowMajor = nullptr;  // set when rows are contiguous float64
+  // Float64 rows one step apart: where row 0 starts, the step and each
+  // column's offset in doubles; whether a row's cells are the columns in order.
+  const double* _rows = nullptr;
+  std::ptrdiff_t _rowStep = 0;
+  std::vector<std::ptrdiff_t> _offsets;
+  bool _rowInPlace = false;
   std::size_t _first = 0;
   std::vector<const double*> _cells;     // per column: cell 0 of the loaded range
   std::vector<std::ptrdiff_t> _strides;  // per column, in doubles

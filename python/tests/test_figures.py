@@ -217,8 +217,8 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
     assert frames["columns"].loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
 
 
-@pytest.mark.parametrize("case", ["C", "F", "frame", "weights", "pairwise NaN", "pairwise code",
-                                  "groups"])
+@pytest.mark.parametrize("case", ["C", "F", "frame", "frame block", "weights", "pairwise NaN",
+                                  "pairwise code", "groups"])
 def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     # Blocks whose rows all count are written into the batch column by column;
     # the figures must be those of adding the same rows one at a time.
@@ -229,6 +229,10 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
         x = np.asfortranarray(x)
     if case == "frame":
         x = pd.DataFrame(x).astype({0: np.float32, 3: np.int64})
+    if case == "frame block":  # one float64 block; the weights column leaves a gap in each row
+        x[:, 2] = rng.integers(1, 4, size=n)
+        x = pd.DataFrame(x, columns=list("abwdefg"))
+        args["weights"] = "w"
     if case == "weights":
         args["weights"] = rng.integers(1, 4, size=n)
     if case.startswith("pairwise"):
