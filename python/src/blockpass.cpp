@@ -22,27 +22,30 @@ class BlockReducer {
   BlockReducer(const Table& table, const Settings& settings)
       : _table(table),
         _settings(settings),
+        _blockRows(BlockRows(settings.nColumns)),
         _reader(table),
-        _batch(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
-               settings.regWeights ? &_regWeight : nullptr, nullptr),
-        _whole(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr, nullptr, nullptr),
+        _batch(settings.nColumns, static_cast<unsigned>(_blockRows),
+               table.weights ? &_weight : nullptr, settings.regWeights ? &_regWeight : nullptr,
+               nullptr),
+        _whole(settings.nColumns, static_cast<unsigned>(_blockRows),
+               table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
-        _incomplete(kBlockRows) {
+        _incomplete(_blockRows) {
     // A batch held full for good: a whole block is written into its columns
     // in place, rather than row by row.
-    for (std::size_t r = 0; r < kBlockRows; ++r)
+    for (std::size_t r = 0; r < _blockRows; ++r)
       _whole.AddRow(_marked.data());
     // Regression weights play no part in the group tables.
     if (settings.grouped)
-      _groupBatch.emplace(settings.nColumns, kBlockRows, table.weights ? &_weight : nullptr,
-                          nullptr, nullptr);
+      _groupBatch.emplace(settings.nColumns, static_cast<unsigned>(_blockRows),
+                          table.weights ? &_weight : nullptr, nullptr, nullptr);
   }
 
-  // The tally of rows [first, first + n), n at most kBlockRows.
+  // The tally of rows [first, first + n), n at most _blockRows.
   void Reduce(std::size_t first, std::size_t n, Tally& tally) {
     _reader.Load(first, n);
     _groupRows.clear();
-    if (n == kBlockRows && !_settings.regWeights && wholeBlocks.load(std::memory_order_relaxed)
+    if (n == _blockRows && !_settings.regWeights && wholeBlocks.load(std::memory_order_relaxed)
         && TakeWholeBlock(first, tally.counts)) {
       AddBatch(_whole, tally);
       return;
@@ -65,20 +68,20 @@ class BlockReducer {
     if (tally.pairwise) *tally.pairwise += batch;
   }
 
-  // A block of kBlockRows rows that all go into the matrix (every weight
+  // A block of _blockRows rows that all go into the matrix (every weight
   // positive and, listwise, every row complete), written into _whole column by
   // column. The same cells in the same order as row by row; false, having
   // counted nothing, when some row has to be left out.
   bool TakeWholeBlock(std::size_t first, RowCounts& counts) {
     const double* weights = _table.weights ? _table.weights + first : nullptr;
-    if (weights && std::find(weights, weights + kBlockRows, 0.0) != weights + kBlockRows)
+    if (weights && std::find(weights, weights + _blockRows, 0.0) != weights + _blockRows)
       return false;
     const unsigned k = _settings.nColumns;
-    _reader.ToColumns(kBlockRows, _whole.Column(0), kBlockRows);
+    _reader.ToColumns(_blockRows, _whole.Column(0), _blockRows);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
     for (unsigned c = 0; c < k; ++c) {
       const double* x = _whole.Column(c);
-      for (std::size_t r = 0; r < kBlockRows; ++r)
+      for (std::size_t r = 0; r < _blockRows; ++r)
         _incomplete[r] |= static_cast<unsigned char>(_table.missing.IsMissing(x[r]));
     }
     const auto nIncomplete =
@@ -87,17 +90,17 @@ class BlockReducer {
     if (_settings.pairwise && _table.missing.nan) {
       for (unsigned c = 0; c < k; ++c) {
         double* x = _whole.Column(c);
-        for (std::size_t r = 0; r < kBlockRows; ++r) {
+        for (std::size_t r = 0; r < _blockRows; ++r) {
           _sawStandIn |= x[r] == _settings.pairwiseCode;
           x[r] = std::isnan(x[r]) ? _settings.pairwiseCode : x[r];
         }
       }
     }
-    if (weights) std::copy(weights, weights + kBlockRows, _whole.Weights());
-    counts.rows += kBlockRows;
+    if (weights) std::copy(weights, weights + _blockRows, _whole.Weights());
+    counts.rows += _blockRows;
     counts.incomplete += nIncomplete;
     if (!_settings.grouped) return true;
-    for (std::size_t r = 0; r < kBlockRows; ++r) {
+    for (std::size_t r = 0; r < _blockRows; ++r) {
       const std::int64_t group = _table.groups ? _table.groups[first + r] : -1;
       if (group < 0) {
         ++counts.withoutGroup;
@@ -180,12 +183,13 @@ class BlockReducer {
 
   const Table& _table;
   const Settings& _settings;
+  const std::size_t _blockRows;
   RowReader _reader;
   // The current row's weights, read by AddRow.
   double _weight = 1.0;
   double _regWeight = 1.0;
   vorel::DataBatch _batch;  // filled row by row
-  vorel::DataBatch _whole;  // kBlockRows rows for good
+  vorel::DataBatch _whole;  // _blockRows rows for good
   std::optional<vorel::DataBatch> _groupBatch;
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
@@ -198,13 +202,15 @@ class BlockProblem : public vorel::ProblemBase {
   BlockProblem(const Table& rows, const Settings& shape)
       : table(rows),
         settings(shape),
-        nBlocks((rows.nRows + kBlockRows - 1) / kBlockRows),
+        blockRows(BlockRows(shape.nColumns)),
+        nBlocks((rows.nRows + blockRows - 1) / blockRows),
         tallies(nBlocks) {}
 
   vorel::WorkerBase* CreateWorker() override;
 
   const Table& table;
   const Settings& settings;
+  const std::size_t blockRows;
   const std::size_t nBlocks;
   std::size_t nextBlock = 0;                    // under the read lock
   std::vector<std::unique_ptr<Tally>> tallies;  // one per block, each written by one worker
@@ -223,9 +229,9 @@ class BlockWorker : public vorel::WorkerBase {
   }
 
   void ProcessBatch() override {
-    const std::size_t first = _block * kBlockRows;
+    const std::size_t first = _block * _problem.blockRows;
     auto tally = std::make_unique<Tally>(_problem.settings);
-    _reducer.Reduce(first, std::min(kBlockRows, _problem.table.nRows - first), *tally);
+    _reducer.Reduce(first, std::min(_problem.blockRows, _problem.table.nRows - first), *tally);
     _problem.tallies[_block] = std::move(tally);
   }
 
@@ -255,11 +261,17 @@ Tally MergeAlongTree(std::vector<std::unique_ptr<Tally>>& tallies, const Setting
 
 }  // namespace
 
+std::size_t BlockRows(unsigned nColumns) {
+  constexpr std::size_t kMostRows = 4096, kFewestRows = 256, kCells = std::size_t{1} << 19;
+  return std::clamp(kCells / std::max(nColumns, 1u), kFewestRows, kMostRows);
+}
+
 void UseWholeBlocks(bool use) { wholeBlocks = use; }
 
 Tally RunPass(const Table& table, const Settings& settings, int threads) {
   BlockProblem problem(table, settings);
-  vorel::Driver(&problem, threads);
+  const auto blocks = static_cast<int>(std::min<std::size_t>(problem.nBlocks, 1 << 20));
+  vorel::Driver(&problem, threads > 0 ? std::min(threads, blocks) : threads);
   if (problem.sawStandIn) throw ValueTaken{settings.pairwiseCode};
   return MergeAlongTree(problem.tallies, settings);
 }

@@ -19,10 +19,14 @@
 
 namespace vorelpy {
 
-// Rows of one block, and the row capacity of every batch.
-inline constexpr std::size_t kBlockRows = 4096;
+// Rows of one block, and the row capacity of every batch: 4096, or fewer for
+// wide tables so that a batch stays near 4 MB. It depends on the column count
+// alone, so the grid, and with it every bit of the result, is the same on any
+// number of threads.
+std::size_t BlockRows(unsigned nColumns);
 
-// The tally of all rows of table. threads below 1 takes the host's count.
+// The tally of all rows of table. threads below 1 takes the host's count;
+// more threads than blocks are not started.
 // Throws ValueTaken when a pairwise pass with NaN as the missing mark meets a
 // cell equal to the stand-in code.
 Tally RunPass(const Table& table, const Settings& settings, int threads);

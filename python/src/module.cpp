@@ -265,7 +265,8 @@ PYBIND11_MODULE(_core, m) {
   using vorelpy::Accumulator;
   m.doc() = "The compiled core of vorel; use the functions and classes of the package vorel.";
   m.attr("__version__") = VOREL_VERSION;
-  m.attr("BLOCK_ROWS") = vorelpy::kBlockRows;
+  m.def("block_rows", &vorelpy::BlockRows, py::arg("n_columns"),
+        "Rows of one block of the pass for a table of n_columns columns.");
   m.def("_use_whole_blocks", &vorelpy::UseWholeBlocks, py::arg("use"),
         "Tests only: write whole blocks column by column (True, the default) or row by row.");
   py::class_<Accumulator>(m, "Accumulator")

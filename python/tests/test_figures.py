@@ -222,7 +222,7 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
 def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     # Blocks whose rows all count are written into the batch column by column;
     # the figures must be those of adding the same rows one at a time.
-    n = 3 * vorel._core.BLOCK_ROWS + 17
+    n = 3 * vorel._core.block_rows(7) + 17
     x = rng.normal(100.0, 3.0, size=(n, 7))
     args = {"threads": 2}
     if case == "F":
@@ -247,3 +247,10 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     finally:
         vorel._core._use_whole_blocks(True)
     assert whole == by_row
+
+
+def test_wide_table_on_more_threads_than_blocks(rng):
+    x = rng.normal(size=(700, 1200))
+    assert vorel._core.block_rows(1200) < 700  # two blocks, and a batch of a few MB
+    r = vorel.describe(x, threads=64)
+    np.testing.assert_allclose(r.cov, np.cov(x, rowvar=False), rtol=0, atol=1e-13)

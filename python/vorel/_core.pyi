@@ -5,7 +5,7 @@ import numpy as np
 import numpy.typing as npt
 
 __version__: str
-BLOCK_ROWS: int
+def block_rows(n_columns: int) -> int: ...
 
 class Accumulator:
     def __init__(self, pairwise: bool, missing_code: Optional[float], grouped: bool,
