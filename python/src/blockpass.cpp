@@ -79,23 +79,11 @@ class BlockReducer {
     const unsigned k = _settings.nColumns;
     _reader.ToColumns(_blockRows, _whole.Column(0), _blockRows);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
-    for (unsigned c = 0; c < k; ++c) {
-      const double* x = _whole.Column(c);
-      for (std::size_t r = 0; r < _blockRows; ++r)
-        _incomplete[r] |= static_cast<unsigned char>(_table.missing.IsMissing(x[r]));
-    }
+    for (unsigned c = 0; c < k; ++c)
+      MarkColumn(_whole.Column(c));
     const auto nIncomplete =
         static_cast<std::uint64_t>(std::count(_incomplete.begin(), _incomplete.end(), 1));
     if (nIncomplete != 0 && !_settings.pairwise) return false;
-    if (_settings.pairwise && _table.missing.nan) {
-      for (unsigned c = 0; c < k; ++c) {
-        double* x = _whole.Column(c);
-        for (std::size_t r = 0; r < _blockRows; ++r) {
-          _sawStandIn |= x[r] == _settings.pairwiseCode;
-          x[r] = std::isnan(x[r]) ? _settings.pairwiseCode : x[r];
-        }
-      }
-    }
     if (weights) std::copy(weights, weights + _blockRows, _whole.Weights());
     counts.rows += _blockRows;
     counts.incomplete += nIncomplete;
@@ -109,6 +97,30 @@ class BlockReducer {
       }
     }
     return true;
+  }
+
+  // Notes the rows with a missing cell in column x and, for a pairwise
+  // matrix with NaN as the missing mark, puts the stand-in code in its NaN cells.
+  void MarkColumn(double* x) {
+    const double code = _settings.pairwiseCode;
+    if (!_table.missing.nan) {
+      for (std::size_t r = 0; r < _blockRows; ++r)
+        _incomplete[r] |= static_cast<unsigned char>(x[r] == _table.missing.code);
+      return;
+    }
+    if (!_settings.pairwise) {
+      for (std::size_t r = 0; r < _blockRows; ++r)
+        _incomplete[r] |= static_cast<unsigned char>(std::isnan(x[r]));
+      return;
+    }
+    bool standIn = false;
+    for (std::size_t r = 0; r < _blockRows; ++r) {
+      const bool missing = std::isnan(x[r]);
+      standIn |= x[r] == code;
+      _incomplete[r] |= static_cast<unsigned char>(missing);
+      x[r] = missing ? code : x[r];
+    }
+    _sawStandIn |= standIn;
   }
 
   void TakeRow(std::size_t row, const double* cells, RowCounts& counts) {

@@ -70,3 +70,14 @@ def test_other_threads_run_while_describe_computes(rng):
     during = [t for t in ticks if start < t < end]
     # With the GIL held the ticker would stop for the whole call.
     assert end - start > 0.05 and len(during) >= 5, (end - start, len(during))
+
+
+def test_float64_data_is_read_in_place(rng):
+    # 128 MB of data in three layouts: reading it must not copy it (the
+    # batches take well under a megabyte per thread).
+    x = rng.normal(size=(1_000_000, 16))
+    for data in (x, np.asfortranarray(x), pd.DataFrame(x)):
+        before = max_rss_kib()
+        vorel.describe(data, threads=2)
+        vorel.describe(data, deletion="pairwise", threads=2)
+        assert max_rss_kib() - before < 32_000, type(data)
