@@ -24,6 +24,8 @@ FRAME = pd.DataFrame({"a": [1.0, 2.0, 3.0], "b": [4.0, 5.0, 7.0], "w": [1.0, 2.0
     (lambda: vorel.describe(FRAME), TypeError, r"data: column 'name' is not numeric"),
     (lambda: vorel.describe(FRAME[["a"]].assign(t=pd.Timestamp(0))), TypeError,
      r"column 't' is not numeric"),
+    (lambda: vorel.describe(pd.DataFrame([[1.0, 2.0, 3.0]], columns=["a", "a", "b"])), ValueError,
+     r"data: more than one column of data is named 'a'"),
     # weights
     (lambda: vorel.describe(X, weights=[1, 2, 3]), ValueError, r"weights: has 3 values for 4 rows"),
     (lambda: vorel.describe(X, weights=[1, -2, 3, 4]), ValueError,

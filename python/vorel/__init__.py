@@ -136,10 +136,11 @@ class _Table:
     """The caller's data split into what the core reads: value columns, their
     names, and the arrays or columns named for weights and groups."""
 
-    def __init__(self, data: Any, missing: Optional[float], roles: dict[str, Any]):
+    def __init__(self, data: Any, missing: Optional[float], roles: dict[str, Any],
+                 names: Optional[list] = None):
         self.roles = dict(roles)
         if _is_frame(data):
-            self._from_frame(data, missing)
+            self._from_frame(data, missing, names)
         else:
             self._from_array(data)
         if not self.names:
@@ -163,24 +164,34 @@ class _Table:
         self.n_rows = array.shape[0]
         self.names = list(range(array.shape[1]))
 
-    def _from_frame(self, frame: Any, missing: Optional[float]) -> None:
+    def _from_frame(self, frame: Any, missing: Optional[float], names: Optional[list]) -> None:
+        """The frame's columns but those named for weights or groups; with
+        names, those columns in that order (the columns of earlier chunks)."""
         taken = set()
         for argument, value in self.roles.items():
             if value is None or _is_array_like(value):
                 continue
-            if value not in frame.columns:
-                raise ValueError(f"{argument}: data has no column {value!r}")
-            self.roles[argument] = frame[value]
+            self.roles[argument] = _frame_column_by_name(frame, value, argument)
             taken.add(value)
-        columns = []
-        self.names = []
-        for name in frame.columns:
-            if name in taken:
-                continue
-            columns.append(_frame_column(frame[name], name, missing))
-            self.names.append(name)
-        self.cells = columns
+        if names is None:
+            names = [name for name in frame.columns if name not in taken]
+        else:
+            absent = [name for name in names if name not in frame.columns]
+            if absent:
+                raise ValueError(f"chunk: lacks the columns {absent!r} of the rows before")
+        self.names = list(names)
+        self.cells = [_frame_column(_frame_column_by_name(frame, name, "data"), name, missing)
+                      for name in self.names]
         self.n_rows = len(frame)
+
+
+def _frame_column_by_name(frame: Any, name: Hashable, argument: str) -> Any:
+    if name not in frame.columns:
+        raise ValueError(f"{argument}: data has no column {name!r}")
+    column = frame[name]
+    if column.ndim != 1:
+        raise ValueError(f"{argument}: more than one column of data is named {name!r}")
+    return column
 
 
 def _is_array_like(value: Any) -> bool:
@@ -318,10 +329,9 @@ class _Accumulator:
             raise TypeError("groups: ByGroup needs the group of each row")
         if not self._grouped and groups is not None:
             raise TypeError("groups: only ByGroup takes groups")
-        if _is_frame(chunk) and self._columns is not None:
-            chunk = self._same_columns(chunk, weights, reg_weights, groups)
         table = _Table(chunk, self._missing,
-                       {"weights": weights, "reg_weights": reg_weights, "groups": groups})
+                       {"weights": weights, "reg_weights": reg_weights, "groups": groups},
+                       self._columns if _is_frame(chunk) else None)
         if require_rows and table.n_rows == 0:
             raise ValueError("data: has no rows")
         codes = self._group_codes(table.roles["groups"], table.n_rows)
@@ -363,15 +373,7 @@ class _Accumulator:
         columns = "no rows yet" if self._columns is None else f"{len(self._columns)} columns"
         return f"<vorel.{type(self).__name__} {columns}>"
 
-    # -- the columns of later DataFrames, and the group labels
-
-    def _same_columns(self, chunk: Any, *roles: Any) -> Any:
-        named = {value for value in roles if value is not None and not _is_array_like(value)}
-        wanted = list(self._columns) + [name for name in chunk.columns if name in named]
-        absent = [name for name in self._columns if name not in chunk.columns]
-        if absent:
-            raise ValueError(f"chunk: lacks the columns {absent!r} of the rows before")
-        return chunk[wanted]
+    # -- group labels
 
     def _code(self, label: Hashable) -> int:
         code = self._codes.get(label)
