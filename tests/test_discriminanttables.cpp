@@ -109,7 +109,7 @@ TYPED_TEST(DiscriminantTables, RefusesWhatDoesNotFit) {
                                    DiscIndividualMatrix, DiscriminantMatrix>;
   Other other(2, 2);
   AddInBatches(other, kWorked, 0, 3, 3);
-  EXPECT_VOREL_ASSERT(fresh += other, "d != nullptr", source);
+  EXPECT_VOREL_ASSERT(fresh += other, "d != nullptr", testing::kMergeSource);
   for (int nGroup : {INT_MAX, -1}) {
     TypeParam m(nGroup, 2);
     testing::tables::ExpectVectorTooLong([&] { AddInBatches(m, kWorked, 0, 1, 1, 2); });

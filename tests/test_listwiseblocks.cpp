@@ -247,7 +247,7 @@ TYPED_TEST(ListwiseBlock, MergeThroughTheBase) {
   auto foreign = TypeParam::MakeForeign();
   batch.Fill(t, 0, 8);
   foreign += batch.batch;
-  EXPECT_VOREL_ASSERT(base += foreign, "d != nullptr", TypeParam::kSource);
+  EXPECT_VOREL_ASSERT(base += foreign, "d != nullptr", testing::kMergeSource);
 }
 
 TYPED_TEST(ListwiseBlock, AccessorAndMergePreconditions) {

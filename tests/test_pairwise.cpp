@@ -222,7 +222,7 @@ TEST(SMatrixPairwise, BoundsPairsAndPreconditions) {
   EXPECT_EQ(backwards.NColumns(), 0);
   NSMatrixPairwise stranger(-1.0, 1, 2, 4);
   stranger += five;
-  EXPECT_VOREL_ASSERT(s += stranger, "d != nullptr", kS);
+  EXPECT_VOREL_ASSERT(s += stranger, "d != nullptr", testing::kMergeSource);
   // A block of one column has no pairs.
   SMatrixPairwise one(-1.0, 1, 2);
   one += five;

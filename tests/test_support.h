@@ -16,7 +16,9 @@ namespace vorel::testing {
 
 struct AssertionFailure : std::logic_error {
   AssertionFailure(std::string expr, std::string sourceFile, int sourceLine)
-      : std::logic_error(expr), expression(std::move(expr)), file(std::move(sourceFile)),
+      : std::logic_error(expr),
+        expression(std::move(expr)),
+        file(std::move(sourceFile)),
         line(sourceLine) {}
   std::string expression;
   std::string file;
@@ -29,17 +31,21 @@ inline bool SameBits(double a, double b) {
   return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
+// Merging an object of another class through MatrixBase& is refused in
+// the one place that all matrix classes share.
+inline constexpr const char* kMergeSource = "backend/vorel/common/handle.h";
+
 }  // namespace vorel::testing
 
 // Runs `statement` and expects it to fail the assertion whose text is `text`;
 // `file` is a prefix of the reported source file, e.g. "backend/vorel/databatch".
-#define EXPECT_VOREL_ASSERT(statement, text, sourcePrefix)                                   \
-  do {                                                                              \
-    try {                                                                           \
-      statement;                                                                    \
-      ADD_FAILURE() << "expected assertion \"" << (text) << "\"";                   \
-    } catch (const ::vorel::testing::AssertionFailure& failure) {                   \
-      EXPECT_EQ(failure.expression, std::string(text));                             \
+#define EXPECT_VOREL_ASSERT(statement, text, sourcePrefix)                                    \
+  do {                                                                                        \
+    try {                                                                                     \
+      statement;                                                                              \
+      ADD_FAILURE() << "expected assertion \"" << (text) << "\"";                             \
+    } catch (const ::vorel::testing::AssertionFailure& failure) {                             \
+      EXPECT_EQ(failure.expression, std::string(text));                                       \
       EXPECT_EQ(failure.file.rfind(sourcePrefix, 0), 0u) << "reported file " << failure.file; \
-    }                                                                               \
+    }                                                                                         \
   } while (0)

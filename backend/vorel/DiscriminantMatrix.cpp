@@ -8,21 +8,26 @@
 #include <vector>
 
 #include "kernels/columnkernels.h"
+#include "common/handle.h"
+#include "common/storelimits.h"
+#include "common/triangle.h"
 #include "kernels/crossproducts.h"
-#include "matrixrowcount.h"
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchColumns;
+using internal::CrossProductJob;
+using internal::CrossProducts;
+using internal::ScatterWeightedSumsOfColumns;
+using internal::ScatterWeights;
 
 // The record behind a DiscriminantMatrix. Empty while _TSSP is null; then
 // _sumX1 and _sumX2 are null and _sumW is empty too.
 struct DiscriminantMatrixData {
-  std::vector<double> _sumW;         // total weight of each group
-  std::unique_ptr<double[]> _sumX1;  // sum w*x, cell of (var, g) at _nGroup*var + g
-  std::unique_ptr<double[]> _sumX2;  // sum (w*x)*x, laid out as _sumX1
-  std::unique_ptr<double[]> _TSSP;   // sum (w*x_i)*x_j, i > j, at MatrixRowCount(i) + j
+  std::vector<double> _sumW;            // total weight of each group
+  internal::OwnedArray<double> _sumX1;  // sum w*x, cell of (var, g) at _nGroup*var + g
+  internal::OwnedArray<double> _sumX2;  // sum (w*x)*x, laid out as _sumX1
+  internal::OwnedArray<double> _TSSP;   // sum (w*x_i)*x_j, i > j, at MatrixRowCount(i) + j
   int _nGroup = 0;
   int _nVar = 0;
   double _weightSum = 0.0;
@@ -30,30 +35,27 @@ struct DiscriminantMatrixData {
 
   DiscriminantMatrixData() = default;
   DiscriminantMatrixData(int nGroup, int nVar) : _nGroup(nGroup), _nVar(nVar) {}
-  DiscriminantMatrixData(const DiscriminantMatrixData& other);
-  DiscriminantMatrixData& operator=(const DiscriminantMatrixData& other);
 
   // Fills this empty record with the totals of one batch with rows.
   void Accumulate(const DataBatch& data);
   // Adds the totals of the filled record d to this filled record.
   void Merge(const DiscriminantMatrixData& d);
 
-  bool IsFilled() const { return _TSSP != nullptr; }
+  bool Empty() const { return !_TSSP; }
+  DiscriminantMatrixData EmptyOfSameShape() const { return {_nGroup, _nVar}; }
   std::size_t GroupCells() const {
-    return CheckedTableCells(static_cast<long long>(_nGroup) * _nVar);
+    return internal::CheckedTableCells(static_cast<long long>(_nGroup) * _nVar);
   }
-  std::size_t TriangleCells() const { return CheckedTableCells(CheckedMatrixRowCount(_nVar)); }
+  std::size_t TriangleCells() const {
+    return internal::CheckedTableCells(internal::CheckedMatrixRowCount(_nVar));
+  }
 };
 
 namespace {
 
-std::unique_ptr<double[]> ZeroTable(std::size_t cells) {
-  return std::make_unique<double[]>(cells);  // value-initialised: 0.0
-}
-
-std::unique_ptr<double[]> CopyTable(const double* source, std::size_t cells) {
-  auto table = std::make_unique_for_overwrite<double[]>(cells);
-  std::copy(source, source + cells, table.get());
+internal::OwnedArray<double> ZeroTable(std::size_t cells) {
+  internal::OwnedArray<double> table(cells);
+  std::fill(table.get(), table.get() + cells, 0.0);
   return table;
 }
 
@@ -79,33 +81,6 @@ int AccumulateCrossProducts(const DataBatch& data, const double* weights, int nR
 }
 
 }  // namespace
-
-DiscriminantMatrixData::DiscriminantMatrixData(const DiscriminantMatrixData& other)
-    : _sumW(other._sumW),
-      _nGroup(other._nGroup),
-      _nVar(other._nVar),
-      _weightSum(other._weightSum),
-      _nRows(other._nRows) {
-  // The shape of a record without tables may be anything: size only what exists.
-  if (other._sumX1) _sumX1 = CopyTable(other._sumX1.get(), GroupCells());
-  if (other._sumX2) _sumX2 = CopyTable(other._sumX2.get(), GroupCells());
-  if (other._TSSP) _TSSP = CopyTable(other._TSSP.get(), TriangleCells());
-}
-
-DiscriminantMatrixData& DiscriminantMatrixData::operator=(const DiscriminantMatrixData& other) {
-  if (this != &other) {
-    DiscriminantMatrixData copy(other);  // every allocation before this record changes
-    _sumW = std::move(copy._sumW);
-    _sumX1 = std::move(copy._sumX1);
-    _sumX2 = std::move(copy._sumX2);
-    _TSSP = std::move(copy._TSSP);
-    _nGroup = copy._nGroup;
-    _nVar = copy._nVar;
-    _weightSum = copy._weightSum;
-    _nRows = copy._nRows;
-  }
-  return *this;
-}
 
 void DiscriminantMatrixData::Accumulate(const DataBatch& data) {
   // The expression is reported as written.
@@ -158,54 +133,32 @@ void DiscriminantMatrixData::Merge(const DiscriminantMatrixData& d) {
   _nRows += d._nRows;
 }
 
-DiscriminantMatrix::DiscriminantMatrix() : _my(std::make_unique<DiscriminantMatrixData>()) {}
+template class internal::RecordHandle<DiscriminantMatrixData>;
 
-DiscriminantMatrix::DiscriminantMatrix(int nGroup, int nVar)
-    : _my(std::make_unique<DiscriminantMatrixData>(nGroup, nVar)) {}
+DiscriminantMatrix::DiscriminantMatrix() : _my(std::in_place) {}
 
-DiscriminantMatrix::~DiscriminantMatrix() = default;
-
-DiscriminantMatrix::DiscriminantMatrix(const DiscriminantMatrix& other)
-    : MatrixBase(other), _my(std::make_unique<DiscriminantMatrixData>(*other._my)) {}
-
-DiscriminantMatrix& DiscriminantMatrix::operator=(const DiscriminantMatrix& other) {
-  if (this != &other) _my = std::make_unique<DiscriminantMatrixData>(*other._my);
-  return *this;
-}
-
-DiscriminantMatrix::DiscriminantMatrix(DiscriminantMatrix&& other) noexcept = default;
-DiscriminantMatrix& DiscriminantMatrix::operator=(DiscriminantMatrix&& other) noexcept = default;
+DiscriminantMatrix::DiscriminantMatrix(int nGroup, int nVar) : _my(std::in_place, nGroup, nVar) {}
 
 int DiscriminantMatrix::NRows() const { return _my->_nRows; }
 
 MatrixBase& DiscriminantMatrix::operator+=(MatrixBase& other) {
-  if (other.NRows() == 0) return *this;
-  // Only an object of this very class can be merged.
-  const auto* d = dynamic_cast<const DiscriminantMatrix*>(&other);
-  VOREL_ASSERT(d != nullptr);
-  const DiscriminantMatrix& source = *d;
-  if (!_my->IsFilled()) {
-    // The expression is reported as written.
-    // clang-format off
-    VOREL_ASSERT(!(_my->_sumX1)&&!(_my->_sumX2));
-    // clang-format on
-    *_my = *source._my;
-  } else {
-    VOREL_ASSERT(_my->_sumX1 && _my->_sumX2);
-    _my->Merge(*source._my);
-  }
-  return *this;
+  return internal::AddSameClass(*this, other, &DiscriminantMatrix::_my,
+                                [this](const DiscriminantMatrixData& source) {
+                                  if (_my->Empty()) {
+                                    // The expression is reported as written.
+                                    // clang-format off
+          VOREL_ASSERT(!(_my->_sumX1)&&!(_my->_sumX2));
+                                    // clang-format on
+                                    *_my = source;
+                                  } else {
+                                    VOREL_ASSERT(_my->_sumX1 && _my->_sumX2);
+                                    _my->Merge(source);
+                                  }
+                                });
 }
 
 MatrixBase& DiscriminantMatrix::operator+=(DataBatch& data) {
-  if (data.NRows() == 0) return *this;
-  if (!_my->IsFilled()) {
-    _my->Accumulate(data);
-  } else {
-    DiscriminantMatrixData batchTotals(_my->_nGroup, _my->_nVar);
-    batchTotals.Accumulate(data);
-    _my->Merge(batchTotals);
-  }
+  internal::AccumulateOrMerge(*_my, data);
   return *this;
 }
 

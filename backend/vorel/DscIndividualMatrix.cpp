@@ -7,17 +7,21 @@
 #include <utility>
 
 #include "kernels/columnkernels.h"
+#include "common/handle.h"
+#include "common/storelimits.h"
+#include "common/triangle.h"
 #include "kernels/crossproducts.h"
-#include "matrixrowcount.h"
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchColumns;
+using internal::CrossProductJob;
+using internal::CrossProducts;
+using internal::SumWeights;
 
 // The record behind a DiscIndividualMatrix. Empty while _TSSP is null.
 struct DiscIndividualMatrixData {
-  std::unique_ptr<double[]> _TSSP;  // entry k of group g at k * _nGroup + g
+  internal::OwnedArray<double> _TSSP;  // entry k of group g at k * _nGroup + g
   int _nGroup = 0;
   int _nVar = 0;
   double _weightSum = 0.0;
@@ -25,15 +29,14 @@ struct DiscIndividualMatrixData {
 
   DiscIndividualMatrixData() = default;
   DiscIndividualMatrixData(int nGroup, int nVar) : _nGroup(nGroup), _nVar(nVar) {}
-  DiscIndividualMatrixData(const DiscIndividualMatrixData& other);
-  DiscIndividualMatrixData& operator=(const DiscIndividualMatrixData& other);
 
   // Fills this empty record with the totals of one sorted batch with rows.
   void Accumulate(const DataBatchByGroup& data);
   // Adds the totals of the filled record d to this filled record.
   void Merge(const DiscIndividualMatrixData& d);
 
-  bool IsFilled() const { return _TSSP != nullptr; }
+  bool Empty() const { return !_TSSP; }
+  DiscIndividualMatrixData EmptyOfSameShape() const { return {_nGroup, _nVar}; }
   // Entries of the triangle with diagonal over the variables: n(n+1)/2.
   // Only for a shape that TableCells() has accepted.
   int CellsCrossProduct() const { return MatrixRowCount(_nVar + 1); }
@@ -45,8 +48,8 @@ struct DiscIndividualMatrixData {
     return (n + 1) * (n + 2) / 2;
   }
   std::size_t TableCells() const {
-    const long long countMatrix = CheckedMatrixRowCount(_nVar + 1LL) + _nVar + 1LL;
-    return CheckedTableCells(countMatrix * _nGroup);
+    const long long countMatrix = internal::CheckedMatrixRowCount(_nVar + 1LL) + _nVar + 1LL;
+    return internal::CheckedTableCells(countMatrix * _nGroup);
   }
 };
 
@@ -77,39 +80,14 @@ int AccumulateGroupTable(const DataBatchByGroup& data, unsigned start, unsigned 
 
 }  // namespace
 
-DiscIndividualMatrixData::DiscIndividualMatrixData(const DiscIndividualMatrixData& other)
-    : _nGroup(other._nGroup),
-      _nVar(other._nVar),
-      _weightSum(other._weightSum),
-      _nRows(other._nRows) {
-  // The shape of a record without a table may be anything: size only a table.
-  if (other._TSSP) {
-    const std::size_t cells = TableCells();
-    _TSSP = std::make_unique_for_overwrite<double[]>(cells);
-    std::copy(other._TSSP.get(), other._TSSP.get() + cells, _TSSP.get());
-  }
-}
-
-DiscIndividualMatrixData& DiscIndividualMatrixData::operator=(
-    const DiscIndividualMatrixData& other) {
-  if (this != &other) {
-    DiscIndividualMatrixData copy(other);  // every allocation before this record changes
-    _TSSP = std::move(copy._TSSP);
-    _nGroup = copy._nGroup;
-    _nVar = copy._nVar;
-    _weightSum = copy._weightSum;
-    _nRows = copy._nRows;
-  }
-  return *this;
-}
-
 void DiscIndividualMatrixData::Accumulate(const DataBatchByGroup& data) {
   VOREL_ASSERT(!_TSSP);
   const int nCols = static_cast<int>(data.NColumns());
   VOREL_ASSERT(nCols == _nVar);
   const int nRows = static_cast<int>(data.NRows());
   // Allocated and filled aside, so that a failure leaves the record empty.
-  auto table = std::make_unique<double[]>(TableCells());  // value-initialised: 0.0
+  internal::OwnedArray<double> table(TableCells());
+  std::fill(table.get(), table.get() + table.size(), 0.0);
 
   const int nCellsCrossProduct = CellsCrossProduct();
   int tsspIndex = 0;
@@ -138,50 +116,21 @@ void DiscIndividualMatrixData::Merge(const DiscIndividualMatrixData& d) {
   _nRows += d._nRows;
 }
 
-DiscIndividualMatrix::DiscIndividualMatrix() : _my(std::make_unique<DiscIndividualMatrixData>()) {}
+template class internal::RecordHandle<DiscIndividualMatrixData>;
+
+DiscIndividualMatrix::DiscIndividualMatrix() : _my(std::in_place) {}
 
 DiscIndividualMatrix::DiscIndividualMatrix(int nGroup, int nVar)
-    : _my(std::make_unique<DiscIndividualMatrixData>(nGroup, nVar)) {}
-
-DiscIndividualMatrix::~DiscIndividualMatrix() = default;
-
-DiscIndividualMatrix::DiscIndividualMatrix(const DiscIndividualMatrix& other)
-    : MatrixBase(other), _my(std::make_unique<DiscIndividualMatrixData>(*other._my)) {}
-
-DiscIndividualMatrix& DiscIndividualMatrix::operator=(const DiscIndividualMatrix& other) {
-  if (this != &other) _my = std::make_unique<DiscIndividualMatrixData>(*other._my);
-  return *this;
-}
-
-DiscIndividualMatrix::DiscIndividualMatrix(DiscIndividualMatrix&& other) noexcept = default;
-DiscIndividualMatrix& DiscIndividualMatrix::operator=(DiscIndividualMatrix&& other) noexcept =
-    default;
+    : _my(std::in_place, nGroup, nVar) {}
 
 int DiscIndividualMatrix::NRows() const { return _my->_nRows; }
 
 MatrixBase& DiscIndividualMatrix::operator+=(MatrixBase& other) {
-  if (other.NRows() == 0) return *this;
-  // Only an object of this very class can be merged.
-  const auto* d = dynamic_cast<const DiscIndividualMatrix*>(&other);
-  VOREL_ASSERT(d != nullptr);
-  const DiscIndividualMatrix& source = *d;
-  if (!_my->IsFilled()) {
-    *_my = *source._my;
-  } else {
-    _my->Merge(*source._my);
-  }
-  return *this;
+  return internal::AddSameClass(*this, other, &DiscIndividualMatrix::_my);
 }
 
 MatrixBase& DiscIndividualMatrix::operator+=(DataBatchByGroup& data) {
-  if (data.NRows() == 0) return *this;
-  if (!_my->IsFilled()) {
-    _my->Accumulate(data);
-  } else {
-    DiscIndividualMatrixData batchTotals(_my->_nGroup, _my->_nVar);
-    batchTotals.Accumulate(data);
-    _my->Merge(batchTotals);
-  }
+  internal::AccumulateOrMerge(*_my, data);
   return *this;
 }
 

@@ -69,13 +69,13 @@ class ProblemTask final : public vorelhost::tpTaskObject {
   // Workers die under the read lock, so never beside a ReadBatch.
   ~ProblemTask() override {
     tpGuard guard(_state->_readMutex, tpLockExclusive);
-    delete _worker;
+    _worker.reset();
   }
 
   int Run(void* arg) override;
 
-  WorkerBase* _worker = nullptr;  // owned
-  DriverState* _state;            // borrowed
+  std::unique_ptr<WorkerBase> _worker;
+  DriverState* _state;  // borrowed
   std::uint32_t _threadIndex = 0;
 
  private:
@@ -182,7 +182,7 @@ void Driver(ProblemBase* problem, int nThreads) {
 
     for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(n); ++i) {
       auto task = std::make_unique<ProblemTask>(&state);
-      task->_worker = problem->CreateWorker();
+      task->_worker.reset(problem->CreateWorker());
       task->_threadIndex = i;
       // The task starts now, while the next one is being made.
       pool.invoke(task.release(), nullptr, vorelhost::tpScopePool);

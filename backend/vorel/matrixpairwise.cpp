@@ -9,24 +9,29 @@
 #include <vector>
 
 #include "kernels/columnkernels.h"
-#include "completecolumns.h"
-#include "pairwisefold.h"
-#include "pairwiserecords.h"
-#include "storelimits.h"
+#include "common/handle.h"
+#include "common/storelimits.h"
+#include "common/triangle.h"
+#include "records/completecolumns.h"
+#include "records/pairwisefold.h"
+#include "records/pairwiserecords.h"
 
 namespace vorel {
 
-// The kernels.
-using namespace internal;
+using internal::BatchTotals;
+using internal::CompleteColumns;
+using internal::ScatteredPairs;
+
 namespace {
 
 // Start of row n of the lower triangle without its diagonal, and the record
 // count of n columns. 32-bit by design; the column count is checked before use.
-unsigned MatrixRow(unsigned n) { return (n - 1) * n / 2; }
+unsigned MatrixRow(unsigned n) { return internal::TriangleStart(n); }
 
 // The widest table whose (n - 1) n still fits 32 bits: 65,536 columns.
 void CheckColumnCount(unsigned nCols) {
-  CheckStoreSize((std::uint64_t{nCols} - 1) * nCols, std::numeric_limits<std::uint32_t>::max());
+  internal::CheckStoreSize((std::uint64_t{nCols} - 1) * nCols,
+                           std::numeric_limits<std::uint32_t>::max());
 }
 
 int Rows(unsigned n) { return static_cast<int>(n); }
@@ -37,29 +42,27 @@ int Rows(unsigned n) { return static_cast<int>(n); }
 
 void VarStatsData::Init(const double* x, const double* weights, const double* regWeights,
                         WorkArea& work, unsigned n) {
-  pairwise::InitVar(*this, x, weights, regWeights, work, Rows(n));
+  internal::InitVar(*this, x, weights, regWeights, work, Rows(n));
 }
 
-void VarStatsData::Update(const VarStatsData& o) { pairwise::UpdateVar(*this, o); }
+void VarStatsData::Update(const VarStatsData& o) { internal::UpdateVar(*this, o); }
 
 void PairStatsData::Init(const double* x0, const double* x1, const double* weights,
                          const double* regWeights, WorkArea& work, unsigned n) {
-  pairwise::InitPair(*this, x0, x1, weights, regWeights, work, Rows(n));
+  internal::InitPair(*this, x0, x1, weights, regWeights, work, Rows(n));
 }
 
-void PairStatsData::Update(const PairStatsData& o) { pairwise::UpdatePair(*this, o); }
+void PairStatsData::Update(const PairStatsData& o) { internal::UpdatePair(*this, o); }
 
 // ---------------------------------------------------------------- table record
 
 struct MatrixPairwiseData {
   explicit MatrixPairwiseData(double missingCode) { _workArea.missingCode = missingCode; }
 
+  bool Empty() const { return _varStats.empty(); }
   void CreateStats(const DataBatch& data);
   void Accumulate(const DataBatch& data);
   void Merge(const MatrixPairwiseData& d);
-  // Makes this record a copy of source's results and missing code; this
-  // record keeps its own scratch. Unchanged if an allocation fails.
-  void CopyFrom(const MatrixPairwiseData& source);
 
   double _weightSum = 0.0;              // frequency weight of every row added
   double _regWeightSum = 0.0;           // combined weight of every row added
@@ -69,8 +72,9 @@ struct MatrixPairwiseData {
   WorkArea _workArea;                   // scratch, and the one place of the missing code
   bool _hasRegWeights = false;
   // Scratch: the columns of a batch without missing cells, and its pairs.
-  CompleteColumns _complete;
-  ScatteredPairs _scattered;
+  // A copy of the record starts with scratch of its own.
+  internal::Scratch<CompleteColumns> _complete;
+  internal::Scratch<ScatteredPairs> _scattered;
 
  private:
   void UpdateRecords(const DataBatch& data, const BatchTotals& totals);
@@ -97,8 +101,8 @@ void MatrixPairwiseData::Accumulate(const DataBatch& data) {
   _nRows += n;
   VOREL_ASSERT(_varStats.size() == nCols);
   // The table's totals cover every row; the missing code plays no part.
-  const BatchTotals totals = TotalsOf(data, Rows(n));
-  AddBatchWeights(totals, _weightSum, _regWeightSum);
+  const BatchTotals totals = internal::TotalsOf(data, Rows(n));
+  internal::AddBatchWeights(totals, _weightSum, _regWeightSum);
   UpdateRecords(data, totals);
 }
 
@@ -129,7 +133,7 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals&
     const int ic = static_cast<int>(c);
     VarStatsData var;
     if (full.Complete(ic)) {
-      TakeColumnFigures(var, full, ic);
+      internal::TakeColumnFigures(var, full, ic);
     } else {
       var.Init(column, weights, regWeights, _workArea, n);
     }
@@ -138,9 +142,9 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals&
       const int ik = static_cast<int>(k);
       PairStatsData pair;
       if (full.Complete(ic) && full.Complete(ik)) {
-        TakePairFigures(pair, full, ic, ik);
+        internal::TakePairFigures(pair, full, ic, ik);
       } else if (masked) {
-        TakePairFigures(pair, _scattered.Pair(ic, ik));
+        internal::TakePairFigures(pair, _scattered.Pair(ic, ik));
       } else {
         pair.Init(column, data.Column(k), weights, regWeights, _workArea, n);
       }
@@ -169,48 +173,15 @@ void MatrixPairwiseData::Merge(const MatrixPairwiseData& d) {
   _nRows += d._nRows;
 }
 
-void MatrixPairwiseData::CopyFrom(const MatrixPairwiseData& source) {
-  if (this == &source) return;
-  std::vector<VarStatsData> varStats(source._varStats);
-  std::vector<PairStatsData> xp(source._xp);
-  _weightSum = source._weightSum;
-  _regWeightSum = source._regWeightSum;
-  _nRows = source._nRows;
-  _varStats.swap(varStats);
-  _xp.swap(xp);
-  _workArea.missingCode = source._workArea.missingCode;
-  _hasRegWeights = source._hasRegWeights;
-}
-
 // ---------------------------------------------------------------- handle
 
-MatrixPairwise::MatrixPairwise(const double& missingCode)
-    : _my(std::make_unique<MatrixPairwiseData>(missingCode)) {}
+template class internal::RecordHandle<MatrixPairwiseData>;
 
-MatrixPairwise::MatrixPairwise(const MatrixPairwise& other)
-    : MatrixPairwise(other._my->_workArea.missingCode) {
-  _my->CopyFrom(*other._my);
-}
-
-MatrixPairwise& MatrixPairwise::operator=(const MatrixPairwise& other) {
-  if (this == &other) return *this;
-  if (!_my) _my = std::make_unique<MatrixPairwiseData>(other._my->_workArea.missingCode);
-  _my->CopyFrom(*other._my);
-  return *this;
-}
-
-MatrixPairwise::MatrixPairwise(MatrixPairwise&& other) noexcept = default;
-
-MatrixPairwise& MatrixPairwise::operator=(MatrixPairwise&& other) noexcept {
-  _my.swap(other._my);
-  return *this;
-}
-
-MatrixPairwise::~MatrixPairwise() = default;
+MatrixPairwise::MatrixPairwise(const double& missingCode) : _my(std::in_place, missingCode) {}
 
 MatrixPairwise& MatrixPairwise::operator+=(DataBatch& data) {
   if (data.NRows() == 0) return *this;
-  if (_my->_varStats.empty())
+  if (_my->Empty())
     _my->CreateStats(data);
   else
     _my->Accumulate(data);
@@ -219,10 +190,7 @@ MatrixPairwise& MatrixPairwise::operator+=(DataBatch& data) {
 
 MatrixPairwise& MatrixPairwise::operator+=(const MatrixPairwise& d) {
   if (d._my->_nRows == 0) return *this;
-  if (_my->_varStats.empty())
-    _my->CopyFrom(*d._my);
-  else
-    _my->Merge(*d._my);
+  internal::CopyOrMerge(*_my, *d._my);
   return *this;
 }
 

@@ -3,134 +3,49 @@
 #include <vorelhost/assertion.h>
 
 #include <cstddef>
-#include <utility>
 
-#include "pairwisefold.h"
+#include "common/handle.h"
+#include "records/pairwiseblock.h"
 
 namespace vorel {
 
-// All state of an NSMatrixPairwise.
-//
-// _varStats holds the whole block, the first set before the second. _xp is a
-// rectangle of nFirst rows of nSecond pairs, row after row: column r of the
-// first set (counted from _col0) with column c of the second set (counted
-// from _col1) stands at r * nSecond + c.
-struct NSMatrixPairwiseData {
-  double _weightSum = 0.0;                          // frequency weight of every row given
-  double _regWeightSum = 0.0;                       // combined weight of every row given
-  int _nRows = 0;                                   // every row given, missing cells or not
-  std::vector<std::unique_ptr<VarStat>> _varStats;  // one per column of the block
-  std::vector<std::unique_ptr<PairStat>> _xp;       // one per pair of the rectangle
-  WorkArea _workArea;                               // scratch of Init; holds the missing code
-  bool _hasRegWeights = false;
-  int _col0 = 0;  // first column of the first set
-  int _col1 = 0;  // first column of the second set
-  int _col2 = 0;  // end of the second set, exclusive
-  // Scratch: the columns of a batch without missing cells, and its pairs.
-  CompleteColumns _complete;
-  ScatteredPairs _scattered;
-  bool _useScattered = false;
 
-  NSMatrixPairwiseData(double missingCode, int col0, int col1, int col2)
-      : _col0(col0), _col1(col1), _col2(col2) {
-    _workArea.missingCode = missingCode;
-  }
-  NSMatrixPairwiseData(const NSMatrixPairwiseData& other);
-  // A deep copy; on failure this record stays as it was.
-  NSMatrixPairwiseData& operator=(const NSMatrixPairwiseData& other);
+// All state of an NSMatrixPairwise: the shared pairwise block. _varStats
+// holds the whole block, the first set before the second. _xp is a rectangle
+// of nFirst rows of nSecond pairs, row after row: column r of the first set
+// (counted from _col0) with column c of the second set (counted from _col1)
+// stands at r * nSecond + c.
+struct NSMatrixPairwiseData : internal::PairwiseBlockData<NSMatrixPairwiseData> {
+  static constexpr auto kPairs = internal::CompleteColumns::Pairs::Rectangle;
 
-  void CreateStats(const DataBatch& data);
-  void Accumulate(const DataBatch& data);
-  void Merge(const NSMatrixPairwiseData& d);
+  using PairwiseBlockData::PairwiseBlockData;
 
- private:
-  void FoldColumns(const DataBatch& data, int n);
-  void FoldPairs(const DataBatch& data, int n);
-  void Swap(NSMatrixPairwiseData& other) noexcept;
+  int Split() const { return _col1 - _col0; }
+  long long PairCount() const { return static_cast<long long>(_col1 - _col0) * (_col2 - _col1); }
+  void SettleBounds(const DataBatch&) const {}
+  void FoldRecords(const DataBatch& data, const internal::ScatteredPairs* scattered, int n);
+  void CheckCreate() const;
+  void CheckBatch(const DataBatch& data) const;
+  void CheckMerge(const NSMatrixPairwiseData& d) const;
+  void CheckMergeEnd(int xpindex) const;
 };
 
-NSMatrixPairwiseData::NSMatrixPairwiseData(const NSMatrixPairwiseData& other)
-    : _weightSum(other._weightSum),
-      _regWeightSum(other._regWeightSum),
-      _nRows(other._nRows),
-      _varStats(CopyStats(other._varStats)),
-      _xp(CopyStats(other._xp)),
-      _workArea(other._workArea),
-      _hasRegWeights(other._hasRegWeights),
-      _col0(other._col0),
-      _col1(other._col1),
-      _col2(other._col2) {}
-
-NSMatrixPairwiseData& NSMatrixPairwiseData::operator=(const NSMatrixPairwiseData& other) {
-  if (this != &other) {
-    NSMatrixPairwiseData copy(other);
-    Swap(copy);
-  }
-  return *this;
-}
-
-void NSMatrixPairwiseData::Swap(NSMatrixPairwiseData& other) noexcept {
-  std::swap(_weightSum, other._weightSum);
-  std::swap(_regWeightSum, other._regWeightSum);
-  std::swap(_nRows, other._nRows);
-  _varStats.swap(other._varStats);
-  _xp.swap(other._xp);
-  std::swap(_workArea, other._workArea);
-  std::swap(_hasRegWeights, other._hasRegWeights);
-  std::swap(_col0, other._col0);
-  std::swap(_col1, other._col1);
-  std::swap(_col2, other._col2);
-}
-
-void NSMatrixPairwiseData::CreateStats(const DataBatch& data) {
-  VOREL_ASSERT(!_xp.size());
-  _hasRegWeights = data.RegWeights() != nullptr;
-  // Both stores are made before either is kept, so a failure leaves the matrix empty.
-  auto varStats = NewStats<VarStat>(_col2 - _col0);
-  auto xp = NewStats<PairStat>(static_cast<long long>(_col1 - _col0) * (_col2 - _col1));
-  _varStats = std::move(varStats);
-  _xp = std::move(xp);
-  Accumulate(data);
-}
-
-void NSMatrixPairwiseData::Accumulate(const DataBatch& data) {
-  VOREL_ASSERT(_hasRegWeights == data.HasRegWeights());
-  const int n = static_cast<int>(data.NRows());
-  _nRows += n;
-  if (n == 0) return;
-  const std::size_t nCols = static_cast<std::size_t>(_col2 - _col0);
-  VOREL_ASSERT(_varStats.size() == nCols);
-  const BatchTotals totals = TotalsOf(data, n);
-  AddBatchWeights(totals, _weightSum, _regWeightSum);
-  _complete.Reduce(data, totals, _col0, _col2 - _col0, _workArea.missingCode,
-                   CompleteColumns::Pairs::Rectangle, _col1 - _col0, true, 1);
-  _useScattered = ScatteredPairs::WorthIt(static_cast<long long>(_col1 - _col0) * (_col2 - _col1),
-                                          _complete.CompletePairs());
-  if (_useScattered)
-    _scattered.Reduce(data, _col0, _col2 - _col0, _workArea.missingCode,
-                      CompleteColumns::Pairs::Rectangle, _col1 - _col0);
-  FoldColumns(data, n);
-  FoldPairs(data, n);
-}
-
-// Every column of the block, in column order.
-void NSMatrixPairwiseData::FoldColumns(const DataBatch& data, int n) {
-  // One scratch record serves the whole batch: Init replaces all of it.
-  VarStat scratch;
+// Every column of the block in column order; then the rectangle row after
+// row, the column of the first set as the pair's first variable.
+void NSMatrixPairwiseData::FoldRecords(const DataBatch& data,
+                                       const internal::ScatteredPairs* scattered, int n) {
+  // One scratch record of each kind serves the whole batch: Init replaces all of it.
+  VarStat columnScratch;
   for (int c = _col0; c < _col2; ++c) {
-    FoldColumn(data, c, c - _col0, _complete, n, _workArea, scratch, *_varStats[c - _col0]);
+    internal::FoldColumn(data, c, c - _col0, _complete, n, _workArea, columnScratch,
+                         *_varStats[static_cast<std::size_t>(c - _col0)]);
   }
-}
-
-// The rectangle row after row, the column of the first set as the pair's
-// first variable.
-void NSMatrixPairwiseData::FoldPairs(const DataBatch& data, int n) {
-  PairStat scratch;
+  PairStat pairScratch;
   int xpi = 0;
   for (int r = _col0; r < _col1; ++r) {
     for (int c = _col1; c < _col2; ++c) {
-      FoldPair(data, r, c, r - _col0, c - _col0, _complete, _useScattered ? &_scattered : nullptr,
-               n, _workArea, scratch, *_xp[xpi]);
+      internal::FoldPair(data, r, c, r - _col0, c - _col0, _complete, scattered, n, _workArea,
+                         pairScratch, *_xp[static_cast<std::size_t>(xpi)]);
       xpi = xpi + 1;
     }
   }
@@ -140,70 +55,41 @@ void NSMatrixPairwiseData::FoldPairs(const DataBatch& data, int n) {
   // clang-format on
 }
 
-void NSMatrixPairwiseData::Merge(const NSMatrixPairwiseData& d) {
+void NSMatrixPairwiseData::CheckCreate() const { VOREL_ASSERT(!_xp.size()); }
+
+void NSMatrixPairwiseData::CheckBatch(const DataBatch& data) const {
+  VOREL_ASSERT(_hasRegWeights == data.HasRegWeights());
+  const std::size_t nCols = static_cast<std::size_t>(_col2 - _col0);
+  VOREL_ASSERT(_varStats.size() == nCols);
+}
+
+void NSMatrixPairwiseData::CheckMerge(const NSMatrixPairwiseData& d) const {
   VOREL_ASSERT(_varStats.size() == d._varStats.size());
   VOREL_ASSERT(_hasRegWeights == d._hasRegWeights);
-  if (d._weightSum == 0.0) return;
-  for (std::size_t i = 0; i < _varStats.size(); ++i)
-    _varStats[i]->Update(*d._varStats[i]);
-  const int nFirst = _col1 - _col0;
-  const int nSecond = _col2 - _col1;
-  int xpindex = 0;
-  for (int r = 0; r < nFirst; ++r) {
-    for (int c = 0; c < nSecond; ++c) {
-      _xp[xpindex]->Update(*d._xp[xpindex]);
-      ++xpindex;
-    }
-  }
-  // The text of an assertion is what it reports: keep it as written.
+}
+
+void NSMatrixPairwiseData::CheckMergeEnd(int xpindex) const {
   // clang-format off
   VOREL_ASSERT(xpindex == (_col1-_col0)*(_col2-_col1));
   // clang-format on
-  _weightSum += d._weightSum;
-  _regWeightSum += d._regWeightSum;
-  _nRows += d._nRows;
 }
 
 // ---------------------------------------------------------------- handle
 
+template class internal::RecordHandle<NSMatrixPairwiseData>;
+
 NSMatrixPairwise::NSMatrixPairwise(double missingCode, int col0, int col1, int col2)
-    : _my(std::make_unique<NSMatrixPairwiseData>(missingCode, col0, col1, col2)) {}
-
-NSMatrixPairwise::~NSMatrixPairwise() = default;
-
-NSMatrixPairwise::NSMatrixPairwise(const NSMatrixPairwise& other)
-    : MatrixBase(other), _my(std::make_unique<NSMatrixPairwiseData>(*other._my)) {}
-
-NSMatrixPairwise& NSMatrixPairwise::operator=(const NSMatrixPairwise& other) {
-  if (this != &other) {
-    auto copy = std::make_unique<NSMatrixPairwiseData>(*other._my);
-    _my = std::move(copy);
-  }
-  return *this;
-}
-
-NSMatrixPairwise::NSMatrixPairwise(NSMatrixPairwise&& other) noexcept = default;
-NSMatrixPairwise& NSMatrixPairwise::operator=(NSMatrixPairwise&& other) noexcept = default;
+    : _my(std::in_place, missingCode, col0, col1, col2) {}
 
 int NSMatrixPairwise::NRows() const { return _my->_nRows; }
 
 MatrixBase& NSMatrixPairwise::operator+=(MatrixBase& other) {
-  if (other.NRows() == 0) return *this;
-  // Only an object of this very class can be merged.
-  const auto* d = dynamic_cast<const NSMatrixPairwise*>(&other);
-  VOREL_ASSERT(d != nullptr);
-  const NSMatrixPairwise& same = *d;
-  if (_my->_varStats.empty()) {
-    *_my = *same._my;
-  } else {
-    _my->Merge(*same._my);
-  }
-  return *this;
+  return internal::AddSameClass(*this, other, &NSMatrixPairwise::_my);
 }
 
 MatrixBase& NSMatrixPairwise::operator+=(DataBatch& data) {
   if (data.NRows() == 0) return *this;
-  if (_my->_varStats.empty()) {
+  if (_my->Empty()) {
     _my->CreateStats(data);
   } else {
     _my->Accumulate(data);
@@ -223,7 +109,7 @@ int NSMatrixPairwise::NColumns() const { return static_cast<int>(_my->_varStats.
 VarStat& NSMatrixPairwise::Var(int col) const {
   VOREL_ASSERT(col < Col2() && col >= Col0());
   VOREL_ASSERT(0. < WeightSum());
-  return *_my->_varStats[col - _my->_col0];
+  return *_my->_varStats[static_cast<std::size_t>(col - _my->_col0)];
 }
 
 PairStat& NSMatrixPairwise::Pair(int row, int col) const {

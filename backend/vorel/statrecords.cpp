@@ -1,8 +1,9 @@
 #include <vorel/statrecords.h>
 
+#include <memory>
 #include <utility>
 
-#include "pairwiserecords.h"
+#include "records/pairwiserecords.h"
 
 namespace vorel {
 namespace {
@@ -82,10 +83,10 @@ VarStat& VarStat::operator=(VarStat&& other) noexcept {
 
 void VarStat::Init(const double* x, const double* weights, const double* regWeights, WorkArea& work,
                    int n) {
-  pairwise::InitVar(*_my, x, weights, regWeights, work, n);
+  internal::InitVar(*_my, x, weights, regWeights, work, n);
 }
 
-void VarStat::Update(const VarStat& other) { pairwise::UpdateVar(*_my, *other._my); }
+void VarStat::Update(const VarStat& other) { internal::UpdateVar(*_my, *other._my); }
 
 int VarStat::NRows() const { return _my->nRows; }
 double VarStat::WeightSum() const { return _my->weightSum; }
@@ -96,7 +97,7 @@ double VarStat::Min() const { return _my->min; }
 double VarStat::Max() const { return _my->max; }
 VarStatData& VarStat::Data() { return *_my; }
 const VarStatData& VarStat::Data() const { return *_my; }
-VarStat* VarStat::Copy() const { return new VarStat(*this); }
+VarStat* VarStat::Copy() const { return std::make_unique<VarStat>(*this).release(); }
 
 // ---------------------------------------------------------------- PairStat
 
@@ -118,10 +119,10 @@ PairStat& PairStat::operator=(PairStat&& other) noexcept {
 
 void PairStat::Init(const double* x0, const double* x1, const double* weights,
                     const double* regWeights, WorkArea& work, int n) {
-  pairwise::InitPair(*_my, x0, x1, weights, regWeights, work, n);
+  internal::InitPair(*_my, x0, x1, weights, regWeights, work, n);
 }
 
-void PairStat::Update(const PairStat& other) { pairwise::UpdatePair(*_my, *other._my); }
+void PairStat::Update(const PairStat& other) { internal::UpdatePair(*_my, *other._my); }
 
 int PairStat::NRows() const { return _my->nRows; }
 double PairStat::WeightSum() const { return _my->weightSum; }
@@ -133,6 +134,6 @@ double PairStat::CSS1() const { return _my->css1; }
 double PairStat::CSCP() const { return _my->cscp; }
 PairStatData& PairStat::Data() { return *_my; }
 const PairStatData& PairStat::Data() const { return *_my; }
-PairStat* PairStat::Copy() const { return new PairStat(*this); }
+PairStat* PairStat::Copy() const { return std::make_unique<PairStat>(*this).release(); }
 
 }  // namespace vorel

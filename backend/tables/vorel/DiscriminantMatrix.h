@@ -41,13 +41,13 @@
 #pragma once
 
 #include <vorel/matrixbase.h>
-
-#include <memory>
+#include <vorel/recordhandle.h>
 
 namespace vorel {
 
 class DataBatch;
 struct DiscriminantMatrixData;
+extern template class internal::RecordHandle<DiscriminantMatrixData>;
 
 class DiscriminantMatrix : public MatrixBase {
  public:
@@ -56,19 +56,13 @@ class DiscriminantMatrix : public MatrixBase {
   // nGroup groups (numbered 0 to nGroup-1) and nVar variables, the columns of
   // every batch. Nothing is tested or allocated until the first batch.
   DiscriminantMatrix(int nGroup, int nVar);
-  ~DiscriminantMatrix() override;
-
-  DiscriminantMatrix(const DiscriminantMatrix& other);
-  DiscriminantMatrix& operator=(const DiscriminantMatrix& other);
-  DiscriminantMatrix(DiscriminantMatrix&& other) noexcept;
-  DiscriminantMatrix& operator=(DiscriminantMatrix&& other) noexcept;
 
   // Rows accumulated so far; a merged object whose weights totalled 0 and a
   // later batch whose weights total 0 add none.
   int NRows() const override;
-  // Adds other, which must be a DiscriminantMatrix (std::bad_cast otherwise),
-  // by addition; an empty target becomes a deep copy of other, shape and all.
-  // An other without rows changes nothing. other is only read.
+  // Adds other, which must be a DiscriminantMatrix (the assertion
+  // "d != nullptr" fails otherwise), by addition; an empty target becomes a deep copy of other,
+  // shape and all. An other without rows changes nothing. other is only read.
   MatrixBase& operator+=(MatrixBase& other) override;
   using MatrixBase::operator+=;
   // Adds a batch of NVar() columns with groups; a batch without rows changes
@@ -91,7 +85,7 @@ class DiscriminantMatrix : public MatrixBase {
   double TSSP(int row, int col) const;
 
  private:
-  std::unique_ptr<DiscriminantMatrixData> _my;
+  internal::RecordHandle<DiscriminantMatrixData> _my;
 };
 
 }  // namespace vorel

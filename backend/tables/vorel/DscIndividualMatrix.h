@@ -49,15 +49,15 @@
 #pragma once
 
 #include <vorel/matrixbase.h>
+#include <vorel/recordhandle.h>
 #include <vorelhost/assertion.h>
-
-#include <memory>
 
 namespace vorel {
 
 class DataBatch;
 class DataBatchByGroup;
 struct DiscIndividualMatrixData;
+extern template class internal::RecordHandle<DiscIndividualMatrixData>;
 
 class DiscIndividualMatrix : public MatrixBase {
  public:
@@ -66,18 +66,12 @@ class DiscIndividualMatrix : public MatrixBase {
   // nGroup groups (numbered 0 to nGroup-1) and nVar variables, the columns of
   // every batch. Nothing is tested or allocated until the first batch.
   DiscIndividualMatrix(int nGroup, int nVar);
-  ~DiscIndividualMatrix() override;
-
-  DiscIndividualMatrix(const DiscIndividualMatrix& other);
-  DiscIndividualMatrix& operator=(const DiscIndividualMatrix& other);
-  DiscIndividualMatrix(DiscIndividualMatrix&& other) noexcept;
-  DiscIndividualMatrix& operator=(DiscIndividualMatrix&& other) noexcept;
 
   // Rows accumulated so far; a merged object whose weights totalled 0 and a
   // later batch whose weights total 0 add none.
   int NRows() const override;
-  // Adds other, which must be a DiscIndividualMatrix (std::bad_cast
-  // otherwise), by addition; an empty target becomes a deep copy of other,
+  // Adds other, which must be a DiscIndividualMatrix (the assertion
+  // "d != nullptr" fails otherwise), by addition; an empty target becomes a deep copy of other,
   // shape and all. An other without rows changes nothing. other is only read.
   MatrixBase& operator+=(MatrixBase& other) override;
   // Adds a sorted grouped batch of NVar() columns; a batch without rows changes
@@ -102,7 +96,7 @@ class DiscIndividualMatrix : public MatrixBase {
   double TSSP(int row, int col, int groupVal) const;
 
  private:
-  std::unique_ptr<DiscIndividualMatrixData> _my;
+  internal::RecordHandle<DiscIndividualMatrixData> _my;
 };
 
 }  // namespace vorel

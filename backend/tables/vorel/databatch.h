@@ -13,13 +13,11 @@
 //
 // Copying: the copy constructor and operator= make deep copies, so each batch
 // owns its own blocks; the borrowed pointers are shared, as they belong to the
-// caller anyway. A moved-from batch is left with no blocks and may only be
-// destroyed or assigned to.
+// caller anyway. A moved-from batch may only be destroyed or assigned to.
 #pragma once
 
+#include <vorel/ownedarray.h>
 #include <vorelhost/assertion.h>
-
-#include <memory>
 
 namespace vorel {
 
@@ -30,12 +28,6 @@ class DataBatch {
   // and a store for it exists exactly when it is not.
   DataBatch(unsigned nColumns, unsigned nRows, const double* weight, const double* regWeight,
             const unsigned* group);
-  ~DataBatch();
-
-  DataBatch(const DataBatch& other);
-  DataBatch& operator=(const DataBatch& other);
-  DataBatch(DataBatch&& other) noexcept;
-  DataBatch& operator=(DataBatch&& other) noexcept;
 
   // Appends one row of NColumns() cells given in column order, together with
   // the current weight, regression weight and group. Requires a free row.
@@ -48,42 +40,39 @@ class DataBatch {
   // The largest group number added since construction (0 when none or only
   // group 0 was seen), not a count of distinct groups.
   unsigned NGroups() const { return _nGroups; }
-  bool HasWeights() const { return _weights != nullptr; }
-  bool HasRegWeights() const { return _regWeights != nullptr; }
+  bool HasWeights() const { return static_cast<bool>(_weights); }
+  bool HasRegWeights() const { return static_cast<bool>(_regWeights); }
 
   // Start of column colNum; NRows() cells of it are valid.
   const double* Column(unsigned colNum) const {
     VOREL_ASSERT(colNum < _nColumns);
-    return _columns + static_cast<std::size_t>(colNum) * _maxRows;
+    return _columns.get() + static_cast<std::size_t>(colNum) * _maxRows;
   }
   double* Column(unsigned colNum) {
     VOREL_ASSERT(colNum < _nColumns);
-    return _columns + static_cast<std::size_t>(colNum) * _maxRows;
+    return _columns.get() + static_cast<std::size_t>(colNum) * _maxRows;
   }
   // Null when the batch was built without the matching pointer.
-  const double* Weights() const { return _weights; }
-  double* Weights() { return _weights; }
-  const double* RegWeights() const { return _regWeights; }
-  const unsigned* Groups() const { return _groups; }
+  const double* Weights() const { return _weights.get(); }
+  double* Weights() { return _weights.get(); }
+  const double* RegWeights() const { return _regWeights.get(); }
+  const unsigned* Groups() const { return _groups.get(); }
 
   // Bytes one row takes in a batch, for callers sizing their batches.
-  static unsigned RowSize(unsigned nColumns, bool hasWeights, bool hasRegWeights,
-                          bool hasGroups) {
+  static unsigned RowSize(unsigned nColumns, bool hasWeights, bool hasRegWeights, bool hasGroups) {
     return 8u * (nColumns + unsigned{hasWeights} + unsigned{hasRegWeights})
            + 4u * unsigned{hasGroups};
   }
 
  private:
-  void ReleaseBlocks() noexcept;
-
-  double* _weights = nullptr;        // owned; null without weights
-  double* _regWeights = nullptr;     // owned; null without regression weights
-  double* _columns = nullptr;        // owned; _nColumns x _maxRows cells
-  const double* _pWeight = nullptr;  // borrowed: the caller's current weight
+  internal::OwnedArray<double> _weights;     // none without weights
+  internal::OwnedArray<double> _regWeights;  // none without regression weights
+  internal::OwnedArray<double> _columns;     // _nColumns x _maxRows cells
+  const double* _pWeight = nullptr;          // borrowed: the caller's current weight
   const double* _pRegWeight = nullptr;
   const unsigned* _pGroup = nullptr;
-  unsigned* _groups = nullptr;  // owned; null without groups
-  unsigned _maxRows = 0;        // capacity, and the stride between columns
+  internal::OwnedArray<unsigned> _groups;  // none without groups
+  unsigned _maxRows = 0;                   // capacity, and the stride between columns
   unsigned _nColumns = 0;
   unsigned _nRows = 0;
   unsigned _nGroups = 0;  // largest group number seen

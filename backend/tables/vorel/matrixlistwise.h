@@ -33,7 +33,7 @@
 // ("vector<T> too long") before anything changes. Failed allocations raise
 // std::bad_alloc.
 //
-// Ownership (settled here): the handle owns its record. The copy constructor
+// Ownership: the handle owns its record. The copy constructor
 // and operator= copy it deeply (operator= is self-assignment safe and leaves
 // the target as it was if an allocation fails); moves transfer it, and a
 // moved-from matrix may only be destroyed or assigned to.
@@ -41,23 +41,20 @@
 // No locks: one thread at a time per matrix.
 #pragma once
 
+#include <vorel/recordhandle.h>
+
 #include <cstdint>
-#include <memory>
 
 namespace vorel {
 
 class DataBatch;
 struct MatrixListwiseData;
+extern template class internal::RecordHandle<MatrixListwiseData>;
 
 class MatrixListwise {
  public:
   // An empty matrix: no columns, no rows, both sums 0.0, no regression weights.
   MatrixListwise();
-  MatrixListwise(const MatrixListwise& other);
-  MatrixListwise& operator=(const MatrixListwise& other);
-  MatrixListwise(MatrixListwise&& other) noexcept;
-  MatrixListwise& operator=(MatrixListwise&& other) noexcept;
-  ~MatrixListwise();
 
   // Adds a batch and spends it (see above). Once filled, every batch must have
   // the matrix's number of columns and regression weights exactly if it has.
@@ -82,7 +79,7 @@ class MatrixListwise {
   double CCP(unsigned row, unsigned col) const;
 
  private:
-  std::unique_ptr<MatrixListwiseData> _my;
+  internal::RecordHandle<MatrixListwiseData> _my;
 };
 
 }  // namespace vorel

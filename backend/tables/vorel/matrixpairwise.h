@@ -23,7 +23,7 @@
 // long"); failed allocations raise std::bad_alloc. Nothing is rolled back: an
 // exception out of operator+= leaves a matrix without a usable result.
 //
-// Ownership (settled here): the handle owns its record. The copy constructor
+// Ownership: the handle owns its record. The copy constructor
 // and operator= copy it deeply, missing code included (operator= is
 // self-assignment safe and leaves the target as it was if an allocation
 // fails); moves transfer it, and a moved-from matrix may only be destroyed or
@@ -35,15 +35,16 @@
 // is adding to it.
 #pragma once
 
+#include <vorel/recordhandle.h>
 #include <vorel/statrecords.h>
 
 #include <cstdint>
-#include <memory>
 
 namespace vorel {
 
 class DataBatch;
 struct MatrixPairwiseData;
+extern template class internal::RecordHandle<MatrixPairwiseData>;
 
 // Statistics of one column over the rows where it is not missing. All zero
 // while the column has no rows.
@@ -121,11 +122,6 @@ class MatrixPairwise {
  public:
   // An empty matrix whose cells equal to missingCode are missing.
   explicit MatrixPairwise(const double& missingCode);
-  MatrixPairwise(const MatrixPairwise& other);
-  MatrixPairwise& operator=(const MatrixPairwise& other);
-  MatrixPairwise(MatrixPairwise&& other) noexcept;
-  MatrixPairwise& operator=(MatrixPairwise&& other) noexcept;
-  ~MatrixPairwise();
 
   // Adds a batch, which is only read. Once filled, every batch must have the
   // matrix's number of columns and regression weights exactly if it has. An
@@ -154,7 +150,7 @@ class MatrixPairwise {
   PairStats Pair(unsigned row, unsigned col) const;
 
  private:
-  std::unique_ptr<MatrixPairwiseData> _my;
+  internal::RecordHandle<MatrixPairwiseData> _my;
 };
 
 }  // namespace vorel

@@ -35,37 +35,29 @@
 // "0. < WeightSum()", which is false for a sum of 0, a negative sum and NaN;
 // Max does not, and on a matrix that saw no rows it returns MaxInitial.
 //
-// Choices of this implementation:
-// - Copying a matrix copies its record deeply; moves take the record over and
-//   leave the source without one (it may then only be destroyed or assigned to).
-// - operator+=(MatrixBase&) asserts "d != nullptr" when `other` is not an
-//   NSMatrixListwise, instead of following a null pointer.
-// - CCP of two different columns of one set, which have no cell, asserts
-//   "lo < _my->_col1 && hi >= _my->_col1" instead of reading outside the store.
-// - The rectangle is indexed by int: more than 2^31 - 1 cells raise
-//   std::length_error ("vector<T> too long") at the first batch.
+// Copying a matrix copies its record deeply; moves take the record over and
+// leave the source without one (it may then only be destroyed or assigned to).
+// operator+=(MatrixBase&) with an object of another class fails the assertion
+// "d != nullptr". CCP of two different columns of one set, which have no cell,
+// fails "lo < _my->_col1 && hi >= _my->_col1". The rectangle is indexed by
+// int: more than 2^31 - 1 cells raise std::length_error ("vector<T> too long")
+// at the first batch.
 #pragma once
 
 #include <vorel/matrixbase.h>
-
-#include <memory>
+#include <vorel/recordhandle.h>
 
 namespace vorel {
 
 class DataBatch;
 class NSMatrixListwiseData;
+extern template class internal::RecordHandle<NSMatrixListwiseData>;
 
 class NSMatrixListwise : public MatrixBase {
  public:
   // A block over the batch columns [col0, col2), split at col1; the bounds
   // must satisfy col0 < col1 < col2.
   NSMatrixListwise(int col0, int col1, int col2);
-  ~NSMatrixListwise() override;
-
-  NSMatrixListwise(const NSMatrixListwise& other);
-  NSMatrixListwise& operator=(const NSMatrixListwise& other);
-  NSMatrixListwise(NSMatrixListwise&& other) noexcept;
-  NSMatrixListwise& operator=(NSMatrixListwise&& other) noexcept;
 
   using MatrixBase::operator+=;
   // Adds a batch; centres the block's columns in the batch itself.
@@ -98,7 +90,7 @@ class NSMatrixListwise : public MatrixBase {
   double CCP(int row, int col) const;
 
  private:
-  std::unique_ptr<NSMatrixListwiseData> _my;
+  internal::RecordHandle<NSMatrixListwiseData> _my;
 };
 
 }  // namespace vorel

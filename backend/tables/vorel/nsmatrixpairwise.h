@@ -38,7 +38,7 @@
 // that one column lies in each set: two columns of one set have no record.
 //
 // Merging (operator+= with a MatrixBase&): other must be an NSMatrixPairwise
-// (std::bad_cast otherwise) and is only read. An other without rows changes
+// (the assertion "d != nullptr" fails otherwise) and is only read. An other without rows changes
 // nothing. An empty target becomes a deep copy of other, bounds and missing
 // code included. Otherwise both must have the same number of columns and
 // agree in having regression weights; an other whose WeightSum() is exactly 0
@@ -54,25 +54,19 @@
 #pragma once
 
 #include <vorel/matrixbase.h>
+#include <vorel/recordhandle.h>
 #include <vorel/statrecords.h>
-
-#include <memory>
 
 namespace vorel {
 
 class DataBatch;
 struct NSMatrixPairwiseData;
+extern template class internal::RecordHandle<NSMatrixPairwiseData>;
 
 class NSMatrixPairwise : public MatrixBase {
  public:
   // The first set [col0, col1) and the second set [col1, col2).
   NSMatrixPairwise(double missingCode, int col0, int col1, int col2);
-  ~NSMatrixPairwise() override;
-
-  NSMatrixPairwise(const NSMatrixPairwise& other);
-  NSMatrixPairwise& operator=(const NSMatrixPairwise& other);
-  NSMatrixPairwise(NSMatrixPairwise&& other) noexcept;
-  NSMatrixPairwise& operator=(NSMatrixPairwise&& other) noexcept;
 
   // Every row given, missing cells or not.
   int NRows() const override;
@@ -103,7 +97,7 @@ class NSMatrixPairwise : public MatrixBase {
   PairStat& Pair(int row, int col) const;
 
  private:
-  std::unique_ptr<NSMatrixPairwiseData> _my;
+  internal::RecordHandle<NSMatrixPairwiseData> _my;
 };
 
 }  // namespace vorel

@@ -33,23 +33,21 @@
 // "0. < WeightSum()", which is false for a sum of 0, a negative sum and NaN;
 // Max does not, and on a matrix that saw no rows it returns MaxInitial.
 //
-// Choices of this implementation:
-// - Copying a matrix copies its record deeply; moves take the record over and
-//   leave the source without one (it may then only be destroyed or assigned to).
-// - operator+=(MatrixBase&) asserts "d != nullptr" when `other` is not an
-//   SMatrixListwise, instead of following a null pointer.
-// - The triangle is indexed by int: a block of more than 46340 columns raises
-//   std::length_error ("vector<T> too long") at its first batch.
+// Copying a matrix copies its record deeply; moves take the record over and
+// leave the source without one (it may then only be destroyed or assigned to).
+// operator+=(MatrixBase&) with an object of another class fails the assertion
+// "d != nullptr". The triangle is indexed by int: a block of more than 46340
+// columns raises std::length_error ("vector<T> too long") at its first batch.
 #pragma once
 
 #include <vorel/matrixbase.h>
-
-#include <memory>
+#include <vorel/recordhandle.h>
 
 namespace vorel {
 
 class DataBatch;
 class SMatrixListwiseData;
+extern template class internal::RecordHandle<SMatrixListwiseData>;
 
 class SMatrixListwise : public MatrixBase {
  public:
@@ -57,12 +55,6 @@ class SMatrixListwise : public MatrixBase {
   SMatrixListwise();
   // A block over the batch columns [col0, col2).
   SMatrixListwise(int col0, int col2);
-  ~SMatrixListwise() override;
-
-  SMatrixListwise(const SMatrixListwise& other);
-  SMatrixListwise& operator=(const SMatrixListwise& other);
-  SMatrixListwise(SMatrixListwise&& other) noexcept;
-  SMatrixListwise& operator=(SMatrixListwise&& other) noexcept;
 
   using MatrixBase::operator+=;
   // Adds a batch; centres the block's columns in the batch itself.
@@ -95,7 +87,7 @@ class SMatrixListwise : public MatrixBase {
   double CCP(int row, int col) const;
 
  private:
-  std::unique_ptr<SMatrixListwiseData> _my;
+  internal::RecordHandle<SMatrixListwiseData> _my;
 };
 
 }  // namespace vorel

@@ -36,7 +36,7 @@
 // empty record: NRows() 0, Mean() 0, Min() MinInitial, Max() MaxInitial.
 //
 // Merging (operator+= with a MatrixBase&): other must be an SMatrixPairwise
-// (std::bad_cast otherwise) and is only read. An other without rows changes
+// (the assertion "d != nullptr" fails otherwise) and is only read. An other without rows changes
 // nothing. An empty target becomes a deep copy of other, bounds and missing
 // code included. Otherwise both must have the same number of columns and
 // agree in having regression weights; an other whose WeightSum() is exactly 0
@@ -52,14 +52,14 @@
 #pragma once
 
 #include <vorel/matrixbase.h>
+#include <vorel/recordhandle.h>
 #include <vorel/statrecords.h>
-
-#include <memory>
 
 namespace vorel {
 
 class DataBatch;
 struct SMatrixPairwiseData;
+extern template class internal::RecordHandle<SMatrixPairwiseData>;
 
 class SMatrixPairwise : public MatrixBase {
  public:
@@ -67,12 +67,6 @@ class SMatrixPairwise : public MatrixBase {
   explicit SMatrixPairwise(double missingCode);
   // Covers the columns [col0, col2).
   SMatrixPairwise(double missingCode, int col0, int col2);
-  ~SMatrixPairwise() override;
-
-  SMatrixPairwise(const SMatrixPairwise& other);
-  SMatrixPairwise& operator=(const SMatrixPairwise& other);
-  SMatrixPairwise(SMatrixPairwise&& other) noexcept;
-  SMatrixPairwise& operator=(SMatrixPairwise&& other) noexcept;
 
   // Every row given, missing cells or not.
   int NRows() const override;
@@ -102,7 +96,7 @@ class SMatrixPairwise : public MatrixBase {
   PairStat& Pair(int row, int col) const;
 
  private:
-  std::unique_ptr<SMatrixPairwiseData> _my;
+  internal::RecordHandle<SMatrixPairwiseData> _my;
 };
 
 }  // namespace vorel

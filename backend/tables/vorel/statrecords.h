@@ -13,7 +13,7 @@
 // combined weight, frequency weight x regression weight, a missing factor
 // counting as 1.
 //
-// Ownership (settled here): a handle owns its record. The copy constructor and
+// Ownership: a handle owns its record. The copy constructor and
 // operator= copy the record, so two handles never share one; moves transfer it.
 // A moved-from handle may only be destroyed or assigned to.
 //

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "storelimits.h"
+#include "common/storelimits.h"
 
 namespace vorel::internal {
 

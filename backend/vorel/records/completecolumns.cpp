@@ -7,10 +7,7 @@
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
-namespace vorel {
-
-// The kernels.
-using namespace internal;
+namespace vorel::internal {
 namespace {
 
 // Whether any of the n cells compares equal to code (a NaN code never does).
@@ -22,8 +19,8 @@ bool HasCell(const double* x, int n, double code) {
 #if defined(__SSE2__)
   const __m128d c = _mm_set1_pd(code);
   for (; i + 8 <= n; i += 8) {
-    const __m128d a = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i), c),
-                                _mm_cmpeq_pd(_mm_loadu_pd(x + i + 2), c));
+    const __m128d a =
+        _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i), c), _mm_cmpeq_pd(_mm_loadu_pd(x + i + 2), c));
     const __m128d b = _mm_or_pd(_mm_cmpeq_pd(_mm_loadu_pd(x + i + 4), c),
                                 _mm_cmpeq_pd(_mm_loadu_pd(x + i + 6), c));
     if (_mm_movemask_pd(_mm_or_pd(a, b)) != 0) return true;
@@ -59,8 +56,8 @@ BatchTotals TotalsOf(const DataBatch& data, int n) {
   return t;
 }
 
-void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, int first,
-                             int count, double missingCode, Pairs pairs, int split, bool extremes,
+void CompleteColumns::Reduce(const DataBatch& data, const BatchTotals& totals, int first, int count,
+                             double missingCode, Pairs pairs, int split, bool extremes,
                              int minimum) {
   const int n = static_cast<int>(data.NRows());
   _slot.assign(static_cast<std::size_t>(count), -1);
@@ -184,4 +181,4 @@ const PairFigures& ScatteredPairs::Pair(int a, int b) const {
   return _figures[ia * (static_cast<std::size_t>(_count) - split) + (ib - split)];
 }
 
-}  // namespace vorel
+}  // namespace vorel::internal

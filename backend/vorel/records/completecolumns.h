@@ -28,7 +28,7 @@
 
 #include "kernels/crossproducts.h"
 
-namespace vorel {
+namespace vorel::internal {
 
 // A batch's totals over all its rows: the weights, and the weights times the
 // regression weights (the weights alone without regression weights). A
@@ -164,4 +164,4 @@ void TakePairFigures(Record& r, const internal::PairFigures& f) {
   r.cscp = f.cscp;
 }
 
-}  // namespace vorel
+}  // namespace vorel::internal

@@ -6,34 +6,22 @@
 // Init reduces one batch in two passes over a compressed copy of the kept
 // cells in work; it writes the record only after the compression, the one
 // step that allocates. Update folds o into t by the update formula on means
-// and corrected sums; o may be t itself. Internal to the library.
+// and corrected sums (updateformula.h); o may be t itself, since every figure
+// of o is read before t changes. Internal to the library.
 #pragma once
 
 #include <vorel/statrecords.h>
 
 #include "kernels/columnkernels.h"
+#include "updateformula.h"
 
-namespace vorel::pairwise {
-
-using namespace vorel::internal;
+namespace vorel::internal {
 
 template <typename Record>
 concept HasExtremes = requires(Record r) {
   r.min;
   r.max;
 };
-
-// One side's corrected sum after a merge: ((tw dt dt2 + other) + ow eo eo2) + this.
-inline double MergedSum(double tw, double dt, double dt2, double otherSum, double ow, double eo,
-                        double eo2, double thisSum) {
-  // Deliberate order: the four terms are added left to right, each product from the left.
-  // clang-format off
-  return ((tw * dt * dt2
-           + otherSum)
-          + ow * eo * eo2)
-         + thisSum;
-  // clang-format on
-}
 
 template <typename Record>
 void InitVar(Record& r, const double* x, const double* weights, const double* regWeights,
@@ -59,19 +47,14 @@ void UpdateVar(Record& t, const Record& o) {
   if (o.nRows == 0) return;
   const double tw = t.regWeightSum;
   const double ow = o.regWeightSum;
-  const double om = o.mean;
-  const double d = MeanShift(t.mean, tw, om, ow);
-  const double newMean = t.mean + d;
-  const double e = om - newMean;
-  t.css = MergedSum(tw, d, d, o.css, ow, e, e, t.css);
-  t.mean = newMean;
-  t.weightSum += o.weightSum;
-  t.regWeightSum = tw + ow;
-  t.nRows += o.nRows;
+  const JoinedMean m = JoinMeans(t.mean, tw, o.mean, ow);
+  const double e = o.mean - m.mean;
+  t.css = JoinSumsWeightFirst(tw, m.shift, m.shift, o.css, ow, e, e, t.css);
+  t.mean = m.mean;
+  JoinTotals(t, o);
   if constexpr (HasExtremes<Record>) {
-    // Ties and NaN hand the extreme to o; only a strictly better one stays.
-    if (!(o.min > t.min)) t.min = o.min;
-    if (!(o.max < t.max)) t.max = o.max;
+    t.min = JoinMinimumTakingTies(t.min, o.min);
+    t.max = JoinMaximumTakingTies(t.max, o.max);
   }
 }
 
@@ -98,20 +81,16 @@ void UpdatePair(Record& t, const Record& o) {
   if (o.nRows == 0) return;
   const double tw = t.regWeightSum;
   const double ow = o.regWeightSum;
-  const double om0 = o.mean0;
-  const double om1 = o.mean1;
-  const double d0 = MeanShift(t.mean0, tw, om0, ow);
-  t.mean0 += d0;
-  const double e0 = om0 - t.mean0;
-  const double d1 = MeanShift(t.mean1, tw, om1, ow);
-  t.mean1 += d1;
-  const double e1 = om1 - t.mean1;
-  t.css0 = MergedSum(tw, d0, d0, o.css0, ow, e0, e0, t.css0);
-  t.css1 = MergedSum(tw, d1, d1, o.css1, ow, e1, e1, t.css1);
-  t.cscp = MergedSum(tw, d0, d1, o.cscp, ow, e0, e1, t.cscp);
-  t.weightSum += o.weightSum;
-  t.regWeightSum = tw + ow;
-  t.nRows += o.nRows;
+  const JoinedMean m0 = JoinMeans(t.mean0, tw, o.mean0, ow);
+  const JoinedMean m1 = JoinMeans(t.mean1, tw, o.mean1, ow);
+  const double e0 = o.mean0 - m0.mean;
+  const double e1 = o.mean1 - m1.mean;
+  t.css0 = JoinSumsWeightFirst(tw, m0.shift, m0.shift, o.css0, ow, e0, e0, t.css0);
+  t.css1 = JoinSumsWeightFirst(tw, m1.shift, m1.shift, o.css1, ow, e1, e1, t.css1);
+  t.cscp = JoinSumsWeightFirst(tw, m0.shift, m1.shift, o.cscp, ow, e0, e1, t.cscp);
+  t.mean0 = m0.mean;
+  t.mean1 = m1.mean;
+  JoinTotals(t, o);
 }
 
-}  // namespace vorel::pairwise
+}  // namespace vorel::internal

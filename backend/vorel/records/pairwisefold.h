@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "kernels/columnkernels.h"
+#include "common/storelimits.h"
 #include "completecolumns.h"
-#include "matrixrowcount.h"
 
-namespace vorel {
+namespace vorel::internal {
 
 // Adds a batch's totals to a matrix's, whatever the batch's cells hold.
 // Without regression weights the combined total is the plain total, so it is
@@ -79,7 +79,7 @@ inline void FoldPair(const DataBatch& data, int first, int second, int a, int b,
 
 // count new records in their empty state, each a heap object of its own. A
 // negative count (from bounds the caller got wrong) or one beyond what an int
-// index reaches throws std::length_error.
+// index reaches is refused as too long.
 template <class Stat>
 std::vector<std::unique_ptr<Stat>> NewStats(long long count) {
   const std::size_t size = CheckedTableCells(count);
@@ -90,14 +90,46 @@ std::vector<std::unique_ptr<Stat>> NewStats(long long count) {
   return stats;
 }
 
-// A store of copies that shares no record with from.
+// A store of records, each a heap object of its own that the store owns. A
+// copy holds copies that share no record with the source.
 template <class Stat>
-std::vector<std::unique_ptr<Stat>> CopyStats(const std::vector<std::unique_ptr<Stat>>& from) {
-  std::vector<std::unique_ptr<Stat>> copies;
-  copies.reserve(from.size());
-  for (const auto& stat : from)
-    copies.push_back(std::unique_ptr<Stat>(stat->Copy()));
-  return copies;
-}
+class OwnedStats : public std::vector<std::unique_ptr<Stat>> {
+  using Records = std::vector<std::unique_ptr<Stat>>;
 
-}  // namespace vorel
+ public:
+  OwnedStats() = default;
+  OwnedStats(Records records) : Records(std::move(records)) {}  // NOLINT: takes the records over
+  OwnedStats(const OwnedStats& other) : Records(CopiesOf(other)) {}
+  OwnedStats& operator=(const OwnedStats& other) {
+    if (this != &other) Records::operator=(CopiesOf(other));
+    return *this;
+  }
+  OwnedStats(OwnedStats&&) noexcept = default;
+  OwnedStats& operator=(OwnedStats&&) noexcept = default;
+  ~OwnedStats() = default;
+
+ private:
+  static Records CopiesOf(const Records& from) {
+    Records copies;
+    copies.reserve(from.size());
+    for (const auto& stat : from)
+      copies.push_back(std::make_unique<Stat>(*stat));
+    return copies;
+  }
+};
+
+// Scratch that an object keeps between calls: a copy of the object starts
+// with fresh scratch of its own, and assigning the object leaves its scratch
+// alone.
+template <class T>
+class Scratch : public T {
+ public:
+  Scratch() = default;
+  Scratch(const Scratch&) : T() {}
+  Scratch& operator=(const Scratch&) { return *this; }
+  Scratch(Scratch&&) noexcept = default;
+  Scratch& operator=(Scratch&&) noexcept = default;
+  ~Scratch() = default;
+};
+
+}  // namespace vorel::internal

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace vorel {
+namespace vorel::internal {
 
 class MeansScratch {
  public:
@@ -23,4 +23,4 @@ class MeansScratch {
   std::vector<double> _heap;
 };
 
-}  // namespace vorel
+}  // namespace vorel::internal
