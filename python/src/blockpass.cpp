@@ -171,6 +171,7 @@ class BlockReducer {
     if (_settings.pairwise) skip = _settings.pairwiseCode;
     for (unsigned c = 0; c < _settings.nColumns; ++c)
       extremes.Add(c, batch.Column(c), batch.NRows(), skip);
+    if (_settings.pairwise) extremes.AddPairs(batch, _settings.pairwiseCode);
   }
 
   // One matrix per group of the block, over its complete rows in row order.

@@ -39,11 +39,12 @@ void SetColumn(Figures& f, std::size_t c, std::uint64_t n, double w, double mean
   f.corr[diagonal] = css > 0.0 ? 1.0 : kNaN;
 }
 
-// The pair figures of columns i != j from the rows they share.
+// The pair figures of columns i != j from the rows they share; constant: one
+// of the two holds one value on those rows.
 void SetPair(Figures& f, std::size_t i, std::size_t j, double w, double cscp, double css0,
-             double css1, double ddof) {
+             double css1, bool constant, double ddof) {
   const std::size_t cell = i * f.nColumns + j;
-  if (Constant(f, i) || Constant(f, j)) {
+  if (constant) {
     f.cov[cell] = w - ddof > 0.0 ? 0.0 : kNaN;
     return;
   }
@@ -62,12 +63,20 @@ void FromListwise(const vorel::MatrixListwise& m, double ddof, Figures& f) {
     SetColumn(f, i, m.NRows(), w, m.Mean(i), m.CCP(i, i), ddof);
   for (unsigned i = 0; i < f.nColumns; ++i) {
     for (unsigned j = 0; j < f.nColumns; ++j) {
-      if (i != j) SetPair(f, i, j, w, m.CCP(i, j), m.CCP(i, i), m.CCP(j, j), ddof);
+      if (i != j)
+        SetPair(f, i, j, w, m.CCP(i, j), m.CCP(i, i), m.CCP(j, j), Constant(f, i) || Constant(f, j),
+                ddof);
     }
   }
 }
 
-void FromPairwise(const vorel::MatrixPairwise& m, double ddof, Figures& f) {
+// Column i holds one finite value on the rows of the pair (i, j), and no NaN anywhere.
+bool ConstantOnPair(const Extremes& e, std::size_t i, std::size_t j) {
+  const std::size_t at = i * e.minima.size() + j;
+  return e.pairMinima[at] == e.pairMaxima[at] && std::isfinite(e.pairMinima[at]) && !e.nan[i];
+}
+
+void FromPairwise(const vorel::MatrixPairwise& m, const Extremes& e, double ddof, Figures& f) {
   const std::size_t k = f.nColumns;
   f.weightSum = m.WeightSum();
   f.pairN.assign(k * k, 0);
@@ -89,7 +98,8 @@ void FromPairwise(const vorel::MatrixPairwise& m, double ddof, Figures& f) {
       // The pair's column 0 is its higher-numbered column.
       const double cssI = i > j ? pair.CSS0() : pair.CSS1();
       const double cssJ = i > j ? pair.CSS1() : pair.CSS0();
-      SetPair(f, i, j, pair.WeightSum(), pair.CSCP(), cssI, cssJ, ddof);
+      SetPair(f, i, j, pair.WeightSum(), pair.CSCP(), cssI, cssJ,
+              ConstantOnPair(e, i, j) || ConstantOnPair(e, j, i), ddof);
     }
   }
 }
@@ -147,7 +157,7 @@ Figures MakeFigures(const Settings& settings, const Tally& tally,
     if (std::isinf(f.min[c]) && f.min[c] > f.max[c]) f.min[c] = f.max[c] = kNaN;
   }
   if (tally.listwise) FromListwise(*tally.listwise, ddof, f);
-  if (tally.pairwise) FromPairwise(*tally.pairwise, ddof, f);
+  if (tally.pairwise) FromPairwise(*tally.pairwise, tally.extremes, ddof, f);
   if (settings.grouped) FromGroups(tally.groups, groupOrder, ddof, f);
   return f;
 }

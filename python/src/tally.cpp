@@ -40,8 +40,12 @@ void RowCounts::Add(const RowCounts& other) {
   withoutGroup += other.withoutGroup;
 }
 
-Extremes::Extremes(unsigned nColumns)
-    : minima(nColumns, kInf), maxima(nColumns, -kInf), nan(nColumns, 0) {}
+Extremes::Extremes(unsigned nColumns, bool pairwise)
+    : minima(nColumns, kInf),
+      maxima(nColumns, -kInf),
+      nan(nColumns, 0),
+      pairMinima(pairwise ? std::size_t{nColumns} * nColumns : 0, kInf),
+      pairMaxima(pairMinima.size(), -kInf) {}
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
   // Plain comparisons in lanes that the compiler keeps in vector registers: a
@@ -95,15 +99,40 @@ void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<
   maxima[c] = Below(maxima[c], high) ? high : maxima[c];
 }
 
+void Extremes::AddPairs(const vorel::DataBatch& batch, double code) {
+  const unsigned k = batch.NColumns(), n = batch.NRows();
+  for (unsigned i = 0; i < k; ++i) {
+    const double* xi = batch.Column(i);
+    for (unsigned j = 0; j < k; ++j) {
+      const std::size_t at = std::size_t{i} * k + j;
+      double lo = pairMinima[at], hi = pairMaxima[at];
+      if (i == j || lo < hi) continue;
+      const double* xj = batch.Column(j);
+      for (unsigned r = 0; r < n && !(lo < hi); ++r) {
+        // Compared exactly, on purpose: equality with the code is what makes a cell missing.
+        if (xi[r] == code || xj[r] == code) continue;
+        if (Below(xi[r], lo)) lo = xi[r];
+        if (Below(hi, xi[r])) hi = xi[r];
+      }
+      pairMinima[at] = lo;
+      pairMaxima[at] = hi;
+    }
+  }
+}
+
 void Extremes::Add(const Extremes& other) {
   for (std::size_t c = 0; c < minima.size(); ++c) {
     if (Below(other.minima[c], minima[c])) minima[c] = other.minima[c];
     if (Below(maxima[c], other.maxima[c])) maxima[c] = other.maxima[c];
     nan[c] |= other.nan[c];
   }
+  for (std::size_t at = 0; at < pairMinima.size(); ++at) {
+    if (Below(other.pairMinima[at], pairMinima[at])) pairMinima[at] = other.pairMinima[at];
+    if (Below(pairMaxima[at], other.pairMaxima[at])) pairMaxima[at] = other.pairMaxima[at];
+  }
 }
 
-Tally::Tally(const Settings& settings) : extremes(settings.nColumns) {
+Tally::Tally(const Settings& settings) : extremes(settings.nColumns, settings.pairwise) {
   if (settings.pairwise) {
     pairwise.emplace(settings.pairwiseCode);
   } else {

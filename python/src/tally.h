@@ -4,6 +4,7 @@
 // tally of all of them; merged in a fixed order they give the same bits.
 #pragma once
 
+#include <vorel/databatch.h>
 #include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
 
@@ -39,10 +40,17 @@ struct RowCounts {
 struct Extremes {
   std::vector<double> minima, maxima;
   std::vector<char> nan;
+  // Pairwise deletion: at k i + j, the extremes of column i over the rows where
+  // columns i and j are both present, for i != j. A column may be constant on
+  // a pair's rows and not elsewhere. Only whether they are one value matters,
+  // so a pair is no longer looked at once it has two.
+  std::vector<double> pairMinima, pairMaxima;
 
-  explicit Extremes(unsigned nColumns);
+  Extremes(unsigned nColumns, bool pairwise);
   // Folds in n cells of column c, skipping those equal to skip when given.
   void Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip);
+  // Folds in the pairs of a batch whose missing cells equal code.
+  void AddPairs(const vorel::DataBatch& batch, double code);
   void Add(const Extremes& other);
 };
 

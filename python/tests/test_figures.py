@@ -254,3 +254,12 @@ def test_wide_table_on_more_threads_than_blocks(rng):
     assert vorel._core.block_rows(1200) < 700  # two blocks, and a batch of a few MB
     r = vorel.describe(x, threads=64)
     np.testing.assert_allclose(r.cov, np.cov(x, rowvar=False), rtol=0, atol=1e-13)
+
+
+def test_a_column_constant_on_a_pairs_rows_only():
+    # Column a varies, but on the rows where b is present it is 0.1 throughout.
+    a = np.array([0.1, 0.1, 0.1, 5.0] * 2000)
+    b = np.array([1.0, 2.0, 4.0, np.nan] * 2000)
+    r = vorel.describe(np.column_stack([a, b]), deletion="pairwise")
+    assert r.cov[0, 1] == 0.0 and math.isnan(r.corr[0, 1]) and r.pair_n[0, 1] == 6000
+    assert r.std[0] > 0 and r.corr[0, 0] == 1.0
