@@ -48,7 +48,7 @@ def test_repeated_calls_keep_no_references_and_no_memory(rng):
 
 
 def test_other_threads_run_while_describe_computes(rng):
-    x = rng.normal(size=(2_000_000, 20))
+    x = rng.normal(size=(1_000_000, 20))
     ticks = []
     done = threading.Event()
 
@@ -62,7 +62,7 @@ def test_other_threads_run_while_describe_computes(rng):
     try:
         time.sleep(0.05)
         start = time.perf_counter()
-        vorel.describe(x, threads=1)
+        vorel.describe(x, deletion="pairwise", threads=1)
         end = time.perf_counter()
     finally:
         done.set()
