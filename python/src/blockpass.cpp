@@ -79,11 +79,13 @@ class BlockReducer {
     const unsigned k = _settings.nColumns;
     _reader.ToColumns(_blockRows, _whole.Column(0), _blockRows);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
-    for (unsigned c = 0; c < k; ++c)
-      MarkColumn(_whole.Column(c));
+    for (unsigned c = 0; c < k; ++c) {
+      // Listwise, one missing cell sends the block row by row.
+      if (!_settings.pairwise && HasMissing(_whole.Column(c))) return false;
+      if (_settings.pairwise) MarkColumn(_whole.Column(c));
+    }
     const auto nIncomplete =
         static_cast<std::uint64_t>(std::count(_incomplete.begin(), _incomplete.end(), 1));
-    if (nIncomplete != 0 && !_settings.pairwise) return false;
     if (weights) std::copy(weights, weights + _blockRows, _whole.Weights());
     counts.rows += _blockRows;
     counts.incomplete += nIncomplete;
@@ -99,18 +101,25 @@ class BlockReducer {
     return true;
   }
 
-  // Notes the rows with a missing cell in column x and, for a pairwise
-  // matrix with NaN as the missing mark, puts the stand-in code in its NaN cells.
+  bool HasMissing(const double* x) const {
+    bool missing = false;
+    if (_table.missing.nan) {
+      for (std::size_t r = 0; r < _blockRows; ++r)
+        missing |= x[r] != x[r];
+    } else {
+      for (std::size_t r = 0; r < _blockRows; ++r)
+        missing |= x[r] == _table.missing.code;
+    }
+    return missing;
+  }
+
+  // Notes the rows with a missing cell in column x and, with NaN as the
+  // missing mark, puts the pairwise matrix's stand-in code in its NaN cells.
   void MarkColumn(double* x) {
     const double code = _settings.pairwiseCode;
     if (!_table.missing.nan) {
       for (std::size_t r = 0; r < _blockRows; ++r)
-        _incomplete[r] |= static_cast<unsigned char>(x[r] == _table.missing.code);
-      return;
-    }
-    if (!_settings.pairwise) {
-      for (std::size_t r = 0; r < _blockRows; ++r)
-        _incomplete[r] |= static_cast<unsigned char>(std::isnan(x[r]));
+        _incomplete[r] |= static_cast<unsigned char>(x[r] == code);
       return;
     }
     bool standIn = false;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 namespace vorelpy {
 namespace {
@@ -133,10 +134,10 @@ const double* RowReader::Row(std::size_t r) {
 void RowReader::ToColumns(std::size_t n, double* out, std::size_t columnStride) const {
   const std::size_t k = _table.columns.size();
   if (_rows != nullptr) {
-    // Eight rows at a time, so that each column receives whole cache lines.
+    // Eight rows at a time, so that each column receives whole cache lines;
+    // a tile of a fixed size, so that its loop is laid out flat.
     constexpr std::size_t kTile = 8;
-    for (std::size_t r0 = 0; r0 < n; r0 += kTile) {
-      const std::size_t tile = std::min(kTile, n - r0);
+    const auto copyTile = [&](std::size_t r0, auto tile) {
       const double* rows = _rows + static_cast<std::ptrdiff_t>(_first + r0) * _rowStep;
       for (std::size_t c = 0; c < k; ++c) {
         double* column = out + c * columnStride + r0;
@@ -144,7 +145,11 @@ void RowReader::ToColumns(std::size_t n, double* out, std::size_t columnStride) 
         for (std::size_t i = 0; i < tile; ++i)
           column[i] = cells[static_cast<std::ptrdiff_t>(i) * _rowStep];
       }
-    }
+    };
+    std::size_t r0 = 0;
+    for (; r0 + kTile <= n; r0 += kTile)
+      copyTile(r0, std::integral_constant<std::size_t, kTile>());
+    if (r0 < n) copyTile(r0, n - r0);
     return;
   }
   for (std::size_t c = 0; c < k; ++c) {

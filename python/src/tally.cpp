@@ -47,11 +47,47 @@ Extremes::Extremes(unsigned nColumns, bool pairwise)
       pairMinima(pairwise ? std::size_t{nColumns} * nColumns : 0, kInf),
       pairMaxima(pairMinima.size(), -kInf) {}
 
+constexpr unsigned kLanes = 8;
+
+// Running extremes of x in kLanes lanes that the compiler keeps in vector
+// registers: plain comparisons, which a NaN cell loses (it is noted instead);
+// with kSkip a cell equal to code is replaced by a value that cannot win.
+template <bool kSkip>
+void LaneExtremes(const double* x, unsigned n, double code, double (&lanesLo)[kLanes],
+                  double (&lanesHi)[kLanes], double (&lanesNaN)[kLanes]) {
+  double lo[kLanes], hi[kLanes], nans[kLanes];
+  for (unsigned l = 0; l < kLanes; ++l) {
+    lo[l] = lanesLo[l];
+    hi[l] = lanesHi[l];
+    nans[l] = lanesNaN[l];
+  }
+  unsigned r = 0;
+  for (; r + kLanes <= n; r += kLanes) {
+    for (unsigned l = 0; l < kLanes; ++l) {
+      const double v = x[r + l];
+      // Compared exactly, on purpose: equality with the code makes a cell missing.
+      const double forMin = kSkip && v == code ? kInf : v;
+      const double forMax = kSkip && v == code ? -kInf : v;
+      lo[l] = forMin < lo[l] ? forMin : lo[l];
+      hi[l] = forMax > hi[l] ? forMax : hi[l];
+      nans[l] = v != v ? 1.0 : nans[l];
+    }
+  }
+  for (; r < n; ++r) {
+    const double v = x[r];
+    if (kSkip && v == code) continue;
+    lo[0] = v < lo[0] ? v : lo[0];
+    hi[0] = v > hi[0] ? v : hi[0];
+    nans[0] = v != v ? 1.0 : nans[0];
+  }
+  for (unsigned l = 0; l < kLanes; ++l) {
+    lanesLo[l] = lo[l];
+    lanesHi[l] = hi[l];
+    lanesNaN[l] = nans[l];
+  }
+}
+
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
-  // Plain comparisons in lanes that the compiler keeps in vector registers: a
-  // NaN cell loses every comparison (and is noted), a skipped cell is replaced
-  // by a value that cannot win. The order of -0 and +0 is settled afterwards.
-  constexpr unsigned kLanes = 8;
   const double code = skip ? *skip : kInf;
   const bool skipping = skip.has_value();
   double lo[kLanes], hi[kLanes], nans[kLanes];
@@ -60,25 +96,10 @@ void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<
     hi[l] = maxima[c];
     nans[l] = 0.0;
   }
-  unsigned r = 0;
-  for (; r + kLanes <= n; r += kLanes) {
-    for (unsigned l = 0; l < kLanes; ++l) {
-      const double v = x[r + l];
-      // Compared exactly, on purpose: equality with the code makes a cell missing.
-      const bool missing = skipping & (v == code);
-      const double forMin = missing ? kInf : v;
-      const double forMax = missing ? -kInf : v;
-      lo[l] = forMin < lo[l] ? forMin : lo[l];
-      hi[l] = forMax > hi[l] ? forMax : hi[l];
-      nans[l] = v != v ? 1.0 : nans[l];
-    }
-  }
-  for (; r < n; ++r) {
-    const double v = x[r];
-    if (skipping && v == code) continue;
-    lo[0] = v < lo[0] ? v : lo[0];
-    hi[0] = v > hi[0] ? v : hi[0];
-    nans[0] = v != v ? 1.0 : nans[0];
+  if (skipping) {
+    LaneExtremes<true>(x, n, code, lo, hi, nans);
+  } else {
+    LaneExtremes<false>(x, n, code, lo, hi, nans);
   }
   double low = lo[0], high = hi[0];
   for (unsigned l = 0; l < kLanes; ++l) {
