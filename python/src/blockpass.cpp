@@ -61,7 +61,12 @@ class BlockReducer {
  private:
   void AddBatch(vorel::DataBatch& batch, Tally& tally) {
     if (batch.NRows() == 0) return;
-    AddExtremes(batch, tally.extremes);
+    if (_measured) {
+      tally.extremes.Add(*_measured);
+      _measured.reset();
+    } else {
+      AddExtremes(batch, tally.extremes);
+    }
     if (_settings.grouped) AddGroups(batch, tally.groups);
     // Last: a listwise matrix centres the batch's columns in place.
     if (tally.listwise) *tally.listwise += batch;
@@ -79,8 +84,19 @@ class BlockReducer {
     const unsigned k = _settings.nColumns;
     _reader.ToColumns(_blockRows, _whole.Column(0), _blockRows);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
-    for (unsigned c = 0; c < k; ++c) {
-      // Listwise, one missing cell sends the block row by row.
+    if (!_settings.pairwise && _table.missing.nan) {
+      // Listwise, one missing cell sends the block row by row; a NaN cell is
+      // one, and the pass for the extremes notes it anyway.
+      _measured.emplace(k, false);
+      for (unsigned c = 0; c < k; ++c) {
+        _measured->Add(c, _whole.Column(c), static_cast<unsigned>(_blockRows), std::nullopt);
+        if (_measured->nan[c]) {
+          _measured.reset();
+          return false;
+        }
+      }
+    }
+    for (unsigned c = 0; c < k && !_measured; ++c) {
       if (!_settings.pairwise && HasMissing(_whole.Column(c))) return false;
       if (_settings.pairwise) MarkColumn(_whole.Column(c));
     }
@@ -216,6 +232,7 @@ class BlockReducer {
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
   std::vector<unsigned char> _incomplete;                     // per row of _whole
+  std::optional<Extremes> _measured;  // of _whole, when taking it found them
   bool _sawStandIn = false;
 };
 

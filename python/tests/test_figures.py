@@ -217,8 +217,8 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
     assert frames["columns"].loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
 
 
-@pytest.mark.parametrize("case", ["C", "F", "frame", "frame block", "weights", "pairwise NaN",
-                                  "pairwise code", "groups"])
+@pytest.mark.parametrize("case", ["C", "F", "frame", "frame block", "weights", "listwise NaN",
+                                  "pairwise NaN", "pairwise code", "groups"])
 def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     # Blocks whose rows all count are written into the batch column by column;
     # the figures must be those of adding the same rows one at a time.
@@ -240,6 +240,8 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
         args.update(deletion="pairwise", missing=-5.0 if case == "pairwise code" else np.nan)
     if case == "groups":
         args["groups"] = rng.integers(-1, 4, size=n)
+    if case == "listwise NaN":  # one block goes row by row, the others whole
+        x[n // 2, 3] = np.nan
     try:
         whole = vorel.describe(x, **args)
         vorel._core._use_whole_blocks(False)
