@@ -67,6 +67,7 @@ class BlockReducer {
     } else {
       AddExtremes(batch, tally.extremes);
     }
+    if (_settings.pairwise) tally.extremes.AddPairs(batch, _settings.pairwiseCode);
     if (_settings.grouped) AddGroups(batch, tally.groups);
     // Last: a listwise matrix centres the batch's columns in place.
     if (tally.listwise) *tally.listwise += batch;
@@ -94,6 +95,16 @@ class BlockReducer {
           _measured.reset();
           return false;
         }
+      }
+    }
+    if (_settings.pairwise && _table.missing.nan) {
+      // The extremes before the NaN cells become the stand-in code: a NaN
+      // loses every comparison, and is here a missing cell, not a value.
+      _measured.emplace(k, false);
+      for (unsigned c = 0; c < k; ++c) {
+        _measured->Add(c, _whole.Column(c), static_cast<unsigned>(_blockRows), std::nullopt);
+        _measured->nan[c] = 0;
+        MarkColumn(_whole.Column(c));
       }
     }
     for (unsigned c = 0; c < k && !_measured; ++c) {
@@ -196,7 +207,6 @@ class BlockReducer {
     if (_settings.pairwise) skip = _settings.pairwiseCode;
     for (unsigned c = 0; c < _settings.nColumns; ++c)
       extremes.Add(c, batch.Column(c), batch.NRows(), skip);
-    if (_settings.pairwise) extremes.AddPairs(batch, _settings.pairwiseCode);
   }
 
   // One matrix per group of the block, over its complete rows in row order.

@@ -147,7 +147,7 @@ void Extremes::Add(const Extremes& other) {
     if (Below(maxima[c], other.maxima[c])) maxima[c] = other.maxima[c];
     nan[c] |= other.nan[c];
   }
-  for (std::size_t at = 0; at < pairMinima.size(); ++at) {
+  for (std::size_t at = 0; at < other.pairMinima.size(); ++at) {
     if (Below(other.pairMinima[at], pairMinima[at])) pairMinima[at] = other.pairMinima[at];
     if (Below(pairMaxima[at], other.pairMaxima[at])) pairMaxima[at] = other.pairMaxima[at];
   }

@@ -51,6 +51,7 @@ struct Extremes {
   void Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip);
   // Folds in the pairs of a batch whose missing cells equal code.
   void AddPairs(const vorel::DataBatch& batch, double code);
+  // Folds in other, whose pairs, if it has none, are left as they are.
   void Add(const Extremes& other);
 };
 
