@@ -1,6 +1,7 @@
 // Everything the library exports, in one include.
 #pragma once
 
+#include <vorel/blocktree.h>
 #include <vorel/databatch.h>
 #include <vorel/databatchbygroup.h>
 #include <vorel/DiscriminantMatrix.h>

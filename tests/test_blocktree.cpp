@@ -1,0 +1,296 @@
+// The reproducible reduction: every result class gives the bits of the fixed
+// tree for any arrival order, thread count and split of the blocks into
+// parts, where the arrival order of plain merging shows in the last bits.
+#include <vorel/blocktree.h>
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <numeric>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "blocktree_support.h"
+
+namespace vorel::testing::blocktree {
+namespace {
+
+using ResultTypes = ::testing::Types<MatrixListwise, MatrixPairwise, SMatrixListwise,
+                                     NSMatrixListwise, SMatrixPairwise, NSMatrixPairwise,
+                                     DiscriminantMatrix, DiscIndividualMatrix, ListwiseBlocks>;
+
+// 45 blocks (binary 101101, so the final sum adds four runs), the last one
+// short.
+constexpr std::size_t kBlockRows = 23;
+const Table& Rows() {
+  static const Table t = OrderSensitiveTable(2026, 44 * kBlockRows + 13);
+  return t;
+}
+
+template <class R>
+class BlockTreeOrder : public ::testing::Test {};
+TYPED_TEST_SUITE(BlockTreeOrder, ResultTypes);
+
+// Blocks handed to the tree in shuffled orders give the bits of the tree as
+// written out; merging them in arrival order, as Driver's workers do, does not.
+TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
+  using R = TypeParam;
+  const Grid grid{Rows(), kBlockRows};
+  const std::vector<double> reference = TreeReference<R>(grid);
+  std::vector<std::uint64_t> order(grid.Blocks());
+  std::iota(order.begin(), order.end(), 0);
+  std::vector<std::vector<double>> arrivalFigures;
+  for (unsigned trial = 0; trial < 6; ++trial) {
+    SCOPED_TRACE(::testing::Message() << "order " << trial);
+    if (trial == 1) std::reverse(order.begin(), order.end());
+    if (trial > 1) std::shuffle(order.begin(), order.end(), std::mt19937(trial));
+    BlockTree<R> tree(Kind<R>::Fresh);
+    for (std::size_t i = 0; i < order.size(); ++i)
+      tree.NextBlock();
+    R arrival = Kind<R>::Fresh();
+    for (const std::uint64_t block : order) {
+      R reduced = ReduceBlock<R>(grid, block);
+      arrival += reduced;
+      tree.AddBlock(block, ReduceBlock<R>(grid, block));
+    }
+    EXPECT_TRUE(SameBitsAs(Figures(tree.Finish()), reference));
+    arrivalFigures.push_back(Figures(arrival));
+  }
+  const auto sameAsFirst = [&](const std::vector<double>& f) {
+    return SameFigures(f, arrivalFigures[0]);
+  };
+  EXPECT_FALSE(std::all_of(arrivalFigures.begin(), arrivalFigures.end(), sameAsFirst))
+      << "the data do not show the order of the merges";
+}
+
+// The level and index of each node, in block order.
+template <class R>
+std::vector<std::pair<unsigned, std::uint64_t>> Keys(const BlockForest<R>& forest) {
+  std::vector<std::pair<unsigned, std::uint64_t>> keys;
+  for (const auto& node : forest.Nodes())
+    keys.emplace_back(node.level, node.index);
+  return keys;
+}
+
+// The nodes of a whole pass over n blocks: one per binary digit of n, the
+// largest run first.
+std::vector<std::pair<unsigned, std::uint64_t>> WholePassKeys(std::uint64_t n) {
+  std::vector<std::pair<unsigned, std::uint64_t>> keys;
+  std::uint64_t first = 0;
+  for (unsigned level = 64; level-- > 0;) {
+    if ((n >> level & 1) == 0) continue;
+    keys.emplace_back(level, first >> level);
+    first += std::uint64_t{1} << level;
+  }
+  return keys;
+}
+
+// Cuts [0, n) at the given points: parts [cut[i], cut[i + 1]), some maybe empty.
+std::vector<std::pair<std::uint64_t, std::uint64_t>> Parts(std::vector<std::uint64_t> cuts,
+                                                           std::uint64_t n) {
+  cuts.push_back(0);
+  cuts.push_back(n);
+  std::sort(cuts.begin(), cuts.end());
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> parts;
+  for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
+    parts.emplace_back(cuts[i], cuts[i + 1]);
+  return parts;
+}
+
+// Every cut in two, and random cuts into up to seven parts of uneven sizes.
+std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> Splits(std::uint64_t n) {
+  std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> splits;
+  for (std::uint64_t cut = 0; cut <= n; ++cut)
+    splits.push_back(Parts({cut}, n));
+  std::mt19937 engine(7);
+  for (unsigned trial = 0; trial < 12; ++trial) {
+    std::vector<std::uint64_t> cuts(2 + trial % 5);
+    for (std::uint64_t& cut : cuts)
+      cut = engine() % (n + 1);
+    splits.push_back(Parts(cuts, n));
+  }
+  return splits;
+}
+
+// One part reduced on its own, as another process would: its tree starts at
+// the part's first block and takes its blocks in a shuffled order. The forest
+// comes back through a loop over its nodes, as from a saved state.
+template <class R>
+BlockForest<R> PartForest(const Grid& grid, std::uint64_t first, std::uint64_t end, unsigned seed) {
+  BlockTree<R> tree(Kind<R>::Fresh, first);
+  std::vector<std::uint64_t> blocks;
+  for (std::uint64_t b = first; b < end; ++b)
+    blocks.push_back(tree.NextBlock());
+  std::shuffle(blocks.begin(), blocks.end(), std::mt19937(seed));
+  for (const std::uint64_t block : blocks)
+    tree.AddBlock(block, ReduceBlock<R>(grid, block));
+  BlockForest<R> forest = tree.TakeForest();
+  BlockForest<R> reloaded;
+  for (const auto& node : forest.Nodes())
+    reloaded.Insert({node.level, node.index, R(node.result)});
+  EXPECT_EQ(Keys(reloaded), Keys(forest));
+  return reloaded;
+}
+
+template <class R>
+class BlockForestSplit : public ::testing::Test {};
+TYPED_TEST_SUITE(BlockForestSplit, ResultTypes);
+
+// Parts cut on the block grid, reduced apart and combined in any order, make
+// the forest and the bits of one pass.
+TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
+  using R = TypeParam;
+  const Grid grid{Rows(), kBlockRows};
+  const std::vector<double> reference = TreeReference<R>(grid);
+  unsigned seed = 0;
+  for (const auto& parts : Splits(grid.Blocks())) {
+    ::testing::Message trace;
+    for (const auto& [first, end] : parts)
+      trace << "[" << first << ", " << end << ") ";
+    SCOPED_TRACE(trace);
+    std::vector<BlockForest<R>> forests;
+    for (const auto& [first, end] : parts)
+      forests.push_back(PartForest<R>(grid, first, end, ++seed));
+    std::shuffle(forests.begin(), forests.end(), std::mt19937(seed));
+    BlockForest<R> whole;
+    for (BlockForest<R>& forest : forests)
+      whole.Combine(std::move(forest));
+    EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
+    R total = Kind<R>::Fresh();
+    whole.AddTo(total);
+    EXPECT_TRUE(SameBitsAs(Figures(total), reference));
+  }
+}
+
+template <class R>
+class BlockTreeThreaded : public ::testing::Test {};
+TYPED_TEST_SUITE(BlockTreeThreaded, ResultTypes);
+
+// Driver passes on 1, 2, 3 and 8 threads, each run again, with random pauses
+// in the workers: always the tree's bits.
+TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
+  using R = TypeParam;
+  const Grid grid{Rows(), kBlockRows};
+  const std::vector<double> reference = TreeReference<R>(grid);
+  for (const int threads : {1, 2, 3, 8})
+    for (int run = 0; run < 3; ++run) {
+      SCOPED_TRACE(::testing::Message() << threads << " threads, run " << run);
+      PassOptions options;
+      options.threads = threads;
+      options.delays = true;
+      EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, options)), reference));
+    }
+}
+
+// One schedule forced on two threads: the worker that holds block 0 waits
+// until the other has done every other block. Driver's arrival order then
+// gives other bits than one thread; the tree gives its own bits.
+TYPED_TEST(BlockTreeThreaded, FirstBlockArrivingLast) {
+  using R = TypeParam;
+  const Grid grid{Rows(), kBlockRows};
+  PassOptions plain;
+  plain.reproducible = false;
+  const std::vector<double> oneThread = Figures(DriverPass<R>(grid, plain));
+  LastBlockGate plainGate, treeGate;
+  plain.threads = 2;
+  plain.gate = &plainGate;
+  EXPECT_FALSE(SameFigures(Figures(DriverPass<R>(grid, plain)), oneThread))
+      << "arrival order left no trace";
+  PassOptions tree;
+  tree.threads = 2;
+  tree.gate = &treeGate;
+  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
+}
+
+// A listwise matrix that counts the live results: those made by the factory
+// and not yet destroyed (a moved-from shell no longer counts).
+struct Counted {
+  static inline std::atomic<long> live{0}, peak{0};
+
+  Counted() {
+    const long now = ++live;
+    long seen = peak.load();
+    while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+    }
+  }
+  Counted(Counted&& other) noexcept
+      : matrix(std::move(other.matrix)), counts(std::exchange(other.counts, false)) {}
+  Counted& operator=(Counted&& other) noexcept {
+    if (counts) --live;
+    matrix = std::move(other.matrix);
+    counts = std::exchange(other.counts, false);
+    return *this;
+  }
+  ~Counted() {
+    if (counts) --live;
+  }
+  Counted& operator+=(DataBatch& batch) {
+    matrix += batch;
+    return *this;
+  }
+  Counted& operator+=(Counted& other) {
+    matrix += other.matrix;
+    return *this;
+  }
+
+  MatrixListwise matrix;
+  bool counts = true;
+};
+std::vector<double> Figures(const Counted& c) { return blocktree::Figures(c.matrix); }
+
+// 1,500 blocks on 8 threads with random pauses: the results alive at any one
+// time stay within 2 (threads + 1) (log2 blocks + 1) nodes plus two in the
+// hands of each thread, far below one per block.
+TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
+  constexpr int kThreads = 8;
+  const Table t = OrderSensitiveTable(11, 3000);
+  const Grid grid{t, 2};
+  const std::vector<double> reference = TreeReference<Counted>(grid);
+  ASSERT_EQ(Counted::live.load(), 0);
+  Counted::peak = 0;
+  PassOptions options;
+  options.threads = kThreads;
+  options.delays = true;
+  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<Counted>(grid, options)), reference));
+  EXPECT_EQ(Counted::live.load(), 0);
+  const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
+  const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;
+  RecordProperty("peak_live_results", static_cast<int>(Counted::peak.load()));
+  EXPECT_LE(Counted::peak.load(), bound);
+  EXPECT_GT(Counted::peak.load(), 1) << "no two results ever alive at once";
+}
+
+// Misuse is refused by the tree's assertions.
+TEST(BlockTreeChecks, MisuseIsRefused) {
+  const auto fresh = [] { return MatrixListwise(); };
+  constexpr const char* kHeader = "backend/tables/vorel/blocktree.h";
+
+  EXPECT_EQ(BlockTree<MatrixListwise>(fresh).Finish().NRows(), 0u) << "no blocks, empty result";
+
+  BlockTree<MatrixListwise> tree(fresh);
+  EXPECT_VOREL_ASSERT(tree.AddBlock(0, fresh()),
+                      "_firstBlock <= block && block < _nextBlock.load()", kHeader);
+  for (int b = 0; b < 3; ++b)
+    tree.NextBlock();
+  tree.AddBlock(0, fresh());
+  EXPECT_VOREL_ASSERT(tree.AddBlock(0, fresh()), "NoOverlap(at, node)", kHeader);
+  tree.AddBlock(2, fresh());
+  EXPECT_VOREL_ASSERT(tree.Finish(), "forest.Complete() && forest.EndBlock() == _nextBlock.load()",
+                      kHeader);
+
+  BlockTree<MatrixListwise> part(fresh, 2);
+  EXPECT_VOREL_ASSERT(part.AddBlock(1, fresh()),
+                      "_firstBlock <= block && block < _nextBlock.load()", kHeader);
+  part.AddBlock(part.NextBlock(), fresh());
+  BlockForest<MatrixListwise> forest = part.TakeForest();
+  MatrixListwise total;
+  EXPECT_VOREL_ASSERT(forest.AddTo(total), "Complete()", kHeader);
+  EXPECT_VOREL_ASSERT(forest.Insert({1, 1, fresh()}), "NoOverlap(at, node)", kHeader);
+  EXPECT_VOREL_ASSERT(forest.Insert({64, 0, fresh()}),
+                      "node.level < 64 && node.index < (~std::uint64_t{0} >> node.level)", kHeader);
+}
+
+}  // namespace
+}  // namespace vorel::testing::blocktree
