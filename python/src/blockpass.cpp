@@ -1,5 +1,6 @@
 #include "blockpass.h"
 
+#include <vorel/blocktree.h>
 #include <vorel/databatch.h>
 #include <vorel/driver.h>
 
@@ -253,7 +254,7 @@ class BlockProblem : public vorel::ProblemBase {
         settings(shape),
         blockRows(BlockRows(shape.nColumns)),
         nBlocks((rows.nRows + blockRows - 1) / blockRows),
-        tallies(nBlocks) {}
+        tree([&shape] { return Tally(shape); }) {}
 
   vorel::WorkerBase* CreateWorker() override;
 
@@ -261,8 +262,8 @@ class BlockProblem : public vorel::ProblemBase {
   const Settings& settings;
   const std::size_t blockRows;
   const std::size_t nBlocks;
-  std::size_t nextBlock = 0;                    // under the read lock
-  std::vector<std::unique_ptr<Tally>> tallies;  // one per block, each written by one worker
+  std::size_t handedOut = 0;  // under the read lock
+  vorel::BlockTree<Tally> tree;
   std::atomic<bool> sawStandIn{false};
 };
 
@@ -272,16 +273,17 @@ class BlockWorker : public vorel::WorkerBase {
       : _problem(problem), _reducer(problem.table, problem.settings) {}
 
   bool ReadBatch() override {
-    if (_problem.nextBlock == _problem.nBlocks) return false;
-    _block = _problem.nextBlock++;
+    if (_problem.handedOut == _problem.nBlocks) return false;
+    ++_problem.handedOut;
+    _block = _problem.tree.NextBlock();
     return true;
   }
 
   void ProcessBatch() override {
     const std::size_t first = _block * _problem.blockRows;
-    auto tally = std::make_unique<Tally>(_problem.settings);
-    _reducer.Reduce(first, std::min(_problem.blockRows, _problem.table.nRows - first), *tally);
-    _problem.tallies[_block] = std::move(tally);
+    Tally tally = _problem.tree.NewResult();
+    _reducer.Reduce(first, std::min(_problem.blockRows, _problem.table.nRows - first), tally);
+    _problem.tree.AddBlock(_block, std::move(tally));
   }
 
   void MergeResult() override {
@@ -291,22 +293,10 @@ class BlockWorker : public vorel::WorkerBase {
  private:
   BlockProblem& _problem;
   BlockReducer _reducer;
-  std::size_t _block = 0;
+  std::uint64_t _block = 0;
 };
 
 vorel::WorkerBase* BlockProblem::CreateWorker() { return new BlockWorker(*this); }
-
-// Merges the tallies pairwise, neighbours first: ((0 1) (2 3)) ((4 5) 6).
-Tally MergeAlongTree(std::vector<std::unique_ptr<Tally>>& tallies, const Settings& settings) {
-  if (tallies.empty()) return Tally(settings);
-  for (std::size_t step = 1; step < tallies.size(); step *= 2) {
-    for (std::size_t k = 0; k + step < tallies.size(); k += 2 * step) {
-      tallies[k]->Merge(*tallies[k + step]);
-      tallies[k + step].reset();
-    }
-  }
-  return std::move(*tallies[0]);
-}
 
 }  // namespace
 
@@ -322,7 +312,7 @@ Tally RunPass(const Table& table, const Settings& settings, int threads) {
   const auto blocks = static_cast<int>(std::min<std::size_t>(problem.nBlocks, 1 << 20));
   vorel::Driver(&problem, threads > 0 ? std::min(threads, blocks) : threads);
   if (problem.sawStandIn) throw ValueTaken{settings.pairwiseCode};
-  return MergeAlongTree(problem.tallies, settings);
+  return problem.tree.Finish();
 }
 
 }  // namespace vorelpy

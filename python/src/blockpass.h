@@ -1,10 +1,11 @@
-// One pass over a table on vorel's Driver.
+// One pass over a table on vorel's Driver, reduced through a vorel::BlockTree.
 //
 // The rows are cut into blocks of a fixed size, whatever the thread count. A
-// worker takes the next block (the only serial step), turns its rows into
-// batches and reduces them to a tally of the block. The tallies of the blocks
-// are then merged along a fixed binary tree over the block numbers, so the
-// result has the same bits on any number of threads.
+// worker takes the next block number (the only serial step), turns the block's
+// rows into a batch and reduces it to a tally of its own, which the tree
+// merges with its neighbours along a fixed binary tree over the block numbers
+// as they complete, so the result has the same bits on any number of threads
+// and few tallies are pending at a time.
 //
 // Rows: a row whose weight or regression weight is 0 is left out everywhere
 // and counted. Listwise, a row with a missing cell is left out of the matrix;

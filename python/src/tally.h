@@ -66,6 +66,10 @@ struct Tally {
 
   // Adds other's rows after this tally's own; other may be this tally.
   void Merge(const Tally& other);
+  Tally& operator+=(const Tally& other) {
+    Merge(other);
+    return *this;
+  }
   // The rows that reached the whole-table matrix.
   std::uint64_t RowsUsed() const;
 
