@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <memory>
 #include <optional>
 #include <utility>
 
