@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "kernels/crossproducts.h"
 #include "discriminant_support.h"
+#include "kernels/crossproducts.h"
 #include "listwise_block_reference.h"
 #include "pairwise_reference.h"
 #include "table_support.h"

@@ -46,9 +46,6 @@ TEST(DataBatch, RowsLandColumnMajorWithWeightsAndGroups) {
     EXPECT_EQ(batch.Groups()[r], 3 * r);
   }
   EXPECT_EQ(batch.NGroups(), 9u);
-  EXPECT_EQ(DataBatch::RowSize(10, true, false, true), 92u);
-  EXPECT_EQ(DataBatch::RowSize(1, false, false, false), 8u);
-  EXPECT_EQ(DataBatch::RowSize(2, true, true, true), 36u);
 }
 
 TEST(DataBatch, Preconditions) {

@@ -73,9 +73,6 @@ TEST(DataBatchByGroup, NewBatchHasItsShapeAndNoRows) {
   EXPECT_TRUE(batch.HasWeights() && !batch.HasRegWeights());
   EXPECT_TRUE(batch.RegWeights() == nullptr && batch.Groups() != nullptr);
   EXPECT_EQ(batch.Column(2) - batch.Column(0), 10);
-  EXPECT_EQ(batch.Row(0), batch.Row(0));  // the free row of an empty batch
-  EXPECT_EQ(DataBatchByGroup::RowSize(10, true, false, true), 92u);
-  EXPECT_EQ(DataBatchByGroup::RowSize(1, true, true, false), 24u);
 }
 
 // Shapes: columns (below, at and beyond one four-cell turn), groups, rows.

@@ -61,31 +61,30 @@ std::string_view StripLineEnd(std::string_view line) {
 
 bool IsBlank(std::string_view line) { return StripLineEnd(line).empty(); }
 
-// The first line of `text` that is not blank, if a whole one is there; with
-// `atEnd`, a last line without line end counts too.
-std::optional<std::string> FirstWholeLine(std::string_view text, bool atEnd, bool& found) {
-  std::size_t lineStart = 0;
-  for (;;) {
-    const std::size_t lineEnd = text.find('\n', lineStart);
-    if (lineEnd == std::string_view::npos) {
-      found = atEnd;
-      const std::string_view last = text.substr(lineStart);
-      if (!atEnd || IsBlank(last)) return std::nullopt;
-      return std::string(StripLineEnd(last));
-    }
-    const std::string_view line = text.substr(lineStart, lineEnd - lineStart);
-    if (!IsBlank(line)) {
-      found = true;
-      return std::string(StripLineEnd(line));
-    }
-    lineStart = lineEnd + 1;
-  }
-}
+// Formats that are not delimited text, by the bytes they start with.
+struct Signature {
+  std::string_view bytes;
+  const char* what;
+};
+
+constexpr Signature kSignatures[] = {
+    {"\x1F\x8B", "compressed (gzip)"},
+    {"\x28\xB5\x2F\xFD", "compressed (zstd)"},
+    {"BZh", "compressed (bzip2)"},
+    {"\xFD"
+     "7zXZ",
+     "compressed (xz)"},
+    {"PK\x03\x04", "a zip archive"},
+    {"\xFF\xFE", "UTF-16 text"},
+    {"\xFE\xFF", "UTF-16 text"},
+};
 
 }  // namespace
 
-ChunkReader::ChunkReader(const std::string& path, std::size_t readSize)
-    : _path(path), _readSize(std::max<std::size_t>(readSize, 1)) {
+ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine)
+    : _path(path),
+      _readSize(std::max<std::size_t>(readSize, 1)),
+      _maxLine(std::max<std::size_t>(maxLine, 1)) {
   if (path == "-") {
     _fd = STDIN_FILENO;
   } else {
@@ -99,7 +98,8 @@ ChunkReader::ChunkReader(const std::string& path, std::size_t readSize)
       if (_ownsFd) ::close(_fd);
       throw UsageError("cannot read " + path + ": it is a directory");
     }
-    if (S_ISREG(info.st_mode)) {
+    // Files under /proc and /sys say 0 bytes and have more: read them as a stream.
+    if (S_ISREG(info.st_mode) && info.st_size > 0) {
       _fileSize = static_cast<std::uint64_t>(info.st_size);
       ::posix_fadvise(_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     }
@@ -150,13 +150,33 @@ void ChunkReader::ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& in
   }
 }
 
+void ChunkReader::CheckStart(std::string_view head) const {
+  for (const Signature& signature : kSignatures) {
+    if (head.substr(0, signature.bytes.size()) == signature.bytes) {
+      std::string message = _path + " is " + signature.what + ", not delimited text";
+      if (std::string_view(signature.what).substr(0, 10) == "compressed") {
+        message += "; decompress it first (reading compressed input is not supported)";
+      }
+      throw DataError(message);
+    }
+  }
+}
+
+void ChunkReader::LineTooLong(std::uint64_t offset) const {
+  throw DataError(_path + ": the line at byte " + std::to_string(offset) + " is longer than "
+                  + std::to_string(_maxLine) + " bytes, the limit of --max-line-length");
+}
+
 void ChunkReader::ReadHeader() {
   // Both ways read ahead from the start; what follows the header stays in
-  // _window (regular file, for the peek) or _carry (stream).
+  // _window (regular file) or _carry (stream).
   TextBuffer& head = Seekable() ? _window : _carry;
+  std::size_t lineStart = 0;  // the first line not yet known to be blank
   std::size_t scanned = 0;
-  const char* lineEnd = nullptr;
-  for (bool atEnd = false; lineEnd == nullptr && !atEnd;) {
+  bool checked = false;
+  std::optional<std::size_t> lineEnd;
+  for (bool atEnd = false; !lineEnd;) {
+    if (atEnd) break;
     if (Seekable()) {
       ReadAt(0, std::max(head.Size() * 2, kWindow), head);
       atEnd = head.Size() == *_fileSize;
@@ -164,43 +184,71 @@ void ChunkReader::ReadHeader() {
       ReadMore(head, _readSize);
       atEnd = _eof;
     }
-    lineEnd = FindFirst(head.Data() + scanned, head.Size() - scanned, '\n');
-    scanned = head.Size();
+    const std::string_view text = head.View();
+    if (!checked && (text.size() >= 8 || atEnd)) {
+      CheckStart(text);
+      checked = true;
+    }
+    const std::size_t from = scanned;
+    for (const char* found;
+         (found = FindFirst(text.data() + scanned, text.size() - scanned, '\n')) != nullptr;) {
+      const auto end = static_cast<std::size_t>(found - text.data());
+      scanned = end + 1;
+      if (!IsBlank(text.substr(lineStart, end - lineStart))) {
+        lineEnd = end;
+        break;
+      }
+      lineStart = end + 1;
+      ++_headerLine;
+    }
+    if (!lineEnd) scanned = text.size();
+    const std::size_t upTo = lineEnd ? *lineEnd : text.size();
+    if (FindFirst(text.data() + from, upTo - from, '\0') != nullptr) {
+      throw DataError(_path + " holds a byte 0 before its header ends: it is not a text file");
+    }
+    if (!lineEnd && text.size() - lineStart > _maxLine) LineTooLong(lineStart);
   }
-  if (head.Size() == 0) throw DataError(_path + " is empty: it has not even a header line");
-  const std::size_t headerBytes =
-      lineEnd != nullptr ? static_cast<std::size_t>(lineEnd - head.Data()) + 1 : head.Size();
-  std::string_view header = head.View().substr(0, headerBytes);
+  if (head.Size() == lineStart) {
+    throw DataError(head.Size() == 0 ? _path + " is empty: it has not even a header line"
+                                     : _path + " holds only blank lines: it has no header");
+  }
+  const std::size_t headerEnd = lineEnd ? *lineEnd + 1 : head.Size();
+  std::string_view header = head.View().substr(lineStart, headerEnd - lineStart);
   if (!header.empty() && header.back() == '\n') header.remove_suffix(1);
   header = StripLineEnd(header);
+  if (header.size() > _maxLine) LineTooLong(lineStart);
+  if (header.find('\r') != std::string_view::npos) {
+    throw DataError(_path + ": its lines end in a carriage return alone (old Mac style); "
+                            "convert the line ends to \\n first, e.g. with tr '\\r' '\\n'");
+  }
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
   if (header.substr(0, kByteOrderMark.size()) == kByteOrderMark)
     header.remove_prefix(kByteOrderMark.size());
   if (header.empty()) throw DataError(_path + ", line 1: the header line is empty");
   _header.assign(header);
-  _handedOut = headerBytes;
+  _handedOut = headerEnd;
   if (!Seekable()) {
-    const std::string rest(_carry.View().substr(headerBytes));
+    const std::string rest(_carry.View().substr(headerEnd));
     _carry.Assign(rest);
   }
 }
 
-std::optional<std::string> ChunkReader::PeekFirstDataLine() {
-  bool found = false;
-  if (!Seekable()) {
-    for (;;) {
-      std::optional<std::string> line = FirstWholeLine(_carry.View(), _eof, found);
-      if (found) return line;
-      ReadMore(_carry, _readSize);
-    }
+std::string_view ChunkReader::PeekAhead(std::size_t limit) {
+  std::string_view text;
+  bool atEnd = false;
+  if (Seekable()) {
+    ReadAt(_handedOut, limit, _ahead);
+    text = _ahead.View();
+    atEnd = _handedOut + text.size() >= *_fileSize;
+  } else {
+    while (_carry.Size() < limit && !_eof)
+      ReadMore(_carry, limit - _carry.Size());
+    text = _carry.View().substr(0, std::min(limit, _carry.Size()));
+    atEnd = _eof && text.size() == _carry.Size();
   }
-  TextBuffer ahead;
-  for (std::size_t want = kWindow;; want *= 2) {
-    ReadAt(_handedOut, want, ahead);
-    const bool atEnd = _handedOut + ahead.Size() == *_fileSize;
-    std::optional<std::string> line = FirstWholeLine(ahead.View(), atEnd, found);
-    if (found) return line;
-  }
+  if (atEnd) return text;
+  const std::size_t last = text.rfind('\n');
+  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
 }
 
 std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
@@ -217,13 +265,18 @@ std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
       return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
     windowEnd = windowStart;
   }
-  // A line longer than the read size: its end, going forward.
+  // A line longer than the read size: its end, going forward. It starts at
+  // `start`, since no line end came before `end`.
   for (std::uint64_t windowStart = end; windowStart < fileSize; windowStart += kWindow) {
+    if (windowStart - start > _maxLine) LineTooLong(start);
     ReadAt(windowStart, kWindow, _window);
     const char* found = FindFirst(_window.Data(), _window.Size(), '\n');
-    if (found != nullptr)
-      return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
+    if (found == nullptr) continue;
+    const std::uint64_t lineEnd = windowStart + static_cast<std::uint64_t>(found - _window.Data());
+    if (lineEnd - start > _maxLine) LineTooLong(start);
+    return lineEnd + 1;
   }
+  if (fileSize - start > _maxLine) LineTooLong(start);
   return fileSize;
 }
 
@@ -261,6 +314,8 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
     const std::size_t size = chunk.text.Size();
     lastLineEnd = FindLast(chunk.text.Data() + scanned, size - scanned, '\n');
     if (lastLineEnd != nullptr || _eof) break;
+    // No line end at all: the chunk is one partial line.
+    if (size > _maxLine) LineTooLong(_handedOut);
     scanned = size;
     readAgain = true;
   }

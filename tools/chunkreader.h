@@ -4,8 +4,9 @@
 //
 // A chunk is about readSize bytes, cut after its last line end; a line longer
 // than readSize makes its chunk longer, so a chunk holds at least one whole
-// line unless the file ends without a line end. Memory is one chunk per
-// thread, whatever the size of the file.
+// line unless the file ends without a line end. No line may be longer than
+// maxLine bytes: past that the reader stops with an error, so that memory is
+// at most one chunk of readSize + maxLine bytes per thread, whatever the input.
 //
 // Two ways of reading, chosen by the input:
 //   - a regular file: Next only finds the cut, reading a small window before
@@ -14,8 +15,12 @@
 //   - a pipe or terminal: Next reads the bytes itself, keeping the partial
 //     last line for the next chunk, and Load has nothing left to do.
 //
-// The first line is the header. It is read at construction, with a UTF-8 byte
-// order mark and a carriage return stripped, and is not part of any chunk.
+// The header is the first line that is not blank. It is read at construction,
+// with a UTF-8 byte order mark and a carriage return stripped, and is not part
+// of any chunk. Input that is no delimited text is refused there with what it
+// is: compressed data, UTF-16, bytes 0, line ends of carriage returns alone.
+// A regular file that reports size 0 (as files under /proc do) is read as a
+// stream.
 #pragma once
 
 #include <cstddef>
@@ -60,16 +65,25 @@ class ChunkReader {
   // Opens `path`, "-" meaning standard input, and reads the header.
   // Throws UsageError when the file cannot be opened, DataError when it is
   // empty or cannot be read.
-  ChunkReader(const std::string& path, std::size_t readSize);
+  static constexpr std::size_t kDefaultMaxLine = std::size_t{16} << 20;
+
+  ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine = kDefaultMaxLine);
   ~ChunkReader();
   ChunkReader(const ChunkReader&) = delete;
   ChunkReader& operator=(const ChunkReader&) = delete;
 
   const std::string& Path() const { return _path; }
   const std::string& Header() const { return _header; }
-  // The first line after the header that is not blank, without its line end,
-  // or nothing. It stays in the input: the first chunk has it.
-  std::optional<std::string> PeekFirstDataLine();
+  // Line number of the header in the file, 1 unless blank lines precede it.
+  std::uint64_t HeaderLine() const { return _headerLine; }
+  // The whole lines that follow the header, as many as fit in about `limit`
+  // bytes (a last line without line end included at the end of the input).
+  // They stay in the input: the chunks have them. The view lives until the
+  // next call of Next or PeekAhead.
+  std::string_view PeekAhead(std::size_t limit);
+  std::size_t MaxLine() const { return _maxLine; }
+  // Whether the input can be read again from the start (a regular file).
+  bool Rereadable() const { return Seekable(); }
 
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
@@ -93,14 +107,20 @@ class ChunkReader {
   // Regular file: offset one past the line end that closes a chunk from `start`.
   std::uint64_t CutAfter(std::uint64_t start);
   void ReadHeader();
+  // Refuses input that is no delimited text, from its first bytes.
+  void CheckStart(std::string_view head) const;
+  [[noreturn]] void LineTooLong(std::uint64_t offset) const;
   bool NextFromStream(Chunk& chunk);
 
   std::string _path;
   int _fd = -1;
   bool _ownsFd = false;
   std::size_t _readSize;
+  std::size_t _maxLine;
   std::optional<std::uint64_t> _fileSize;
   std::string _header;
+  std::uint64_t _headerLine = 1;
+  TextBuffer _ahead;  // regular file: the bytes of PeekAhead
   std::uint64_t _nextIndex = 0;
   std::uint64_t _handedOut = 0;  // the next chunk starts here
   TextBuffer _window;            // regular file: scratch of CutAfter and the header

@@ -4,7 +4,8 @@
 // Exit codes: 0 success; 1 bad data (the file is empty, a line or cell is
 // malformed, a weight is negative, a group is out of range, reading failed);
 // 2 bad usage (unknown option, bad value, a file that cannot be opened, a
-// column the header lacks). On failure nothing is written to standard output.
+// column the header lacks). The report is written once the pass has succeeded,
+// so a failure of the pass leaves standard output empty.
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,13 +28,16 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    const int code = app.exit(e);
-    return code == 0 ? kExitSuccess : kExitBadUsage;
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::cerr << "vorelstat: " << e.what() << "\nRun with --help for more information.\n";
+    return kExitBadUsage;
   }
 
-  std::string output;
+  // The report is written as it is made; a large buffer keeps the writes few.
+  static char buffer[1 << 16];
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
   try {
-    output = RunTool(options, !options.noProgress && ::isatty(STDERR_FILENO) == 1);
+    RunTool(options, !options.noProgress && ::isatty(STDERR_FILENO) == 1, stdout);
   } catch (const UsageError& e) {
     std::cerr << "vorelstat: " << e.what() << "\n";
     return kExitBadUsage;
@@ -41,15 +45,13 @@ int main(int argc, char** argv) {
     std::cerr << "vorelstat: " << e.what() << "\n";
     return kExitBadData;
   } catch (const std::bad_alloc&) {
-    std::cerr << "vorelstat: out of memory; try a smaller --batch-size or --read-size, or fewer "
-                 "--threads\n";
+    std::cerr << "vorelstat: out of memory\n";
     return kExitBadData;
   } catch (const std::exception& e) {
     std::cerr << "vorelstat: " << e.what() << "\n";
     return kExitBadData;
   }
-  if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size()
-      || std::fflush(stdout) != 0) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     std::perror("vorelstat: writing the report");
     return kExitBadData;
   }

@@ -1,150 +1,170 @@
 #include "report.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
-#include <limits>
 
 namespace vorelstat {
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+using figures::kUndefined;
 
-Matrix Square(std::size_t k) { return Matrix(k, std::vector<double>(k, kNaN)); }
-
-// CSCP / (W - 1), or NaN when W - 1 is not positive.
-double Covariance(double cscp, double weight) {
-  return weight > 1.0 ? cscp / (weight - 1.0) : kNaN;
+std::string JoinNames(const std::vector<std::string>& names) {
+  std::string joined;
+  for (const std::string& name : names)
+    joined += (joined.empty() ? "" : ", ") + name;
+  return joined;
 }
 
-double Correlation(double cscp, double css0, double css1) {
-  if (!(css0 > 0.0) || !(css1 > 0.0)) return kNaN;
-  return cscp / (std::sqrt(css0) * std::sqrt(css1));
-}
-
-double Extreme(double value) { return std::isinf(value) ? kNaN : value; }
-
-void FillListwise(const vorel::MatrixListwise& m, Report& report) {
-  const std::size_t k = report.columns.size();
-  report.weightSum = m.WeightSum();
-  if (!(0. < m.WeightSum()) || m.NColumns() != k) return;
-  const double w = m.WeightSum();
-  for (unsigned i = 0; i < k; ++i) {
-    ColumnSummary& column = report.columns[i];
-    column.weight = w;
-    column.mean = m.Mean(i);
-    column.sd = std::sqrt(Covariance(m.CCP(i, i), w));
-    for (unsigned j = 0; j < k; ++j) {
-      report.covariance[i][j] = Covariance(m.CCP(i, j), w);
-      report.correlation[i][j] = i == j ? (m.CCP(i, i) > 0.0 ? 1.0 : kNaN)
-                                        : Correlation(m.CCP(i, j), m.CCP(i, i), m.CCP(j, j));
-    }
-  }
-}
-
-void FillPairwise(const vorel::MatrixPairwise& m, Report& report) {
-  const std::size_t k = report.columns.size();
-  report.weightSum = m.WeightSum();
-  report.pairRows.assign(k, std::vector<std::uint64_t>(k, 0));
-  report.pairWeights = Matrix(k, std::vector<double>(k, 0.0));
-  if (!(0. < m.WeightSum()) || m.NColumns() != k) return;
-  for (unsigned i = 0; i < k; ++i) {
-    const vorel::VarStats var = m.Var(i);
-    ColumnSummary& column = report.columns[i];
-    column.weight = var.WeightSum();
-    column.mean = var.NRows() != 0 ? var.Mean() : kNaN;
-    column.sd = std::sqrt(Covariance(var.CSS(), var.WeightSum()));
-    report.covariance[i][i] = Covariance(var.CSS(), var.WeightSum());
-    report.correlation[i][i] = var.CSS() > 0.0 ? 1.0 : kNaN;
-    report.pairRows[i][i] = var.NRows();
-    report.pairWeights[i][i] = var.WeightSum();
-    for (unsigned j = 0; j < k; ++j) {
-      if (i == j) continue;
-      const vorel::PairStats pair = m.Pair(i, j);
-      report.covariance[i][j] = Covariance(pair.CSCP(), pair.WeightSum());
-      report.correlation[i][j] = Correlation(pair.CSCP(), pair.CSS0(), pair.CSS1());
-      report.pairRows[i][j] = pair.NRows();
-      report.pairWeights[i][j] = pair.WeightSum();
-    }
-  }
-}
-
-// The sums are of values less a shift per column: the shift comes back into
-// the means, and the within-group products do not depend on it.
-void FillGroups(const vorel::DiscriminantMatrix& d, const std::vector<std::uint64_t>& groupRows,
-                const std::vector<double>& shift, long long groupLo, Report& report) {
-  const std::size_t k = report.columns.size();
-  report.pooledCovariance = Square(k);
-  if (d.NRows() == 0 || !(0. < d.WeightSum())) return;
-  const int nVar = d.NVar();
-  std::vector<int> weighted;  // groups with positive weight, which the pooled matrix uses
-  for (int g = 0; g < d.NGroup(); ++g) {
-    if (groupRows[static_cast<std::size_t>(g)] == 0) continue;
-    GroupSummary group;
-    group.code = groupLo + g;
-    group.n = groupRows[static_cast<std::size_t>(g)];
-    group.weight = d.sumW(g);
-    group.means.assign(k, kNaN);
-    if (d.sumW(g) > 0.0) {
-      weighted.push_back(g);
-      for (int v = 0; v < nVar; ++v) {
-        const auto i = static_cast<std::size_t>(v);
-        group.means[i] = d.sumX1(g, v) / d.sumW(g) + shift[i];
-      }
-    }
-    report.groups.push_back(std::move(group));
-  }
-  report.pooledDf = d.WeightSum() - static_cast<double>(weighted.size());
-  for (int i = 0; i < nVar; ++i) {
-    for (int j = 0; j <= i; ++j) {
-      double within = d.TSSP(i, j);
-      for (int g : weighted)
-        within -= d.sumX1(g, i) * d.sumX1(g, j) / d.sumW(g);
-      const double value = report.pooledDf > 0.0 ? within / report.pooledDf : kNaN;
-      report.pooledCovariance[static_cast<std::size_t>(i)][static_cast<std::size_t>(j)] = value;
-      report.pooledCovariance[static_cast<std::size_t>(j)][static_cast<std::size_t>(i)] = value;
-    }
-  }
+// The library's figures are readable once the matrix holds rows of positive weight.
+template <class Matrix>
+bool Readable(const std::unique_ptr<Matrix>& m, std::size_t k) {
+  return m && m->NColumns() == k && 0. < m->WeightSum();
 }
 
 }  // namespace
 
-Report MakeReport(const std::string& file, const RowLayout& layout, const CellRules& rules,
-                  const PassResult& pass) {
-  Report report;
-  report.file = file;
-  report.pairwise = pass.pairwise != nullptr;
-  if (layout.weightField) report.weightColumn = layout.names[*layout.weightField];
-  if (layout.regWeightField) report.regWeightColumn = layout.names[*layout.regWeightField];
-  if (layout.groupField) report.groupColumn = layout.names[*layout.groupField];
-  report.threads = pass.threads;
-  report.rowsRead = pass.rowsRead;
-  report.rowsUsed = pass.rowsUsed;
-  report.rowsIncomplete = pass.rowsIncomplete;
-  report.rowsWithoutWeight = pass.rowsWithoutWeight;
-  report.rowsWithoutGroup = pass.rowsWithoutGroup;
-  report.cellsCoerced = pass.cellsCoerced;
+Report::Report(std::string fileName, const RowLayout& layout, const PassResult& pass,
+               const std::vector<SkippedColumn>& skippedColumns, bool withGroupCovariance)
+    : file(std::move(fileName)),
+      pairwise(pass.pairwise != nullptr),
+      groupCovariance(withGroupCovariance),
+      _pass(pass) {
+  if (layout.weightField) weightColumn = layout.names[*layout.weightField];
+  if (layout.regWeightField) regWeightColumn = layout.names[*layout.regWeightField];
+  if (layout.groupField) groupColumn = layout.names[*layout.groupField];
+  for (const SkippedColumn& column : skippedColumns)
+    skipped.push_back({layout.names[column.field], column.reason});
 
   const std::size_t k = layout.NValues();
+  if (pass.listwise) weightSum = pass.listwise->WeightSum();
+  if (pass.pairwise) weightSum = pass.pairwise->WeightSum();
   for (std::size_t i = 0; i < k; ++i) {
     ColumnSummary column;
     column.name = layout.names[layout.valueFields[i]];
-    column.n = pass.cellCounts[i];
-    column.mean = column.sd = kNaN;
-    column.min = Extreme(pass.minima[i]);
-    column.max = Extreme(pass.maxima[i]);
-    report.columns.push_back(std::move(column));
+    figures::ColumnMoments& m = column.moments;
+    m.n = pass.cellCounts[i];
+    m.range = pass.ranges[i];
+    const auto col = static_cast<unsigned>(i);
+    if (Readable(pass.listwise, k)) {
+      m.weight = pass.listwise->WeightSum();
+      m.mean = pass.listwise->Mean(col);
+      m.css = pass.listwise->CCP(col, col);
+    } else if (Readable(pass.pairwise, k)) {
+      const vorel::VarStats var = pass.pairwise->Var(col);
+      m.weight = var.WeightSum();
+      m.mean = var.Mean();
+      m.css = var.CSS();
+    } else {
+      m.n = 0;
+    }
+    column.mean = figures::Mean(m);
+    column.sd = figures::StandardDeviation(m);
+    column.min = m.n != 0 ? m.range.min : kUndefined;
+    column.max = m.n != 0 ? m.range.max : kUndefined;
+    columns.push_back(std::move(column));
   }
-  report.covariance = Square(k);
-  report.correlation = Square(k);
-  if (pass.listwise) FillListwise(*pass.listwise, report);
-  if (pass.pairwise) FillPairwise(*pass.pairwise, report);
-  if (pass.groups) {
-    report.grouped = true;
-    FillGroups(*pass.groups, pass.groupRows, pass.groupShift, rules.groupLo, report);
+  for (const figures::GroupMoments& group : pass.groups)
+    _groupWeight += group.Weight();
+  AddNotes();
+}
+
+void Report::AddNotes() {
+  std::vector<std::string> small, constant, infinite;
+  for (const ColumnSummary& column : columns) {
+    const figures::ColumnMoments& m = column.moments;
+    if (m.n == 0) continue;
+    if (!(m.weight > 1.0)) small.push_back(column.name);
+    if (m.range.Constant()) constant.push_back(column.name);
+    if (std::isinf(m.range.min) || std::isinf(m.range.max)) infinite.push_back(column.name);
   }
-  return report;
+  if (!small.empty()) {
+    notes.push_back(
+        "sd and covariance are n/a where the weight total W is 1 or less (their "
+        "divisor W - 1 is not positive): "
+        + JoinNames(small));
+  }
+  if (!constant.empty()) {
+    notes.push_back(
+        "constant (smallest value = largest): mean exact, sd and covariances 0, "
+        "correlations n/a: "
+        + JoinNames(constant));
+  }
+  if (!infinite.empty()) {
+    notes.push_back("infinite values: sd, covariances and correlations n/a: "
+                    + JoinNames(infinite));
+  }
+  if (groupCovariance) {
+    for (std::size_t g = 0; g < NGroups(); ++g) {
+      if (!(Group(g).Weight() > 1.0)) {
+        notes.push_back("groups of weight 1 or less have no sd or covariance of their own");
+        break;
+      }
+    }
+  }
+}
+
+figures::PairMoments Report::PairOf(std::size_t i, std::size_t j) const {
+  figures::PairMoments p;
+  const std::size_t k = K();
+  const auto a = static_cast<unsigned>(i);
+  const auto b = static_cast<unsigned>(j);
+  if (Readable(_pass.listwise, k)) {
+    const vorel::MatrixListwise& m = *_pass.listwise;
+    p.weight = m.WeightSum();
+    p.cscp = m.CCP(a, b);
+    p.css0 = m.CCP(a, a);
+    p.css1 = m.CCP(b, b);
+    p.constant0 = _pass.ranges[i].Constant();
+    p.constant1 = _pass.ranges[j].Constant();
+  } else if (Readable(_pass.pairwise, k)) {
+    const vorel::PairStats pair = _pass.pairwise->Pair(a, b);
+    p.weight = pair.WeightSum();
+    p.cscp = pair.CSCP();
+    p.css0 = pair.CSS0();
+    p.css1 = pair.CSS1();
+    p.constant0 = _pass.pairConstancy[i * k + j].Constant();
+    p.constant1 = _pass.pairConstancy[j * k + i].Constant();
+  }
+  return p;
+}
+
+double Report::Covariance(std::size_t i, std::size_t j) const {
+  if (i == j) return figures::Variance(columns[i].moments);
+  return figures::Covariance(PairOf(i, j));
+}
+
+double Report::Correlation(std::size_t i, std::size_t j) const {
+  if (i == j) return figures::SelfCorrelation(columns[i].moments);
+  return figures::Correlation(PairOf(i, j));
+}
+
+std::uint64_t Report::PairRows(std::size_t i, std::size_t j) const {
+  if (!Readable(_pass.pairwise, K())) return 0;
+  const auto a = static_cast<unsigned>(i);
+  const auto b = static_cast<unsigned>(j);
+  return i == j ? _pass.pairwise->Var(a).NRows() : _pass.pairwise->Pair(a, b).NRows();
+}
+
+double Report::PairWeight(std::size_t i, std::size_t j) const {
+  if (!Readable(_pass.pairwise, K())) return 0.0;
+  const auto a = static_cast<unsigned>(i);
+  const auto b = static_cast<unsigned>(j);
+  return i == j ? _pass.pairwise->Var(a).WeightSum() : _pass.pairwise->Pair(a, b).WeightSum();
+}
+
+double Report::GroupSd(std::size_t g, std::size_t i) const {
+  return std::sqrt(Group(g).Covariance(i, i));
+}
+
+double Report::GroupCovariance(std::size_t g, std::size_t i, std::size_t j) const {
+  return Group(g).Covariance(i, j);
+}
+
+double Report::PooledDivisor() const { return _groupWeight - static_cast<double>(NGroups()); }
+
+double Report::PooledCovariance(std::size_t i, std::size_t j) const {
+  return figures::PooledCovariance(_pass.withinCscp[figures::TriangleIndex(i, j)], _groupWeight,
+                                   NGroups());
 }
 
 std::string RoundTrip(double value) {

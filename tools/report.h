@@ -1,71 +1,84 @@
-// The figures a pass produced, in the form people and programs read them,
-// and the three ways to print them: an aligned table, CSV and JSON.
+// The figures of a pass, in the form people and programs read them, and the
+// three ways to print them: an aligned table, CSV and JSON.
 //
-// Definitions (W is the weighted count of the rows behind a figure; with a
-// regression weight the means and sums use weight x regression weight, and W
-// stays the frequency count):
-//   sd            sqrt(CSS / (W - 1))
-//   covariance    CSCP / (W - 1)
-//   correlation   CSCP / (sqrt(CSS_i) * sqrt(CSS_j)); 1 on the diagonal
-// With pairwise deletion each pair's figures come from the rows where both
-// cells are present. By group: the mean of a column in a group is its
-// weighted sum over the group's weight, and the pooled within-group
-// covariance is (T_ij - sum over groups of S_gi * S_gj / W_g) / (W - G), with
-// T the total sums of products, S_g the sums of group g, W_g its weight and G
-// the number of groups with positive weight. A figure that is not defined
-// (too little weight, a constant column) is NaN here, printed as "n/a" in
-// the table, an empty field in CSV and null in JSON.
+// The figures are defined in figures.h. A Report holds what takes one entry
+// per column or group; every cell of a matrix is worked out from the pass's
+// results when it is printed, and the printers write as they go, so that a
+// report of k columns needs memory for the pass's figures and nothing more.
+// A figure that is not defined is NaN here, printed as "n/a" in the table, an
+// empty field in CSV and null in JSON.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "figures.h"
 #include "rowparser.h"
 #include "statpass.h"
 
 namespace vorelstat {
 
-using Matrix = std::vector<std::vector<double>>;
-
 struct ColumnSummary {
   std::string name;
-  std::uint64_t n = 0;
-  double weight = 0.0;
+  figures::ColumnMoments moments;
   double mean = 0.0, sd = 0.0, min = 0.0, max = 0.0;
 };
 
-struct GroupSummary {
-  long long code = 0;
-  std::uint64_t n = 0;
-  double weight = 0.0;
-  std::vector<double> means;
+struct SkippedSummary {
+  std::string name;
+  std::string reason;
 };
 
-struct Report {
+class Report {
+ public:
+  // `pass` must outlive the report.
+  Report(std::string file, const RowLayout& layout, const PassResult& pass,
+         const std::vector<SkippedColumn>& skipped, bool groupCovariance);
+
   std::string file;
   bool pairwise = false;
   std::string weightColumn, regWeightColumn, groupColumn;
-  int threads = 0;
-  std::uint64_t rowsRead = 0, rowsUsed = 0, rowsIncomplete = 0, rowsWithoutWeight = 0,
-                rowsWithoutGroup = 0, cellsCoerced = 0;
+  bool groupCovariance = false;
   double weightSum = 0.0;  // frequency weight of the rows used
-
   std::vector<ColumnSummary> columns;
-  Matrix covariance, correlation;
-  // Pairwise deletion only: rows and weight behind each pair (column's own on the diagonal).
-  std::vector<std::vector<std::uint64_t>> pairRows;
-  Matrix pairWeights;
+  std::vector<SkippedSummary> skipped;
+  // Why figures are n/a or exact, one line each.
+  std::vector<std::string> notes;
 
-  bool grouped = false;
-  std::vector<GroupSummary> groups;  // groups with rows, in code order
-  double pooledDf = 0.0;
-  Matrix pooledCovariance;
+  const PassResult& Pass() const { return _pass; }
+  std::size_t K() const { return columns.size(); }
+  double Covariance(std::size_t i, std::size_t j) const;
+  double Correlation(std::size_t i, std::size_t j) const;
+  // Pairwise deletion only: rows and weight behind each pair (a column's own on the diagonal).
+  std::uint64_t PairRows(std::size_t i, std::size_t j) const;
+  double PairWeight(std::size_t i, std::size_t j) const;
+
+  bool Grouped() const { return _pass.grouped; }
+  std::size_t NGroups() const { return _pass.groups.size(); }
+  long long GroupCode(std::size_t g) const { return _pass.groupCodes[g]; }
+  const figures::GroupMoments& Group(std::size_t g) const { return _pass.groups[g]; }
+  double GroupSd(std::size_t g, std::size_t i) const;
+  double GroupCovariance(std::size_t g, std::size_t i, std::size_t j) const;
+  double PooledDivisor() const;
+  double PooledCovariance(std::size_t i, std::size_t j) const;
+
+ private:
+  figures::PairMoments PairOf(std::size_t i, std::size_t j) const;
+  void AddNotes();
+
+  const PassResult& _pass;
+  double _groupWeight = 0.0;
 };
 
-Report MakeReport(const std::string& file, const RowLayout& layout, const CellRules& rules,
-                  const PassResult& pass);
+// Each writes the whole report to `out` as it goes; the caller checks `out`
+// for write errors.
+void WriteTable(const Report& report, std::FILE* out);
+void WriteCsv(const Report& report, std::FILE* out);
+void WriteJson(const Report& report, std::FILE* out);
 
+// The same, into a string (for tests).
 std::string FormatTable(const Report& report);
 std::string FormatCsv(const Report& report);
 std::string FormatJson(const Report& report);

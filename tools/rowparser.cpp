@@ -1,8 +1,10 @@
 #include "rowparser.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 
 #include "errors.h"
@@ -89,12 +91,37 @@ std::string Quoted(std::string_view text) {
   return "\"" + shown + "\"";
 }
 
-bool ParseDouble(std::string_view cell, double& value) {
+enum class NumberText { kNumber, kNotANumber, kTooLarge };
+
+// A decimal number, "inf" or "infinity". from_chars leaves the value alone
+// when it is out of range; strtod, in the C locale the tool runs in, gives
+// what a number too small rounds to.
+NumberText ParseDouble(std::string_view cell, double& value) {
   const char* first = cell.data();
   const char* last = first + cell.size();
   if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
   const auto [ptr, ec] = std::from_chars(first, last, value);
-  return ec == std::errc() && ptr == last;
+  if (ptr != last) return NumberText::kNotANumber;
+  if (ec == std::errc()) return std::isnan(value) ? NumberText::kNotANumber : NumberText::kNumber;
+  if (ec != std::errc::result_out_of_range) return NumberText::kNotANumber;
+  const std::string text(first, last);
+  errno = 0;
+  const double rounded = std::strtod(text.c_str(), nullptr);
+  if (std::isinf(rounded)) return NumberText::kTooLarge;
+  value = rounded;
+  return NumberText::kNumber;
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Digits, one comma, digits: a number written with a decimal comma.
+bool LooksLikeDecimalComma(std::string_view cell) {
+  const std::size_t comma = cell.find(',');
+  if (comma == std::string_view::npos || comma == 0 || comma + 1 == cell.size()) return false;
+  if (cell.find(',', comma + 1) != std::string_view::npos) return false;
+  std::string_view digits = cell;
+  if (digits.front() == '-' || digits.front() == '+') digits.remove_prefix(1);
+  return std::all_of(digits.begin(), digits.end(), [](char c) { return IsDigit(c) || c == ','; });
 }
 
 bool ParseWhole(std::string_view cell, long long& value) {
@@ -115,6 +142,22 @@ std::string JoinNames(const std::vector<std::string>& names) {
 }
 
 }  // namespace
+
+std::string NotANumber(std::string_view cell) {
+  if (cell.empty()) return "cell is empty, and empty cells do not count as missing";
+  std::string message = "cell " + Quoted(cell) + " is not a number";
+  if (LooksLikeDecimalComma(cell)) {
+    message += " (a decimal comma? numbers are read with a decimal point)";
+  } else if (cell.size() > 2 && (cell.substr(0, 2) == "0x" || cell.substr(0, 3) == "-0x")) {
+    message += " (hexadecimal numbers are not read)";
+  } else {
+    double value = 0.0;
+    const auto [ptr, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), value);
+    if (ec == std::errc() && ptr == cell.data() + cell.size() && std::isnan(value))
+      message += " (add it to --missing-text to count it as missing)";
+  }
+  return message;
+}
 
 char DetectDelimiter(std::string_view header) {
   std::size_t commas = 0, tabs = 0, semicolons = 0;
@@ -192,19 +235,10 @@ void AssignRole(RowLayout& layout, std::size_t field, FieldRole role) {
   }
 }
 
-bool LooksNumeric(std::string_view cell, const CellRules& rules) {
-  if (std::find(rules.missingTexts.begin(), rules.missingTexts.end(), cell)
-      != rules.missingTexts.end()) {
-    return true;
-  }
-  double value = 0.0;
-  return ParseDouble(cell, value);
-}
-
 }  // namespace
 
 RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const ColumnChoice& choice,
-                     const std::optional<std::string>& firstRow, const CellRules& rules) {
+                     const std::vector<SkippedColumn>& skip, std::vector<SkippedColumn>* skipped) {
   RowLayout layout;
   layout.delimiter = delimiter;
   layout.names = std::move(header);
@@ -228,21 +262,22 @@ RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const Colu
     }
     return layout;
   }
-  // A first row that does not split is left for the pass to report, with its line.
-  std::optional<std::vector<std::string>> cells;
-  try {
-    if (firstRow) cells = SplitLine(*firstRow, delimiter);
-  } catch (const DataError&) {
-  }
+  layout.typedByContent = true;
+  std::vector<bool> passOver(layout.names.size(), false);
+  for (const SkippedColumn& column : skip)
+    passOver[column.field] = true;
   for (std::size_t field = 0; field < layout.names.size(); ++field) {
-    if (layout.roles[field] != FieldRole::kSkip) continue;
-    if (!cells || field >= cells->size() || LooksNumeric((*cells)[field], rules)) {
-      AssignRole(layout, field, FieldRole::kValue);
+    if (layout.roles[field] != FieldRole::kSkip || passOver[field]) continue;
+    if (layout.names[field].empty()) {
+      if (skipped != nullptr) skipped->push_back({field, "the header gives it no name"});
+      continue;
     }
+    AssignRole(layout, field, FieldRole::kValue);
   }
   if (layout.NValues() == 0) {
     throw UsageError(
-        "no numeric column found in the first data row; name the columns with --columns");
+        "no numeric column found (every column holds text or has no name); name the columns "
+        "with --columns");
   }
   return layout;
 }
@@ -268,34 +303,63 @@ RowParser::CellKind RowParser::ReadNumber(std::string_view cell, double& value) 
   // then the texts need no comparing.
   const bool mayBeText = cell.empty() || _numericMissingText || !StartsLikeNumber(cell.front());
   if (mayBeText && IsMissingText(cell)) return CellKind::kMissing;
-  if (!ParseDouble(cell, value)) return CellKind::kBad;
+  switch (ParseDouble(cell, value)) {
+    case NumberText::kNotANumber:
+      return CellKind::kBad;
+    case NumberText::kTooLarge:
+      return CellKind::kOutOfRange;
+    case NumberText::kNumber:
+      break;
+  }
   // The missing code is compared exactly, on purpose.
-  if (value == _rules.missingCode) return CellKind::kMissing;
+  if (value == _rules.missingCode) {
+    return _rules.userMissingCode ? CellKind::kMissing : CellKind::kReserved;
+  }
   return CellKind::kNumber;
+}
+
+// The error of a cell that could not be taken; `what` names its role.
+bool RowParser::CellError(std::size_t field, CellKind kind, std::string_view cell, const char* what,
+                          LineError& error) const {
+  std::string message;
+  switch (kind) {
+    case CellKind::kOutOfRange:
+      message = std::string(what) + " " + Quoted(cell)
+                + " is beyond the range of a double (about 1.8e308)";
+      break;
+    case CellKind::kReserved:
+      message = std::string(what) + " " + Quoted(cell)
+                + " equals the lowest double, which marks missing cells inside the tool; give "
+                  "--missing-code a value the data does not hold";
+      break;
+    default:
+      message = std::string(what) == "cell"
+                    ? NotANumber(cell)
+                    : std::string(what) + " " + Quoted(cell) + " is not a number";
+      break;
+  }
+  error = {field, std::move(message)};
+  return false;
 }
 
 bool RowParser::TakeWeight(std::size_t field, std::string_view cell, double& weight, ParsedRow& row,
                            LineError& error) {
-  switch (ReadNumber(cell, weight)) {
+  const CellKind kind = ReadNumber(cell, weight);
+  switch (kind) {
     case CellKind::kMissing:
       row.weightMissing = true;
       return true;
     case CellKind::kBad:
+    case CellKind::kOutOfRange:
+    case CellKind::kReserved:
       if (_rules.nonNumericIsMissing) {
         row.weightMissing = true;
         ++row.nCoerced;
         return true;
       }
-      error = {field, "weight " + Quoted(cell) + " is not a number"};
-      return false;
+      return CellError(field, kind, cell, "weight", error);
     case CellKind::kNumber:
       break;
-  }
-  if (std::isnan(weight)) {
-    error = {field, "weight " + Quoted(cell) +
-                        " is not a number; the library would carry it into every sum, so the "
-                        "tool refuses it"};
-    return false;
   }
   if (weight < 0.0) {
     error = {field, "weight " + Quoted(cell) +
@@ -332,7 +396,7 @@ bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& r
                         + " (set the range with --group-range)"};
     return false;
   }
-  row.group = static_cast<unsigned>(code - _rules.groupLo);
+  row.group = code;
   return true;
 }
 
@@ -350,23 +414,28 @@ bool RowParser::TakeCell(std::size_t field, std::string_view cell, ParsedRow& ro
     case FieldRole::kValue:
       break;
   }
-  double& slot = row.values[_layout.slots[field]];
-  switch (ReadNumber(cell, slot)) {
+  const unsigned slot = _layout.slots[field];
+  double& value = row.values[slot];
+  const CellKind kind = ReadNumber(cell, value);
+  switch (kind) {
     case CellKind::kNumber:
       return true;
     case CellKind::kMissing:
       break;
     case CellKind::kBad:
-      if (!_rules.nonNumericIsMissing) {
-        error = {field, cell.empty()
-                            ? std::string("cell is empty, and empty cells do not count as missing")
-                            : "cell " + Quoted(cell) + " is not a number"};
-        return false;
+      if (_layout.typedByContent) {
+        constexpr std::size_t kKept = 60;
+        row.texts.push_back({slot, std::string(cell.substr(0, kKept))});
+        break;
       }
+      [[fallthrough]];
+    case CellKind::kOutOfRange:
+    case CellKind::kReserved:
+      if (!_rules.nonNumericIsMissing) return CellError(field, kind, cell, "cell", error);
       ++row.nCoerced;
       break;
   }
-  slot = _rules.missingCode;
+  value = _rules.missingCode;
   ++row.nMissing;
   return true;
 }
@@ -380,6 +449,7 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
   row.weightMissing = false;
   row.groupMissing = false;
   row.group = 0;
+  row.texts.clear();
 
   const char* p = line.data();
   const char* end = p + line.size();
@@ -389,7 +459,12 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
     std::string_view cell;
     const char* problem = nullptr;
     if (!NextField(p, end, _layout.delimiter, _unquoted, cell, problem)) {
-      error = {field, problem};
+      if (field < _nFields) {
+        error = {field, problem};
+      } else {
+        error = {LineError::kWholeLine, "the line has more fields than the header's "
+                                            + std::to_string(_nFields) + ", and " + problem};
+      }
       return false;
     }
     if (field < _nFields && !TakeCell(field, cell, row, error)) {

@@ -8,14 +8,17 @@
 // Every field has one role: analysed value, frequency weight, regression
 // weight, group, or skipped. Cells are read as follows:
 //   - a cell whose text is one of the missing texts is missing;
-//   - otherwise it is read with std::from_chars as a double ("nan" and "inf"
+//   - otherwise it is read with std::from_chars as a decimal double ("inf"
 //     included, a leading '+' allowed); a value equal to the missing code is
-//     missing too;
-//   - anything else is an error, or missing when the user asked for that.
+//     missing too. A number too small for a double reads as what it rounds to
+//     (0 or a subnormal); one too large is an error. "nan" is not a number:
+//     no figure could use it;
+//   - anything else is not a number: an error, or missing when the user asked
+//     for that. In a column chosen by the tool (no --columns), it marks the
+//     column as text instead, and the pass leaves the column out.
 // A weight must be finite and not negative: the library would enter a
 // negative or NaN weight unchanged into every sum, so the tool refuses it. A
-// group must be a whole number within the group range; a group outside the
-// range is always an error, as the discriminant tables index by it.
+// group must be a whole number within the group range.
 #pragma once
 
 #include <cstddef>
@@ -32,8 +35,11 @@ enum class FieldRole : std::uint8_t { kSkip, kValue, kWeight, kRegWeight, kGroup
 struct CellRules {
   std::vector<std::string> missingTexts;  // after trimming; "" is the empty cell
   double missingCode = 0.0;               // what a missing cell is stored as
+  // Whether the user chose the code. If not, it is a value no data should
+  // hold, and a cell that holds it is refused rather than taken as missing.
+  bool userMissingCode = true;
   bool nonNumericIsMissing = false;
-  long long groupLo = 0;  // group codes lo..hi are stored as 0..hi-lo
+  long long groupLo = 0;  // the range of the group codes
   long long groupHi = 0;
 };
 
@@ -45,7 +51,16 @@ struct RowLayout {
   std::vector<unsigned> slots;           // for value fields, the value's index
   std::vector<std::size_t> valueFields;  // header field of each value, in value order
   std::optional<std::size_t> weightField, regWeightField, groupField;
+  // The value columns were chosen by the tool: a cell that is not a number
+  // marks its column as text instead of failing the row.
+  bool typedByContent = false;
   unsigned NValues() const { return static_cast<unsigned>(valueFields.size()); }
+};
+
+// A field of the header that the tool passed over, and why.
+struct SkippedColumn {
+  std::size_t field = 0;
+  std::string reason;
 };
 
 // What the user asked for, by column name.
@@ -54,15 +69,22 @@ struct ColumnChoice {
   std::string weight, regWeight, group;
 };
 
+// A cell of text in a column that the tool chose (typedByContent).
+struct TextCell {
+  unsigned slot = 0;
+  std::string text;  // the cell, cut short for messages
+};
+
 struct ParsedRow {
   std::vector<double> values;  // NValues() cells; a missing cell holds the missing code
-  unsigned nMissing = 0;       // missing value cells
+  unsigned nMissing = 0;       // missing value cells (text cells included)
   unsigned nCoerced = 0;       // cells of this row that were not numbers, taken as missing
   double weight = 1.0;
   double regWeight = 1.0;
   bool weightMissing = false;  // either weight is missing
   bool groupMissing = false;
-  unsigned group = 0;  // group code minus groupLo
+  long long group = 0;          // the group code
+  std::vector<TextCell> texts;  // typedByContent only: the row's text cells
 };
 
 struct LineError {
@@ -75,16 +97,21 @@ struct LineError {
 // tab or semicolon, comma on a tie or when there is none.
 char DetectDelimiter(std::string_view header);
 
-// The fields of one line, unquoted and trimmed. For the header and the first
-// row only; the hot path is RowParser::Parse.
+// The fields of one line, unquoted and trimmed. For the header only; rows go
+// through RowParser::Parse.
 std::vector<std::string> SplitLine(std::string_view line, char delimiter);
 
 // Assigns roles. Throws UsageError for a name the header lacks or a column
 // named twice, DataError for a name that appears twice in the header. With no
 // columns named, takes every field that is none of the named weight and group
-// fields and whose cell in `firstRow` is a number or missing.
+// fields and has a name, minus the fields in `skip`; fields without a name are
+// added to `skipped`. Throws UsageError when no column is left.
 RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const ColumnChoice& choice,
-                     const std::optional<std::string>& firstRow, const CellRules& rules);
+                     const std::vector<SkippedColumn>& skip = {},
+                     std::vector<SkippedColumn>* skipped = nullptr);
+
+// The message for a cell that is not a number: the text, and a hint where one helps.
+std::string NotANumber(std::string_view cell);
 
 class RowParser {
  public:
@@ -95,8 +122,10 @@ class RowParser {
   bool Parse(std::string_view line, ParsedRow& row, LineError& error);
 
  private:
-  enum class CellKind { kNumber, kMissing, kBad };
+  enum class CellKind { kNumber, kMissing, kBad, kOutOfRange, kReserved };
   CellKind ReadNumber(std::string_view cell, double& value) const;
+  bool CellError(std::size_t field, CellKind kind, std::string_view cell, const char* what,
+                 LineError& error) const;
   bool IsMissingText(std::string_view cell) const;
   bool TakeCell(std::size_t field, std::string_view cell, ParsedRow& row, LineError& error);
   bool TakeWeight(std::size_t field, std::string_view cell, double& weight, ParsedRow& row,

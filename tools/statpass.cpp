@@ -3,13 +3,14 @@
 #include <vorel/databatch.h>
 #include <vorel/driver.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <deque>
-#include <limits>
-#include <mutex>
+#include <numeric>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "errors.h"
 
@@ -17,51 +18,180 @@ namespace vorelstat {
 namespace {
 
 // A bad line as one thread found it; the line number is known only later.
-struct FoundError {
+// Where a thread met something: a chunk and a line in it.
+struct ChunkLine {
   std::uint64_t chunkIndex = 0;
   std::uint64_t lineInChunk = 0;  // 0-based
-  LineError error;
 
-  bool Before(const FoundError& other) const {
+  bool Before(const ChunkLine& other) const {
     if (chunkIndex != other.chunkIndex) return chunkIndex < other.chunkIndex;
     return lineInChunk < other.lineInChunk;
   }
 };
 
-struct Counters {
-  std::uint64_t rowsRead = 0;
-  std::uint64_t rowsUsed = 0;
-  std::uint64_t rowsIncomplete = 0;
-  std::uint64_t rowsWithoutWeight = 0;
-  std::uint64_t rowsWithoutGroup = 0;
-  std::uint64_t cellsCoerced = 0;
-
-  void Add(const Counters& o) {
-    rowsRead += o.rowsRead;
-    rowsUsed += o.rowsUsed;
-    rowsIncomplete += o.rowsIncomplete;
-    rowsWithoutWeight += o.rowsWithoutWeight;
-    rowsWithoutGroup += o.rowsWithoutGroup;
-    cellsCoerced += o.cellsCoerced;
-  }
+// A bad line as one thread found it; the line number is known only later.
+struct FoundError {
+  ChunkLine where;
+  LineError error;
 };
 
+// The first text cell of a column, likewise.
+struct FoundText {
+  ChunkLine where;
+  std::string text;
+};
+
+// Keeps the earlier of two findings.
+template <class Found>
+void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
+  if (!kept || offered.where.Before(kept->where)) kept = offered;
+}
+
+// Cell counts and extremes of the columns, and under pairwise deletion
+// whether each column holds one value on the rows of each pair.
 struct Extremes {
   std::vector<std::uint64_t> counts;
-  std::vector<double> minima, maxima;
+  std::vector<figures::Range> ranges;
+  std::vector<figures::Constancy> pairConstancy;
 
-  explicit Extremes(unsigned nValues)
+  Extremes(unsigned nValues, bool pairwise)
       : counts(nValues, 0),
-        minima(nValues, std::numeric_limits<double>::infinity()),
-        maxima(nValues, -std::numeric_limits<double>::infinity()) {}
+        ranges(nValues),
+        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
 
   void Add(const Extremes& o) {
     for (std::size_t c = 0; c < counts.size(); ++c) {
       counts[c] += o.counts[c];
-      if (o.minima[c] < minima[c]) minima[c] = o.minima[c];
-      if (o.maxima[c] > maxima[c]) maxima[c] = o.maxima[c];
+      ranges[c].Include(o.ranges[c]);
     }
+    for (std::size_t c = 0; c < pairConstancy.size(); ++c)
+      pairConstancy[c].Include(o.pairConstancy[c]);
   }
+};
+
+// The results by group of one worker, or of the whole pass: state for the
+// groups that occurred, and the sum of their corrected cross-products.
+class GroupTable {
+ public:
+  GroupTable(unsigned nValues, bool keepCrossProducts)
+      : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
+
+  figures::GroupMoments& Of(long long code) {
+    const auto [it, added] = _index.try_emplace(code, _groups.size());
+    if (added) {
+      _codes.push_back(code);
+      _groups.emplace_back(_nValues, _keep);
+    }
+    return _groups[it->second];
+  }
+  std::vector<double>& Within() { return _within; }
+
+  void Add(const GroupTable& other) {
+    for (std::size_t c = 0; c < _within.size(); ++c)
+      _within[c] += other._within[c];
+    for (std::size_t g = 0; g < other._codes.size(); ++g)
+      Of(other._codes[g]).Join(other._groups[g], _within);
+  }
+
+  // Moves the groups into `result` in code order.
+  void TakeInto(PassResult& result) {
+    std::vector<std::size_t> order(_codes.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::sort(order.begin(), order.end(),
+              [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
+    for (std::size_t g : order) {
+      result.groupCodes.push_back(_codes[g]);
+      result.groups.push_back(std::move(_groups[g]));
+    }
+    result.withinCscp = std::move(_within);
+  }
+
+ private:
+  unsigned _nValues;
+  bool _keep;
+  std::unordered_map<long long, std::size_t> _index;
+  std::vector<long long> _codes;
+  std::vector<figures::GroupMoments> _groups;
+  std::vector<double> _within;
+};
+
+// The complete, grouped rows of a worker not yet reduced: row after row, and
+// at a flush each group's rows through a MatrixListwise of their own.
+class GroupRows {
+ public:
+  GroupRows(unsigned nValues, unsigned capacity)
+      : _nValues(nValues),
+        _capacity(capacity),
+        _batch(nValues, capacity, &_weight, nullptr, nullptr),
+        _moved(nValues),
+        _means(nValues),
+        _cscp(figures::TriangleSize(nValues)) {
+    _codes.reserve(capacity);
+    _weights.reserve(capacity);
+    _values.reserve(std::size_t{capacity} * nValues);
+  }
+
+  bool Full() const { return _codes.size() == _capacity; }
+
+  void Add(long long code, double weight, const double* values) {
+    _codes.push_back(code);
+    _weights.push_back(weight);
+    _values.insert(_values.end(), values, values + _nValues);
+  }
+
+  // Reduces each group's rows, in their order, and joins them into `table`.
+  void Flush(GroupTable& table) {
+    const std::size_t n = _codes.size();
+    if (n == 0) return;
+    _order.resize(n);
+    std::iota(_order.begin(), _order.end(), std::size_t{0});
+    std::stable_sort(_order.begin(), _order.end(),
+                     [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
+    for (std::size_t first = 0; first < n;) {
+      const long long code = _codes[_order[first]];
+      figures::GroupMoments& group = table.Of(code);
+      // Rows go in less the group's origin, so that the batch's means round
+      // as the spread of the data does, not as its distance from zero.
+      const std::vector<double> origin =
+          figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
+      std::size_t last = first;
+      _batch.Clear();
+      for (; last < n && _codes[_order[last]] == code; ++last) {
+        const double* row = Row(last);
+        for (unsigned i = 0; i < _nValues; ++i)
+          _moved[i] = row[i] - origin[i];
+        _weight = _weights[_order[last]];
+        _batch.AddRow(_moved.data());
+      }
+      vorel::MatrixListwise part;
+      part += _batch;
+      for (unsigned i = 0; i < _nValues; ++i) {
+        _means[i] = part.Mean(i);
+        for (unsigned j = 0; j <= i; ++j)
+          _cscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
+      }
+      group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
+                 table.Within());
+      first = last;
+    }
+    _codes.clear();
+    _weights.clear();
+    _values.clear();
+  }
+
+ private:
+  // The values of the row at place `k` of the group order.
+  const double* Row(std::size_t k) const { return &_values[_order[k] * _nValues]; }
+
+  unsigned _nValues;
+  unsigned _capacity;
+  std::vector<long long> _codes;
+  std::vector<double> _weights;
+  std::vector<double> _values;
+  std::vector<std::size_t> _order;
+  double _weight = 1.0;  // read by AddRow
+  vorel::DataBatch _batch;
+  std::vector<double> _moved, _means, _cscp;
 };
 
 class StatWorker;
@@ -74,29 +204,22 @@ class StatProblem : public vorel::ProblemBase {
         _layout(layout),
         _rules(rules),
         _options(options),
-        _extremes(layout.NValues()),
-        _groupRows(layout.groupField ? GroupCount() : 0, 0) {
+        _extremes(layout.NValues(), options.pairwise),
+        _texts(layout.NValues()) {
     if (options.pairwise) {
       _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
     } else {
       _listwise = std::make_unique<vorel::MatrixListwise>();
     }
-    if (layout.groupField) _groups = std::make_unique<vorel::DiscriminantMatrix>();
+    if (layout.groupField) _groups.emplace(layout.NValues(), options.groupCovariance);
   }
 
   vorel::WorkerBase* CreateWorker() override;
 
-  int GroupCount() const { return static_cast<int>(_rules.groupHi - _rules.groupLo + 1); }
-
-  // Keeps the earliest of the errors offered; called under the result lock.
-  void OfferError(const FoundError& error) {
-    if (!_firstError || error.Before(*_firstError)) _firstError = error;
-  }
-
-  // Line number in the file of a bad line: the header is line 1.
-  std::uint64_t LineNumber(const FoundError& error) const {
-    std::uint64_t line = 2 + error.lineInChunk;
-    for (std::uint64_t k = 0; k < error.chunkIndex; ++k)
+  // Line number in the file of a line a thread found.
+  std::uint64_t LineNumber(const ChunkLine& where) const {
+    std::uint64_t line = _reader.HeaderLine() + 1 + where.lineInChunk;
+    for (std::uint64_t k = 0; k < where.chunkIndex; ++k)
       line += _lineCounts[k];
     return line;
   }
@@ -116,12 +239,12 @@ class StatProblem : public vorel::ProblemBase {
 
   // Written under the result lock.
   std::optional<FoundError> _firstError;
-  Counters _counters;
+  RowCounts _counters;
   Extremes _extremes;
+  std::vector<std::optional<FoundText>> _texts;  // per value column
   std::unique_ptr<vorel::MatrixListwise> _listwise;
   std::unique_ptr<vorel::MatrixPairwise> _pairwise;
-  std::unique_ptr<vorel::DiscriminantMatrix> _groups;
-  std::vector<std::uint64_t> _groupRows;
+  std::optional<GroupTable> _groups;
 };
 
 class StatWorker : public vorel::WorkerBase {
@@ -135,22 +258,16 @@ class StatWorker : public vorel::WorkerBase {
         _batch(problem._layout.NValues(), problem._options.batchRows,
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem._layout.NValues()),
-        _groupRows(problem._groupRows.size(), 0),
-        _groupShift(problem._options.groupShift),
-        _shifted(_groupShift.size()) {
+        _extremes(problem._layout.NValues(), _pairwise),
+        _texts(problem._layout.NValues()) {
     if (_pairwise) {
       _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
     } else {
       _listwiseMatrix = std::make_unique<vorel::MatrixListwise>();
     }
     if (_layout.groupField) {
-      // Regression weights play no part in the discriminant sums, so the
-      // group batch does not carry them.
-      _groupBatch.emplace(_layout.NValues(), problem._options.batchRows,
-                          _layout.weightField ? &_weight : nullptr, nullptr, &_group);
-      _groupMatrix = std::make_unique<vorel::DiscriminantMatrix>(
-          problem.GroupCount(), static_cast<int>(_layout.NValues()));
+      _groupRows.emplace(_layout.NValues(), problem._options.batchRows);
+      _groups.emplace(_layout.NValues(), problem._options.groupCovariance);
     }
   }
 
@@ -176,11 +293,17 @@ class StatWorker : public vorel::WorkerBase {
       p = lineEnd + 1;
       if (text.empty()) continue;
       LineError error;
-      if (!_parser.Parse(text, _row, error)) {
-        _error = FoundError{_chunk.index, line, std::move(error)};
+      if (text.size() > _problem._reader.MaxLine()) {
+        error.message = "the line is longer than " + std::to_string(_problem._reader.MaxLine())
+                        + " bytes, the limit of --max-line-length";
+      }
+      if (!error.message.empty() || !_parser.Parse(text, _row, error)) {
+        _error = FoundError{{_chunk.index, line}, std::move(error)};
         _problem._failed.store(true, std::memory_order_relaxed);
         break;
       }
+      for (const TextCell& cell : _row.texts)
+        KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, line}, cell.text});
       TakeRow();
     }
     *_lineCount = line;
@@ -188,88 +311,101 @@ class StatWorker : public vorel::WorkerBase {
 
   void MergeResult() override {
     if (_error) {
-      _problem.OfferError(*_error);
+      KeepEarlier(_problem._firstError, *_error);
       return;
     }
-    // Batches run on across chunks, so each worker still holds one partly
-    // filled batch: it goes in here, once per worker.
+    // Batches run on across chunks, so each worker still holds partly filled
+    // batches: they go in here, once per worker.
     FlushBatch();
-    FlushGroupBatch();
+    if (_groupRows) _groupRows->Flush(*_groups);
     if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
     if (_pairwiseMatrix) *_problem._pairwise += *_pairwiseMatrix;
-    if (_groupMatrix) *_problem._groups += *_groupMatrix;
-    for (std::size_t g = 0; g < _groupRows.size(); ++g)
-      _problem._groupRows[g] += _groupRows[g];
+    if (_groups) _problem._groups->Add(*_groups);
     _problem._extremes.Add(_extremes);
     _problem._counters.Add(_counters);
+    for (std::size_t c = 0; c < _texts.size(); ++c) {
+      if (_texts[c]) KeepEarlier(_problem._texts[c], *_texts[c]);
+    }
   }
 
  private:
   void TakeRow() {
-    ++_counters.rowsRead;
+    ++_counters.read;
     _counters.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
-      ++_counters.rowsWithoutWeight;
+      ++_counters.withoutWeight;
+      return;
+    }
+    // A row of weight 0 is not there, as frequency weights mean; the library
+    // would still count it, and a batch of such rows would divide by 0.
+    if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
+      ++_counters.zeroWeight;
       return;
     }
     const bool complete = _row.nMissing == 0;
-    if (!complete) ++_counters.rowsIncomplete;
+    if (!complete) ++_counters.incomplete;
     if (!complete && !_pairwise) return;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
-    ++_counters.rowsUsed;
+    ++_counters.used;
     if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
-    if (!_groupBatch) return;
+    if (!_groupRows) return;
     if (_row.groupMissing) {
-      ++_counters.rowsWithoutGroup;
+      ++_counters.withoutGroup;
       return;
     }
     if (!complete) return;
-    _group = _row.group;
-    const double* cells = _row.values.data();
-    if (!_groupShift.empty()) {
-      for (std::size_t c = 0; c < _shifted.size(); ++c)
-        _shifted[c] = cells[c] - _groupShift[c];
-      cells = _shifted.data();
-    }
-    _groupBatch->AddRow(cells);
-    ++_groupRows[_row.group];
-    if (_groupBatch->NRows() == _problem._options.batchRows) FlushGroupBatch();
+    _groupRows->Add(_row.group, _row.weight, _row.values.data());
+    if (_groupRows->Full()) _groupRows->Flush(*_groups);
   }
 
   // Extremes first: a listwise matrix centres the batch's columns in place.
   void FlushBatch() {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
+    if (_pairwise) UpdatePairConstancy();
     if (_listwiseMatrix) *_listwiseMatrix += _batch;
     if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
     _batch.Clear();
   }
 
-  void FlushGroupBatch() {
-    if (!_groupBatch || _groupBatch->NRows() == 0) return;
-    *_groupMatrix += *_groupBatch;
-    _groupBatch->Clear();
-  }
+  // Compared exactly, on purpose: that is what makes a cell missing.
+  bool Present(double x) const { return x != _missingCode; }
 
   void UpdateExtremes() {
     const unsigned n = _batch.NRows();
     for (unsigned c = 0; c < _batch.NColumns(); ++c) {
       const double* x = _batch.Column(c);
-      double lo = _extremes.minima[c];
-      double hi = _extremes.maxima[c];
+      figures::Range range = _extremes.ranges[c];
       std::uint64_t count = 0;
       for (unsigned r = 0; r < n; ++r) {
-        // Compared exactly, on purpose: that is what makes a cell missing.
-        if (x[r] == _missingCode) continue;
+        if (!Present(x[r])) continue;
         ++count;
-        if (x[r] < lo) lo = x[r];
-        if (x[r] > hi) hi = x[r];
+        range.Include(x[r]);
       }
-      _extremes.minima[c] = lo;
-      _extremes.maxima[c] = hi;
+      _extremes.ranges[c] = range;
       _extremes.counts[c] += count;
+    }
+  }
+
+  // For each pair, whether each column holds one value on the rows where
+  // both are present: a column may be constant there and not elsewhere. A
+  // pair whose column varies is not looked at again, so after the first
+  // batches this costs next to nothing.
+  void UpdatePairConstancy() {
+    const unsigned n = _batch.NRows();
+    const std::size_t k = _batch.NColumns();
+    for (unsigned i = 0; i < k; ++i) {
+      const double* xi = _batch.Column(i);
+      for (unsigned j = 0; j < k; ++j) {
+        figures::Constancy& constancy = _extremes.pairConstancy[i * k + j];
+        if (i == j || constancy.Varies()) continue;
+        const double* xj = _batch.Column(j);
+        for (unsigned r = 0; r < n; ++r) {
+          if (Present(xi[r]) && Present(xj[r]) && !constancy.Include(xi[r])) break;
+        }
+      }
     }
   }
 
@@ -282,21 +418,18 @@ class StatWorker : public vorel::WorkerBase {
   Chunk _chunk;
   std::uint64_t* _lineCount = nullptr;
 
-  // The current row's weight, regression weight and group, read by AddRow.
+  // The current row's weight and regression weight, read by AddRow.
   double _weight = 1.0;
   double _regWeight = 1.0;
-  unsigned _group = 0;
 
   vorel::DataBatch _batch;
-  std::optional<vorel::DataBatch> _groupBatch;
   std::unique_ptr<vorel::MatrixListwise> _listwiseMatrix;
   std::unique_ptr<vorel::MatrixPairwise> _pairwiseMatrix;
-  std::unique_ptr<vorel::DiscriminantMatrix> _groupMatrix;
+  std::optional<GroupRows> _groupRows;
+  std::optional<GroupTable> _groups;
   Extremes _extremes;
-  std::vector<std::uint64_t> _groupRows;
-  const std::vector<double>& _groupShift;
-  std::vector<double> _shifted;  // the current row less the group shift
-  Counters _counters;
+  std::vector<std::optional<FoundText>> _texts;
+  RowCounts _counters;
   std::optional<FoundError> _error;
 };
 
@@ -309,13 +442,23 @@ std::string Location(const ChunkReader& reader, const RowLayout& layout, std::ui
                      const LineError& error) {
   std::string where = reader.Path() + ", line " + std::to_string(line);
   if (error.field != LineError::kWholeLine) {
-    where +=
-        ", column " + std::to_string(error.field + 1) + " (\"" + layout.names[error.field] + "\")";
+    where += ", column " + std::to_string(error.field + 1);
+    if (error.field < layout.names.size()) where += " (\"" + layout.names[error.field] + "\")";
   }
   return where;
 }
 
 }  // namespace
+
+void RowCounts::Add(const RowCounts& o) {
+  read += o.read;
+  used += o.used;
+  incomplete += o.incomplete;
+  withoutWeight += o.withoutWeight;
+  zeroWeight += o.zeroWeight;
+  withoutGroup += o.withoutGroup;
+  cellsCoerced += o.cellsCoerced;
+}
 
 PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
                    const PassOptions& options) {
@@ -323,26 +466,25 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   vorel::Driver(&problem, options.threads);
   if (problem._firstError) {
     const FoundError& found = *problem._firstError;
-    throw DataError(Location(reader, layout, problem.LineNumber(found), found.error) + ": "
+    throw DataError(Location(reader, layout, problem.LineNumber(found.where), found.error) + ": "
                     + found.error.message);
   }
   PassResult result;
   result.threads = problem._workersMade;
-  result.rowsRead = problem._counters.rowsRead;
-  result.rowsUsed = problem._counters.rowsUsed;
-  result.rowsIncomplete = problem._counters.rowsIncomplete;
-  result.rowsWithoutWeight = problem._counters.rowsWithoutWeight;
-  result.rowsWithoutGroup = problem._counters.rowsWithoutGroup;
-  result.cellsCoerced = problem._counters.cellsCoerced;
+  result.rows = problem._counters;
   result.cellCounts = std::move(problem._extremes.counts);
-  result.minima = std::move(problem._extremes.minima);
-  result.maxima = std::move(problem._extremes.maxima);
+  result.ranges = std::move(problem._extremes.ranges);
+  result.pairConstancy = std::move(problem._extremes.pairConstancy);
   result.listwise = std::move(problem._listwise);
   result.pairwise = std::move(problem._pairwise);
-  result.groups = std::move(problem._groups);
-  result.groupRows = std::move(problem._groupRows);
-  result.groupShift = options.groupShift;
-  result.groupShift.resize(layout.NValues(), 0.0);
+  if (problem._groups) {
+    result.grouped = true;
+    problem._groups->TakeInto(result);
+  }
+  for (unsigned slot = 0; slot < problem._texts.size(); ++slot) {
+    const std::optional<FoundText>& found = problem._texts[slot];
+    if (found) result.textColumns.push_back({slot, problem.LineNumber(found->where), found->text});
+  }
   return result;
 }
 

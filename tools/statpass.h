@@ -2,17 +2,24 @@
 //
 // The serial stage (ReadBatch) only takes the next chunk of whole lines from
 // the ChunkReader. The parallel stage (ProcessBatch) reads the chunk's bytes,
-// splits them into lines, parses the cells, and feeds the rows into the worker's DataBatch
-// objects, adding each full batch to the worker's own matrices. At the end
-// each worker adds its last, partly filled batch and merges its matrices into
-// the shared ones (MergeResult). Memory per thread is one chunk plus one or
-// two batches, whatever the size of the file.
+// splits them into lines, parses the cells, and feeds the rows into the
+// worker's batches, adding each full batch to the worker's own matrices. At
+// the end each worker adds its last, partly filled batches and merges its
+// results into the shared ones (MergeResult). Memory per thread is one chunk,
+// one or two batches and the figures, whatever the size of the file.
 //
-// Rows: a row whose weight is missing is left out everywhere. With listwise
-// deletion a row with any missing value cell is left out; with pairwise
-// deletion it is kept, its missing cells holding the missing code, which the
-// pairwise matrix drops cell by cell. The by-group tables take only rows that
-// are complete in every value cell and have a group, under either deletion.
+// Rows: a row whose weight is missing is left out everywhere; so is a row of
+// weight 0 (frequency weight, or its product with the regression weight), as
+// a frequency weight of 0 means the row is not there. With listwise deletion a
+// row with any missing value cell is left out; with pairwise deletion it is
+// kept, its missing cells holding the missing code, which the pairwise matrix
+// drops cell by cell. The by-group results take only rows that are complete in
+// every value cell and have a group, under either deletion.
+//
+// By group: a worker gathers the grouped rows of a batch, reduces each group's
+// rows on their own to centred results with a MatrixListwise, and joins them
+// into that group's running results by the update formula (figures.h). State
+// is made for the groups that occur, and only for them.
 //
 // Errors in the data: a thread that meets a bad line stops parsing its chunk
 // and the serial stage hands out no further chunk; the other threads finish
@@ -20,16 +27,17 @@
 // line number worked out from the line counts of the chunks before it.
 #pragma once
 
-#include <vorel/DiscriminantMatrix.h>
 #include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "chunkreader.h"
+#include "figures.h"
 #include "rowparser.h"
 
 namespace vorelstat {
@@ -38,38 +46,56 @@ struct PassOptions {
   bool pairwise = false;
   int threads = 0;  // below 1: the host's default
   unsigned batchRows = 4096;
+  // Each group keeps its own corrected cross-products, for its own covariance.
+  bool groupCovariance = false;
   // Called in the serial stage after each chunk with the bytes read so far.
   std::function<void(std::uint64_t)> onProgress;
-  // Subtracted from each value before it enters the group sums, which are
-  // raw: data far from zero would lose digits when the within-group products
-  // are taken apart. A value near the data, such as the first row's, serves.
-  // Empty: no shift.
-  std::vector<double> groupShift;
+};
+
+// A value column that turned out to hold text (typedByContent only).
+struct TextColumn {
+  unsigned slot = 0;
+  std::uint64_t line = 0;  // its first text cell
+  std::string text;
+};
+
+// What became of the rows of a pass.
+struct RowCounts {
+  std::uint64_t read = 0;           // data lines parsed (blank lines are skipped)
+  std::uint64_t used = 0;           // rows that reached the whole-table matrix
+  std::uint64_t incomplete = 0;     // rows with a missing value cell
+  std::uint64_t withoutWeight = 0;  // rows left out for a missing weight
+  std::uint64_t zeroWeight = 0;     // rows left out for a weight of 0
+  std::uint64_t withoutGroup = 0;   // rows left out of the group results for a missing group
+  std::uint64_t cellsCoerced = 0;   // cells that were not numbers, taken as missing
+
+  void Add(const RowCounts& other);
 };
 
 struct PassResult {
   int threads = 0;
-  std::uint64_t rowsRead = 0;           // data lines parsed (blank lines are skipped)
-  std::uint64_t rowsUsed = 0;           // rows that reached the whole-table matrix
-  std::uint64_t rowsIncomplete = 0;     // rows with a missing value cell
-  std::uint64_t rowsWithoutWeight = 0;  // rows left out for a missing weight
-  std::uint64_t rowsWithoutGroup = 0;   // rows left out of the group tables for a missing group
-  std::uint64_t cellsCoerced = 0;       // cells that were not numbers, taken as missing
+  RowCounts rows;
 
-  // Per value column, over the cells that are not missing (NaN cells ignored).
+  // Per value column, over the cells that reached the whole-table matrix.
   std::vector<std::uint64_t> cellCounts;
-  std::vector<double> minima;  // +inf when the column had no cell
-  std::vector<double> maxima;  // -inf likewise
+  std::vector<figures::Range> ranges;
+  // Pairwise only: k x k, entry (i, j) whether column i holds one value on
+  // the rows where columns i and j are both present.
+  std::vector<figures::Constancy> pairConstancy;
 
   // Exactly one of the two is set.
   std::unique_ptr<vorel::MatrixListwise> listwise;
   std::unique_ptr<vorel::MatrixPairwise> pairwise;
 
-  // Set with a group column: the discriminant sums of the shifted values,
-  // the shift of each column (0 without one), and the rows of each group.
-  std::unique_ptr<vorel::DiscriminantMatrix> groups;
-  std::vector<double> groupShift;
-  std::vector<std::uint64_t> groupRows;
+  // With a group column: the groups that occurred, in code order, and the sum
+  // of their corrected cross-products (a triangle, figures::TriangleIndex).
+  bool grouped = false;
+  std::vector<long long> groupCodes;
+  std::vector<figures::GroupMoments> groups;
+  std::vector<double> withinCscp;
+
+  // Columns chosen by the tool that held text; their figures are void.
+  std::vector<TextColumn> textColumns;
 };
 
 // Runs the pass. Throws DataError naming file, line and column for bad data.

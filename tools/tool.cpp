@@ -1,8 +1,12 @@
 #include "tool.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 #include "chunkreader.h"
 #include "errors.h"
@@ -16,8 +20,8 @@ void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("file", o.path, "Delimited text file with a header row (- for standard input)")
       ->required();
   app.add_option("-c,--columns", o.choice.columns,
-                 "Columns to analyse, by name, comma-separated (default: every column whose first "
-                 "cell is numeric, other than the weight and group columns)")
+                 "Columns to analyse, by name, comma-separated (default: every named column whose "
+                 "cells are all numbers or missing, other than the weight and group columns)")
       ->delimiter(',');
   app.add_option("-w,--weight", o.choice.weight, "Frequency weight column");
   app.add_option("-r,--reg-weight", o.choice.regWeight,
@@ -25,6 +29,8 @@ void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("-g,--group", o.choice.group, "Group column: whole-number group codes");
   app.add_option("--group-range", o.groupRange, "Range LO:HI of the group codes")
       ->capture_default_str();
+  app.add_flag("--group-covariance", o.groupCovariance,
+               "Also each group's own standard deviations and covariance matrix");
   auto* pairwise =
       app.add_flag("-p,--pairwise", o.pairwise,
                    "Pairwise deletion: each figure uses the rows where its cells are present");
@@ -52,6 +58,11 @@ void DefineOptions(CLI::App& app, Options& o) {
       ->check(CLI::Range(1u, 100000000u));
   app.add_option("--read-size", o.readSize,
                  "Bytes the reader hands a thread at a time (suffixes k, M, G)")
+      ->capture_default_str()
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 32));
+  app.add_option("--max-line-length", o.maxLineLength,
+                 "Longest line accepted, in bytes (suffixes k, M, G); a longer line is an error")
       ->capture_default_str()
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 32));
@@ -86,23 +97,6 @@ long long ParseGroupBound(const std::string& text, const std::string& whole) {
   return value;
 }
 
-// The first row's values, with 0 for a cell that is missing or not finite;
-// all 0 when the row does not parse (the pass will report it).
-std::vector<double> FirstRowValues(const RowLayout& layout, const CellRules& rules,
-                                   const std::string& line) {
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  std::vector<double> values(layout.NValues(), 0.0);
-  if (!parser.Parse(line, row, error)) return values;
-  for (std::size_t c = 0; c < values.size(); ++c) {
-    // Compared exactly, on purpose: that is what makes a cell missing.
-    if (row.values[c] != rules.missingCode && std::isfinite(row.values[c]))
-      values[c] = row.values[c];
-  }
-  return values;
-}
-
 }  // namespace
 
 CellRules MakeCellRules(const Options& o) {
@@ -117,6 +111,12 @@ CellRules MakeCellRules(const Options& o) {
   // Without a code of the user's, missing cells are stored as the lowest
   // double, which no sensible data holds.
   rules.missingCode = o.missingCode.value_or(std::numeric_limits<double>::lowest());
+  rules.userMissingCode = o.missingCode.has_value();
+  if (std::isnan(rules.missingCode)) {
+    throw UsageError(
+        "--missing-code must be a number: NaN equals nothing, so it would mark no cell missing "
+        "(to count NaN text as missing, give it to --missing-text)");
+  }
   rules.nonNumericIsMissing = o.nonNumeric == "missing";
   const std::size_t colon = o.groupRange.find(':');
   if (colon == std::string::npos) {
@@ -124,46 +124,148 @@ CellRules MakeCellRules(const Options& o) {
   }
   rules.groupLo = ParseGroupBound(o.groupRange.substr(0, colon), o.groupRange);
   rules.groupHi = ParseGroupBound(o.groupRange.substr(colon + 1), o.groupRange);
-  constexpr long long kMostGroups = 1000000;
-  if (rules.groupHi < rules.groupLo || rules.groupHi - rules.groupLo >= kMostGroups) {
-    throw UsageError("--group-range LO:HI needs LO <= HI and at most " + std::to_string(kMostGroups)
-                     + " codes, not \"" + o.groupRange + "\"");
+  if (rules.groupHi < rules.groupLo) {
+    throw UsageError("--group-range LO:HI needs LO <= HI, not \"" + o.groupRange + "\"");
   }
   return rules;
 }
 
-std::string RunTool(const Options& o, bool progress) {
+namespace {
+
+// Bytes of the input that decide which of the tool's columns hold text before
+// the pass; a column that shows text only later costs a second pass.
+constexpr std::size_t kTypingWindow = std::size_t{1} << 20;
+
+std::string TextReason(std::uint64_t line, const std::string& cell) {
+  return "holds text (line " + std::to_string(line) + ": " + NotANumber(cell) + ")";
+}
+
+// The columns that hold text in the lines ahead of the pass.
+std::vector<SkippedColumn> TextColumnsAhead(ChunkReader& reader, const RowLayout& layout,
+                                            const CellRules& rules) {
+  std::vector<SkippedColumn> found;
+  std::vector<bool> seen(layout.NValues(), false);
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  std::string_view ahead = reader.PeekAhead(kTypingWindow);
+  for (std::uint64_t line = reader.HeaderLine() + 1; !ahead.empty(); ++line) {
+    const std::size_t end = std::min(ahead.find('\n'), ahead.size());
+    std::string_view text = ahead.substr(0, end);
+    ahead.remove_prefix(std::min(end + 1, ahead.size()));
+    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+    // A line that does not parse is the pass's to report.
+    if (text.empty() || !parser.Parse(text, row, error)) continue;
+    for (const TextCell& cell : row.texts) {
+      if (seen[cell.slot]) continue;
+      seen[cell.slot] = true;
+      found.push_back({layout.valueFields[cell.slot], TextReason(line, cell.text)});
+    }
+  }
+  return found;
+}
+
+std::string Megabytes(double bytes) {
+  return std::to_string(static_cast<long long>(bytes / 1e6)) + " MB";
+}
+
+// Refuses a run whose figures cannot fit in this machine's memory, before it
+// starts: they grow as the square of the columns, for every thread.
+void CheckSize(const RowLayout& layout, const Options& o, const std::string& path) {
+  const std::size_t k = layout.NValues();
+  if (k > kMostColumns) {
+    throw UsageError(path + ": " + std::to_string(k) + " columns to analyse; vorelstat analyses "
+                     "at most " + std::to_string(kMostColumns) + " at once: name fewer with --columns");
+  }
+  const double threads =
+      o.threads > 0 ? o.threads : std::max(1u, std::thread::hardware_concurrency());
+  const double cells = static_cast<double>(k) * (static_cast<double>(k) + 1.0) / 2.0;
+  // A listwise matrix is a triangle of doubles, and each worker makes a second
+  // one per batch; a pairwise matrix holds a record of 64 bytes per pair, and
+  // each worker keeps the extremes of both columns of each pair.
+  double perWorker = o.pairwise ? 64.0 * cells + 32.0 * cells : 16.0 * cells;
+  if (layout.groupField) perWorker += 24.0 * cells;
+  const double total = (threads + 1.0) * perWorker;
+  const double physical = static_cast<double>(::sysconf(_SC_PHYS_PAGES))
+                          * static_cast<double>(::sysconf(_SC_PAGE_SIZE));
+  if (physical > 0.0 && total > physical) {
+    throw UsageError(path + ": the figures of " + std::to_string(k) + " columns on "
+                     + std::to_string(static_cast<int>(threads)) + " threads need about "
+                     + Megabytes(total) + ", more than this machine's " + Megabytes(physical)
+                     + "; name fewer columns with --columns"
+                     + (o.pairwise ? ", use listwise deletion" : "") + " or fewer --threads");
+  }
+}
+
+}  // namespace
+
+ToolRun RunPasses(const Options& o, bool progress) {
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
-  ChunkReader reader(o.path, o.readSize);
-  const char delimiter = delimiterOption != 0 ? delimiterOption : DetectDelimiter(reader.Header());
-  RowLayout layout;
-  std::optional<std::string> firstRow;
-  try {
-    std::vector<std::string> header = SplitLine(reader.Header(), delimiter);
-    firstRow = reader.PeekFirstDataLine();
-    layout = MakeLayout(std::move(header), delimiter, o.choice, firstRow, rules);
-  } catch (const UsageError& e) {
-    throw UsageError(o.path + ": " + e.what());
-  } catch (const DataError& e) {
-    throw DataError(o.path + ", line 1: " + e.what());
+  // Columns of the tool's choice found to hold text; each pass that finds
+  // more is run again without them.
+  std::vector<SkippedColumn> textColumns;
+  for (bool looked = false;; looked = true) {
+    ChunkReader reader(o.path, o.readSize, o.maxLineLength);
+    const char delimiter =
+        delimiterOption != 0 ? delimiterOption : DetectDelimiter(reader.Header());
+    RowLayout layout;
+    std::vector<SkippedColumn> skipped = textColumns;
+    try {
+      layout = MakeLayout(SplitLine(reader.Header(), delimiter), delimiter, o.choice, textColumns,
+                          &skipped);
+      if (layout.typedByContent && !looked) {
+        textColumns = TextColumnsAhead(reader, layout, rules);
+        skipped = textColumns;
+        layout = MakeLayout(std::move(layout.names), delimiter, o.choice, textColumns, &skipped);
+      }
+    } catch (const UsageError& e) {
+      throw UsageError(o.path + ": " + e.what());
+    } catch (const DataError& e) {
+      throw DataError(o.path + ", line " + std::to_string(reader.HeaderLine()) + ": " + e.what());
+    }
+    CheckSize(layout, o, o.path);
+
+    ProgressBar bar(progress, reader.FileSize());
+    PassOptions passOptions;
+    passOptions.pairwise = o.pairwise;
+    passOptions.threads = o.threads;
+    passOptions.batchRows = o.batchRows;
+    passOptions.groupCovariance = o.groupCovariance;
+    passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
+    PassResult pass = RunPass(reader, layout, rules, passOptions);
+    bar.Finish();
+
+    if (pass.textColumns.empty()) {
+      std::sort(skipped.begin(), skipped.end(),
+                [](const SkippedColumn& a, const SkippedColumn& b) { return a.field < b.field; });
+      return {std::move(layout), std::move(skipped), std::move(pass)};
+    }
+    const TextColumn& first = pass.textColumns.front();
+    const std::string& name = layout.names[layout.valueFields[first.slot]];
+    if (!reader.Rereadable()) {
+      throw DataError(o.path + ", line " + std::to_string(first.line) + ": column \"" + name
+                      + "\" looked numeric in the first lines but " + NotANumber(first.text)
+                      + "; input that cannot be read twice needs its numeric columns named "
+                        "with --columns");
+    }
+    for (const TextColumn& column : pass.textColumns) {
+      textColumns.push_back(
+          {layout.valueFields[column.slot], TextReason(column.line, column.text)});
+    }
   }
+}
 
-  ProgressBar bar(progress, reader.FileSize());
-  PassOptions passOptions;
-  passOptions.pairwise = o.pairwise;
-  passOptions.threads = o.threads;
-  passOptions.batchRows = o.batchRows;
-  passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-  if (layout.groupField && firstRow)
-    passOptions.groupShift = FirstRowValues(layout, rules, *firstRow);
-  const PassResult pass = RunPass(reader, layout, rules, passOptions);
-  bar.Finish();
-
-  const Report report = MakeReport(o.path, layout, rules, pass);
-  if (o.format == "csv") return FormatCsv(report);
-  if (o.format == "json") return FormatJson(report);
-  return FormatTable(report);
+void RunTool(const Options& o, bool progress, std::FILE* out) {
+  const ToolRun run = RunPasses(o, progress);
+  const Report report(o.path, run.layout, run.pass, run.skipped, o.groupCovariance);
+  if (o.format == "csv") {
+    WriteCsv(report, out);
+  } else if (o.format == "json") {
+    WriteJson(report, out);
+  } else {
+    WriteTable(report, out);
+  }
 }
 
 }  // namespace vorelstat

@@ -3,11 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstddef>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "rowparser.h"
+#include "statpass.h"
 
 namespace vorelstat {
 
@@ -23,6 +25,8 @@ struct Options {
   int threads = 0;
   unsigned batchRows = 4096;
   std::size_t readSize = std::size_t{1} << 20;
+  std::size_t maxLineLength = std::size_t{16} << 20;
+  bool groupCovariance = false;
   std::string format = "table";
   std::string delimiter = "auto";
   bool noProgress = false;
@@ -35,8 +39,26 @@ CellRules MakeCellRules(const Options& options);
 // The delimiter the option names, or 0 for "detect from the header". Throws UsageError.
 char DelimiterOption(const std::string& text);
 
-// Reads the file and returns the printed report. Throws UsageError or DataError.
+// The most value columns one run analyses: the library's whole-table
+// matrices index their cells in 32 bits.
+inline constexpr std::size_t kMostColumns = 65535;
+
+// What a run settled on: the columns, those it passed over and why, and the
+// pass's results.
+struct ToolRun {
+  RowLayout layout;
+  std::vector<SkippedColumn> skipped;  // in header order
+  PassResult pass;
+};
+
+// Reads the file: decides the columns, runs the pass (a second time when a
+// column of the tool's choice showed text only during the first). Throws
+// UsageError or DataError.
+ToolRun RunPasses(const Options& options, bool progress);
+
+// Reads the file and writes the report to `out`, which the caller checks for
+// write errors. Throws UsageError or DataError before anything is written.
 // `progress` enables the progress bar on standard error.
-std::string RunTool(const Options& options, bool progress);
+void RunTool(const Options& options, bool progress, std::FILE* out);
 
 }  // namespace vorelstat

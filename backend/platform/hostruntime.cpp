@@ -1,6 +1,5 @@
-#include <vorelhost/hostruntime.h>
-
 #include <unistd.h>
+#include <vorelhost/hostruntime.h>
 
 #include <algorithm>
 #include <fstream>
@@ -106,9 +105,12 @@ std::vector<int> ParseCpuList(const std::string& text) {
       }
       pos += used;
     }
-    for (int cpu = first; cpu <= last; ++cpu) cpus.push_back(cpu);
-    if (pos < text.size() && text[pos] == ',') ++pos;
-    else break;
+    for (int cpu = first; cpu <= last; ++cpu)
+      cpus.push_back(cpu);
+    if (pos < text.size() && text[pos] == ',')
+      ++pos;
+    else
+      break;
   }
   return cpus;
 }
@@ -159,7 +161,9 @@ Topology ReadTopology() {
     cores.insert({socket, core});
   }
   if (cores.empty()) return fallback;
-  const auto ceilDiv = [](std::size_t a, std::size_t b) { return static_cast<int>((a + b - 1) / b); };
+  const auto ceilDiv = [](std::size_t a, std::size_t b) {
+    return static_cast<int>((a + b - 1) / b);
+  };
   return Topology{static_cast<int>(sockets.size()), ceilDiv(cores.size(), sockets.size()),
                   ceilDiv(cpus.size(), cores.size())};
 }

@@ -1,6 +1,5 @@
-#include <vorelhost/placement.h>
-
 #include <sched.h>
+#include <vorelhost/placement.h>
 
 #include <memory>
 #include <mutex>
@@ -33,8 +32,8 @@ bool SetThreadIdealProcessor(ThreadHandle thread, unsigned cpu) {
   if (*observer) (*observer)(thread, cpu);
   cpu_set_t own;
   CPU_ZERO(&own);
-  if (cpu >= CPU_SETSIZE || pthread_getaffinity_np(thread.native, sizeof own, &own) != 0 ||
-      !CPU_ISSET(cpu, &own))
+  if (cpu >= CPU_SETSIZE || pthread_getaffinity_np(thread.native, sizeof own, &own) != 0
+      || !CPU_ISSET(cpu, &own))
     return false;
   cpu_set_t one;
   CPU_ZERO(&one);

@@ -113,7 +113,8 @@ void tpThreadPoolBase::StopAndJoin() noexcept {
     _closing = true;
   }
   _wake.notify_all();
-  for (pthread_t thread : _threads) pthread_join(thread, nullptr);
+  for (pthread_t thread : _threads)
+    pthread_join(thread, nullptr);
   // Tasks queued on a pool that never started are destroyed without running.
   _queue.clear();
 }

@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
 namespace vorel {

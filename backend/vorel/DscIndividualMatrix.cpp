@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <utility>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 
 namespace vorel {

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "common/scatterrow.h"
+
 namespace vorel {
 namespace {
 
@@ -42,22 +44,7 @@ void DataBatch::AddRow(const double* row) {
     if (group > _nGroups) _nGroups = group;
   }
 
-  // Scatter the row down the columns, four cells a turn.
-  const std::size_t stride = _maxRows;
-  double* cell = _columns.get() + r;
-  unsigned left = _nColumns;
-  const double* value = row;
-  for (; left >= 4; left -= 4, value += 4) {
-    cell[0] = value[0];
-    cell[stride] = value[1];
-    cell[2 * stride] = value[2];
-    cell[3 * stride] = value[3];
-    cell += 4 * stride;
-  }
-  for (; left > 0; --left, ++value) {
-    *cell = *value;
-    cell += stride;
-  }
+  const double* cell = internal::ScatterRow(row, _nColumns, _columns.get() + r, _maxRows);
   CheckCellInStore(cell, _columns.get(), _nColumns, _maxRows);
   ++_nRows;
 }

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/scatterrow.h"
+
 namespace vorel {
 namespace {
 
@@ -87,20 +89,9 @@ void DataBatchByGroup::SortByGroup() {
     if (withWeights) _weights[p] = _tmpWeights[i];
     CheckRowStart(source, _rows.get(), _nColumns, i);
 
-    // Scatter the row down the columns at position p, four cells a turn.
-    double* cell = _columns.get() + p;
-    unsigned left = _nColumns;
-    for (; left >= 4; left -= 4, source += 4) {
-      cell[0] = source[0];
-      cell[stride] = source[1];
-      cell[2 * stride] = source[2];
-      cell[3 * stride] = source[3];
-      cell += 4 * stride;
-    }
-    for (; left > 0; --left, ++source) {
-      *cell = *source;
-      cell += stride;
-    }
+    // The row goes down the columns at position p.
+    internal::ScatterRow(source, _nColumns, _columns.get() + p, stride);
+    source += _nColumns;
   }
 }
 

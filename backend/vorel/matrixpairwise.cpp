@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/handle.h"
 #include "common/storelimits.h"
 #include "common/triangle.h"
+#include "kernels/columnkernels.h"
 #include "records/completecolumns.h"
 #include "records/pairwisefold.h"
 #include "records/pairwiserecords.h"

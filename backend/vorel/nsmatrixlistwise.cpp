@@ -11,10 +11,6 @@
 
 namespace vorel {
 
-using internal::ColumnBlock;
-using internal::CrossProductJob;
-using internal::CrossProducts;
-
 // The state of one NSMatrixListwise: the shared listwise block, with the sums
 // of squares in a store of their own. The four vectors run over the whole
 // block, first set before second. _xp is the rectangle of nFirst rows of
@@ -38,7 +34,7 @@ class NSMatrixListwiseData : public internal::ListwiseBlockData<NSMatrixListwise
   void CheckFirstBatch(const DataBatch& data) const;
   std::size_t CellCount() const;
   void SizeOwnStores() { _css.assign(_means.size(), 0.0); }
-  void FillCells(const ColumnBlock& block, const double* w, int rows);
+  void FillCells(const internal::ColumnBlock& block, const double* w, int rows);
   void CheckMerge(const NSMatrixListwiseData& d) const;
   void JoinCells(const NSMatrixListwiseData& d, double* newMeans, double a, double b);
 };
@@ -75,12 +71,13 @@ std::size_t NSMatrixListwiseData::CellCount() const {
 // squares of every column and every first-set column against every
 // second-set column, row after row. The blocked kernel gives every cell the
 // bits of its own dot product over the rows in order.
-void NSMatrixListwiseData::FillCells(const ColumnBlock& block, const double* w, int rows) {
-  CrossProductJob job = JobOver(block, w, rows);
+void NSMatrixListwiseData::FillCells(const internal::ColumnBlock& block, const double* w,
+                                     int rows) {
+  internal::CrossProductJob job = JobOver(block, w, rows);
   job.rectangle = _xp.get();
   job.split = NFirst();
   job.diagonal = _css.data();
-  CrossProducts(job);
+  internal::CrossProducts(job);
   const double* xprow = _xp.get() + static_cast<std::ptrdiff_t>(NFirst()) * NSecond();
   CheckSweepEnd(_xp.get(), xprow, NFirst(), NSecond());
 }

@@ -9,7 +9,6 @@
 
 namespace vorel {
 
-
 // All state of an NSMatrixPairwise: the shared pairwise block. _varStats
 // holds the whole block, the first set before the second. _xp is a rectangle
 // of nFirst rows of nSecond pairs, row after row: column r of the first set

@@ -11,10 +11,6 @@
 
 namespace vorel {
 
-using internal::ColumnBlock;
-using internal::CrossProductJob;
-using internal::CrossProducts;
-
 // The state of one SMatrixListwise: the shared listwise block whose _xp is
 // the lower triangle with its diagonal, row after row. The cell of block
 // positions i >= j is at MatrixRowCount(i+1) + j, and a block of nCols
@@ -32,7 +28,7 @@ class SMatrixListwiseData : public internal::ListwiseBlockData<SMatrixListwiseDa
   void CheckFirstBatch(const DataBatch& data);
   std::size_t CellCount() const;
   void SizeOwnStores() {}
-  void FillCells(const ColumnBlock& block, const double* w, int rows);
+  void FillCells(const internal::ColumnBlock& block, const double* w, int rows);
   void CheckMerge(const SMatrixListwiseData& d) const;
   void JoinCells(const SMatrixListwiseData& d, double* newMeans, double a, double b);
 };
@@ -75,10 +71,10 @@ std::size_t SMatrixListwiseData::CellCount() const {
 // columns. The blocked kernel gives every cell the bits of its own dot
 // product over the rows in order; which cells it works on together changes no
 // value.
-void SMatrixListwiseData::FillCells(const ColumnBlock& block, const double* w, int rows) {
-  CrossProductJob job = JobOver(block, w, rows);
+void SMatrixListwiseData::FillCells(const internal::ColumnBlock& block, const double* w, int rows) {
+  internal::CrossProductJob job = JobOver(block, w, rows);
   job.triangle = _xp.get();
-  CrossProducts(job);
+  internal::CrossProducts(job);
   const int nCols = _col2 - _col0;
   const double* xprow = _xp.get() + MatrixRowCount(nCols);  // the start of the last row
   CheckLastRow(_xp.get(), xprow, nCols, MatrixRowCount(nCols + 1));

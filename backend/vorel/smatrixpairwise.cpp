@@ -10,7 +10,6 @@
 
 namespace vorel {
 
-
 // All state of an SMatrixPairwise: the shared pairwise block whose _xp is the
 // lower triangle without diagonal, row after row: block position i has a row
 // of i pairs, one with each earlier position, and the pair of positions i > j

@@ -18,8 +18,8 @@ def run(*args, stdin=None):
     return subprocess.run([BINARY, *args], input=stdin, capture_output=True, text=True, timeout=60)
 
 
-def run_json(*args):
-    done = run(*args, "--format", "json")
+def run_json(*args, stdin=None):
+    done = run(*args, "--format", "json", stdin=stdin)
     if done.returncode != 0:
         raise AssertionError(f"exit {done.returncode}: {done.stderr}")
     return json.loads(done.stdout)

@@ -43,9 +43,10 @@ class BadInput(unittest.TestCase):
 
     def test_cell_that_is_not_a_number(self):
         text = "a;b;c\n1;2;3\n4;five;6\n7;8;x\n"
-        self.expect_data_error(text, [], 'line 3, column 2 ("b")', 'cell "five" is not a number')
+        self.expect_data_error(text, ["-c", "a,b,c"], 'line 3, column 2 ("b")',
+                               'cell "five" is not a number')
         with TempCsv(text) as path:
-            done = run(path, "--non-numeric", "missing", "--format", "json")
+            done = run(path, "-c", "a,b,c", "--non-numeric", "missing", "--format", "json")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertIn('"cells_not_numeric": 2', done.stdout)
         self.assertIn('"used": 1', done.stdout)

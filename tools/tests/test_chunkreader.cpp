@@ -131,32 +131,91 @@ TEST(ChunkReader, RefusesWhatCannotBeRead) {
   EXPECT_THROW(ChunkReader(empty.Path(), 64), DataError);
   TempPipe emptyPipe("");
   EXPECT_THROW(ChunkReader(emptyPipe.Path(), 64), DataError);
-  TempFile blankHeader("\n1,2\n");
-  EXPECT_THROW(ChunkReader(blankHeader.Path(), 64), DataError);
+  TempFile blankOnly("\n\r\n\n");
+  EXPECT_THROW(ChunkReader(blankOnly.Path(), 64), DataError);
   EXPECT_THROW(ChunkReader("/nonexistent/vorelstat/file.csv", 64), UsageError);
   EXPECT_THROW(ChunkReader("/tmp", 64), UsageError);
 }
 
-TEST(ChunkReader, PeekSkipsBlankLinesAndLeavesTheRowInTheInput) {
-  const std::string body = "\r\n" + std::string(5000, '\n') + "1,2\r\n3,4\n";
+// Blank lines before the header are skipped and counted; the lines ahead stay
+// in the input for the chunks, whether a file or a pipe.
+TEST(ChunkReader, BlankLinesBeforeTheHeaderAndPeekAhead) {
+  const std::string body = "1,2\r\n\n3,4\n5,6";
   for (bool pipe : {false, true}) {
     SCOPED_TRACE(pipe ? "pipe" : "file");
     std::optional<TempFile> file;
     std::optional<TempPipe> fifo;
-    const std::string& path =
-        pipe ? fifo.emplace("a,b\n" + body).Path() : file.emplace("a,b\n" + body).Path();
+    const std::string text = "\n\r\na,b\n" + body;
+    const std::string& path = pipe ? fifo.emplace(text).Path() : file.emplace(text).Path();
     ChunkReader reader(path, 1);
-    EXPECT_EQ(reader.PeekFirstDataLine(), std::optional<std::string>("1,2"));
+    EXPECT_EQ(reader.Header(), "a,b");
+    EXPECT_EQ(reader.HeaderLine(), 3u);
+    EXPECT_EQ(reader.Rereadable(), !pipe);
+    EXPECT_EQ(reader.PeekAhead(9), "1,2\r\n\n") << "whole lines only";
+    EXPECT_EQ(reader.PeekAhead(1000), body) << "the last line counts at the end";
     EXPECT_EQ(ReadAll(reader).joined, body);
   }
 }
 
-TEST(ChunkReader, PeekOnHeaderOnlyFileFindsNothing) {
-  TempFile file("a,b\n\n");
-  ChunkReader reader(file.Path(), 64);
-  EXPECT_EQ(reader.PeekFirstDataLine(), std::nullopt);
-  TempFile last("a,b\n\n5,6");
-  EXPECT_EQ(ChunkReader(last.Path(), 64).PeekFirstDataLine(), std::optional<std::string>("5,6"));
+// Input that is no delimited text is named for what it is.
+TEST(ChunkReader, RefusesWhatIsNoDelimitedText) {
+  const struct {
+    std::string contents;
+    const char* says;
+  } cases[] = {
+      {std::string("\x1F\x8B\x08\0\0\0\0\0", 8) + "abc", "is compressed (gzip)"},
+      {"\x28\xB5\x2F\xFDxyz", "is compressed (zstd)"},
+      {"\xFF\xFE"
+       "a\0,\0b\0",
+       "is UTF-16 text"},
+      {std::string("a,b\0c\n1,2\n", 11), "holds a byte 0"},
+      {"a,b\r1,2\r3,4\r", "carriage return alone"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.says);
+    TempFile file(c.contents);
+    try {
+      ChunkReader reader(file.Path(), 64);
+      ADD_FAILURE() << "accepted";
+    } catch (const DataError& e) {
+      EXPECT_NE(std::string(e.what()).find(c.says), std::string::npos) << e.what();
+    }
+  }
+}
+
+// No line may pass the limit: in the header, in a regular file's chunk cut, or
+// in a stream, so that no input makes the reader hold more.
+TEST(ChunkReader, LinesLongerThanTheLimitAreRefused) {
+  const std::string longLine(300, '7');
+  for (bool pipe : {false, true}) {
+    SCOPED_TRACE(pipe ? "pipe" : "file");
+    for (const std::string& text : {longLine + "\n1\n", "a\n1\n" + longLine + "\n2\n"}) {
+      std::optional<TempFile> file;
+      std::optional<TempPipe> fifo;
+      const std::string& path = pipe ? fifo.emplace(text).Path() : file.emplace(text).Path();
+      try {
+        ChunkReader reader(path, 16, 100);
+        ReadAll(reader);
+        ADD_FAILURE() << "accepted";
+      } catch (const DataError& e) {
+        EXPECT_NE(
+            std::string(e.what()).find("longer than 100 bytes, the limit of --max-line-length"),
+            std::string::npos)
+            << e.what();
+      }
+    }
+  }
+  TempFile fits("a\n" + longLine + "\n");
+  ChunkReader reader(fits.Path(), 16, 300);
+  EXPECT_EQ(ReadAll(reader).joined, longLine + "\n");
+}
+
+// Files under /proc say they hold 0 bytes; they are read as streams.
+TEST(ChunkReader, ProcFilesAreReadToTheEnd) {
+  ChunkReader reader("/proc/self/status", 64);
+  EXPECT_EQ(reader.Header().substr(0, 5), "Name:");
+  EXPECT_FALSE(reader.Rereadable());
+  EXPECT_FALSE(ReadAll(reader).joined.empty());
 }
 
 TEST(ChunkReader, HeaderLongerThanAWindow) {

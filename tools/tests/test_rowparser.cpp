@@ -27,7 +27,7 @@ CellRules Rules(bool lenient = false) {
 struct Fixture {
   explicit Fixture(bool lenient = false)
       : rules(Rules(lenient)),
-        layout(MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"}, {}, rules)),
+        layout(MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"})),
         parser(layout, rules) {}
 
   bool Parse(const std::string& line) { return parser.Parse(line, row, error); }
@@ -62,12 +62,12 @@ TEST(RowParser, ReadsNumbersIntoTheirSlots) {
   ASSERT_TRUE(f.Parse("r1,2,3,1.5,-2e3")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{-2000.0, 1.5}));
   EXPECT_EQ(f.row.weight, 3.0);
-  EXPECT_EQ(f.row.group, 1u);  // code 2 minus the range's low end
+  EXPECT_EQ(f.row.group, 2);
   EXPECT_EQ(f.row.nMissing, 0u);
   ASSERT_TRUE(f.Parse("r2, 3 ,\"0.25\", +7 ,.5")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{0.5, 7.0}));
   EXPECT_EQ(f.row.weight, 0.25);
-  EXPECT_EQ(f.row.group, 2u);
+  EXPECT_EQ(f.row.group, 3);
 }
 
 TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
@@ -77,17 +77,77 @@ TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
   EXPECT_EQ(f.row.nMissing, 2u);
   ASSERT_TRUE(f.Parse("r,1,1,-999,-999.0000")) << f.error.message;
   EXPECT_EQ(f.row.nMissing, 2u);
-  // NaN is no missing text here: it is a value, as the library takes it.
-  ASSERT_TRUE(f.Parse("r,1,1,NaN,inf")) << f.error.message;
+  // Infinity is a value; NaN, when it is no missing text, is not a number.
+  ASSERT_TRUE(f.Parse("r,1,1,-inf,inf")) << f.error.message;
   EXPECT_EQ(f.row.nMissing, 0u);
-  EXPECT_TRUE(std::isinf(f.row.values[0]));
-  EXPECT_TRUE(std::isnan(f.row.values[1]));
+  EXPECT_EQ(f.row.values, (std::vector<double>{INFINITY, -INFINITY}));
+  EXPECT_FALSE(f.Parse("r,1,1,NaN,1"));
+  EXPECT_EQ(f.error.message,
+            "cell \"NaN\" is not a number (add it to --missing-text to count it "
+            "as missing)");
+}
+
+// What the message says of a cell: the real cause, and a hint where one helps.
+TEST(RowParser, CellsOutOfRangeOrInAForeignForm) {
+  Fixture f;
+  const struct {
+    const char* cell;
+    const char* message;
+  } cases[] = {
+      {"1e400", "cell \"1e400\" is beyond the range of a double (about 1.8e308)"},
+      {"-1e999", "cell \"-1e999\" is beyond the range of a double (about 1.8e308)"},
+      {"\"5,1\"",
+       "cell \"5,1\" is not a number (a decimal comma? numbers are read with a "
+       "decimal point)"},
+      {"0x1p3", "cell \"0x1p3\" is not a number (hexadecimal numbers are not read)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cell);
+    EXPECT_FALSE(f.Parse(std::string("r,1,1,2,") + c.cell));
+    EXPECT_EQ(f.error.field, 4u);
+    EXPECT_EQ(f.error.message, c.message);
+  }
+  // Too small for a double: what it rounds to, a subnormal or 0.
+  ASSERT_TRUE(f.Parse("r,1,1,1e-400,-4.9e-324")) << f.error.message;
+  EXPECT_EQ(f.row.values[0], -4.9e-324);
+  EXPECT_EQ(f.row.values[1], 0.0);
+}
+
+TEST(RowParser, TheToolsOwnMissingCodeIsRefusedAsData) {
+  CellRules rules = Rules();
+  rules.missingCode = std::numeric_limits<double>::lowest();
+  rules.userMissingCode = false;
+  const RowLayout layout = MakeLayout({"x"}, ',', {{"x"}, "", "", ""});
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  EXPECT_FALSE(parser.Parse("-1.7976931348623157e308", row, error));
+  EXPECT_NE(error.message.find("--missing-code"), std::string::npos);
+}
+
+// In columns the tool chose, text marks the column instead of failing the row.
+TEST(RowParser, TextInColumnsChosenByContent) {
+  const CellRules rules = Rules();
+  const RowLayout layout = MakeLayout({"id", "x", "w"}, ',', {{}, "w", "", ""});
+  ASSERT_TRUE(layout.typedByContent);
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  ASSERT_TRUE(parser.Parse("A7,NA,2", row, error)) << error.message;
+  ASSERT_EQ(row.texts.size(), 1u);
+  EXPECT_EQ(row.texts[0].slot, 0u);
+  EXPECT_EQ(row.texts[0].text, "A7");
+  EXPECT_EQ(row.nMissing, 2u);
+  ASSERT_TRUE(parser.Parse("8,1.5,2", row, error));
+  EXPECT_TRUE(row.texts.empty());
+  EXPECT_FALSE(parser.Parse("8,1e400,2", row, error)) << "out of range is no text";
+  EXPECT_FALSE(parser.Parse("8,1,two", row, error)) << "a weight is never text";
 }
 
 TEST(RowParser, MissingTextsThatLookLikeNumbers) {
   CellRules rules = Rules();
   rules.missingTexts = {".", "-", "-9"};
-  const RowLayout layout = MakeLayout({"a", "b", "c", "d"}, ',', {}, std::nullopt, rules);
+  const RowLayout layout = MakeLayout({"a", "b", "c", "d"}, ',', {});
   RowParser parser(layout, rules);
   ParsedRow row;
   LineError error;
@@ -110,7 +170,7 @@ TEST(RowParser, BadCellNamesItsField) {
 TEST(RowParser, EmptyCellIsAnErrorWhenItDoesNotCountAsMissing) {
   CellRules rules = Rules();
   rules.missingTexts = {"NA"};
-  const RowLayout layout = MakeLayout({"x"}, ',', {}, std::nullopt, rules);
+  const RowLayout layout = MakeLayout({"x"}, ',', {{"x"}, "", "", ""});
   RowParser parser(layout, rules);
   ParsedRow row;
   LineError error;
@@ -141,6 +201,10 @@ TEST(RowParser, WrongFieldCountWinsOverABadCell) {
   EXPECT_FALSE(f.Parse("r,1,1,\"2,3"));
   EXPECT_EQ(f.error.field, 3u);
   EXPECT_NE(f.error.message.find("no closing quote"), std::string::npos);
+  // An open quote past the header's last field names no field of the header.
+  EXPECT_FALSE(f.Parse("r,1,1,2,3,\"x"));
+  EXPECT_EQ(f.error.field, LineError::kWholeLine);
+  EXPECT_NE(f.error.message.find("more fields than the header's 5"), std::string::npos);
 }
 
 TEST(RowParser, WeightsMustBeFiniteAndNotNegative) {
@@ -171,36 +235,36 @@ TEST(RowParser, GroupsAreWholeNumbersInTheRange) {
               "group 4 is outside the group range 1..3 (set the range with --group-range)");
     EXPECT_FALSE(f.Parse("r,0,1,2,3"));
     ASSERT_TRUE(f.Parse("r,+3,1,2,3"));
-    EXPECT_EQ(f.row.group, 2u);
+    EXPECT_EQ(f.row.group, 3);
     ASSERT_TRUE(f.Parse("r,,1,2,3"));
     EXPECT_TRUE(f.row.groupMissing);
     EXPECT_EQ(f.Parse("r,2.0,1,2,3"), lenient);
   }
 }
 
-TEST(MakeLayout, DefaultColumnsAreTheNumericOnesOfTheFirstRow) {
-  const CellRules rules = Rules();
-  const RowLayout layout = MakeLayout({"id", "g", "w", "x", "y", "note"}, ',', {{}, "w", "", "g"},
-                                      std::string("a7,1,2,NA,3.5,hello"), rules);
+TEST(MakeLayout, DefaultColumnsAreTheNamedOnesNotSkipped) {
+  std::vector<SkippedColumn> skipped;
+  const RowLayout layout = MakeLayout({"id", "g", "w", "x", "", "y"}, ',', {{}, "w", "", "g"},
+                                      {{0, "holds text"}}, &skipped);
   ASSERT_EQ(layout.NValues(), 2u);
   EXPECT_EQ(layout.names[layout.valueFields[0]], "x");
   EXPECT_EQ(layout.names[layout.valueFields[1]], "y");
   EXPECT_EQ(layout.roles[0], FieldRole::kSkip);
   EXPECT_EQ(layout.roles[1], FieldRole::kGroup);
   EXPECT_EQ(layout.roles[2], FieldRole::kWeight);
-  // Without a first row every field but the roles' is taken.
-  EXPECT_EQ(MakeLayout({"a", "b", "w"}, ',', {{}, "w", "", ""}, std::nullopt, rules).NValues(), 2u);
-  EXPECT_THROW(MakeLayout({"id"}, ',', {}, std::string("x"), rules), UsageError);
+  ASSERT_EQ(skipped.size(), 1u);
+  EXPECT_EQ(skipped[0].field, 4u);
+  EXPECT_EQ(skipped[0].reason, "the header gives it no name");
+  EXPECT_THROW(MakeLayout({"id"}, ',', {}, {{0, "holds text"}}), UsageError);
 }
 
 TEST(MakeLayout, RefusesNamesThatDoNotFit) {
-  const CellRules rules = Rules();
-  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"c"}, "", "", ""}, {}, rules), UsageError);
-  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "z", "", ""}, {}, rules), UsageError);
-  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a", "a"}, "", "", ""}, {}, rules), UsageError);
-  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "b", "", "b"}, {}, rules), UsageError);
-  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "a", "", ""}, {}, rules), UsageError);
-  EXPECT_THROW(MakeLayout({"a", "a"}, ',', {{"a"}, "", "", ""}, {}, rules), DataError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"c"}, "", "", ""}), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "z", "", ""}), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a", "a"}, "", "", ""}), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "b", "", "b"}), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "a", "", ""}), UsageError);
+  EXPECT_THROW(MakeLayout({"a", "a"}, ',', {{"a"}, "", "", ""}), DataError);
 }
 
 }  // namespace

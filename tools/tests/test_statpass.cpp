@@ -88,7 +88,7 @@ PassSetup MakeSetup(bool regWeight) {
   s.rules.groupLo = 1;
   s.rules.groupHi = 3;
   s.layout = MakeLayout({"id", "x", "w", "g", "y", "rw", "z"}, ',',
-                        {{"x", "y", "z"}, "w", regWeight ? "rw" : "", "g"}, std::nullopt, s.rules);
+                        {{"x", "y", "z"}, "w", regWeight ? "rw" : "", "g"});
   return s;
 }
 
@@ -144,9 +144,9 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   options.pairwise = pairwise;
   options.threads = threads;
   options.batchRows = batchRows;
-  options.groupShift = {1000.0, -5.0, 0.0};
+  options.groupCovariance = true;
   const PassResult pass = RunPass(reader, s.layout, s.rules, options);
-  const Report report = MakeReport(file.Path(), s.layout, s.rules, pass);
+  const Report report(file.Path(), s.layout, pass, {}, true);
 
   std::vector<const Row*> weighted, complete, grouped[3];
   for (const Row& row : data.rows) {
@@ -156,10 +156,10 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
     if (full) complete.push_back(&row);
     if (full && row.group) grouped[*row.group - 1].push_back(&row);
   }
-  EXPECT_EQ(report.threads, threads);
-  EXPECT_EQ(report.rowsRead, data.rows.size());
-  EXPECT_EQ(report.rowsWithoutWeight, data.rows.size() - weighted.size());
-  EXPECT_EQ(report.rowsUsed, pairwise ? weighted.size() : complete.size());
+  EXPECT_EQ(pass.threads, threads);
+  EXPECT_EQ(pass.rows.read, data.rows.size());
+  EXPECT_EQ(pass.rows.withoutWeight, data.rows.size() - weighted.size());
+  EXPECT_EQ(pass.rows.used, pairwise ? weighted.size() : complete.size());
 
   for (unsigned i = 0; i < kVars; ++i) {
     SCOPED_TRACE("column " + std::to_string(i));
@@ -173,10 +173,10 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
       lo = std::min(lo, *row->x[i]);
       hi = std::max(hi, *row->x[i]);
     }
-    EXPECT_EQ(report.columns[i].n, present.size());
+    EXPECT_EQ(report.columns[i].moments.n, present.size());
     EXPECT_EQ(report.columns[i].min, lo);
     EXPECT_EQ(report.columns[i].max, hi);
-    EXPECT_EQ(report.columns[i].weight, static_cast<double>(m.w));
+    EXPECT_EQ(report.columns[i].moments.weight, static_cast<double>(m.w));
     ExpectClose(report.columns[i].mean, m.mean(i), 1e-13, "mean");
     ExpectClose(report.columns[i].sd, std::sqrt(m.css[i][i] / (m.w - 1)), 1e-11, "sd");
     for (unsigned j = 0; j < kVars; ++j) {
@@ -186,36 +186,39 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
       }
       const Moments p = Gather(both, regWeight);
       const std::string pair = "pair " + std::to_string(i) + "," + std::to_string(j);
-      ExpectClose(report.covariance[i][j], p.css[i][j] / (p.w - 1), 1e-10, "covariance " + pair);
-      ExpectClose(report.correlation[i][j], p.css[i][j] / std::sqrt(p.css[i][i] * p.css[j][j]),
+      ExpectClose(report.Covariance(i, j), p.css[i][j] / (p.w - 1), 1e-10, "covariance " + pair);
+      ExpectClose(report.Correlation(i, j), p.css[i][j] / std::sqrt(p.css[i][i] * p.css[j][j]),
                   1e-12, "correlation " + pair);
       if (pairwise) {
-        EXPECT_EQ(report.pairRows[i][j], both.size()) << pair;
-        EXPECT_EQ(report.pairWeights[i][j], static_cast<double>(p.w)) << pair;
+        EXPECT_EQ(report.PairRows(i, j), both.size()) << pair;
+        EXPECT_EQ(report.PairWeight(i, j), static_cast<double>(p.w)) << pair;
       }
     }
   }
 
   // By group: frequency weights only, centred on each group's own means.
-  ASSERT_EQ(report.groups.size(), 3u);
+  ASSERT_EQ(report.NGroups(), 3u);
   Real within[kVars][kVars] = {};
   Real total = 0;
-  for (int g = 0; g < 3; ++g) {
+  for (std::size_t g = 0; g < 3; ++g) {
     const Moments m = Gather(grouped[g], false);
-    EXPECT_EQ(report.groups[g].code, g + 1);
-    EXPECT_EQ(report.groups[g].n, grouped[g].size());
-    EXPECT_EQ(report.groups[g].weight, static_cast<double>(m.w));
+    EXPECT_EQ(report.GroupCode(g), static_cast<long long>(g + 1));
+    EXPECT_EQ(report.Group(g).Rows(), grouped[g].size());
+    EXPECT_EQ(report.Group(g).Weight(), static_cast<double>(m.w));
     total += m.w;
     for (unsigned i = 0; i < kVars; ++i) {
-      ExpectClose(report.groups[g].means[i], m.mean(i), 1e-12, "group mean");
-      for (unsigned j = 0; j < kVars; ++j)
+      ExpectClose(report.Group(g).Mean(i), m.mean(i), 1e-13, "group mean");
+      for (unsigned j = 0; j < kVars; ++j) {
         within[i][j] += m.css[i][j];
+        ExpectClose(report.GroupCovariance(g, i, j), m.css[i][j] / (m.w - 1), 1e-12,
+                    "group covariance");
+      }
     }
   }
-  EXPECT_EQ(report.pooledDf, static_cast<double>(total - 3));
+  EXPECT_EQ(report.PooledDivisor(), static_cast<double>(total - 3));
   for (unsigned i = 0; i < kVars; ++i) {
     for (unsigned j = 0; j < kVars; ++j) {
-      ExpectClose(report.pooledCovariance[i][j], within[i][j] / (total - 3), 1e-9, "pooled");
+      ExpectClose(report.PooledCovariance(i, j), within[i][j] / (total - 3), 1e-12, "pooled");
     }
   }
 }
@@ -248,7 +251,7 @@ TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
   TempFile file(text);
   CellRules rules;
   rules.missingTexts = {""};
-  const RowLayout layout = MakeLayout({"a", "b"}, ';', {}, std::nullopt, rules);
+  const RowLayout layout = MakeLayout({"a", "b"}, ';', {{"a", "b"}, "", "", ""});
   ChunkReader reader(file.Path(), readSize);
   PassOptions options;
   options.threads = threads;
@@ -269,7 +272,7 @@ INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
 TEST(StatPassError, LastLineWithoutLineEnd) {
   TempFile file("a,b\n1,2\n3,4\n5");
   CellRules rules;
-  const RowLayout layout = MakeLayout({"a", "b"}, ',', {}, std::nullopt, rules);
+  const RowLayout layout = MakeLayout({"a", "b"}, ',', {});
   ChunkReader reader(file.Path(), 3);
   PassOptions options;
   options.threads = 2;
@@ -286,63 +289,107 @@ TEST(StatPassError, LastLineWithoutLineEnd) {
       DataError);
 }
 
-Report ReportOf(const std::string& text, bool pairwise = false) {
-  TempFile file(text);
-  CellRules rules;
-  rules.missingTexts = {"", "NA"};
-  rules.missingCode = -1e300;
-  rules.groupLo = 0;
-  rules.groupHi = 9;
-  const std::vector<std::string> header = SplitLine(text.substr(0, text.find('\n')), ',');
-  ColumnChoice choice;
-  if (header.back() == "g") choice.group = "g";
-  const RowLayout layout = MakeLayout(header, ',', choice, std::nullopt, rules);
-  ChunkReader reader(file.Path(), 1 << 20);
-  PassOptions options;
-  options.pairwise = pairwise;
-  options.threads = 2;
-  return MakeReport(file.Path(), layout, rules, RunPass(reader, layout, rules, options));
-}
-
-TEST(StatReport, FiguresThatAreNotDefinedAreNaN) {
-  // A constant column has sd 0 and no correlation.
-  const Report constant = ReportOf("a,b\n5,1\n5,2\n5,4\n");
-  EXPECT_EQ(constant.columns[0].mean, 5.0);
-  EXPECT_EQ(constant.columns[0].sd, 0.0);
-  EXPECT_TRUE(std::isnan(constant.correlation[0][1]));
-  EXPECT_TRUE(std::isnan(constant.correlation[0][0]));
-  EXPECT_EQ(constant.correlation[1][1], 1.0);
-  // One row: a mean, but no spread.
-  const Report single = ReportOf("a,b\n5,1\n");
-  EXPECT_EQ(single.columns[1].mean, 1.0);
-  EXPECT_TRUE(std::isnan(single.columns[1].sd));
-  EXPECT_TRUE(std::isnan(single.covariance[0][1]));
-  // No rows: counts 0, nothing else.
-  for (bool pairwise : {false, true}) {
-    const Report none = ReportOf("a,b,g\nNA,1,0\n", pairwise);
-    EXPECT_EQ(none.rowsRead, 1u);
-    EXPECT_EQ(none.columns[0].n, 0u);
-    EXPECT_TRUE(std::isnan(none.columns[0].mean));
-    EXPECT_TRUE(std::isnan(none.columns[0].min));
-    EXPECT_TRUE(none.groups.empty());
+// A pass over `text` and its report, which holds on to the pass.
+struct Reported {
+  Reported(const std::string& text, bool pairwise) {
+    TempFile file(text);
+    CellRules rules;
+    rules.missingTexts = {"", "NA"};
+    rules.missingCode = -1e300;
+    rules.groupLo = 0;
+    rules.groupHi = 9;
+    const std::vector<std::string> header = SplitLine(text.substr(0, text.find('\n')), ',');
+    ColumnChoice choice;
+    if (header.back() == "g") choice.group = "g";
+    if (header.back() == "w") choice.weight = "w";
+    layout = MakeLayout(header, ',', choice);
+    ChunkReader reader(file.Path(), 1 << 20);
+    PassOptions options;
+    options.pairwise = pairwise;
+    options.threads = 2;
+    options.batchRows = 2;
+    pass = RunPass(reader, layout, rules, options);
+    report.emplace(file.Path(), layout, pass, std::vector<SkippedColumn>{}, false);
   }
-  const Report empty = ReportOf("a,b\n");
-  EXPECT_EQ(empty.rowsRead, 0u);
-  EXPECT_TRUE(std::isnan(empty.covariance[0][0]));
+  RowLayout layout;
+  PassResult pass;
+  std::optional<Report> report;
+};
+
+class StatReport : public ::testing::TestWithParam<bool> {};
+
+TEST_P(StatReport, FiguresThatAreNotDefinedAreNaN) {
+  const bool pairwise = GetParam();
+  // A constant column has its value as mean, sd 0 and no correlation, exactly,
+  // whatever rounding the accumulation went through.
+  const Reported constant("a,b\n0.1,1\n0.1,2\n0.1,4\n0.1,4\n0.1,5\n", pairwise);
+  const Report& c = *constant.report;
+  EXPECT_EQ(c.columns[0].mean, 0.1);
+  EXPECT_EQ(c.columns[0].sd, 0.0);
+  EXPECT_EQ(c.Covariance(0, 1), 0.0);
+  EXPECT_TRUE(std::isnan(c.Correlation(0, 1)));
+  EXPECT_TRUE(std::isnan(c.Correlation(0, 0)));
+  EXPECT_EQ(c.Correlation(1, 1), 1.0);
+  // One row: a mean, but no spread, and a note that says why.
+  const Reported single("a,b\n5,1\n", pairwise);
+  EXPECT_EQ(single.report->columns[1].mean, 1.0);
+  EXPECT_TRUE(std::isnan(single.report->columns[1].sd));
+  EXPECT_TRUE(std::isnan(single.report->Covariance(0, 1)));
+  ASSERT_FALSE(single.report->notes.empty());
+  EXPECT_NE(single.report->notes[0].find("divisor W - 1"), std::string::npos);
+  // No rows: counts 0, nothing else.
+  const Reported none("a,b,g\nNA,1,0\n", pairwise);
+  EXPECT_EQ(none.pass.rows.read, 1u);
+  EXPECT_EQ(none.report->columns[0].moments.n, 0u);
+  EXPECT_TRUE(std::isnan(none.report->columns[0].mean));
+  EXPECT_TRUE(std::isnan(none.report->columns[0].min));
+  EXPECT_EQ(none.report->NGroups(), 0u);
+  const Reported empty("a,b\n", pairwise);
+  EXPECT_EQ(empty.pass.rows.read, 0u);
+  EXPECT_TRUE(std::isnan(empty.report->Covariance(0, 0)));
 }
 
-TEST(StatReport, PooledCovarianceOfTwoGroups) {
+// Rows of weight 0 are not there, whichever batch they fall in.
+TEST_P(StatReport, RowsOfWeightZeroAreAbsent) {
+  const bool pairwise = GetParam();
+  const Reported zero("x,y,w\n1,5,0\n2,3,0\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
+  const Reported absent("x,y,w\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
+  EXPECT_EQ(zero.pass.rows.zeroWeight, 2u);
+  EXPECT_EQ(FormatJson(*zero.report).substr(FormatJson(*zero.report).find("\"weight_sum\"")),
+            FormatJson(*absent.report).substr(FormatJson(*absent.report).find("\"weight_sum\"")));
+}
+
+// Infinite values show as extremes; -0 and +0 order the same way every run.
+TEST_P(StatReport, InfinityAndSignedZeroAreExtremes) {
+  const bool pairwise = GetParam();
+  const Reported data("a,b\n1,0\ninf,-0\n2,0\n-inf,-0\n", pairwise);
+  const Report& r = *data.report;
+  EXPECT_EQ(r.columns[0].max, INFINITY);
+  EXPECT_EQ(r.columns[0].min, -INFINITY);
+  EXPECT_TRUE(std::isnan(r.columns[0].sd));
+  EXPECT_TRUE(std::signbit(r.columns[1].min));
+  EXPECT_FALSE(std::signbit(r.columns[1].max));
+  EXPECT_EQ(r.columns[1].mean, 0.0) << "a column of zeros is constant";
+  EXPECT_NE(FormatJson(r).find("\"max\": 1e999"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Deletion, StatReport, ::testing::Bool());
+
+TEST(StatReportGroups, PooledCovarianceOfTwoGroups) {
   // Two groups with means (3, 4) and (8, 4); within-group sums 16, 12, 28 on 7 - 2 = 5.
-  const Report report = ReportOf("x0,x1,g\n1,2,0\n3,6,0\n5,4,0\n6,1,1\n8,3,1\n10,5,1\n8,7,1\n");
-  ASSERT_EQ(report.groups.size(), 2u);
-  EXPECT_EQ(report.groups[0].means, (std::vector<double>{3.0, 4.0}));
-  EXPECT_EQ(report.groups[1].means, (std::vector<double>{8.0, 4.0}));
-  EXPECT_EQ(report.groups[1].n, 4u);
-  EXPECT_EQ(report.pooledDf, 5.0);
-  EXPECT_DOUBLE_EQ(report.pooledCovariance[0][0], 3.2);
-  EXPECT_DOUBLE_EQ(report.pooledCovariance[0][1], 2.4);
-  EXPECT_DOUBLE_EQ(report.pooledCovariance[1][0], 2.4);
-  EXPECT_DOUBLE_EQ(report.pooledCovariance[1][1], 5.6);
+  const Reported data("x0,x1,g\n1,2,0\n3,6,0\n5,4,0\n6,1,1\n8,3,1\n10,5,1\n8,7,1\n", false);
+  const Report& report = *data.report;
+  ASSERT_EQ(report.NGroups(), 2u);
+  EXPECT_EQ(report.Group(0).Mean(0), 3.0);
+  EXPECT_EQ(report.Group(0).Mean(1), 4.0);
+  EXPECT_EQ(report.Group(1).Mean(0), 8.0);
+  EXPECT_EQ(report.Group(1).Mean(1), 4.0);
+  EXPECT_EQ(report.Group(1).Rows(), 4u);
+  EXPECT_EQ(report.PooledDivisor(), 5.0);
+  EXPECT_DOUBLE_EQ(report.PooledCovariance(0, 0), 3.2);
+  EXPECT_DOUBLE_EQ(report.PooledCovariance(0, 1), 2.4);
+  EXPECT_DOUBLE_EQ(report.PooledCovariance(1, 0), 2.4);
+  EXPECT_DOUBLE_EQ(report.PooledCovariance(1, 1), 5.6);
 }
 
 }  // namespace

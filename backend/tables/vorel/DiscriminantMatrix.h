@@ -69,11 +69,15 @@ class DiscriminantMatrix : public MatrixBase {
   // nothing. The batch is only read.
   MatrixBase& operator+=(DataBatch& data) override;
 
-  // Total weight of all rows accumulated.
+  // Readable at any time, without preconditions: total weight of all rows
+  // accumulated (0 while empty), and the shape (0 and 0 on a default-made
+  // object until its first merge).
   double WeightSum() const;
   int NVar() const;
   int NGroup() const;
 
+  // Each accessor below checks its group and variable numbers and requires
+  // "0. < WeightSum()", so an empty object answers none.
   // Total weight of group c.
   double sumW(int c) const;
   // Weighted sum of variable var over the rows of group group.

@@ -84,10 +84,15 @@ class DiscIndividualMatrix : public MatrixBase {
     return *this;
   }
 
-  // Total weight of all rows accumulated.
+  // Readable at any time, without preconditions: total weight of all rows
+  // accumulated (0 while empty), and the shape (0 and 0 on a default-made
+  // object until its first merge).
   double WeightSum() const;
   int NVar() const;
   int NGroup() const;
+
+  // Both TSSP forms check their numbers and require "0. < WeightSum()", so an
+  // empty object answers neither.
 
   // Entry tsspIndex (0 to countMatrix-1, laid out as above) of group groupVal.
   double TSSP(int tsspIndex, int groupVal) const;

@@ -66,9 +66,11 @@ class NSMatrixListwise : public MatrixBase {
   // still empty this is a deep copy of `other`, its bounds included.
   MatrixBase& operator+=(MatrixBase& other) override;
 
-  // Rows accumulated; 0 while empty.
+  // Readable at any time, without preconditions; on an empty matrix each
+  // gives 0 (false for HasRegWeights) and the bounds as constructed.
+  // Rows accumulated.
   int NRows() const override;
-  // Sum of the frequency weights; 0 while empty.
+  // Sum of the frequency weights.
   double WeightSum() const;
   // Sum of the combined weights; equals WeightSum() without regression weights.
   double RegWeightSum() const;
@@ -78,7 +80,11 @@ class NSMatrixListwise : public MatrixBase {
   int Col2() const;
   // Col2() - Col0() once filled; 0 while empty.
   int NColumns() const;
-  // Weighted mean of batch column c.
+
+  // Column c is a batch column number; each accessor requires
+  // "c < _my->_col2 && c >= _my->_col0" (both columns for CCP), and all but
+  // Max require "0. < WeightSum()" too, so an empty matrix answers none.
+  // Weighted mean of column c.
   double Mean(int c) const;
   // Smallest cell of column c, whatever its weight.
   double Min(int c) const;
@@ -86,7 +92,8 @@ class NSMatrixListwise : public MatrixBase {
   double Max(int c) const;
   // CCP(c, c): the corrected sum of squares of c. For two different columns,
   // in either order, the corrected cross-product; one of them must lie in
-  // each set. A sum, not divided by anything.
+  // each set ("lo < _my->_col1 && hi >= _my->_col1"). A sum, not divided by
+  // anything.
   double CCP(int row, int col) const;
 
  private:

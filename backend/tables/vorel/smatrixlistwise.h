@@ -63,9 +63,11 @@ class SMatrixListwise : public MatrixBase {
   // still empty this is a deep copy of `other`, its bounds included.
   MatrixBase& operator+=(MatrixBase& other) override;
 
-  // Rows accumulated; 0 while empty.
+  // Readable at any time, without preconditions; on an empty matrix each
+  // gives 0 (false for HasRegWeights) and the bounds as constructed.
+  // Rows accumulated.
   int NRows() const override;
-  // Sum of the frequency weights; 0 while empty.
+  // Sum of the frequency weights.
   double WeightSum() const;
   // Sum of the combined weights; equals WeightSum() without regression weights.
   double RegWeightSum() const;
@@ -73,10 +75,15 @@ class SMatrixListwise : public MatrixBase {
   int Col0() const;
   // Always equal to Col0().
   int Col1() const;
+  // 0 on a matrix built without bounds until its first batch with rows.
   int Col2() const;
   // Col2() - Col0() once filled; 0 while empty.
   int NColumns() const;
-  // Weighted mean of batch column c.
+
+  // Column c is a batch column number; each accessor requires
+  // "c < _my->_col2 && c >= _my->_col0" (both columns for CCP), and all but
+  // Max require "0. < WeightSum()" too, so an empty matrix answers none.
+  // Weighted mean of column c.
   double Mean(int c) const;
   // Smallest cell of column c, whatever its weight.
   double Min(int c) const;

@@ -68,7 +68,7 @@ class SMatrixPairwise : public MatrixBase {
   // Covers the columns [col0, col2).
   SMatrixPairwise(double missingCode, int col0, int col2);
 
-  // Every row given, missing cells or not.
+  // Every row given, missing cells or not; 0 while empty. No precondition.
   int NRows() const override;
   using MatrixBase::operator+=;
   MatrixBase& operator+=(MatrixBase& other) override;
@@ -76,6 +76,9 @@ class SMatrixPairwise : public MatrixBase {
   // batch of a matrix has regression weights, or none has.
   MatrixBase& operator+=(DataBatch& data) override;
 
+  // Readable at any time, without preconditions; on an empty matrix each
+  // gives 0 (false for HasRegWeights), the missing code and the bounds as
+  // constructed.
   // Total frequency weight of every row given (the row count without weights).
   double WeightSum() const;
   // Total combined weight of every row given; WeightSum() without regression weights.

@@ -11,9 +11,9 @@
 #include <memory>
 #include <vector>
 
-#include "kernels/columnkernels.h"
 #include "common/storelimits.h"
 #include "completecolumns.h"
+#include "kernels/columnkernels.h"
 
 namespace vorel::internal {
 

@@ -22,11 +22,12 @@
 // request of its counter before an exception takes it past its pool).
 #pragma once
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <pthread.h>
 #include <vector>
 
 namespace vorelhost {
@@ -110,7 +111,7 @@ class tpThreadPoolBase {
   std::deque<QueuedTask> _queue;  // guarded by _mutex
   bool _initialised = false;
   bool _started = false;
-  bool _closing = false;          // guarded by _mutex
+  bool _closing = false;  // guarded by _mutex
   std::vector<pthread_t> _threads;
 };
 

@@ -1,0 +1,146 @@
+#include "figures.h"
+
+#include <cmath>
+
+namespace vorelstat::figures {
+namespace {
+
+// -0 below +0; otherwise the usual order. NaN is never below anything.
+bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
+
+bool HasDivisor(double weight) { return weight > 1.0; }
+
+}  // namespace
+
+void Range::Include(double x) {
+  if (Below(x, min)) min = x;
+  if (Below(max, x)) max = x;
+}
+
+void Range::Include(const Range& other) {
+  if (other.Empty()) return;
+  Include(other.min);
+  Include(other.max);
+}
+
+bool Range::Constant() const { return min == max && std::isfinite(min); }
+
+void Constancy::Include(const Constancy& other) {
+  if (other.state == State::kVaries) state = State::kVaries;
+  if (other.state == State::kOneValue) Include(other.value);
+}
+
+bool Constancy::Constant() const { return state == State::kOneValue && std::isfinite(value); }
+
+double Mean(const ColumnMoments& c) {
+  if (c.n == 0) return kUndefined;
+  return c.range.Constant() ? c.range.ConstantValue() : c.mean;
+}
+
+double Variance(const ColumnMoments& c) {
+  if (c.n == 0 || !HasDivisor(c.weight)) return kUndefined;
+  return c.range.Constant() ? 0.0 : c.css / (c.weight - 1.0);
+}
+
+double StandardDeviation(const ColumnMoments& c) { return std::sqrt(Variance(c)); }
+
+double Covariance(const PairMoments& p) {
+  if (!HasDivisor(p.weight)) return kUndefined;
+  return p.constant0 || p.constant1 ? 0.0 : p.cscp / (p.weight - 1.0);
+}
+
+double Correlation(const PairMoments& p) {
+  if (p.constant0 || p.constant1 || !(p.css0 > 0.0) || !(p.css1 > 0.0)) return kUndefined;
+  return p.cscp / (std::sqrt(p.css0) * std::sqrt(p.css1));
+}
+
+double SelfCorrelation(const ColumnMoments& c) {
+  return c.n == 0 || c.range.Constant() || !(c.css > 0.0) ? kUndefined : 1.0;
+}
+
+double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups) {
+  const double divisor = totalWeight - static_cast<double>(nGroups);
+  return divisor > 0.0 ? withinCscp / divisor : kUndefined;
+}
+
+std::vector<double> OriginOf(const double* row, std::size_t nColumns) {
+  std::vector<double> origin(row, row + nColumns);
+  for (double& value : origin) {
+    if (!std::isfinite(value)) value = 0.0;
+  }
+  return origin;
+}
+
+GroupMoments::GroupMoments(std::size_t nColumns, bool keepCrossProducts)
+    : _keep(keepCrossProducts),
+      _origin(nColumns, 0.0),
+      _means(nColumns, 0.0),
+      _cscp(keepCrossProducts ? TriangleSize(nColumns) : 0, 0.0),
+      _moved(nColumns, 0.0),
+      _shift(nColumns, 0.0) {}
+
+void GroupMoments::Join(std::uint64_t rows, double weight, const double* origin,
+                        const double* means, const double* cscp, std::vector<double>& pooled) {
+  JoinPart(rows, weight, origin, means, cscp, true, pooled);
+}
+
+void GroupMoments::Join(const GroupMoments& other, std::vector<double>& pooled) {
+  if (other._rows == 0) return;
+  JoinPart(other._rows, other._weight, other._origin.data(), other._means.data(),
+           other._keep ? other._cscp.data() : nullptr, false, pooled);
+}
+
+void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* origin,
+                            const double* means, const double* cscp, bool partToPooled,
+                            std::vector<double>& pooled) {
+  const std::size_t k = _means.size();
+  const std::size_t cells = TriangleSize(k);
+  if (_rows == 0) {
+    // Nothing to move: the part's figures are taken as they are, so that a
+    // constant column keeps its value exactly.
+    _origin.assign(origin, origin + k);
+    _means.assign(means, means + k);
+    if (cscp != nullptr) {
+      if (_keep) _cscp.assign(cscp, cscp + cells);
+      if (partToPooled) {
+        for (std::size_t c = 0; c < cells; ++c)
+          pooled[c] += cscp[c];
+      }
+    }
+    _rows = rows;
+    _weight = weight;
+    return;
+  }
+  const double total = _weight + weight;
+  // The part's means relative to this origin; the origins of one group lie
+  // close together, so their difference is exact or nearly.
+  for (std::size_t i = 0; i < k; ++i)
+    _moved[i] = means[i] + (origin[i] - _origin[i]);
+  // _shift[i] = M_i - m_t,i; the part's distance M_i - m_d,i follows from it.
+  for (std::size_t i = 0; i < k; ++i)
+    _shift[i] = weight * (_moved[i] - _means[i]) / total;
+  std::size_t cell = 0;
+  for (std::size_t i = 0; i < k; ++i) {
+    const double newMean = _means[i] + _shift[i];
+    const double a = _weight * _shift[i];
+    const double b = weight * (newMean - _moved[i]);
+    for (std::size_t j = 0; j <= i; ++j, ++cell) {
+      const double newMeanJ = _means[j] + _shift[j];
+      const double joined = _shift[j] * a + (newMeanJ - _moved[j]) * b;
+      const double part = cscp != nullptr ? cscp[cell] : 0.0;
+      if (_keep) _cscp[cell] += part + joined;
+      pooled[cell] += (partToPooled ? part : 0.0) + joined;
+    }
+  }
+  for (std::size_t i = 0; i < k; ++i)
+    _means[i] += _shift[i];
+  _rows += rows;
+  _weight = total;
+}
+
+double GroupMoments::Covariance(std::size_t i, std::size_t j) const {
+  if (!HasDivisor(_weight)) return kUndefined;
+  return _cscp[TriangleIndex(i, j)] / (_weight - 1.0);
+}
+
+}  // namespace vorelstat::figures

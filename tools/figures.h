@@ -1,0 +1,162 @@
+// The figures vorelstat reports, defined from the weights, means and corrected
+// sums that a pass produces. Nothing here reads files or knows the command
+// line, so that other front ends report exactly the same figures.
+//
+// W is the frequency weight of the rows behind a figure; its divisor is W - 1.
+//   variance      CSS / (W - 1)
+//   sd            sqrt(variance)
+//   covariance    CSCP / (W - 1)
+//   correlation   CSCP / (sqrt(CSS_i) * sqrt(CSS_j)); 1 on the diagonal
+// A figure that is not defined is NaN (kUndefined):
+//   - no cell: no mean, no spread;
+//   - W <= 1: no variance, sd or covariance (the divisor W - 1 is not positive);
+//   - a constant column (its smallest value equals its largest, both finite)
+//     has that value as its mean, 0 as its variance and sd, 0 as its
+//     covariance with any column, and no correlation; the rule holds whatever
+//     rounding the sums went through;
+//   - a correlation needs both corrected sums of squares positive.
+//
+// By group, each group's rows are reduced to centred results (weight, means,
+// corrected cross-products) a part at a time, and the parts are joined by the
+// update formula on means. The pooled within-group covariance is the sum over
+// the groups of their corrected cross-products over W - G, G the number of
+// groups; a group's own covariance is its corrected cross-products over
+// W_g - 1. No raw sum of products is ever formed, so data far from zero and
+// groups far apart lose no digits.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+namespace vorelstat::figures {
+
+inline constexpr double kUndefined = std::numeric_limits<double>::quiet_NaN();
+
+// Cell of row i and column j (j <= i) of a lower triangle stored with its
+// diagonal, row after row; TriangleSize(k) cells hold k rows.
+inline std::size_t TriangleIndex(std::size_t i, std::size_t j) {
+  return i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i;
+}
+inline std::size_t TriangleSize(std::size_t k) { return k * (k + 1) / 2; }
+
+// The smallest and largest value of a set of cells. -0 orders below +0, so
+// that the extremes do not depend on the order the cells came in.
+struct Range {
+  double min = std::numeric_limits<double>::infinity();
+  double max = -std::numeric_limits<double>::infinity();
+
+  void Include(double x);
+  void Include(const Range& other);
+  bool Empty() const { return min > max; }
+  // Smallest equals largest, and finite.
+  bool Constant() const;
+  // The value of a constant set: its largest, so that -0 and +0 give +0.
+  double ConstantValue() const { return max; }
+};
+
+// Whether a set of cells holds one value only, without keeping the extremes:
+// cheap enough to follow for every column on the rows of every pair.
+struct Constancy {
+  enum class State : std::uint8_t { kNoCells, kOneValue, kVaries };
+  State state = State::kNoCells;
+  double value = 0.0;
+
+  // Returns whether the cells still hold one value.
+  bool Include(double x) {
+    if (state == State::kNoCells) {
+      state = State::kOneValue;
+      value = x;
+    } else if (state == State::kOneValue && !(x == value)) {
+      state = State::kVaries;
+    }
+    return state != State::kVaries;
+  }
+  void Include(const Constancy& other);
+  bool Varies() const { return state == State::kVaries; }
+  // One value, and finite: as Range::Constant.
+  bool Constant() const;
+};
+
+// One column over the rows behind its figures.
+struct ColumnMoments {
+  std::uint64_t n = 0;  // cells
+  double weight = 0.0;  // W
+  double mean = 0.0;    // as the accumulation left it
+  double css = 0.0;     // corrected sum of squares
+  Range range;          // exact extremes
+};
+
+double Mean(const ColumnMoments& c);
+double Variance(const ColumnMoments& c);
+double StandardDeviation(const ColumnMoments& c);
+
+// Two columns over the rows where both are present.
+struct PairMoments {
+  double weight = 0.0;  // W of the pair
+  double cscp = 0.0, css0 = 0.0, css1 = 0.0;
+  bool constant0 = false, constant1 = false;  // a column constant on the pair's rows
+};
+
+double Covariance(const PairMoments& p);
+double Correlation(const PairMoments& p);
+// Diagonal of the correlation matrix: 1 for a column with spread.
+double SelfCorrelation(const ColumnMoments& c);
+
+// The pooled within-group covariance of one cell: the sum of the groups'
+// corrected cross-products over W - G.
+double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups);
+
+// A point near a group's data, for each column: the first row's values, or 0
+// where a value is not finite. Means are kept relative to it, so that their
+// rounding is that of the spread of the data, not of its distance from zero.
+std::vector<double> OriginOf(const double* row, std::size_t nColumns);
+
+// Centred results of some rows of one group. Parts of a group are joined by
+// the update formula: the joined mean moves by W_d (m_d - m_t) / W, and the
+// cross-products gain W_t (M - m_t)(M - m_t)' + W_d (M - m_d)(M - m_d)'. All
+// means are relative to the group's origin, the first part's.
+class GroupMoments {
+ public:
+  // keepCrossProducts: whether the group keeps its own corrected
+  // cross-products (for its own covariance), or only adds them to a pooled sum.
+  GroupMoments(std::size_t nColumns, bool keepCrossProducts);
+
+  // Joins centred results of further rows of the group: their row count,
+  // weight, origin, means relative to that origin and corrected cross-products
+  // (a triangle, see TriangleIndex). `pooled` (a triangle) receives what the
+  // join adds to the group's corrected cross-products, the part's own included.
+  void Join(std::uint64_t rows, double weight, const double* origin, const double* means,
+            const double* cscp, std::vector<double>& pooled);
+  // Joins another partial result of the same group, whose own corrected
+  // cross-products are already in another pooled sum; `pooled` receives only
+  // what the join adds.
+  void Join(const GroupMoments& other, std::vector<double>& pooled);
+
+  std::uint64_t Rows() const { return _rows; }
+  double Weight() const { return _weight; }
+  // The origin of the means, once the group has rows.
+  const double* Origin() const { return _origin.data(); }
+  double Mean(std::size_t i) const { return _origin[i] + _means[i]; }
+  bool KeepsCrossProducts() const { return _keep; }
+  // The group's own covariance; needs keepCrossProducts.
+  double Covariance(std::size_t i, std::size_t j) const;
+
+ private:
+  // Adds the part's cross-products `cscp` (may be null) to the group's own,
+  // and to `pooled` when `partToPooled`, besides what the join adds.
+  void JoinPart(std::uint64_t rows, double weight, const double* origin, const double* means,
+                const double* cscp, bool partToPooled, std::vector<double>& pooled);
+
+  bool _keep;
+  std::uint64_t _rows = 0;
+  double _weight = 0.0;
+  std::vector<double> _origin;
+  std::vector<double> _means;
+  std::vector<double> _cscp;   // triangle, kept only on request
+  std::vector<double> _moved;  // scratch: the part's means relative to the origin
+  std::vector<double> _shift;  // scratch: the new means minus the old
+};
+
+}  // namespace vorelstat::figures

@@ -1,0 +1,179 @@
+// The definitions of the reported figures: the rules for what is not defined,
+// extremes that do not depend on order, and groups joined part by part against
+// a long double two-pass oracle.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "figures.h"
+
+namespace vorelstat::figures {
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+TEST(Range, SignedZerosAndInfinitiesInAnyOrder) {
+  const std::vector<double> cells = {0.0, -0.0, 3.0, -kInf, 0.0};
+  for (int rotation = 0; rotation < 5; ++rotation) {
+    Range range;
+    for (int k = 0; k < 5; ++k)
+      range.Include(cells[(rotation + k) % 5]);
+    EXPECT_EQ(range.min, -kInf);
+    EXPECT_EQ(range.max, 3.0);
+    Range zeros;
+    zeros.Include(cells[(rotation + 1) % 2]);
+    zeros.Include(cells[rotation % 2]);
+    EXPECT_TRUE(std::signbit(zeros.min));
+    EXPECT_FALSE(std::signbit(zeros.max));
+    EXPECT_TRUE(zeros.Constant());
+    EXPECT_FALSE(std::signbit(zeros.ConstantValue()));
+  }
+  Range empty, infinite;
+  EXPECT_TRUE(empty.Empty());
+  EXPECT_FALSE(empty.Constant());
+  infinite.Include(kInf);
+  EXPECT_FALSE(infinite.Constant()) << "an infinite column has no spread to speak of";
+  empty.Include(infinite);
+  EXPECT_EQ(empty.max, kInf);
+}
+
+// Which figure is defined, and what a constant column gives, case by case.
+TEST(Definitions, WhatIsNotDefinedAndWhatIsExact) {
+  ColumnMoments column{5, 5.0, 0.10000000000000002, 1.7e-33, {}};
+  column.range.Include(0.1);
+  EXPECT_EQ(Mean(column), 0.1) << "a constant column's mean is its value";
+  EXPECT_EQ(Variance(column), 0.0);
+  EXPECT_TRUE(std::isnan(SelfCorrelation(column)));
+  column.weight = 1.0;
+  EXPECT_TRUE(std::isnan(Variance(column))) << "W - 1 = 0";
+  ColumnMoments none;
+  EXPECT_TRUE(std::isnan(Mean(none)));
+  ColumnMoments spread{4, 4.0, 2.5, 5.0, {}};
+  spread.range.Include(1.0);
+  spread.range.Include(4.0);
+  EXPECT_EQ(Mean(spread), 2.5);
+  EXPECT_DOUBLE_EQ(StandardDeviation(spread), std::sqrt(5.0 / 3.0));
+  EXPECT_EQ(SelfCorrelation(spread), 1.0);
+
+  const PairMoments pair{4.0, 3.0, 4.0, 9.0, false, false};
+  EXPECT_EQ(Covariance(pair), 1.0);
+  EXPECT_EQ(Correlation(pair), 0.5);
+  PairMoments constant = pair;
+  constant.constant1 = true;
+  EXPECT_EQ(Covariance(constant), 0.0);
+  EXPECT_TRUE(std::isnan(Correlation(constant)));
+  PairMoments light = pair;
+  light.weight = 0.5;
+  EXPECT_TRUE(std::isnan(Covariance(light)));
+  PairMoments flat = pair;
+  flat.css0 = 0.0;
+  EXPECT_TRUE(std::isnan(Correlation(flat)));
+  EXPECT_EQ(PooledCovariance(6.0, 5.0, 2), 2.0);
+  EXPECT_TRUE(std::isnan(PooledCovariance(6.0, 2.0, 2)));
+}
+
+using Real = long double;
+constexpr std::size_t kCols = 3;
+
+struct Part {
+  std::vector<std::vector<double>> rows;
+  std::vector<double> weights;
+};
+
+// Means relative to `origin` and the cross-product triangle of a part, two-pass
+// in long double and rounded once.
+void Reduce(const Part& part, const std::vector<double>& origin, std::vector<double>& means,
+            std::vector<double>& cscp, double& weight) {
+  Real w = 0, sum[kCols] = {};
+  for (std::size_t r = 0; r < part.rows.size(); ++r) {
+    w += part.weights[r];
+    for (std::size_t i = 0; i < kCols; ++i)
+      sum[i] += part.weights[r] * (static_cast<Real>(part.rows[r][i]) - origin[i]);
+  }
+  Real cp[kCols][kCols] = {};
+  for (std::size_t r = 0; r < part.rows.size(); ++r) {
+    for (std::size_t i = 0; i < kCols; ++i) {
+      for (std::size_t j = 0; j <= i; ++j)
+        cp[i][j] += part.weights[r] * (part.rows[r][i] - origin[i] - sum[i] / w)
+                    * (part.rows[r][j] - origin[j] - sum[j] / w);
+    }
+  }
+  weight = static_cast<double>(w);
+  means.resize(kCols);
+  cscp.resize(TriangleSize(kCols));
+  for (std::size_t i = 0; i < kCols; ++i) {
+    means[i] = static_cast<double>(sum[i] / w);
+    for (std::size_t j = 0; j <= i; ++j)
+      cscp[TriangleIndex(i, j)] = static_cast<double>(cp[i][j]);
+  }
+}
+
+class GroupJoin : public ::testing::TestWithParam<unsigned> {};
+
+// One group far from zero, cut into random parts with origins of their own,
+// joined in two tables and then the tables joined: means and cross-products as
+// the whole group's two-pass figures, within a few roundings of the spread;
+// the constant column exactly.
+TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
+  std::mt19937 random(GetParam());
+  std::normal_distribution<double> normal;
+  std::uniform_int_distribution<int> partSize(1, 9);
+  std::vector<Part> parts;
+  Part whole;
+  for (int p = 0; p < 40; ++p) {
+    Part part;
+    for (int n = partSize(random); n > 0; --n) {
+      const double f = normal(random);
+      part.rows.push_back({1.7e9 + 1000.0 * f, f + normal(random), 0.3});
+      part.weights.push_back(static_cast<double>(1 + random() % 4));
+      whole.rows.push_back(part.rows.back());
+      whole.weights.push_back(part.weights.back());
+    }
+    parts.push_back(part);
+  }
+  std::vector<double> pooledA(TriangleSize(kCols), 0.0), pooledB(pooledA);
+  GroupMoments a(kCols, true), b(kCols, true);
+  for (std::size_t p = 0; p < parts.size(); ++p) {
+    std::vector<double> means, cscp;
+    double weight = 0.0;
+    const std::vector<double> origin = OriginOf(parts[p].rows.front().data(), kCols);
+    Reduce(parts[p], origin, means, cscp, weight);
+    (p % 3 == 0 ? a : b)
+        .Join(parts[p].rows.size(), weight, origin.data(), means.data(), cscp.data(),
+              p % 3 == 0 ? pooledA : pooledB);
+  }
+  GroupMoments joined(kCols, true);
+  std::vector<double> pooled = pooledA;
+  joined.Join(a, pooled);
+  for (std::size_t c = 0; c < pooled.size(); ++c)
+    pooled[c] += pooledB[c];
+  joined.Join(b, pooled);
+
+  std::vector<double> means, cscp;
+  double weight = 0.0;
+  const std::vector<double> zero(kCols, 0.0);
+  Reduce(whole, zero, means, cscp, weight);
+  EXPECT_EQ(joined.Rows(), whole.rows.size());
+  EXPECT_EQ(joined.Weight(), weight);
+  EXPECT_EQ(joined.Mean(2), 0.3) << "constant";
+  EXPECT_EQ(joined.Covariance(2, 2), 0.0);
+  EXPECT_EQ(joined.Covariance(2, 0), 0.0);
+  for (std::size_t i = 0; i < 2; ++i) {
+    const double spread = std::sqrt(cscp[TriangleIndex(i, i)] / weight);
+    EXPECT_NEAR(joined.Mean(i), means[i], 1e-13 * spread + std::fabs(means[i]) * 1e-16);
+    for (std::size_t j = 0; j <= i; ++j) {
+      const double scale = std::sqrt(cscp[TriangleIndex(i, i)] * cscp[TriangleIndex(j, j)]);
+      EXPECT_NEAR(pooled[TriangleIndex(i, j)], cscp[TriangleIndex(i, j)], 1e-13 * scale);
+      EXPECT_NEAR(joined.Covariance(i, j) * (weight - 1.0), cscp[TriangleIndex(i, j)],
+                  1e-13 * scale);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, GroupJoin, ::testing::Range(1u, 9u));
+
+}  // namespace
+}  // namespace vorelstat::figures
