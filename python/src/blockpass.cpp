@@ -30,7 +30,9 @@ class BlockReducer {
         _whole(settings.nColumns, static_cast<unsigned>(_blockRows),
                table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
-        _incomplete(_blockRows) {
+        _incomplete(_blockRows),
+        _partMeans(settings.nColumns),
+        _partCscp(vorelstat::figures::TriangleSize(settings.nColumns)) {
     // A batch held full for good: a whole block is written into its columns
     // in place, rather than row by row.
     for (std::size_t r = 0; r < _blockRows; ++r)
@@ -68,7 +70,7 @@ class BlockReducer {
       AddExtremes(batch, tally.extremes);
     }
     if (_settings.pairwise) tally.extremes.AddPairs(batch, _settings.pairwiseCode);
-    if (_settings.grouped) AddGroups(batch, tally.groups);
+    if (_settings.grouped) AddGroups(batch, tally);
     // Last: a listwise matrix centres the batch's columns in place.
     if (tally.listwise) *tally.listwise += batch;
     if (tally.pairwise) *tally.pairwise += batch;
@@ -209,23 +211,38 @@ class BlockReducer {
       extremes.Add(c, batch.Column(c), batch.NRows(), skip);
   }
 
-  // One matrix per group of the block, over its complete rows in row order.
-  void AddGroups(const vorel::DataBatch& batch, std::vector<GroupTally>& groups) {
+  // The centred results of each group of the block over its complete rows in
+  // row order, the rows less the group's first row there, so that the means
+  // round as the spread of the data does, not as its distance from zero.
+  void AddGroups(const vorel::DataBatch& batch, Tally& tally) {
+    namespace figures = vorelstat::figures;
     std::stable_sort(_groupRows.begin(), _groupRows.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     const double* weights = batch.Weights();
-    for (std::size_t k = 0; k < _groupRows.size();) {
-      const std::int64_t code = _groupRows[k].first;
+    const unsigned k = _settings.nColumns;
+    for (std::size_t at = 0; at < _groupRows.size();) {
+      const std::int64_t code = _groupRows[at].first;
+      for (unsigned c = 0; c < k; ++c)
+        _marked[c] = batch.Column(c)[_groupRows[at].second];
+      const std::vector<double> origin = figures::OriginOf(_marked.data(), k);
       _groupBatch->Clear();
-      for (; k < _groupRows.size() && _groupRows[k].first == code; ++k) {
-        const unsigned r = _groupRows[k].second;
-        for (unsigned c = 0; c < _settings.nColumns; ++c)
-          _marked[c] = batch.Column(c)[r];
+      for (; at < _groupRows.size() && _groupRows[at].first == code; ++at) {
+        const unsigned r = _groupRows[at].second;
+        for (unsigned c = 0; c < k; ++c)
+          _marked[c] = batch.Column(c)[r] - origin[c];
         _weight = weights ? weights[r] : 1.0;
         _groupBatch->AddRow(_marked.data());
       }
-      groups.push_back(GroupTally{code, {}});
-      groups.back().matrix += *_groupBatch;
+      vorel::MatrixListwise part;
+      part += *_groupBatch;
+      for (unsigned i = 0; i < k; ++i) {
+        _partMeans[i] = part.Mean(i);
+        for (unsigned j = 0; j <= i; ++j)
+          _partCscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
+      }
+      tally.groups.push_back(GroupTally{code, figures::GroupMoments(k, false)});
+      tally.groups.back().moments.Join(part.NRows(), part.WeightSum(), origin.data(),
+                                       _partMeans.data(), _partCscp.data(), tally.within);
     }
   }
 
@@ -242,7 +259,8 @@ class BlockReducer {
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
   std::vector<unsigned char> _incomplete;                     // per row of _whole
-  std::optional<Extremes> _measured;  // of _whole, when taking it found them
+  std::optional<Extremes> _measured;          // of _whole, when taking it found them
+  std::vector<double> _partMeans, _partCscp;  // a group part's centred results
   bool _sawStandIn = false;
 };
 

@@ -19,7 +19,7 @@
 #include <string>
 
 #include "blockpass.h"
-#include "figures.h"
+#include "results.h"
 
 namespace py = pybind11;
 

@@ -12,25 +12,6 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 // a NaN is below nothing and nothing is below it.
 bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
 
-// Groups of both lists by code; a group's rows in a come before those in b.
-std::vector<GroupTally> MergeGroups(const std::vector<GroupTally>& a,
-                                    const std::vector<GroupTally>& b) {
-  std::vector<GroupTally> merged;
-  merged.reserve(a.size() + b.size());
-  auto ia = a.begin(), ib = b.begin();
-  while (ia != a.end() || ib != b.end()) {
-    if (ib == b.end() || (ia != a.end() && ia->code < ib->code)) {
-      merged.push_back(*ia++);
-    } else if (ia == a.end() || ib->code < ia->code) {
-      merged.push_back(*ib++);
-    } else {
-      merged.push_back(*ia++);
-      merged.back().matrix += ib++->matrix;
-    }
-  }
-  return merged;
-}
-
 }  // namespace
 
 void RowCounts::Add(const RowCounts& other) {
@@ -44,8 +25,7 @@ Extremes::Extremes(unsigned nColumns, bool pairwise)
     : minima(nColumns, kInf),
       maxima(nColumns, -kInf),
       nan(nColumns, 0),
-      pairMinima(pairwise ? std::size_t{nColumns} * nColumns : 0, kInf),
-      pairMaxima(pairMinima.size(), -kInf) {}
+      pairs(pairwise ? std::size_t{nColumns} * nColumns : 0) {}
 
 constexpr unsigned kLanes = 8;
 
@@ -125,18 +105,14 @@ void Extremes::AddPairs(const vorel::DataBatch& batch, double code) {
   for (unsigned i = 0; i < k; ++i) {
     const double* xi = batch.Column(i);
     for (unsigned j = 0; j < k; ++j) {
-      const std::size_t at = std::size_t{i} * k + j;
-      double lo = pairMinima[at], hi = pairMaxima[at];
-      if (i == j || lo < hi) continue;
+      vorelstat::figures::Constancy& pair = pairs[std::size_t{i} * k + j];
+      if (i == j || pair.Varies()) continue;
       const double* xj = batch.Column(j);
-      for (unsigned r = 0; r < n && !(lo < hi); ++r) {
+      for (unsigned r = 0; r < n; ++r) {
         // Compared exactly, on purpose: equality with the code is what makes a cell missing.
         if (xi[r] == code || xj[r] == code) continue;
-        if (Below(xi[r], lo)) lo = xi[r];
-        if (Below(hi, xi[r])) hi = xi[r];
+        if (!pair.Include(xi[r])) break;
       }
-      pairMinima[at] = lo;
-      pairMaxima[at] = hi;
     }
   }
 }
@@ -147,13 +123,13 @@ void Extremes::Add(const Extremes& other) {
     if (Below(maxima[c], other.maxima[c])) maxima[c] = other.maxima[c];
     nan[c] |= other.nan[c];
   }
-  for (std::size_t at = 0; at < other.pairMinima.size(); ++at) {
-    if (Below(other.pairMinima[at], pairMinima[at])) pairMinima[at] = other.pairMinima[at];
-    if (Below(pairMaxima[at], other.pairMaxima[at])) pairMaxima[at] = other.pairMaxima[at];
-  }
+  for (std::size_t at = 0; at < other.pairs.size(); ++at)
+    pairs[at].Include(other.pairs[at]);
 }
 
-Tally::Tally(const Settings& settings) : extremes(settings.nColumns, settings.pairwise) {
+Tally::Tally(const Settings& settings)
+    : extremes(settings.nColumns, settings.pairwise),
+      within(settings.grouped ? vorelstat::figures::TriangleSize(settings.nColumns) : 0, 0.0) {
   if (settings.pairwise) {
     pairwise.emplace(settings.pairwiseCode);
   } else {
@@ -166,7 +142,28 @@ void Tally::Merge(const Tally& other) {
   extremes.Add(other.extremes);
   if (listwise) *listwise += *other.listwise;
   if (pairwise) *pairwise += *other.pairwise;
-  if (!other.groups.empty()) groups = MergeGroups(groups, other.groups);
+  if (!other.groups.empty()) MergeGroups(other);
+}
+
+// Groups of both tallies by code; a group's rows here come before those in other.
+void Tally::MergeGroups(const Tally& other) {
+  for (std::size_t c = 0; c < within.size(); ++c)
+    within[c] += other.within[c];
+  std::vector<GroupTally> merged;
+  merged.reserve(groups.size() + other.groups.size());
+  auto ia = groups.cbegin();
+  auto ib = other.groups.cbegin();
+  while (ia != groups.cend() || ib != other.groups.cend()) {
+    if (ib == other.groups.cend() || (ia != groups.cend() && ia->code < ib->code)) {
+      merged.push_back(*ia++);
+    } else if (ia == groups.cend() || ib->code < ia->code) {
+      merged.push_back(*ib++);
+    } else {
+      merged.push_back(*ia++);
+      merged.back().moments.Join(ib++->moments, within);
+    }
+  }
+  groups = std::move(merged);
 }
 
 std::uint64_t Tally::RowsUsed() const { return listwise ? listwise->NRows() : pairwise->NRows(); }

@@ -12,6 +12,8 @@
 #include <optional>
 #include <vector>
 
+#include "figures.h"
+
 namespace vorelpy {
 
 // The shape of what is gathered, fixed for the life of an accumulator.
@@ -40,11 +42,11 @@ struct RowCounts {
 struct Extremes {
   std::vector<double> minima, maxima;
   std::vector<char> nan;
-  // Pairwise deletion: at k i + j, the extremes of column i over the rows where
-  // columns i and j are both present, for i != j. A column may be constant on
-  // a pair's rows and not elsewhere. Only whether they are one value matters,
-  // so a pair is no longer looked at once it has two.
-  std::vector<double> pairMinima, pairMaxima;
+  // Pairwise deletion: at k i + j, whether column i holds one value on the
+  // rows where columns i and j are both present, for i != j: a column may be
+  // constant on a pair's rows and not elsewhere. A pair is no longer looked at
+  // once it varies.
+  std::vector<vorelstat::figures::Constancy> pairs;
 
   Extremes(unsigned nColumns, bool pairwise);
   // Folds in n cells of column c, skipping those equal to skip when given.
@@ -55,10 +57,11 @@ struct Extremes {
   void Add(const Extremes& other);
 };
 
-// A group's complete rows, weighed by the frequency weight alone.
+// A group's complete rows, weighed by the frequency weight alone: centred
+// results joined part by part (means relative to the group's first row).
 struct GroupTally {
   std::int64_t code = 0;
-  vorel::MatrixListwise matrix;
+  vorelstat::figures::GroupMoments moments;
 };
 
 struct Tally {
@@ -78,6 +81,12 @@ struct Tally {
   std::optional<vorel::MatrixListwise> listwise;  // exactly one of the two
   std::optional<vorel::MatrixPairwise> pairwise;
   std::vector<GroupTally> groups;  // groups with rows, by code
+  // Grouped: the groups' corrected cross-products summed, a triangle (see
+  // vorelstat::figures::TriangleIndex), for the pooled covariance.
+  std::vector<double> within;
+
+ private:
+  void MergeGroups(const Tally& other);
 };
 
 }  // namespace vorelpy

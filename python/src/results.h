@@ -1,12 +1,10 @@
-// The figures users read, from a tally. W is the frequency weight behind a
-// figure and ddof the degrees of freedom taken off it:
-//   sd            sqrt(CSS / (W - ddof))
-//   covariance    CSCP / (W - ddof)
-//   correlation   CSCP / (sqrt(CSS_i) sqrt(CSS_j)); 1 on the diagonal
-//   pooled        sum over groups of CSCP_g / (W - ddof G), G the groups with rows
-// A column whose minimum equals its maximum reports that value as its mean, 0
-// as its sd and covariances, and no correlation. A figure that is not defined
-// (no rows, W - ddof not positive, a constant column's correlation) is NaN.
+// The figures users read, from a tally, as the command-line tool defines them
+// (tools/figures.h): sd, covariance and correlation from the corrected sums
+// and the weight W behind each figure, divisor W - ddof; a column constant on
+// the rows behind a figure has its value as mean, 0 as sd and covariances, and
+// no correlation; group means and the pooled within-group covariance from
+// centred per-group results. A figure that is not defined is NaN. A column
+// with a NaN value is never constant: its figures are NaN.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +21,6 @@ struct Figures {
   double weightSum = 0.0;  // frequency weight of the rows used
   std::vector<std::uint64_t> n;
   std::vector<double> weight, mean, sd, min, max;
-  std::vector<char> nan;          // the column has a NaN value
   std::vector<double> cov, corr;  // row-major, nColumns x nColumns
   // Pairwise: rows and weight behind each pair, the column's own on the diagonal.
   std::vector<std::uint64_t> pairN;
