@@ -279,71 +279,120 @@ std::vector<double> Fields(const PairFigures& f) {
   return {f.nRows, f.weightSum, f.regWeightSum, f.mean0, f.mean1, f.css0, f.css1, f.cscp};
 }
 
-// Pairs with scattered missing cells, side by side in masked lanes, against
-// the per-pair reduction: every weighting, runs at the start of the kept
-// cells, a column missing throughout, NaN cells, and a NaN missing code.
+std::vector<double> Fields(const ColumnFigures& f) {
+  return {f.nRows, f.weightSum, f.regWeightSum, f.mean, f.css};
+}
+
+// Pairs side by side in masked lanes, and columns alone, against the per-pair
+// reduction: every weighting, runs at the start of the kept cells, a column
+// missing throughout, NaN cells, and a NaN missing code. Cells missing
+// everywhere, or only in every fifth column (the others complete); and with
+// the pairs of two complete columns (and such columns) left to the caller,
+// who then finds them untouched.
 TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
   using testing::pairwise::PairFields;
   using testing::pairwise::RefInit;
   using testing::pairwise::SameFields;
+  using testing::pairwise::VarFields;
   constexpr double kCode = -99.0;
+  const PairFigures untouchedPair{kSentinel, kSentinel, kSentinel, kSentinel,
+                                  kSentinel, kSentinel, kSentinel, kSentinel};
+  const ColumnFigures untouchedColumn{kSentinel, kSentinel, kSentinel, kSentinel, kSentinel};
   for (const Shape s : kShapes) {
     if (s.p < 2) continue;
     for (int weighting = 0; weighting < 4; ++weighting) {
-      const unsigned seed = static_cast<unsigned>(s.p * 31 + s.n * 7 + weighting);
-      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
-                                        << ", weighting " << weighting);
-      std::mt19937_64 rng(seed);
-      Block b = RandomBlock(rng, s.p, s.n, true);
-      const std::vector<double> w = RandomWeights(rng, s.n), rw = RandomWeights(rng, s.n);
-      for (int j = 0; j < s.p; ++j) {
-        double* x = b.Column(j);
-        for (int i = 0; i < s.n; ++i) {
-          if (rng() % 20 == 0) x[i] = kCode;
-          if (j % 4 == 2 && i < 5) x[i] = i == 1 ? kCode : 6.5;  // a run across a missing cell
-          if (j == 3 % s.p && s.p > 3) x[i] = kCode;             // missing throughout
+      for (const bool everywhere : {true, false}) {
+        const unsigned seed =
+            static_cast<unsigned>(s.p * 31 + s.n * 7 + weighting * 3 + everywhere);
+        SCOPED_TRACE(::testing::Message()
+                     << "seed " << seed << ", p " << s.p << ", n " << s.n << ", weighting "
+                     << weighting << ", missing " << (everywhere ? "everywhere" : "in a fifth"));
+        std::mt19937_64 rng(seed);
+        Block b = RandomBlock(rng, s.p, s.n, true);
+        const std::vector<double> w = RandomWeights(rng, s.n), rw = RandomWeights(rng, s.n);
+        std::vector<bool> missing(static_cast<std::size_t>(s.p), false);
+        for (int j = 0; j < s.p; ++j) {
+          double* x = b.Column(j);
+          const bool may = everywhere || j % 5 == 1;
+          for (int i = 0; i < s.n; ++i) {
+            if (may && rng() % (everywhere ? 20 : 2) == 0) x[i] = kCode;
+            if (j % 4 == 2 && i < 5) x[i] = i == 1 && may ? kCode : 6.5;  // a run across a gap
+            if (j == 3 % s.p && s.p > 3 && may) x[i] = kCode;             // missing throughout
+            missing[j] = missing[j] || x[i] == kCode;
+          }
         }
-      }
-      const double* wp = weighting & 1 ? w.data() : nullptr;
-      const double* rwp = weighting & 2 ? rw.data() : nullptr;
-      std::vector<double> combined;
-      for (int i = 0; i < s.n; ++i)
-        combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
-      const auto want = [&](int c, int d, double code) {
-        return PairFields(RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n));
-      };
+        const double* wp = weighting & 1 ? w.data() : nullptr;
+        const double* rwp = weighting & 2 ? rw.data() : nullptr;
+        std::vector<double> combined;
+        for (int i = 0; i < s.n; ++i)
+          combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
+        const auto want = [&](int c, int d, double code) {
+          return RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
+        };
+        // Whether the job leaves the pair (or column) to the caller: with a
+        // NaN code no cell is missing.
+        const auto leftOut = [&](bool completePairs, double code, int c, int d) {
+          return !completePairs && (std::isnan(code) || (!missing[c] && !missing[d]));
+        };
 
-      for (double code : {kCode, kNaN}) {
-        MaskedPairsJob job;
-        job.first = b.View();
-        job.weights = wp;
-        job.combined = (wp || rwp) ? combined.data() : nullptr;
-        job.hasRegWeights = rwp != nullptr;
-        job.missingCode = code;
-        job.nRows = s.n;
-        std::vector<PairFigures> got(static_cast<std::size_t>(s.p) * (s.p - 1) / 2);
-        job.out = got.data();
-        MaskedPairs(job);
-        std::size_t k = 0;
-        for (int c = 0; c < s.p; ++c)
-          for (int d = 0; d < c; ++d, ++k)
-            EXPECT_PRED2(SameFields, Fields(got[k]), want(c, d, code)) << c << "," << d;
+        for (const double code : {kCode, kNaN}) {
+          for (const bool completePairs : {true, false}) {
+            MaskedPairsJob job;
+            job.first = b.View();
+            job.weights = wp;
+            job.combined = (wp || rwp) ? combined.data() : nullptr;
+            job.hasRegWeights = rwp != nullptr;
+            job.missingCode = code;
+            job.nRows = s.n;
+            job.completePairs = completePairs;
+            std::vector<PairFigures> got(static_cast<std::size_t>(s.p) * (s.p - 1) / 2,
+                                         untouchedPair);
+            std::vector<ColumnFigures> columns(static_cast<std::size_t>(s.p), untouchedColumn);
+            job.out = got.data();
+            job.columns = columns.data();
+            MaskedPairs(job);
+            std::size_t k = 0;
+            for (int c = 0; c < s.p; ++c) {
+              const std::vector<double> column = leftOut(completePairs, code, c, c)
+                                                     ? Fields(untouchedColumn)
+                                                     : VarFields(want(c, c, code));
+              EXPECT_PRED2(SameFields, Fields(columns[c]), column) << c;
+              for (int d = 0; d < c; ++d, ++k) {
+                const std::vector<double> pair = leftOut(completePairs, code, c, d)
+                                                     ? Fields(untouchedPair)
+                                                     : PairFields(want(c, d, code));
+                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << c << "," << d;
+              }
+            }
 
-        // A rectangle: the first columns against the others.
-        const int split = s.p / 2;
-        std::vector<double*> firsts, seconds;
-        for (int j = 0; j < s.p; ++j)
-          (j < split ? firsts : seconds).push_back(b.Column(j));
-        job.triangle = false;
-        job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
-        job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
-        got.assign(static_cast<std::size_t>(split) * (s.p - split), PairFigures{});
-        job.out = got.data();
-        MaskedPairs(job);
-        k = 0;
-        for (int r = 0; r < split; ++r)
-          for (int c = split; c < s.p; ++c, ++k)
-            EXPECT_PRED2(SameFields, Fields(got[k]), want(r, c, code)) << r << "," << c;
+            // A rectangle: the first columns against the others.
+            const int split = s.p / 2;
+            std::vector<double*> firsts, seconds;
+            for (int j = 0; j < s.p; ++j)
+              (j < split ? firsts : seconds).push_back(b.Column(j));
+            job.triangle = false;
+            job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
+            job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
+            got.assign(static_cast<std::size_t>(split) * (s.p - split), untouchedPair);
+            columns.assign(static_cast<std::size_t>(s.p - split), untouchedColumn);
+            job.out = got.data();
+            MaskedPairs(job);
+            k = 0;
+            for (int r = 0; r < split; ++r)
+              for (int c = split; c < s.p; ++c, ++k) {
+                const std::vector<double> pair = leftOut(completePairs, code, r, c)
+                                                     ? Fields(untouchedPair)
+                                                     : PairFields(want(r, c, code));
+                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << r << "," << c;
+              }
+            for (int c = split; c < s.p; ++c) {
+              const std::vector<double> column = leftOut(completePairs, code, c, c)
+                                                     ? Fields(untouchedColumn)
+                                                     : VarFields(want(c, c, code));
+              EXPECT_PRED2(SameFields, Fields(columns[c - split]), column) << c;
+            }
+          }
+        }
       }
     }
   }

@@ -109,10 +109,10 @@ void MatrixPairwiseData::Accumulate(const DataBatch& data) {
 // Each column, then each pair of it with a lower column, reduced on its own
 // and folded into its long-lived record. The columns without a missing cell
 // in the batch, and the pairs of two of them, take their figures from one
-// blocked pass over those columns; when many pairs have missing cells, all
-// pairs go through one masked pass. Either gives the same bits as the pair's
-// own reduction (see completecolumns.h), without a compressed copy per column
-// and pair.
+// blocked pass over those columns; when enough pairs have missing cells,
+// those pairs and the columns with missing cells go through one masked pass.
+// Either gives the same bits as the pair's own reduction (see
+// completecolumns.h), without a compressed copy per column and pair.
 void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals& totals) {
   const unsigned n = data.NRows();
   const unsigned nCols = data.NColumns();
@@ -134,6 +134,8 @@ void MatrixPairwiseData::UpdateRecords(const DataBatch& data, const BatchTotals&
     VarStatsData var;
     if (full.Complete(ic)) {
       internal::TakeColumnFigures(var, full, ic);
+    } else if (masked) {
+      internal::TakeColumnFigures(var, _scattered.Column(ic));
     } else {
       var.Init(column, weights, regWeights, _workArea, n);
     }

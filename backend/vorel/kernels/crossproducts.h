@@ -139,6 +139,17 @@ struct PairFigures {
   double cscp = 0.0;
 };
 
+// The figures of one column alone over the rows where its cell is not
+// missing, as the per-column reduction gives them: those of a pair of the
+// column with itself.
+struct ColumnFigures {
+  double nRows = 0.0;
+  double weightSum = 0.0;
+  double regWeightSum = 0.0;
+  double mean = 0.0;
+  double css = 0.0;
+};
+
 struct MaskedPairsJob {
   // triangle: every pair (a, b) of first with a after b, a the pair's first
   // variable, at out[a(a-1)/2 + b]. Otherwise every pair of a column of first
@@ -153,6 +164,13 @@ struct MaskedPairsJob {
   double missingCode = 0.0;
   int nRows = 0;
   PairFigures* out = nullptr;
+  // When not null: each column b of second (of first in a triangle) alone,
+  // at columns[b].
+  ColumnFigures* columns = nullptr;
+  // false: a pair of two columns that have no missing cell in these rows, and
+  // such a column's own figures, are left as they are (the blocked kernels
+  // give them for less).
+  bool completePairs = true;
 };
 
 void MaskedPairs(const MaskedPairsJob& job);

@@ -18,6 +18,7 @@ struct Avx2Isa {
   static constexpr int kRows = 6;
   static constexpr int kVecs = 2;
   static constexpr bool kPacksColumns = true;
+  static constexpr int kPairBlocks = 2;  // blocks of lanes the masked pairs take side by side
 
   static Vec Load(const double* p) { return _mm256_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm256_storeu_pd(p, a); }
@@ -37,6 +38,17 @@ struct Avx2Isa {
   static Mask AndNot(Mask a, Mask b) { return _mm256_andnot_pd(b, a); }  // a and not b
   static Mask Or(Mask a, Mask b) { return _mm256_or_pd(a, b); }
   static bool Any(Mask m) { return _mm256_movemask_pd(m) != 0; }
+  // The lanes of bits where x is not code.
+  static Mask KeptIf(unsigned bits, Vec x, Vec code) {
+    return And(MaskFromBits(bits), NotEqual(x, code));
+  }
+  // The lanes of a mask as bits (bit l: lane l), and back.
+  static unsigned Bits(Mask m) { return static_cast<unsigned>(_mm256_movemask_pd(m)); }
+  static Mask MaskFromBits(unsigned bits) {
+    const __m256i lanes = _mm256_setr_epi64x(1, 2, 4, 8);
+    const __m256i set = _mm256_and_si256(_mm256_set1_epi64x(bits), lanes);
+    return _mm256_castsi256_pd(_mm256_cmpeq_epi64(set, lanes));
+  }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) {
     return _mm256_blendv_pd(acc, _mm256_add_pd(acc, t), m);

@@ -19,6 +19,7 @@ struct Avx512Isa {
   static constexpr int kRows = 12;
   static constexpr int kVecs = 2;
   static constexpr bool kPacksColumns = true;
+  static constexpr int kPairBlocks = 2;  // blocks of lanes the masked pairs take side by side
 
   static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
@@ -40,10 +41,18 @@ struct Avx512Isa {
   using Mask = __mmask8;
   static Mask Equal(Vec a, Vec b) { return _mm512_cmp_pd_mask(a, b, _CMP_EQ_OQ); }
   static Mask NotEqual(Vec a, Vec b) { return _mm512_cmp_pd_mask(a, b, _CMP_NEQ_UQ); }
-  static Mask And(Mask a, Mask b) { return static_cast<Mask>(a & b); }
-  static Mask AndNot(Mask a, Mask b) { return static_cast<Mask>(a & ~b); }  // a and not b
-  static Mask Or(Mask a, Mask b) { return static_cast<Mask>(a | b); }
-  static bool Any(Mask m) { return m != 0; }
+  // In mask registers throughout, not through general ones.
+  static Mask And(Mask a, Mask b) { return static_cast<Mask>(_mm512_kand(a, b)); }
+  static Mask AndNot(Mask a, Mask b) { return static_cast<Mask>(_mm512_kandn(b, a)); }  // a, not b
+  static Mask Or(Mask a, Mask b) { return static_cast<Mask>(_mm512_kor(a, b)); }
+  static bool Any(Mask m) { return _mm512_kortestz(m, m) == 0; }
+  // The lanes of a mask as bits (bit l: lane l), and back.
+  static unsigned Bits(Mask m) { return m; }
+  static Mask MaskFromBits(unsigned bits) { return static_cast<Mask>(bits); }
+  // The lanes of bits where x is not code.
+  static Mask KeptIf(unsigned bits, Vec x, Vec code) {
+    return _mm512_mask_cmp_pd_mask(static_cast<Mask>(bits), x, code, _CMP_NEQ_UQ);
+  }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) { return _mm512_mask_add_pd(acc, m, acc, t); }
   // a in the lanes of m, b in the others.

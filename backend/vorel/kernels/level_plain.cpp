@@ -14,6 +14,7 @@ struct PlainIsa {
   static constexpr int kRows = 4;
   static constexpr int kVecs = 1;
   static constexpr bool kPacksColumns = false;
+  static constexpr int kPairBlocks = 2;  // blocks of lanes the masked pairs take side by side
 
   struct Vec {
     double v[kLanes];
@@ -101,6 +102,23 @@ struct PlainIsa {
     for (int l = 0; l < kLanes; ++l)
       if (m.in[l]) return true;
     return false;
+  }
+  // The lanes of bits where x is not code.
+  static Mask KeptIf(unsigned bits, const Vec& x, const Vec& code) {
+    return And(MaskFromBits(bits), NotEqual(x, code));
+  }
+  // The lanes of a mask as bits (bit l: lane l), and back.
+  static unsigned Bits(const Mask& m) {
+    unsigned bits = 0;
+    for (int l = 0; l < kLanes; ++l)
+      bits |= static_cast<unsigned>(m.in[l]) << l;
+    return bits;
+  }
+  static Mask MaskFromBits(unsigned bits) {
+    Mask m;
+    for (int l = 0; l < kLanes; ++l)
+      m.in[l] = (bits >> l & 1u) != 0;
+    return m;
   }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(const Mask& m, const Vec& acc, const Vec& t) {

@@ -2,21 +2,28 @@
 // lane per pair. Written once over a level's Isa, with internal linkage only
 // (see common.h).
 //
-// For a first variable a and a block of kLanes second variables, two passes
-// go down the rows in chunks. A lane takes a row when neither of its cells is
-// the missing code, and skips it by mask otherwise.
-//   Pass 1: the row count, the weight totals, and per column the running
-//           state of StableMean over the kept cells: whether a cell was seen,
-//           the first kept cell, whether the leading run of that value goes
-//           on, the run's weight, and the sum of the rest.
-//   Then the means, lane by lane, as StableMean ends.
+// For a first variable a and a block of kLanes second variables (a unit),
+// two passes go down the rows in chunks. A lane takes a row when neither a's
+// cell nor its own is the missing code, by a mask: a's compare, and the
+// lanes' bits worked out once per chunk; otherwise the lane skips the row.
+// A few units go side by side, whatever their first variables.
+//   Pass 1: the weight totals, and per column the running state of
+//           StableMean over the kept cells: whether a cell was seen, the
+//           first kept cell, whether the leading run of that value goes on,
+//           the run's weight, and the sum of the rest.
+//   Then the row counts, from the masks' bits (whole numbers, so the order
+//   of counting does not matter), and the means, lane by lane, as
+//   StableMean ends.
 //   Pass 2: the corrected sums of the centred kept cells.
-// The second variables are read through a panel (one row of the chunk after
-// the other) so that a vector load gives a lane its own column's cell; the
-// first variable's cell is broadcast.
+// The second variables are read through panels (one row of the chunk after
+// the other) so that a vector load gives a lane its own column's cell: the
+// cells, their products with the combined weight, and the masks; the first
+// variable's cell is broadcast. A column's own figures come from a first
+// variable that is never missing, whose half of the figures is dropped.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "kernels/common.h"
 #include "kernels/crossproducts.h"
@@ -44,40 +51,129 @@ enum Pass1 {
 // Fields of a pass-2 state.
 enum Pass2 { kMean0, kMean1, kCss0, kCss1, kCscp, kPass2Fields };
 
-struct PairsLayout {
-  int nA = 0;                               // first variables
-  int nB = 0;                               // second variables: the lanes
-  Index blocks = 0;                         // blocks of lanes per first variable
-  Index ld = 0;                             // row stride of the panel
-  Index chunk = 0;                          // rows per chunk
-  Index state1 = 0, state2 = 0, total = 0;  // offsets and size in the scratch
+using LaneBits = std::uint8_t;  // one block of lanes of one row: bit l set, lane l's cell is there
+using RowBits = std::uint64_t;  // 64 rows of one column, likewise
+constexpr Index kRowBits = 64;
+
+// A unit of work: one first variable against one block of lanes, with the
+// states of that pair of them. The first variable's cells are compared with
+// the code row by row; a variable that is never missing is a column of NaN,
+// which equals no code.
+struct PairsUnit {
+  const double* xa;  // the first variable's cells of the chunk
+  Index block;
+  double* state;
 };
 
+struct PairsLayout {
+  int nA = 0;        // first variables
+  int nB = 0;        // second variables: the lanes
+  Index blocks = 0;  // blocks of lanes
+  Index ld = 0;      // row stride of the panels
+  Index chunk = 0;   // rows per chunk
+  Index words = 0;   // words of a column's bits in a chunk
+  // Offsets in the scratch, in doubles. States: one per block of each first
+  // variable, then one per block of the first variable that is never missing.
+  // Units: at most one per state, those of whole runs from the start and the
+  // others from the middle.
+  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, units = 0, nans = 0, list = 0, all = 0;
+  Index flags = 0;
+  Index state1 = 0, state2 = 0, total = 0;
+};
+
+constexpr Index DoublesFor(Index bytes) {
+  return (bytes + static_cast<Index>(sizeof(double)) - 1) / static_cast<Index>(sizeof(double));
+}
+
 template <class Isa>
-PairsLayout MakePairsLayout(const MaskedPairsJob& job) {
+PairsLayout MakePairsLayout(const MaskedPairsJob& job, bool combined) {
   constexpr Index kLanes = Isa::kLanes;
   PairsLayout lay;
   lay.nA = job.first.count;
   lay.nB = job.triangle ? job.first.count : job.second.count;
   lay.blocks = (lay.nB + kLanes - 1) / kLanes;
-  lay.ld = AlignUp(lay.nB, 8);
+  lay.ld = AlignUp(lay.blocks * kLanes, 8);
   if (lay.ld % 64 == 0) lay.ld += 8;
-  const Index rowBytes = lay.ld * static_cast<Index>(sizeof(double));
-  Index chunk = kL2PanelBytes / 2 / rowBytes;
+  // The panels of a chunk stay in L2 while every first variable reads them.
+  const Index rowBytes = lay.ld * static_cast<Index>(sizeof(double)) * (combined ? 2 : 1)
+                         + lay.blocks * static_cast<Index>(sizeof(LaneBits));
+  Index chunk = kL2PanelBytes / rowBytes;
   if (chunk < kMinChunkRows) chunk = kMinChunkRows;
   if (chunk > kMaxChunkRows) chunk = kMaxChunkRows;
-  lay.chunk = Smaller(chunk / 4 * 4, AlignUp(job.nRows, 4));
-  if (lay.chunk < 4) lay.chunk = 4;
-  const Index states = static_cast<Index>(lay.nA) * lay.blocks * kLanes;
-  lay.state1 = lay.chunk * lay.ld;
-  lay.state2 = lay.state1 + states * kPass1Fields;
-  lay.total = lay.state2 + states * kPass2Fields;
+  chunk = chunk / kRowBits * kRowBits;
+  lay.chunk = Smaller(chunk, AlignUp(job.nRows > 0 ? job.nRows : 1, kRowBits));
+  lay.words = lay.chunk / kRowBits;
+  const Index states = (static_cast<Index>(lay.nA) + 1) * lay.blocks * kLanes;
+  const Index nBits = job.triangle ? 0 : lay.nB;
+  Index at = 0;
+  lay.p = at;
+  at += lay.chunk * lay.ld;
+  lay.q = at;
+  if (combined) at += lay.chunk * lay.ld;
+  lay.masks = at;
+  at += DoublesFor(lay.chunk * lay.blocks * static_cast<Index>(sizeof(LaneBits)));
+  lay.bitsA = at;
+  at += lay.nA * lay.words;
+  lay.bitsB = job.triangle ? lay.bitsA : at;
+  at += nBits * lay.words;
+  lay.units = at;
+  at += DoublesFor(2 * states / kLanes * static_cast<Index>(sizeof(PairsUnit)));
+  lay.nans = at;
+  at += lay.chunk;
+  lay.list = at;
+  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
+  lay.all = at;
+  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
+  lay.flags = at;  // per column of first, then of second: has a missing cell
+  at += DoublesFor(static_cast<Index>(lay.nA) + nBits);
+  lay.state1 = at;
+  at += states * kPass1Fields;
+  lay.state2 = at;
+  at += states * kPass2Fields;
+  lay.total = at;
   return lay;
 }
 
-// The second variables of a chunk into the panel, as they are.
+// Whether any of the n cells compares equal to code.
 template <class Isa>
-void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, double* p, Index ld) {
+bool HasMissing(const double* x, Index n, double code) {
+  constexpr int L = Isa::kLanes;
+  const typename Isa::Vec c = Isa::Set1(code);
+  Index i = 0;
+  for (; i + 2 * L <= n; i += 2 * L) {
+    const unsigned present = Isa::Bits(Isa::NotEqual(Isa::Load(x + i), c))
+                             & Isa::Bits(Isa::NotEqual(Isa::Load(x + i + L), c));
+    if (present != (1u << L) - 1) return true;
+  }
+  for (; i < n; ++i)
+    if (x[i] == code) return true;
+  return false;
+}
+
+// rows cells of one column as bits, 64 rows a word; bits past rows are clear.
+template <class Isa>
+void PresenceBits(const double* x, Index rows, double code, RowBits* bits) {
+  constexpr int L = Isa::kLanes;
+  const typename Isa::Vec c = Isa::Set1(code);
+  for (Index w = 0; w * kRowBits < rows; ++w) {
+    const Index from = w * kRowBits, to = Smaller(rows, from + kRowBits);
+    RowBits word = 0;
+    Index i = from;
+    for (; i + L <= to; i += L)
+      word |= static_cast<RowBits>(Isa::Bits(Isa::NotEqual(Isa::Load(x + i), c))) << (i - from);
+    for (; i < to; ++i)
+      word |= static_cast<RowBits>(!(x[i] == code)) << (i - from);
+    bits[w] = word;
+  }
+}
+
+// The second variables of a chunk into the panel P, their products with the
+// combined weight into Q (x * v, as DotProduct forms them), and per row and
+// block of lanes the bits of the cells that are there.
+template <class Isa, bool Combined>
+void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, const double* v, double code,
+                 const PairsLayout& lay, double* p, double* q, LaneBits* masks) {
+  constexpr int L = Isa::kLanes;
   int j = 0;
   while (j < cols.count) {
     int take = Isa::kPacksColumns ? (cols.count - j >= 4 ? 4 : cols.count - j >= 2 ? 2 : 1) : 1;
@@ -86,11 +182,27 @@ void PackSeconds(const ColumnBlock& cols, Index i0, Index rows, double* p, Index
       x[t] = ColumnOf(cols, j + t) + i0;
     Index done = 0;
     if constexpr (Isa::kPacksColumns)
-      done = Isa::PackColumns(take, Centring::None, x, nullptr, nullptr, rows, p + j, p + j, ld);
+      done =
+          Isa::PackColumns(take, Centring::None, x, nullptr, nullptr, rows, p + j, p + j, lay.ld);
     for (int t = 0; t < take; ++t)
       PackColumn<Centring::None, false>(x[t] + done, 0.0, nullptr, rows - done,
-                                        p + j + t + done * ld, p + j + t + done * ld, ld);
+                                        p + j + t + done * lay.ld, p + j + t + done * lay.ld,
+                                        lay.ld);
     j += take;
+  }
+  const typename Isa::Vec c = Isa::Set1(code);
+  // Lanes past the last column take no row, so that they never hold up the
+  // short form of pass 1.
+  const unsigned last = (1u << (cols.count - (lay.blocks - 1) * L)) - 1u;
+  for (Index r = 0; r < rows; ++r) {
+    const double* pr = p + r * lay.ld;
+    double* qr = q + r * lay.ld;
+    for (Index b = 0; b < lay.blocks; ++b) {
+      const typename Isa::Vec x = Isa::Load(pr + b * L);
+      const unsigned lanes = b + 1 < lay.blocks ? (1u << L) - 1u : last;
+      masks[r * lay.blocks + b] = static_cast<LaneBits>(Isa::Bits(Isa::NotEqual(x, c)) & lanes);
+      if constexpr (Combined) Isa::Store(qr + b * L, Isa::Mul(x, Isa::Broadcast(v + r)));
+    }
   }
 }
 
@@ -111,23 +223,73 @@ void MeanStep(typename Isa::Mask kept, typename Isa::Mask firstRow, typename Isa
   inRun = Isa::AndNot(inRun, restRow);
 }
 
-// Pass 1 over rows rows for B blocks of lanes side by side (the second
-// variables at p + b * kLanes, the states at state[b]): more sums that do not
-// wait for each other.
-template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
-void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const double* w,
-                const double* v, double code, double* const* state) {
+// B units side by side (more sums that do not wait for each other) over the
+// rows of a chunk: the panels and masks, the weights, and the units. Units of
+// one first variable take only the rows where its cell is there, from a list;
+// others take every row and compare their first variables' cells.
+struct PairsRun {
+  const double* p;
+  const double* q;
+  const LaneBits* masks;
+  Index ld, masksLd;
+  const std::int32_t* list;  // for units of one first variable
+  Index count;               // rows listed, or all rows of the chunk
+  const double* w;
+  const double* v;
+  double code;
+  const PairsUnit* units;
+};
+
+template <bool Listed>
+Index RowAt(const PairsRun& run, Index i) {
+  if constexpr (Listed) return run.list[i];
+  return i;
+}
+
+// The lanes that take row r: those whose cells are there (bits), where the
+// first variable's cell x0 is there too; on a listed row it is.
+template <class Isa, bool Listed>
+typename Isa::Mask Kept(unsigned bits, typename Isa::Vec x0, typename Isa::Vec missing) {
+  if constexpr (Listed) return Isa::MaskFromBits(bits);
+  return Isa::KeptIf(bits, x0, missing);
+}
+
+// The rows of a chunk where x is not the code, in order; returns how many.
+Index ListRows(const double* x, Index rows, double code, std::int32_t* list) {
+  Index count = 0;
+  for (Index r = 0; r < rows; ++r) {
+    list[count] = static_cast<std::int32_t>(r);
+    count += !(x[r] == code);
+  }
+  return count;
+}
+
+// Shared: the B units have one first variable, whose cell serves them all,
+// and the rows come from the list.
+template <class Isa, int B, bool Shared, bool HasWeights, bool Combined, bool HasRegWeights>
+void PairsPass1(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const Vec one = Isa::Set1(1.0), missing = Isa::Set1(code);
-  Vec count[B], weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B],
-      rest1[B];
+  const double* const w = run.w;
+  const double* const v = run.v;
+  const Index ld = run.ld, mld = run.masksLd;
+  const Vec one = Isa::Set1(1.0), missing = Isa::Set1(run.code);
+  const double* xa[B];
+  const double* p[B];
+  const double* q[B];
+  const LaneBits* m[B];
+  constexpr int X = Shared ? 1 : B;  // first variables
+  Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
   Mask seen[B], inRun0[B], inRun1[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    const double* s = state[b];
-    count[b] = Isa::Load(s + kCount * L);
+    const PairsUnit& u = run.units[b];
+    xa[b] = u.xa;
+    p[b] = run.p + u.block * L;
+    q[b] = run.q + u.block * L;
+    m[b] = run.masks + u.block;
+    const double* s = u.state;
     weightSum[b] = Isa::Load(s + kWeightSum * L);
     combinedSum[b] = Isa::Load(s + kCombinedSum * L);
     seen[b] = Isa::ToMask(Isa::Load(s + kSeen * L));
@@ -140,8 +302,8 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
     run1[b] = Isa::Load(s + kRun1 * L);
     rest1[b] = Isa::Load(s + kRest1 * L);
   }
-  Index r = 0;
-  while (r < rows) {
+  Index i = 0;
+  while (i < run.count) {
     // Once no lane is in a leading run, a kept row only adds to the rest,
     // unless it is a lane's first: the rows go by this short form, with no
     // chain of masks from one row to the next, until such a row comes.
@@ -150,41 +312,45 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
     for (int b = 0; b < B; ++b)
       running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
     if (!running) {
-      for (; r < rows; ++r) {
-        const Vec x0 = Isa::Broadcast(xa + r);
-        const Mask keep0 = Isa::NotEqual(x0, missing);
+      for (; i < run.count; ++i) {
+        const Index r = RowAt<Shared>(run, i);
+        Vec x0[X];
         Mask kept[B];
+#pragma GCC unroll 4
+        for (int x = 0; x < X; ++x)
+          x0[x] = Isa::Broadcast(xa[x] + r);
         bool fresh = false;
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          kept[b] = Isa::And(keep0, Isa::NotEqual(Isa::Load(p + r * ld + b * L), missing));
+          kept[b] = Kept<Isa, Shared>(m[b][r * mld], x0[Shared ? 0 : b], missing);
           fresh = fresh || Isa::Any(Isa::AndNot(kept[b], seen[b]));
         }
         if (fresh) break;
         Vec weight = one;
         if constexpr (Combined) weight = Isa::Broadcast(v + r);
-        const Vec add0 = Combined ? Isa::Mul(x0, weight) : x0;
+        Vec add0[X];
+#pragma GCC unroll 4
+        for (int x = 0; x < X; ++x)
+          add0[x] = Combined ? Isa::Mul(x0[x], weight) : x0[x];
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          const Vec x1 = Isa::Load(p + r * ld + b * L);
-          count[b] = Isa::AddIf(kept[b], count[b], one);
           if constexpr (HasWeights)
             weightSum[b] = Isa::AddIf(kept[b], weightSum[b], Isa::Broadcast(w + r));
           if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept[b], combinedSum[b], weight);
-          rest0[b] = Isa::AddIf(kept[b], rest0[b], add0);
-          rest1[b] = Isa::AddIf(kept[b], rest1[b], Combined ? Isa::Mul(x1, weight) : x1);
+          rest0[b] = Isa::AddIf(kept[b], rest0[b], add0[Shared ? 0 : b]);
+          rest1[b] = Isa::AddIf(kept[b], rest1[b], Isa::Load(q[b] + r * ld));
         }
       }
-      if (r == rows) break;
+      if (i == run.count) break;
     }
-    const Vec x0 = Isa::Broadcast(xa + r);
+    const Index r = RowAt<Shared>(run, i);
     Vec weight = one;
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
-      const Vec x1 = Isa::Load(p + r * ld + b * L);
-      const Mask kept = Isa::And(Isa::NotEqual(x0, missing), Isa::NotEqual(x1, missing));
-      count[b] = Isa::AddIf(kept, count[b], one);
+      const Vec x0 = Isa::Broadcast(xa[b] + r);
+      const Vec x1 = Isa::Load(p[b] + r * ld);
+      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
       if constexpr (HasWeights)
         weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
       if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
@@ -193,12 +359,11 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
       MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b], rest1[b]);
       seen[b] = Isa::Or(seen[b], kept);
     }
-    ++r;
+    ++i;
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    double* s = state[b];
-    Isa::Store(s + kCount * L, count[b]);
+    double* s = run.units[b].state;
     Isa::Store(s + kWeightSum * L, weightSum[b]);
     Isa::Store(s + kCombinedSum * L, combinedSum[b]);
     Isa::Store(s + kSeen * L, Isa::FromMask(seen[b]));
@@ -213,32 +378,45 @@ void PairsPass1(const double* xa, const double* p, Index ld, Index rows, const d
   }
 }
 
-// Pass 2 for B blocks of lanes side by side, as pass 1.
-template <class Isa, int B, bool Combined>
-void PairsPass2(const double* xa, const double* p, Index ld, Index rows, const double* v,
-                double code, double* const* state) {
+// Pass 2 for B units side by side, as pass 1.
+template <class Isa, int B, bool Shared, bool Combined>
+void PairsPass2(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const Vec missing = Isa::Set1(code);
+  const double* const v = run.v;
+  const Index ld = run.ld, mld = run.masksLd;
+  const Vec missing = Isa::Set1(run.code);
+  const double* xa[B];
+  const double* p[B];
+  const LaneBits* m[B];
+  constexpr int X = Shared ? 1 : B;  // first variables
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    mean0[b] = Isa::Load(state[b] + kMean0 * L);
-    mean1[b] = Isa::Load(state[b] + kMean1 * L);
-    css0[b] = Isa::Load(state[b] + kCss0 * L);
-    css1[b] = Isa::Load(state[b] + kCss1 * L);
-    cscp[b] = Isa::Load(state[b] + kCscp * L);
+    const PairsUnit& u = run.units[b];
+    xa[b] = u.xa;
+    p[b] = run.p + u.block * L;
+    m[b] = run.masks + u.block;
+    mean0[b] = Isa::Load(u.state + kMean0 * L);
+    mean1[b] = Isa::Load(u.state + kMean1 * L);
+    css0[b] = Isa::Load(u.state + kCss0 * L);
+    css1[b] = Isa::Load(u.state + kCss1 * L);
+    cscp[b] = Isa::Load(u.state + kCscp * L);
   }
-  for (Index r = 0; r < rows; ++r) {
-    const Vec x0 = Isa::Broadcast(xa + r);
-    const Mask keep0 = Isa::NotEqual(x0, missing);
+  for (Index i = 0; i < run.count; ++i) {
+    const Index r = RowAt<Shared>(run, i);
     Vec weight = Isa::Set1(1.0);
     if constexpr (Combined) weight = Isa::Broadcast(v + r);
+    Vec xs[X];
+#pragma GCC unroll 4
+    for (int x = 0; x < X; ++x)
+      xs[x] = Isa::Broadcast(xa[x] + r);
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
-      const Vec x1 = Isa::Load(p + r * ld + b * L);
-      const Mask kept = Isa::And(keep0, Isa::NotEqual(x1, missing));
+      const Vec x0 = xs[Shared ? 0 : b];
+      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
+      const Vec x1 = Isa::Load(p[b] + r * ld);
       const Vec c0 = Isa::Sub(x0, mean0[b]);
       const Vec c1 = Isa::Sub(x1, mean1[b]);
       if constexpr (Combined) {
@@ -256,9 +434,10 @@ void PairsPass2(const double* xa, const double* p, Index ld, Index rows, const d
   }
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    Isa::Store(state[b] + kCss0 * L, css0[b]);
-    Isa::Store(state[b] + kCss1 * L, css1[b]);
-    Isa::Store(state[b] + kCscp * L, cscp[b]);
+    double* s = run.units[b].state;
+    Isa::Store(s + kCss0 * L, css0[b]);
+    Isa::Store(s + kCss1 * L, css1[b]);
+    Isa::Store(s + kCscp * L, cscp[b]);
   }
 }
 
@@ -290,51 +469,152 @@ void PairsMeans(const double* s1, double* s2) {
   Isa::Store(s2 + kCscp * L, zero);
 }
 
+// The passes over B units, for B from 1 to the level's kPairBlocks; shared
+// only with kPairBlocks units.
+template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
+void RunPass(int pass, int units, bool shared, const PairsRun& run) {
+  if constexpr (B > 1) {
+    if (units < B) {
+      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, false, run);
+      return;
+    }
+  }
+  if (pass == 1) {
+    if (shared)
+      PairsPass1<Isa, B, true, HasWeights, Combined, HasRegWeights>(run);
+    else
+      PairsPass1<Isa, B, false, HasWeights, Combined, HasRegWeights>(run);
+  } else {
+    if (shared)
+      PairsPass2<Isa, B, true, Combined>(run);
+    else
+      PairsPass2<Isa, B, false, Combined>(run);
+  }
+}
+
+// The row counts of a unit's lanes, added to its state: whole numbers, exact
+// in any order. x0 null: the first variable is never missing.
+template <class Isa>
+void CountRows(const RowBits* x0, const RowBits* bitsB, Index stride, Index words, Index lanes,
+               double* state) {
+  constexpr int L = Isa::kLanes;
+  for (Index l = 0; l < lanes; ++l) {
+    const RowBits* x1 = bitsB + l * stride;
+    Index kept = 0;
+    for (Index k = 0; k < words; ++k)
+      kept += __builtin_popcountll(x0 != nullptr ? x0[k] & x1[k] : x1[k]);
+    state[kCount * L + l] += static_cast<double>(kept);
+  }
+}
+
 template <class Isa, bool HasWeights, bool Combined, bool HasRegWeights>
 void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* scratch) {
   constexpr int L = Isa::kLanes;
   const ColumnBlock& seconds = job.triangle ? job.first : job.second;
-  double* panel = scratch;
+  double* panel = scratch + lay.p;
+  double* products = Combined ? scratch + lay.q : panel;
+  auto* masks = reinterpret_cast<LaneBits*>(scratch + lay.masks);
+  auto* bitsA = reinterpret_cast<RowBits*>(scratch + lay.bitsA);
+  auto* bitsB = reinterpret_cast<RowBits*>(scratch + lay.bitsB);
+  auto* units = reinterpret_cast<PairsUnit*>(scratch + lay.units);
+  auto* missing = reinterpret_cast<bool*>(scratch + lay.flags);
+  bool* missingB = job.triangle ? missing : missing + lay.nA;
+  double* nans = scratch + lay.nans;
+  auto* list = reinterpret_cast<std::int32_t*>(scratch + lay.list);
+  auto* all = reinterpret_cast<std::int32_t*>(scratch + lay.all);
   double* states1 = scratch + lay.state1;
   double* states2 = scratch + lay.state2;
-  const Index stateCount = static_cast<Index>(lay.nA) * lay.blocks;
+  const Index stateCount = (static_cast<Index>(lay.nA) + 1) * lay.blocks;
   Clear(states1, stateCount * L * kPass1Fields);
   Clear(panel, lay.chunk * lay.ld);  // lanes past the last column stay zero
-  // Blocks of lanes of first variable a: all of them, or in a triangle those
-  // with a lane below a.
-  auto blocksOf = [&](Index a) { return job.triangle ? (a + L - 1) / L : lay.blocks; };
+  if constexpr (Combined) Clear(products, lay.chunk * lay.ld);
+  for (Index r = 0; r < lay.chunk; ++r) {
+    nans[r] = __builtin_nan("");
+    all[r] = static_cast<std::int32_t>(r);
+  }
+
+  for (Index a = 0; a < lay.nA; ++a)
+    missing[a] = HasMissing<Isa>(ColumnOf(job.first, a), job.nRows, job.missingCode);
+  if (!job.triangle)
+    for (Index b = 0; b < lay.nB; ++b)
+      missingB[b] = HasMissing<Isa>(ColumnOf(seconds, b), job.nRows, job.missingCode);
+  // Whether a block of lanes has a column with a missing cell.
+  auto blockMissing = [&](Index block) {
+    for (Index b = block * L; b < Smaller((block + 1) * L, lay.nB); ++b)
+      if (missingB[b]) return true;
+    return false;
+  };
+  // The first variables in turn (a triangle's pair with the columns before
+  // it), then, for the columns' own figures, one that is never missing. A
+  // block is left out when neither side has a missing cell and the caller
+  // takes such pairs elsewhere.
+  const Index variables = lay.nA + (job.columns != nullptr ? 1 : 0);
+  auto blocksOf = [&](Index a) {
+    return job.triangle && a < lay.nA ? (a + L - 1) / L : lay.blocks;
+  };
+  auto firstMissing = [&](Index a) { return a < lay.nA && missing[a]; };
+  auto wanted = [&](Index a, Index block) {
+    return job.completePairs || firstMissing(a) || blockMissing(block);
+  };
+
   for (int pass = 1; pass <= 2; ++pass) {
+    double* states = pass == 1 ? states1 : states2;
+    const Index fields = pass == 1 ? Index{kPass1Fields} : Index{kPass2Fields};
     for (Index i0 = 0; i0 < job.nRows; i0 += lay.chunk) {
       const Index rows = Smaller(lay.chunk, job.nRows - i0);
-      PackSeconds<Isa>(seconds, i0, rows, panel, lay.ld);
-      const double* w = HasWeights ? job.weights + i0 : nullptr;
+      const Index words = (rows + kRowBits - 1) / kRowBits;
       const double* v = Combined ? job.combined + i0 : nullptr;
-      for (Index a = 0; a < lay.nA; ++a) {
-        const double* xa = ColumnOf(job.first, a) + i0;
-        const Index blocks = blocksOf(a);
-        // Two blocks of lanes at a time, then the odd one.
-        for (Index b = 0; b < blocks; b += 2) {
-          const Index at = a * lay.blocks + b;
-          if (pass == 1) {
-            double* states[2] = {states1 + at * L * kPass1Fields,
-                                 states1 + (at + 1) * L * kPass1Fields};
-            if (b + 1 < blocks)
-              PairsPass1<Isa, 2, HasWeights, Combined, HasRegWeights>(
-                  xa, panel + b * L, lay.ld, rows, w, v, job.missingCode, states);
-            else
-              PairsPass1<Isa, 1, HasWeights, Combined, HasRegWeights>(
-                  xa, panel + b * L, lay.ld, rows, w, v, job.missingCode, states);
-          } else {
-            double* states[2] = {states2 + at * L * kPass2Fields,
-                                 states2 + (at + 1) * L * kPass2Fields};
-            if (b + 1 < blocks)
-              PairsPass2<Isa, 2, Combined>(xa, panel + b * L, lay.ld, rows, v, job.missingCode,
-                                           states);
-            else
-              PairsPass2<Isa, 1, Combined>(xa, panel + b * L, lay.ld, rows, v, job.missingCode,
-                                           states);
-          }
+      PackSeconds<Isa, Combined>(seconds, i0, rows, v, job.missingCode, lay, panel, products,
+                                 masks);
+      if (pass == 1) {
+        for (Index b = 0; b < lay.nB; ++b)
+          PresenceBits<Isa>(ColumnOf(seconds, b) + i0, rows, job.missingCode,
+                            bitsB + b * lay.words);
+        if (!job.triangle)
+          for (Index a = 0; a < lay.nA; ++a)
+            if (missing[a])
+              PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
+                                bitsA + a * lay.words);
+      }
+      // The units in runs: whole runs of one first variable, then the
+      // rest of every first variable's units together.
+      constexpr Index K = Isa::kPairBlocks;
+      Index shared = 0, mixed = stateCount;
+      for (Index a = 0; a < variables; ++a) {
+        const double* xa = a < lay.nA ? ColumnOf(job.first, a) + i0 : nans;
+        const Index from = shared;
+        for (Index b = 0; b < blocksOf(a); ++b) {
+          if (!wanted(a, b)) continue;
+          double* state = states + (a * lay.blocks + b) * L * fields;
+          units[shared++] = PairsUnit{xa, b, state};
+          if (pass == 1)
+            CountRows<Isa>(firstMissing(a) ? bitsA + a * lay.words : nullptr,
+                           bitsB + b * L * lay.words, lay.words, words, Smaller(L, lay.nB - b * L),
+                           state);
         }
+        for (Index rest = (shared - from) % K; rest > 0; --rest)
+          units[mixed++] = units[--shared];
+      }
+      PairsRun run{panel,      products,
+                   masks,      lay.ld,
+                   lay.blocks, all,
+                   rows,       HasWeights ? job.weights + i0 : nullptr,
+                   v,          job.missingCode,
+                   nullptr};
+      for (Index u = 0; u < shared; u += K) {
+        if (u == 0 || units[u].xa != units[u - K].xa) {
+          run.list = list;
+          run.count = ListRows(units[u].xa, rows, job.missingCode, list);
+        }
+        run.units = units + u;
+        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(K), true, run);
+      }
+      run.list = all;
+      run.count = rows;
+      for (Index u = stateCount; u < mixed; u += K) {
+        run.units = units + u;
+        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(
+            pass, static_cast<int>(Smaller(K, mixed - u)), false, run);
       }
     }
     if (pass == 1)
@@ -342,32 +622,43 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
         PairsMeans<Isa, HasWeights, HasRegWeights>(states1 + at * L * kPass1Fields,
                                                    states2 + at * L * kPass2Fields);
   }
-  // The figures of every pair asked for.
+
+  // The figures of every pair and column asked for.
+  auto figures = [&](Index a, Index b, auto& out) {
+    const Index at = a * lay.blocks + b / L, l = b % L;
+    const double* s1 = states1 + at * L * kPass1Fields + l;
+    const double* s2 = states2 + at * L * kPass2Fields + l;
+    out.nRows = s1[kCount * L];
+    out.weightSum = HasWeights ? s1[kWeightSum * L] : out.nRows;
+    out.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : out.weightSum;
+    if constexpr (requires { out.cscp; }) {
+      out.mean0 = s2[kMean0 * L];
+      out.mean1 = s2[kMean1 * L];
+      out.css0 = s2[kCss0 * L];
+      out.css1 = s2[kCss1 * L];
+      out.cscp = s2[kCscp * L];
+    } else {
+      out.mean = s2[kMean1 * L];
+      out.css = s2[kCss1 * L];
+    }
+  };
   for (Index a = 0; a < lay.nA; ++a) {
     const Index lanes = job.triangle ? a : lay.nB;
-    for (Index b = 0; b < lanes; ++b) {
-      const Index at = a * lay.blocks + b / L, lane = b % L;
-      const double* s1 = states1 + at * L * kPass1Fields + lane;
-      const double* s2 = states2 + at * L * kPass2Fields + lane;
-      PairFigures& f = job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b];
-      f.nRows = s1[kCount * L];
-      f.weightSum = HasWeights ? s1[kWeightSum * L] : f.nRows;
-      f.regWeightSum = HasRegWeights ? s1[kCombinedSum * L] : f.weightSum;
-      f.mean0 = s2[kMean0 * L];
-      f.mean1 = s2[kMean1 * L];
-      f.css0 = s2[kCss0 * L];
-      f.css1 = s2[kCss1 * L];
-      f.cscp = s2[kCscp * L];
-    }
+    for (Index b = 0; b < lanes; ++b)
+      if (job.completePairs || missing[a] || missingB[b])
+        figures(a, b, job.out[job.triangle ? a * (a - 1) / 2 + b : a * lay.nB + b]);
   }
+  if (job.columns != nullptr)
+    for (Index b = 0; b < lay.nB; ++b)
+      if (job.completePairs || missingB[b]) figures(lay.nA, b, job.columns[b]);
 }
 
 template <class Isa>
 void RunMaskedPairs(const MaskedPairsJob& job) {
-  const PairsLayout lay = MakePairsLayout<Isa>(job);
+  const bool w = job.weights != nullptr, v = job.combined != nullptr, rw = job.hasRegWeights;
+  const PairsLayout lay = MakePairsLayout<Isa>(job, v);
   if (lay.nA == 0 || lay.nB == 0) return;
   double* scratch = ScratchBuffer(static_cast<std::size_t>(lay.total));
-  const bool w = job.weights != nullptr, v = job.combined != nullptr, rw = job.hasRegWeights;
   // Regression weights always make combined weights; weights alone are them.
   if (w && v && rw)
     RunMaskedPairs<Isa, true, true, true>(job, lay, scratch);

@@ -136,10 +136,13 @@ double CompleteColumns::CSCP(int a, int b) const {
 }
 
 bool ScatteredPairs::WorthIt(long long pairs, long long complete) {
-  // A pair costs a compression and five sweeps of its own, against one
-  // masked lane of two passes here: from an eighth of the pairs on, all of
-  // them go here.
-  return pairs > 0 && 8 * (pairs - complete) >= pairs;
+  // A pair costs a compression and five sweeps of its own, some ten steps a
+  // row, against under two for a masked lane of two passes here; but the
+  // passes pack every column of the block, some four steps a row each. So
+  // from about half as many pairs with a missing cell as columns on (the
+  // columns being about the square root of twice the pairs), they go here.
+  const long long scattered = pairs - complete;
+  return scattered > 0 && 2 * scattered * scattered >= pairs;
 }
 
 void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double missingCode,
@@ -161,9 +164,12 @@ void ScatteredPairs::Reduce(const DataBatch& data, int first, int count, double 
   job.hasRegWeights = rw != nullptr;
   job.missingCode = missingCode;
   job.nRows = n;
+  job.completePairs = false;
   if (pairs == CompleteColumns::Pairs::Triangle) {
     job.first = ColumnBlock{nullptr, 0, count, _columns.data()};
     _figures.resize(static_cast<std::size_t>(count) * static_cast<std::size_t>(count - 1) / 2);
+    _columnFigures.resize(static_cast<std::size_t>(count));
+    job.columns = _columnFigures.data();
   } else {
     job.triangle = false;
     job.first = ColumnBlock{nullptr, 0, split, _columns.data()};

@@ -91,11 +91,12 @@ class CompleteColumns {
   double _regWeightSum = 0.0;
 };
 
-// Every pair of a block with pairwise deletion, side by side in the masked
-// lanes of the blocked kernels (MaskedPairs in crossproducts.h): the same
-// bits as each pair's own reduction, without its compressed copy. Worth it
-// when many pairs have missing cells; the pairs of two complete columns are
-// cheaper still by CompleteColumns. Internal.
+// The pairs of a block with a missing cell in either column, with pairwise
+// deletion, side by side in the masked lanes of the blocked kernels
+// (MaskedPairs in crossproducts.h): the same bits as each pair's own
+// reduction, without its compressed copy. The pairs of two complete columns
+// are cheaper still by CompleteColumns, and left to it (its Reduce with a
+// minimum of 1 takes every one of them). Internal.
 class ScatteredPairs {
  public:
   ScatteredPairs() = default;
@@ -108,16 +109,22 @@ class ScatteredPairs {
   static bool WorthIt(long long pairs, long long complete);
 
   // Reduces every pair kept (as CompleteColumns::Reduce says) of block
-  // positions 0 .. count-1 (batch columns first ..).
+  // positions 0 .. count-1 (batch columns first ..) with a missing cell, and
+  // in a triangle each column with a missing cell alone.
   void Reduce(const DataBatch& data, int first, int count, double missingCode,
               CompleteColumns::Pairs pairs, int split);
   // The figures of pair (a, b), a being the pair's first variable.
   const internal::PairFigures& Pair(int a, int b) const;
+  // The figures of column j alone (a triangle's, with a missing cell).
+  const internal::ColumnFigures& Column(int j) const {
+    return _columnFigures[static_cast<std::size_t>(j)];
+  }
 
  private:
   std::vector<double*> _columns;
   std::vector<double> _combined;
   std::vector<internal::PairFigures> _figures;
+  std::vector<internal::ColumnFigures> _columnFigures;
   CompleteColumns::Pairs _pairs = CompleteColumns::Pairs::Triangle;
   int _split = 0;
   int _count = 0;
@@ -138,6 +145,15 @@ void TakeColumnFigures(Record& r, const CompleteColumns& full, int j) {
     r.min = full.Min(j);
     r.max = full.Max(j);
   }
+}
+
+template <class Record>
+void TakeColumnFigures(Record& r, const internal::ColumnFigures& f) {
+  r.nRows = static_cast<decltype(r.nRows)>(f.nRows);
+  r.weightSum = f.weightSum;
+  r.regWeightSum = f.regWeightSum;
+  r.mean = f.mean;
+  r.css = f.css;
 }
 
 template <class Record>
