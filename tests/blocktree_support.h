@@ -319,8 +319,7 @@ struct PassOptions {
 // result, which MergeResult adds to the shared one.
 template <class R>
 struct DriverPassProblem : ProblemBase {
-  DriverPassProblem(const Grid& g, const PassOptions& o,
-                    const typename BlockTree<R>::Factory& f)
+  DriverPassProblem(const Grid& g, const PassOptions& o, const typename BlockTree<R>::Factory& f)
       : grid(g), options(o), tree(f) {
     if (!options.reproducible) shared.emplace(Kind<R>::Fresh());
   }

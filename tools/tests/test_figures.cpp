@@ -98,9 +98,10 @@ void Reduce(const Part& part, const std::vector<double>& origin, std::vector<dou
   for (std::size_t r = 0; r < part.rows.size(); ++r) {
     for (std::size_t i = 0; i < kCols; ++i) {
       for (std::size_t j = 0; j <= i; ++j)
-        cp[i][j] += static_cast<Real>(part.weights[r])
-                    * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]) - sum[i] / w)
-                    * (static_cast<Real>(part.rows[r][j]) - static_cast<Real>(origin[j]) - sum[j] / w);
+        cp[i][j] +=
+            static_cast<Real>(part.weights[r])
+            * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]) - sum[i] / w)
+            * (static_cast<Real>(part.rows[r][j]) - static_cast<Real>(origin[j]) - sum[j] / w);
     }
   }
   weight = static_cast<double>(w);
