@@ -318,56 +318,66 @@ struct PassOptions {
 // lock, into a fresh result handed to the tree or into the worker's own
 // result, which MergeResult adds to the shared one.
 template <class R>
+struct DriverPassProblem : ProblemBase {
+  DriverPassProblem(const Grid& g, const PassOptions& o, const typename BlockTree<R>::Factory& f)
+      : grid(g), options(o), tree(f) {
+    if (!options.reproducible) shared.emplace(Kind<R>::Fresh());
+  }
+  WorkerBase* CreateWorker() override;
+  const Grid& grid;
+  const PassOptions& options;
+  BlockTree<R> tree;
+  std::optional<R> shared;      // the arrival-order path only
+  std::uint64_t nextBlock = 0;  // read lock
+};
+
+template <class R>
+struct DriverPassWorker : WorkerBase {
+  using Batch = decltype(BlockBatch<R>(std::declval<const Grid&>().t, 0, 1));
+  explicit DriverPassWorker(DriverPassProblem<R>& pass) : p(pass) {
+    if (!p.options.reproducible) own.emplace(Kind<R>::Fresh());
+  }
+  bool ReadBatch() override {
+    if (p.nextBlock == p.grid.Blocks()) return false;
+    block = p.options.reproducible ? p.tree.NextBlock() : p.nextBlock;
+    ++p.nextBlock;
+    holdsFirst = holdsFirst || block == 0;
+    batch.emplace(BlockBatch<R>(p.grid.t, p.grid.Begin(block), p.grid.End(block)));
+    return true;
+  }
+  void ProcessBatch() override {
+    if (p.options.delays) delays.Pause();
+    if (p.options.gate && block == 0) p.options.gate->WaitUntilOpen();
+    if (!p.options.reproducible) {
+      *own += *batch;
+      return;
+    }
+    R result = p.tree.NewResult();
+    result += *batch;
+    if (p.options.delays) delays.Pause();
+    p.tree.AddBlock(block, std::move(result));
+  }
+  void MergeResult() override {
+    if (!p.options.reproducible) *p.shared += *own;
+    if (p.options.gate && !holdsFirst) p.options.gate->Open();
+  }
+  DriverPassProblem<R>& p;
+  std::optional<R> own;  // the arrival-order path only
+  std::optional<Batch> batch;
+  std::uint64_t block = 0;
+  bool holdsFirst = false;
+  Delays delays;
+};
+
+template <class R>
+WorkerBase* DriverPassProblem<R>::CreateWorker() {
+  return new DriverPassWorker<R>(*this);
+}
+
+template <class R>
 R DriverPass(const Grid& grid, const PassOptions& options,
              const typename BlockTree<R>::Factory& fresh = Kind<R>::Fresh) {
-  using Batch = decltype(BlockBatch<R>(grid.t, 0, 1));
-  struct Pass : ProblemBase {
-    struct Worker : WorkerBase {
-      explicit Worker(Pass& pass) : p(pass) {
-        if (!p.options.reproducible) own.emplace(Kind<R>::Fresh());
-      }
-      bool ReadBatch() override {
-        if (p.nextBlock == p.grid.Blocks()) return false;
-        block = p.options.reproducible ? p.tree.NextBlock() : p.nextBlock;
-        ++p.nextBlock;
-        holdsFirst = holdsFirst || block == 0;
-        batch.emplace(BlockBatch<R>(p.grid.t, p.grid.Begin(block), p.grid.End(block)));
-        return true;
-      }
-      void ProcessBatch() override {
-        if (p.options.delays) delays.Pause();
-        if (p.options.gate && block == 0) p.options.gate->WaitUntilOpen();
-        if (!p.options.reproducible) {
-          *own += *batch;
-          return;
-        }
-        R result = p.tree.NewResult();
-        result += *batch;
-        if (p.options.delays) delays.Pause();
-        p.tree.AddBlock(block, std::move(result));
-      }
-      void MergeResult() override {
-        if (!p.options.reproducible) *p.shared += *own;
-        if (p.options.gate && !holdsFirst) p.options.gate->Open();
-      }
-      Pass& p;
-      std::optional<R> own;  // the arrival-order path only
-      std::optional<Batch> batch;
-      std::uint64_t block = 0;
-      bool holdsFirst = false;
-      Delays delays;
-    };
-    Pass(const Grid& g, const PassOptions& o, const typename BlockTree<R>::Factory& f)
-        : grid(g), options(o), tree(f) {
-      if (!options.reproducible) shared.emplace(Kind<R>::Fresh());
-    }
-    WorkerBase* CreateWorker() override { return new Worker(*this); }
-    const Grid& grid;
-    const PassOptions& options;
-    BlockTree<R> tree;
-    std::optional<R> shared;      // the arrival-order path only
-    std::uint64_t nextBlock = 0;  // read lock
-  } pass(grid, options, fresh);
+  DriverPassProblem<R> pass(grid, options, fresh);
   Driver(&pass, options.threads);
   return options.reproducible ? pass.tree.Finish() : std::move(*pass.shared);
 }

@@ -8,7 +8,7 @@ namespace {
 // -0 below +0; otherwise the usual order. NaN is never below anything.
 bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
 
-bool HasDivisor(double weight) { return weight > 1.0; }
+bool HasDivisor(double weight, double ddof) { return weight - ddof > 0.0; }
 
 }  // namespace
 
@@ -37,16 +37,18 @@ double Mean(const ColumnMoments& c) {
   return c.range.Constant() ? c.range.ConstantValue() : c.mean;
 }
 
-double Variance(const ColumnMoments& c) {
-  if (c.n == 0 || !HasDivisor(c.weight)) return kUndefined;
-  return c.range.Constant() ? 0.0 : c.css / (c.weight - 1.0);
+double Variance(const ColumnMoments& c, double ddof) {
+  if (c.n == 0 || !HasDivisor(c.weight, ddof)) return kUndefined;
+  return c.range.Constant() ? 0.0 : c.css / (c.weight - ddof);
 }
 
-double StandardDeviation(const ColumnMoments& c) { return std::sqrt(Variance(c)); }
+double StandardDeviation(const ColumnMoments& c, double ddof) {
+  return std::sqrt(Variance(c, ddof));
+}
 
-double Covariance(const PairMoments& p) {
-  if (!HasDivisor(p.weight)) return kUndefined;
-  return p.constant0 || p.constant1 ? 0.0 : p.cscp / (p.weight - 1.0);
+double Covariance(const PairMoments& p, double ddof) {
+  if (!HasDivisor(p.weight, ddof)) return kUndefined;
+  return p.constant0 || p.constant1 ? 0.0 : p.cscp / (p.weight - ddof);
 }
 
 double Correlation(const PairMoments& p) {
@@ -58,8 +60,8 @@ double SelfCorrelation(const ColumnMoments& c) {
   return c.n == 0 || c.range.Constant() || !(c.css > 0.0) ? kUndefined : 1.0;
 }
 
-double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups) {
-  const double divisor = totalWeight - static_cast<double>(nGroups);
+double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups, double ddof) {
+  const double divisor = totalWeight - ddof * static_cast<double>(nGroups);
   return divisor > 0.0 ? withinCscp / divisor : kUndefined;
 }
 
@@ -139,7 +141,7 @@ void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* ori
 }
 
 double GroupMoments::Covariance(std::size_t i, std::size_t j) const {
-  if (!HasDivisor(_weight)) return kUndefined;
+  if (!HasDivisor(_weight, 1.0)) return kUndefined;
   return _cscp[TriangleIndex(i, j)] / (_weight - 1.0);
 }
 

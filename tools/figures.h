@@ -2,7 +2,9 @@
 // sums that a pass produces. Nothing here reads files or knows the command
 // line, so that other front ends report exactly the same figures.
 //
-// W is the frequency weight of the rows behind a figure; its divisor is W - 1.
+// W is the frequency weight of the rows behind a figure; its divisor is W - 1
+// (W - ddof where a front end offers other degrees of freedom: the functions
+// with a ddof argument; W - ddof G for the pooled covariance).
 //   variance      CSS / (W - 1)
 //   sd            sqrt(variance)
 //   covariance    CSCP / (W - 1)
@@ -89,8 +91,8 @@ struct ColumnMoments {
 };
 
 double Mean(const ColumnMoments& c);
-double Variance(const ColumnMoments& c);
-double StandardDeviation(const ColumnMoments& c);
+double Variance(const ColumnMoments& c, double ddof = 1.0);
+double StandardDeviation(const ColumnMoments& c, double ddof = 1.0);
 
 // Two columns over the rows where both are present.
 struct PairMoments {
@@ -99,14 +101,15 @@ struct PairMoments {
   bool constant0 = false, constant1 = false;  // a column constant on the pair's rows
 };
 
-double Covariance(const PairMoments& p);
+double Covariance(const PairMoments& p, double ddof = 1.0);
 double Correlation(const PairMoments& p);
 // Diagonal of the correlation matrix: 1 for a column with spread.
 double SelfCorrelation(const ColumnMoments& c);
 
 // The pooled within-group covariance of one cell: the sum of the groups'
 // corrected cross-products over W - G.
-double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups);
+double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups,
+                        double ddof = 1.0);
 
 // A point near a group's data, for each column: the first row's values, or 0
 // where a value is not finite. Means are kept relative to it, so that their

@@ -89,16 +89,19 @@ void Reduce(const Part& part, const std::vector<double>& origin, std::vector<dou
             std::vector<double>& cscp, double& weight) {
   Real w = 0, sum[kCols] = {};
   for (std::size_t r = 0; r < part.rows.size(); ++r) {
-    w += part.weights[r];
+    const auto rowWeight = static_cast<Real>(part.weights[r]);
+    w += rowWeight;
     for (std::size_t i = 0; i < kCols; ++i)
-      sum[i] += part.weights[r] * (static_cast<Real>(part.rows[r][i]) - origin[i]);
+      sum[i] += rowWeight * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]));
   }
   Real cp[kCols][kCols] = {};
   for (std::size_t r = 0; r < part.rows.size(); ++r) {
     for (std::size_t i = 0; i < kCols; ++i) {
       for (std::size_t j = 0; j <= i; ++j)
-        cp[i][j] += part.weights[r] * (part.rows[r][i] - origin[i] - sum[i] / w)
-                    * (part.rows[r][j] - origin[j] - sum[j] / w);
+        cp[i][j] +=
+            static_cast<Real>(part.weights[r])
+            * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]) - sum[i] / w)
+            * (static_cast<Real>(part.rows[r][j]) - static_cast<Real>(origin[j]) - sum[j] / w);
     }
   }
   weight = static_cast<double>(w);

@@ -80,7 +80,8 @@ TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
   // Infinity is a value; NaN, when it is no missing text, is not a number.
   ASSERT_TRUE(f.Parse("r,1,1,-inf,inf")) << f.error.message;
   EXPECT_EQ(f.row.nMissing, 0u);
-  EXPECT_EQ(f.row.values, (std::vector<double>{INFINITY, -INFINITY}));
+  EXPECT_EQ(f.row.values, (std::vector<double>{std::numeric_limits<double>::infinity(),
+                                               -std::numeric_limits<double>::infinity()}));
   EXPECT_FALSE(f.Parse("r,1,1,NaN,1"));
   EXPECT_EQ(f.error.message,
             "cell \"NaN\" is not a number (add it to --missing-text to count it "
