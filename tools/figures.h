@@ -143,6 +143,11 @@ class GroupMoments {
   const double* Origin() const { return _origin.data(); }
   double Mean(std::size_t i) const { return _origin[i] + _means[i]; }
   bool KeepsCrossProducts() const { return _keep; }
+  // The means relative to Origin() and the own corrected cross-products (a
+  // triangle; empty unless kept) as they stand, to save them; a fresh group
+  // that joins them with Join gets the same bits back.
+  const std::vector<double>& RelativeMeans() const { return _means; }
+  const std::vector<double>& CrossProducts() const { return _cscp; }
   // The group's own covariance; needs keepCrossProducts.
   double Covariance(std::size_t i, std::size_t j) const;
 

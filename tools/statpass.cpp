@@ -7,10 +7,10 @@
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <numeric>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "errors.h"
 
@@ -47,76 +47,8 @@ void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
   if (!kept || offered.where.Before(kept->where)) kept = offered;
 }
 
-// Cell counts and extremes of the columns, and under pairwise deletion
-// whether each column holds one value on the rows of each pair.
-struct Extremes {
-  std::vector<std::uint64_t> counts;
-  std::vector<figures::Range> ranges;
-  std::vector<figures::Constancy> pairConstancy;
-
-  Extremes(unsigned nValues, bool pairwise)
-      : counts(nValues, 0),
-        ranges(nValues),
-        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
-
-  void Add(const Extremes& o) {
-    for (std::size_t c = 0; c < counts.size(); ++c) {
-      counts[c] += o.counts[c];
-      ranges[c].Include(o.ranges[c]);
-    }
-    for (std::size_t c = 0; c < pairConstancy.size(); ++c)
-      pairConstancy[c].Include(o.pairConstancy[c]);
-  }
-};
-
-// The results by group of one worker, or of the whole pass: state for the
-// groups that occurred, and the sum of their corrected cross-products.
-class GroupTable {
- public:
-  GroupTable(unsigned nValues, bool keepCrossProducts)
-      : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
-
-  figures::GroupMoments& Of(long long code) {
-    const auto [it, added] = _index.try_emplace(code, _groups.size());
-    if (added) {
-      _codes.push_back(code);
-      _groups.emplace_back(_nValues, _keep);
-    }
-    return _groups[it->second];
-  }
-  std::vector<double>& Within() { return _within; }
-
-  void Add(const GroupTable& other) {
-    for (std::size_t c = 0; c < _within.size(); ++c)
-      _within[c] += other._within[c];
-    for (std::size_t g = 0; g < other._codes.size(); ++g)
-      Of(other._codes[g]).Join(other._groups[g], _within);
-  }
-
-  // Moves the groups into `result` in code order.
-  void TakeInto(PassResult& result) {
-    std::vector<std::size_t> order(_codes.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::sort(order.begin(), order.end(),
-              [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
-    for (std::size_t g : order) {
-      result.groupCodes.push_back(_codes[g]);
-      result.groups.push_back(std::move(_groups[g]));
-    }
-    result.withinCscp = std::move(_within);
-  }
-
- private:
-  unsigned _nValues;
-  bool _keep;
-  std::unordered_map<long long, std::size_t> _index;
-  std::vector<long long> _codes;
-  std::vector<figures::GroupMoments> _groups;
-  std::vector<double> _within;
-};
-
-// The complete, grouped rows of a worker not yet reduced: row after row, and
-// at a flush each group's rows through a MatrixListwise of their own.
+// The complete, grouped rows of a sub-batch not yet reduced: row after row,
+// and at a flush each group's rows through a MatrixListwise of their own.
 class GroupRows {
  public:
   GroupRows(unsigned nValues, unsigned capacity)
@@ -133,7 +65,7 @@ class GroupRows {
 
   bool Full() const { return _codes.size() == _capacity; }
 
-  void Add(long long code, double weight, const double* values) {
+  void Add(GroupKey code, double weight, const double* values) {
     _codes.push_back(code);
     _weights.push_back(weight);
     _values.insert(_values.end(), values, values + _nValues);
@@ -148,7 +80,7 @@ class GroupRows {
     std::stable_sort(_order.begin(), _order.end(),
                      [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
     for (std::size_t first = 0; first < n;) {
-      const long long code = _codes[_order[first]];
+      const GroupKey code = _codes[_order[first]];
       figures::GroupMoments& group = table.Of(code);
       // Rows go in less the group's origin, so that the batch's means round
       // as the spread of the data does, not as its distance from zero.
@@ -185,7 +117,7 @@ class GroupRows {
 
   unsigned _nValues;
   unsigned _capacity;
-  std::vector<long long> _codes;
+  std::vector<GroupKey> _codes;
   std::vector<double> _weights;
   std::vector<double> _values;
   std::vector<std::size_t> _order;
@@ -204,14 +136,13 @@ class StatProblem : public vorel::ProblemBase {
         _layout(layout),
         _rules(rules),
         _options(options),
-        _extremes(layout.NValues(), options.pairwise),
+        _shape(ShapeOf(layout, rules, options)),
+        _tree([this] { return BlockResult(_shape); }, options.firstBlock),
+        _finished(_shape),
+        _totals(layout.NValues(), options.pairwise),
         _texts(layout.NValues()) {
-    if (options.pairwise) {
-      _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
-    } else {
-      _listwise = std::make_unique<vorel::MatrixListwise>();
-    }
-    if (layout.groupField) _groups.emplace(layout.NValues(), options.groupCovariance);
+    reader.SetGrid(options.blockBytes, options.firstBlock, options.endBlock);
+    _endBlock = options.firstBlock;
   }
 
   vorel::WorkerBase* CreateWorker() override;
@@ -228,24 +159,28 @@ class StatProblem : public vorel::ProblemBase {
   const RowLayout& _layout;
   const CellRules& _rules;
   const PassOptions& _options;
+  const BlockShape _shape;
+  vorel::BlockTree<BlockResult> _tree;
 
   // Read and written in the serial stage only, or after the pass.
-  int _workersMade = 0;
   // One entry per chunk handed out, written by the thread that parses it.
   // A deque, so that handing out a chunk never moves the entries of others.
   std::deque<std::uint64_t> _lineCounts;
+  std::uint64_t _endBlock = 0;  // past the last block handed out
   // Set by a thread that met a bad line: hand out no further chunk.
   std::atomic<bool> _failed{false};
 
   // Written under the result lock.
   std::optional<FoundError> _firstError;
-  RowCounts _counters;
-  Extremes _extremes;
+  BlockResult _finished;  // finishOrder: the workers' results as they finish
+  ExactTotals _totals;
   std::vector<std::optional<FoundText>> _texts;  // per value column
-  std::unique_ptr<vorel::MatrixListwise> _listwise;
-  std::unique_ptr<vorel::MatrixPairwise> _pairwise;
-  std::optional<GroupTable> _groups;
 };
+
+std::function<void()>& ChunkHook() {
+  static std::function<void()> hook;
+  return hook;
+}
 
 class StatWorker : public vorel::WorkerBase {
  public:
@@ -253,27 +188,26 @@ class StatWorker : public vorel::WorkerBase {
       : _problem(problem),
         _layout(problem._layout),
         _pairwise(problem._options.pairwise),
+        _tree(!problem._options.finishOrder),
+        _batchRows(_tree ? kBlockBatchRows : problem._options.batchRows),
         _missingCode(problem._rules.missingCode),
         _parser(problem._layout, problem._rules),
-        _batch(problem._layout.NValues(), problem._options.batchRows,
+        _batch(problem._layout.NValues(), _batchRows,
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem._layout.NValues(), _pairwise),
+        _result(problem._shape),
+        _totals(problem._layout.NValues(), _pairwise),
         _texts(problem._layout.NValues()) {
-    if (_pairwise) {
-      _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
-    } else {
-      _listwiseMatrix = std::make_unique<vorel::MatrixListwise>();
-    }
-    if (_layout.groupField) {
-      _groupRows.emplace(_layout.NValues(), problem._options.batchRows);
-      _groups.emplace(_layout.NValues(), problem._options.groupCovariance);
-    }
+    if (_layout.groupField) _groupRows.emplace(_layout.NValues(), _batchRows);
   }
 
   bool ReadBatch() override {
     if (_problem._failed.load(std::memory_order_relaxed)) return false;
     if (!_problem._reader.Next(_chunk)) return false;
+    // The reader hands out the blocks of the grid in order, as the tree does.
+    for (std::uint64_t block = _chunk.firstBlock; block < _chunk.endBlock; ++block)
+      _problem._tree.NextBlock();
+    _problem._endBlock = _chunk.endBlock;
     _problem._lineCounts.push_back(0);
     _lineCount = &_problem._lineCounts.back();
     if (_problem._options.onProgress) _problem._options.onProgress(_problem._reader.BytesRead());
@@ -281,11 +215,18 @@ class StatWorker : public vorel::WorkerBase {
   }
 
   void ProcessBatch() override {
+    if (const auto& hook = ChunkHook()) hook();
     _problem._reader.Load(_chunk);
-    const char* p = _chunk.text.Data();
+    const char* const begin = _chunk.text.Data();
+    const char* p = begin;
     const char* end = p + _chunk.text.Size();
+    const std::uint64_t dataStart = _problem._reader.DataStart();
+    const std::uint64_t blockBytes = _problem._options.blockBytes;
+    _block = _chunk.firstBlock;
     std::uint64_t line = 0;
     for (; p < end; ++line) {
+      const std::uint64_t at = _chunk.offset + static_cast<std::uint64_t>(p - begin);
+      EndBlocksBefore((at - dataStart) / blockBytes);
       const void* found = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
       const char* lineEnd = found != nullptr ? static_cast<const char*>(found) : end;
       std::string_view text(p, static_cast<std::size_t>(lineEnd - p));
@@ -300,13 +241,15 @@ class StatWorker : public vorel::WorkerBase {
       if (!error.message.empty() || !_parser.Parse(text, _row, error)) {
         _error = FoundError{{_chunk.index, line}, std::move(error)};
         _problem._failed.store(true, std::memory_order_relaxed);
-        break;
+        *_lineCount = line;
+        return;
       }
       for (const TextCell& cell : _row.texts)
         KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, line}, cell.text});
       TakeRow();
     }
     *_lineCount = line;
+    EndBlocksBefore(_chunk.endBlock);
   }
 
   void MergeResult() override {
@@ -314,50 +257,65 @@ class StatWorker : public vorel::WorkerBase {
       KeepEarlier(_problem._firstError, *_error);
       return;
     }
-    // Batches run on across chunks, so each worker still holds partly filled
-    // batches: they go in here, once per worker.
-    FlushBatch();
-    if (_groupRows) _groupRows->Flush(*_groups);
-    if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
-    if (_pairwiseMatrix) *_problem._pairwise += *_pairwiseMatrix;
-    if (_groups) _problem._groups->Add(*_groups);
-    _problem._extremes.Add(_extremes);
-    _problem._counters.Add(_counters);
+    if (!_tree) {
+      // Batches run on across chunks, so each worker still holds partly
+      // filled batches: they go in here, once per worker.
+      FlushRows();
+      _problem._finished += _result;
+    }
+    _problem._totals.Add(_totals);
     for (std::size_t c = 0; c < _texts.size(); ++c) {
       if (_texts[c]) KeepEarlier(_problem._texts[c], *_texts[c]);
     }
   }
 
  private:
+  // Hands the blocks before `block` to the tree, each with its rows (none
+  // for a block in which no line starts).
+  void EndBlocksBefore(std::uint64_t block) {
+    if (!_tree) return;
+    for (; _block < block; ++_block) {
+      FlushRows();
+      _problem._tree.AddBlock(_block, std::move(_result));
+      _result = _problem._tree.NewResult();
+    }
+  }
+
   void TakeRow() {
-    ++_counters.read;
-    _counters.cellsCoerced += _row.nCoerced;
+    RowCounts& counts = _totals.rows;
+    ++counts.read;
+    counts.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
-      ++_counters.withoutWeight;
+      ++counts.withoutWeight;
       return;
     }
     // A row of weight 0 is not there, as frequency weights mean; the library
     // would still count it, and a batch of such rows would divide by 0.
     if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
-      ++_counters.zeroWeight;
+      ++counts.zeroWeight;
       return;
     }
     const bool complete = _row.nMissing == 0;
-    if (!complete) ++_counters.incomplete;
+    if (!complete) ++counts.incomplete;
     if (!complete && !_pairwise) return;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
-    ++_counters.used;
-    if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
+    ++counts.used;
+    if (_batch.NRows() == _batchRows) FlushBatch();
     if (!_groupRows) return;
     if (_row.groupMissing) {
-      ++_counters.withoutGroup;
+      ++counts.withoutGroup;
       return;
     }
     if (!complete) return;
     _groupRows->Add(_row.group, _row.weight, _row.values.data());
-    if (_groupRows->Full()) _groupRows->Flush(*_groups);
+    if (_groupRows->Full()) _groupRows->Flush(*_result.groups);
+  }
+
+  void FlushRows() {
+    FlushBatch();
+    if (_groupRows) _groupRows->Flush(*_result.groups);
   }
 
   // Extremes first: a listwise matrix centres the batch's columns in place.
@@ -365,11 +323,10 @@ class StatWorker : public vorel::WorkerBase {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
     if (_pairwise) UpdatePairConstancy();
-    if (_listwiseMatrix) *_listwiseMatrix += _batch;
-    if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
+    if (_result.listwise) *_result.listwise += _batch;
+    if (_result.pairwise) *_result.pairwise += _batch;
     _batch.Clear();
   }
-
   // Compared exactly, on purpose: that is what makes a cell missing.
   bool Present(double x) const { return x != _missingCode; }
 
@@ -377,15 +334,15 @@ class StatWorker : public vorel::WorkerBase {
     const unsigned n = _batch.NRows();
     for (unsigned c = 0; c < _batch.NColumns(); ++c) {
       const double* x = _batch.Column(c);
-      figures::Range range = _extremes.ranges[c];
+      figures::Range range = _totals.ranges[c];
       std::uint64_t count = 0;
       for (unsigned r = 0; r < n; ++r) {
         if (!Present(x[r])) continue;
         ++count;
         range.Include(x[r]);
       }
-      _extremes.ranges[c] = range;
-      _extremes.counts[c] += count;
+      _totals.ranges[c] = range;
+      _totals.counts[c] += count;
     }
   }
 
@@ -399,7 +356,7 @@ class StatWorker : public vorel::WorkerBase {
     for (unsigned i = 0; i < k; ++i) {
       const double* xi = _batch.Column(i);
       for (unsigned j = 0; j < k; ++j) {
-        figures::Constancy& constancy = _extremes.pairConstancy[i * k + j];
+        figures::Constancy& constancy = _totals.pairConstancy[i * k + j];
         if (i == j || constancy.Varies()) continue;
         const double* xj = _batch.Column(j);
         for (unsigned r = 0; r < n; ++r) {
@@ -412,6 +369,8 @@ class StatWorker : public vorel::WorkerBase {
   StatProblem& _problem;
   const RowLayout& _layout;
   const bool _pairwise;
+  const bool _tree;  // each block to a fresh result and the block tree
+  const unsigned _batchRows;
   const double _missingCode;
   RowParser _parser;
   ParsedRow _row;
@@ -423,20 +382,16 @@ class StatWorker : public vorel::WorkerBase {
   double _regWeight = 1.0;
 
   vorel::DataBatch _batch;
-  std::unique_ptr<vorel::MatrixListwise> _listwiseMatrix;
-  std::unique_ptr<vorel::MatrixPairwise> _pairwiseMatrix;
   std::optional<GroupRows> _groupRows;
-  std::optional<GroupTable> _groups;
-  Extremes _extremes;
+  // The result the rows go to: the block's (the tree) or the worker's.
+  BlockResult _result;
+  std::uint64_t _block = 0;  // the block of _result
+  ExactTotals _totals;
   std::vector<std::optional<FoundText>> _texts;
-  RowCounts _counters;
   std::optional<FoundError> _error;
 };
 
-vorel::WorkerBase* StatProblem::CreateWorker() {
-  ++_workersMade;
-  return new StatWorker(*this);
-}
+vorel::WorkerBase* StatProblem::CreateWorker() { return new StatWorker(*this); }
 
 std::string Location(const ChunkReader& reader, const RowLayout& layout, std::uint64_t line,
                      const LineError& error) {
@@ -450,14 +405,36 @@ std::string Location(const ChunkReader& reader, const RowLayout& layout, std::ui
 
 }  // namespace
 
-void RowCounts::Add(const RowCounts& o) {
-  read += o.read;
-  used += o.used;
-  incomplete += o.incomplete;
-  withoutWeight += o.withoutWeight;
-  zeroWeight += o.zeroWeight;
-  withoutGroup += o.withoutGroup;
-  cellsCoerced += o.cellsCoerced;
+void SetChunkHookForTests(std::function<void()> hook) { ChunkHook() = std::move(hook); }
+
+BlockShape ShapeOf(const RowLayout& layout, const CellRules& rules, const PassOptions& options) {
+  BlockShape shape;
+  shape.nValues = layout.NValues();
+  shape.pairwise = options.pairwise;
+  shape.missingCode = rules.missingCode;
+  shape.grouped = layout.groupField.has_value();
+  shape.groupCovariance = options.groupCovariance;
+  return shape;
+}
+
+BlockResult SumOf(const Forest& forest, const BlockShape& shape) {
+  BlockResult total(shape);
+  for (const Forest::Node& node : forest.Nodes())
+    total += node.result;
+  return total;
+}
+
+void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums) {
+  result.rows = totals.rows;
+  result.cellCounts = std::move(totals.counts);
+  result.ranges = std::move(totals.ranges);
+  result.pairConstancy = std::move(totals.pairConstancy);
+  result.listwise = std::move(sums.listwise);
+  result.pairwise = std::move(sums.pairwise);
+  if (sums.groups) {
+    result.grouped = true;
+    sums.groups->TakeSorted(result.groupCodes, result.groups, result.withinCscp);
+  }
 }
 
 PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
@@ -470,16 +447,15 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
                     + found.error.message);
   }
   PassResult result;
-  result.threads = problem._workersMade;
-  result.rows = problem._counters;
-  result.cellCounts = std::move(problem._extremes.counts);
-  result.ranges = std::move(problem._extremes.ranges);
-  result.pairConstancy = std::move(problem._extremes.pairConstancy);
-  result.listwise = std::move(problem._listwise);
-  result.pairwise = std::move(problem._pairwise);
-  if (problem._groups) {
-    result.grouped = true;
-    problem._groups->TakeInto(result);
+  result.blockBytes = options.blockBytes;
+  result.firstBlock = options.firstBlock;
+  result.endBlock = problem._endBlock;
+  if (options.finishOrder) {
+    TakeFigures(result, std::move(problem._totals), std::move(problem._finished));
+  } else {
+    Forest forest = problem._tree.TakeForest();
+    TakeFigures(result, std::move(problem._totals), SumOf(forest, problem._shape));
+    if (options.keepForest) result.forest = std::move(forest);
   }
   for (unsigned slot = 0; slot < problem._texts.size(); ++slot) {
     const std::optional<FoundText>& found = problem._texts[slot];

@@ -1,0 +1,117 @@
+// What one block of rows reduces to, and the parts of a pass that do not
+// depend on the order in which blocks are merged.
+//
+// The bits of a sum of doubles depend on the order of the additions, so
+// everything a pass adds up in floating point (the whole-table matrix, the
+// groups' moments and their pooled cross-products) lives in a BlockResult:
+// each block of rows is reduced into a fresh one and the results are merged
+// along the block tree (vorel/blocktree.h). Counts, extremes and constancy
+// are exact whatever the order; they stay in ExactTotals, one per worker,
+// added up at the end.
+#pragma once
+
+#include <vorel/matrixlistwise.h>
+#include <vorel/matrixpairwise.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "figures.h"
+
+namespace vorelstat {
+
+// What tells the groups apart: every place that keeps, orders, saves or
+// prints a group goes through this type.
+using GroupKey = long long;
+
+// The results by group of a block, of a worker or of the whole pass: state
+// for the groups that occurred, in the order of their first row, and the sum
+// of their corrected cross-products (a triangle, figures::TriangleIndex).
+class GroupTable {
+ public:
+  GroupTable(unsigned nValues, bool keepCrossProducts)
+      : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
+
+  figures::GroupMoments& Of(GroupKey key);
+  std::vector<double>& Within() { return _within; }
+  const std::vector<double>& Within() const { return _within; }
+  const std::vector<GroupKey>& Keys() const { return _keys; }
+  const std::vector<figures::GroupMoments>& Groups() const { return _groups; }
+  unsigned NValues() const { return _nValues; }
+  bool KeepsCrossProducts() const { return _keep; }
+
+  // Joins other's groups in their order; the same operands in the same order
+  // give the same bits.
+  void Add(const GroupTable& other);
+
+  // The groups in key order, and the pooled cross-products.
+  void TakeSorted(std::vector<GroupKey>& keys, std::vector<figures::GroupMoments>& groups,
+                  std::vector<double>& within);
+
+ private:
+  unsigned _nValues;
+  bool _keep;
+  std::unordered_map<GroupKey, std::size_t> _index;
+  std::vector<GroupKey> _keys;
+  std::vector<figures::GroupMoments> _groups;
+  std::vector<double> _within;
+};
+
+// How a pass is shaped: what a fresh BlockResult needs.
+struct BlockShape {
+  unsigned nValues = 0;
+  bool pairwise = false;
+  double missingCode = 0.0;
+  bool grouped = false;
+  bool groupCovariance = false;
+};
+
+// The floating-point sums of some rows: one matrix (listwise or pairwise)
+// and, with a group column, the group table.
+class BlockResult {
+ public:
+  explicit BlockResult(const BlockShape& shape);
+  BlockResult(BlockResult&&) noexcept = default;
+  BlockResult& operator=(BlockResult&&) noexcept = default;
+
+  // The merge of the block tree: this result followed by other's rows.
+  BlockResult& operator+=(const BlockResult& other);
+
+  std::unique_ptr<vorel::MatrixListwise> listwise;
+  std::unique_ptr<vorel::MatrixPairwise> pairwise;
+  std::optional<GroupTable> groups;
+};
+
+// Cell counts and extremes of the columns, under pairwise deletion whether
+// each column holds one value on the rows of each pair, and what became of
+// the rows: exact, whatever the order in which they are added up.
+struct RowCounts {
+  std::uint64_t read = 0;           // data lines parsed (blank lines are skipped)
+  std::uint64_t used = 0;           // rows that reached the whole-table matrix
+  std::uint64_t incomplete = 0;     // rows with a missing value cell
+  std::uint64_t withoutWeight = 0;  // rows left out for a missing weight
+  std::uint64_t zeroWeight = 0;     // rows left out for a weight of 0
+  std::uint64_t withoutGroup = 0;   // rows left out of the group results for a missing group
+  std::uint64_t cellsCoerced = 0;   // cells that were not numbers, taken as missing
+
+  void Add(const RowCounts& other);
+};
+
+struct ExactTotals {
+  RowCounts rows;
+  std::vector<std::uint64_t> counts;
+  std::vector<figures::Range> ranges;
+  std::vector<figures::Constancy> pairConstancy;  // k x k under pairwise deletion, else empty
+
+  ExactTotals(unsigned nValues, bool pairwise)
+      : counts(nValues, 0),
+        ranges(nValues),
+        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
+
+  void Add(const ExactTotals& other);
+};
+
+}  // namespace vorelstat
