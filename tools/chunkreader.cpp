@@ -284,8 +284,10 @@ std::uint64_t ChunkReader::LineStartFile(std::uint64_t offset) {
     if (windowStart + 1 - offset > _maxLine) LineTooLong(offset);
     ReadAt(windowStart, kWindow, _window);
     const char* found = FindLineEnd(_window.Data(), _window.Size());
-    if (found != nullptr)
-      return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
+    if (found == nullptr) continue;
+    const std::uint64_t lineEnd = windowStart + static_cast<std::uint64_t>(found - _window.Data());
+    if (lineEnd + 1 - offset > _maxLine) LineTooLong(offset);
+    return lineEnd + 1;
   }
   if (fileSize - offset > _maxLine) LineTooLong(offset);
   return fileSize;
@@ -298,8 +300,10 @@ std::uint64_t ChunkReader::LineStartStream(std::uint64_t offset) {
   for (;;) {
     if (_carry.Size() > from) {
       const char* found = FindLineEnd(_carry.Data() + from, _carry.Size() - from);
-      if (found != nullptr) return _handedOut + static_cast<std::uint64_t>(found - _carry.Data()) + 1;
-      if (_carry.Size() - from > _maxLine) LineTooLong(offset);
+      const std::size_t end = found != nullptr ? static_cast<std::size_t>(found - _carry.Data())
+                                               : _carry.Size();
+      if (end - from > _maxLine) LineTooLong(offset);
+      if (found != nullptr) return _handedOut + end + 1;
     }
     if (_eof) return _handedOut + _carry.Size();
     const std::uint64_t missing = from + 1 - std::min<std::uint64_t>(from + 1, _carry.Size());

@@ -378,6 +378,8 @@ void MergeState(PassState& into, PassState&& other, const std::string& otherName
                       + " of " + input.name + ", a part after the start of a file: give the "
                       "state of the part that starts at block 0 before it");
     }
+    // A part that starts past the end of its file holds nothing.
+    if (input.endBlock == input.firstBlock) continue;
     StateInput& last = into.inputs.back();
     if (input.firstBlock < last.endBlock) {
       throw DataError(otherName + " holds " + Blocks(input.firstBlock, input.endBlock)
