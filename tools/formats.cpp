@@ -112,7 +112,8 @@ void WriteTable(const Report& report, std::FILE* out) {
     weights += ", times regression weight " + report.regWeightColumn;
   head.Add("weight", weights + "; total " + Short(report.weightSum));
   head.Add("deletion", report.pairwise ? "pairwise" : "listwise");
-  head.Add("block size", std::to_string(pass.blockBytes));
+  head.Add("block size", pass.blockBytes != 0 ? std::to_string(pass.blockBytes) + " bytes"
+                                              : "none: merged as the threads finished");
   head.Write(out);
 
   Put(out, "\nColumns\n");

@@ -447,7 +447,7 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
                     + found.error.message);
   }
   PassResult result;
-  result.blockBytes = options.blockBytes;
+  result.blockBytes = options.finishOrder ? 0 : options.blockBytes;
   result.firstBlock = options.firstBlock;
   result.endBlock = problem._endBlock;
   if (options.finishOrder) {

@@ -95,7 +95,7 @@ struct TextColumn {
 };
 
 struct PassResult {
-  std::uint64_t blockBytes = 0;
+  std::uint64_t blockBytes = 0;  // 0 for the pass in finish order
   // The blocks read: [firstBlock, endBlock) of the grid.
   std::uint64_t firstBlock = 0;
   std::uint64_t endBlock = 0;
