@@ -8,6 +8,7 @@ namespace vorelstat {
 figures::GroupMoments& GroupTable::Of(GroupKey key) {
   const auto [it, added] = _index.try_emplace(key, _groups.size());
   if (added) {
+    if (_within.empty()) _within.assign(figures::TriangleSize(_nValues), 0.0);
     _keys.push_back(key);
     _groups.emplace_back(_nValues, _keep);
   }
@@ -15,6 +16,8 @@ figures::GroupMoments& GroupTable::Of(GroupKey key) {
 }
 
 void GroupTable::Add(const GroupTable& other) {
+  if (other._keys.empty()) return;
+  if (_within.empty()) _within.assign(other._within.size(), 0.0);
   for (std::size_t c = 0; c < _within.size(); ++c)
     _within[c] += other._within[c];
   for (std::size_t g = 0; g < other._keys.size(); ++g)
@@ -32,6 +35,7 @@ void GroupTable::TakeSorted(std::vector<GroupKey>& keys, std::vector<figures::Gr
     groups.push_back(std::move(_groups[g]));
   }
   within = std::move(_within);
+  within.resize(figures::TriangleSize(_nValues), 0.0);
   _index.clear();
   _keys.clear();
   _groups.clear();

@@ -32,10 +32,13 @@ using GroupKey = long long;
 // of their corrected cross-products (a triangle, figures::TriangleIndex).
 class GroupTable {
  public:
+  // The pooled triangle is made with the first group, so that the table of a
+  // block without groups costs nothing.
   GroupTable(unsigned nValues, bool keepCrossProducts)
-      : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
+      : _nValues(nValues), _keep(keepCrossProducts) {}
 
   figures::GroupMoments& Of(GroupKey key);
+  // The pooled cross-products: empty while the table has no group.
   std::vector<double>& Within() { return _within; }
   const std::vector<double>& Within() const { return _within; }
   const std::vector<GroupKey>& Keys() const { return _keys; }

@@ -52,7 +52,9 @@ const char* FindFirst(const char* from, std::size_t count, char c) {
 
 // The one place that says where a line ends: the first line end in
 // [from, from + count), or null.
-const char* FindLineEnd(const char* from, std::size_t count) { return FindFirst(from, count, '\n'); }
+const char* FindLineEnd(const char* from, std::size_t count) {
+  return FindFirst(from, count, '\n');
+}
 
 std::string_view StripLineEnd(std::string_view line) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
@@ -300,8 +302,8 @@ std::uint64_t ChunkReader::LineStartStream(std::uint64_t offset) {
   for (;;) {
     if (_carry.Size() > from) {
       const char* found = FindLineEnd(_carry.Data() + from, _carry.Size() - from);
-      const std::size_t end = found != nullptr ? static_cast<std::size_t>(found - _carry.Data())
-                                               : _carry.Size();
+      const std::size_t end =
+          found != nullptr ? static_cast<std::size_t>(found - _carry.Data()) : _carry.Size();
       if (end - from > _maxLine) LineTooLong(offset);
       if (found != nullptr) return _handedOut + end + 1;
     }

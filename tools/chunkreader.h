@@ -64,7 +64,7 @@ struct Chunk {
   // The blocks of the grid whose lines the chunk holds: [firstBlock, endBlock).
   std::uint64_t firstBlock = 0;
   std::uint64_t endBlock = 0;
-  bool loaded = false;       // whether `text` holds the bytes yet
+  bool loaded = false;  // whether `text` holds the bytes yet
 };
 
 class ChunkReader {
@@ -150,7 +150,7 @@ class ChunkReader {
   std::uint64_t _blockBytes;
   std::uint64_t _nextBlock = 0;
   std::uint64_t _lastBlock = kNoEnd;
-  bool _started = false;  // the first chunk was cut
+  bool _started = false;         // the first chunk was cut
   std::uint64_t _handedOut = 0;  // the next chunk starts here
   TextBuffer _window;            // regular file: scratch of the cuts and the header
   // Stream input only.

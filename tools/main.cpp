@@ -1,11 +1,13 @@
 // vorelstat: per-column statistics, covariance and correlation, and figures by
-// group, from one pass over a delimited text file on vorel's Driver.
+// group, from one pass over a delimited text file on vorel's Driver; and
+// `vorelstat merge STATE...`, the report of states that passes saved.
 //
 // Exit codes: 0 success; 1 bad data (the file is empty, a line or cell is
-// malformed, a weight is negative, a group is out of range, reading failed);
-// 2 bad usage (unknown option, bad value, a file that cannot be opened, a
-// column the header lacks). The report is written once the pass has succeeded,
-// so a failure of the pass leaves standard output empty.
+// malformed, a weight is negative, a group is out of range, reading failed, a
+// state is damaged); 2 bad usage (unknown option, bad value, a file that cannot
+// be opened or written, a column the header lacks, states that do not fit
+// together). The report is written once the pass has succeeded, so a failure
+// of the pass leaves standard output empty.
 #include <unistd.h>
 
 #include <cstdio>
@@ -61,11 +63,13 @@ int Parse(CLI::App& app, int argc, char** argv) {
 // vorelstat merge STATE...: the report of the merged states.
 int Merge(int argc, char** argv) {
   using namespace vorelstat;
-  CLI::App app{"Merges the states that vorelstat --save-state wrote and prints the report of "
-               "one pass over all their inputs.",
-               "vorelstat merge"};
-  app.footer("Exit codes: 0 success, 1 bad data (a damaged state, a part missing), 2 bad usage "
-             "(states whose columns or options differ, a file that cannot be read).");
+  CLI::App app{
+      "Merges the states that vorelstat --save-state wrote and prints the report of "
+      "one pass over all their inputs.",
+      "vorelstat merge"};
+  app.footer(
+      "Exit codes: 0 success, 1 bad data (a damaged state, a part missing), 2 bad usage "
+      "(states whose columns or options differ, a file that cannot be read).");
   MergeOptions options;
   DefineMergeOptions(app, options);
   if (const int code = Parse(app, argc, argv); code >= 0) return code;
@@ -82,12 +86,12 @@ int main(int argc, char** argv) {
       "a pool of threads.",
       "vorelstat"};
   app.set_version_flag("-V,--version", std::string("vorelstat ") + VORELSTAT_VERSION);
-  app.footer("Exit codes: 0 success, 1 bad data, 2 bad usage. 'vorelstat merge --help' tells "
-             "how to merge saved states.");
+  app.footer(
+      "Exit codes: 0 success, 1 bad data, 2 bad usage. 'vorelstat merge --help' tells "
+      "how to merge saved states.");
   Options options;
   DefineOptions(app, options);
   if (const int code = Parse(app, argc, argv); code >= 0) return code;
-  return Reporting([&] {
-    RunTool(options, !options.noProgress && ::isatty(STDERR_FILENO) == 1, stdout);
-  });
+  return Reporting(
+      [&] { RunTool(options, !options.noProgress && ::isatty(STDERR_FILENO) == 1, stdout); });
 }

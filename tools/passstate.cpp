@@ -200,13 +200,15 @@ BlockResult ResultOf(NodeImage& image, const BlockShape& shape, const std::strin
   if (columns != 0 && columns != shape.nValues)
     Damaged(what, "a matrix of " + std::to_string(columns) + " columns in a state of "
                       + std::to_string(shape.nValues));
-  if (shape.pairwise && !(std::bit_cast<std::uint64_t>(result.pairwise->MissingCode())
-                          == std::bit_cast<std::uint64_t>(shape.missingCode)))
+  if (shape.pairwise
+      && !(std::bit_cast<std::uint64_t>(result.pairwise->MissingCode())
+           == std::bit_cast<std::uint64_t>(shape.missingCode)))
     Damaged(what, "a matrix with another missing code than the state's");
   if (!shape.grouped) return result;
   GroupTable& table = *result.groups;
   const std::size_t triangle = figures::TriangleSize(shape.nValues);
-  if (image.within.size() != triangle) Damaged(what, "pooled cross-products of another shape");
+  if (image.within.size() != (image.groups.empty() ? 0 : triangle))
+    Damaged(what, "pooled cross-products of another shape");
   std::vector<double> unused(triangle, 0.0);
   std::set<GroupKey> seen;
   for (GroupImage& group : image.groups) {
@@ -219,7 +221,7 @@ BlockResult ResultOf(NodeImage& image, const BlockShape& shape, const std::strin
     table.Of(group.key).Join(group.rows, group.weight, group.origin.data(), group.means.data(),
                              shape.groupCovariance ? group.cscp.data() : nullptr, unused);
   }
-  table.Within() = std::move(image.within);
+  if (!image.groups.empty()) table.Within() = std::move(image.within);
   return result;
 }
 

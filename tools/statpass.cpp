@@ -223,10 +223,15 @@ class StatWorker : public vorel::WorkerBase {
     const std::uint64_t dataStart = _problem._reader.DataStart();
     const std::uint64_t blockBytes = _problem._options.blockBytes;
     _block = _chunk.firstBlock;
+    // Where the block in hand ends, in the file.
+    std::uint64_t blockEnd = dataStart + (_block + 1) * blockBytes;
     std::uint64_t line = 0;
     for (; p < end; ++line) {
       const std::uint64_t at = _chunk.offset + static_cast<std::uint64_t>(p - begin);
-      EndBlocksBefore((at - dataStart) / blockBytes);
+      if (_tree && at >= blockEnd) {
+        EndBlocksBefore((at - dataStart) / blockBytes);
+        blockEnd = dataStart + (_block + 1) * blockBytes;
+      }
       const void* found = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
       const char* lineEnd = found != nullptr ? static_cast<const char*>(found) : end;
       std::string_view text(p, static_cast<std::size_t>(lineEnd - p));

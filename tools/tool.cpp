@@ -251,7 +251,8 @@ PassOptions PassOptionsOf(const Options& o) {
   passOptions.batchRows = o.batchRows;
   passOptions.groupCovariance = o.groupCovariance;
   passOptions.blockBytes = o.blockSize;
-  if (!o.blocks.empty()) std::tie(passOptions.firstBlock, passOptions.endBlock) = ParseBlocks(o.blocks);
+  if (!o.blocks.empty())
+    std::tie(passOptions.firstBlock, passOptions.endBlock) = ParseBlocks(o.blocks);
   passOptions.finishOrder = o.finishOrder;
   passOptions.keepForest = !o.saveState.empty();
   if (o.finishOrder && passOptions.keepForest)

@@ -108,7 +108,8 @@ TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
 TEST(ChunkReader, PartsOfTheGridHoldTheirLines) {
   std::string body;
   for (int i = 0; i < 200; ++i)
-    body += std::to_string(i * 37) + "," + std::string(static_cast<std::size_t>(i % 13), 'x') + "\n";
+    body +=
+        std::to_string(i * 37) + "," + std::string(static_cast<std::size_t>(i % 13), 'x') + "\n";
   const std::uint64_t blockBytes = 50;
   for (bool pipe : {false, true}) {
     for (auto [first, end] : {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, 1000}}) {

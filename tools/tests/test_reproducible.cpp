@@ -2,7 +2,6 @@
 // way of reading and the timing; parts cut on the grid and merged through
 // saved states; damaged and mismatched states refused.
 #include <gtest/gtest.h>
-
 #include <vorel/matrixlistwise.h>
 
 #include <chrono>
@@ -136,7 +135,8 @@ TEST(ReproducibleThreaded, RandomDelaysInTheWorkersChangeNoBit) {
     const auto seed = static_cast<std::uint32_t>(seeds());
     SetChunkHookForTests([seed] {
       thread_local std::mt19937 random(
-          seed ^ static_cast<std::uint32_t>(std::hash<std::thread::id>()(std::this_thread::get_id())));
+          seed
+          ^ static_cast<std::uint32_t>(std::hash<std::thread::id>()(std::this_thread::get_id())));
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
     });
     EXPECT_EQ(Json(Pass(text, s, options, {4, kBlock}), s, true), base) << "run " << run;
@@ -148,7 +148,7 @@ using Bytes = std::vector<std::byte>;
 
 // A state saved, as it travels to another process.
 Bytes StateOf(const std::string& text, const Columns& s, PassOptions options, const Way& way,
-                  std::uint64_t first, std::uint64_t end) {
+              std::uint64_t first, std::uint64_t end) {
   options.firstBlock = first;
   options.endBlock = end;
   options.keepForest = true;
@@ -239,8 +239,8 @@ TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
   PassOptions noGroupCovariance = Options(false);
   noGroupCovariance.groupCovariance = false;
   Columns otherColumns;
-  otherColumns.layout = MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',',
-                                   {{"big", "tiny"}, "w", "", "g"});
+  otherColumns.layout =
+      MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',', {{"big", "tiny"}, "w", "", "g"});
   Columns otherMissing;
   otherMissing.rules.missingTexts = {"", "NA"};
   const Case cases[] = {
@@ -258,8 +258,8 @@ TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
                  "b.state");
       ADD_FAILURE() << "accepted: " << c.says;
     } catch (const UsageError& e) {
-      EXPECT_EQ(std::string(e.what()), std::string("b.state does not fit the states before it: ")
-                                           + c.says);
+      EXPECT_EQ(std::string(e.what()),
+                std::string("b.state does not fit the states before it: ") + c.says);
     }
   }
 }
@@ -279,8 +279,8 @@ TEST(StateLoad, DamagedBytesAreRefused) {
       EXPECT_NE(what.find(says), std::string::npos) << what;
     }
   };
-  for (std::size_t length : {std::size_t{0}, std::size_t{10}, std::size_t{30}, good.size() / 2,
-                             good.size() - 1})
+  for (std::size_t length :
+       {std::size_t{0}, std::size_t{10}, std::size_t{30}, good.size() / 2, good.size() - 1})
     refused({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length)}, "truncated");
   for (std::size_t at : {std::size_t{40}, good.size() / 3, good.size() - 5}) {
     std::vector<std::byte> flipped = good;

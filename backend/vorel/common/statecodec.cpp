@@ -84,9 +84,9 @@ std::uint32_t Crc32c(std::span<const std::byte> bytes, std::uint32_t crc) {
 
 const char* StateKindName(std::uint16_t kind) {
   static constexpr const char* kNames[] = {
-      "MatrixListwise",  "MatrixPairwise",   "SMatrixListwise",    "NSMatrixListwise",
-      "SMatrixPairwise", "NSMatrixPairwise", "DiscriminantMatrix", "DiscIndividualMatrix",
-      "vorelstat pass"};
+      "MatrixListwise",     "MatrixPairwise",       "SMatrixListwise",
+      "NSMatrixListwise",   "SMatrixPairwise",      "NSMatrixPairwise",
+      "DiscriminantMatrix", "DiscIndividualMatrix", "vorelstat pass"};
   if (kind < 1 || kind > std::size(kNames)) return nullptr;
   return kNames[kind - 1];
 }
