@@ -6,6 +6,7 @@
 #include <vorelhost/hostruntime.h>
 #include <vorelhost/placement.h>
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -70,6 +71,9 @@ bool LandsOn(unsigned cpu) {
 
 // On threads of their own, so that the test's thread keeps its set of CPUs.
 TEST(PlacementThreaded, MovesTheThreadWithoutBindingIt) {
+  // With the whole machine allowed, a request is for the CPU it names.
+  if (OwnCpus().size() != static_cast<std::size_t>(sysconf(_SC_NPROCESSORS_CONF)))
+    GTEST_SKIP() << "needs every CPU of the machine";
   std::vector<std::pair<unsigned, bool>> seen;  // (cpu, asked by the calling thread)
   ScopedPlacementObserver observer([&seen](ThreadHandle thread, unsigned cpu) {
     seen.emplace_back(cpu, thread == GetCurrentThread());
@@ -91,7 +95,21 @@ TEST(PlacementThreaded, MovesTheThreadWithoutBindingIt) {
     EXPECT_TRUE(own && (cpu == CPU_SETSIZE || cpu <= cpus.back()));
 }
 
-TEST(PlacementThreaded, RefusesACpuOutsideTheThreadsSet) {
+// Where requests for every place on the machine land, under `share`: the
+// CPUs the thread was seen on right after each request.
+std::vector<unsigned> LandingsUnder(PlacementShare share) {
+  const PlacementShare before = SetPlacementShare(share);
+  std::vector<unsigned> seen;
+  const long machine = sysconf(_SC_NPROCESSORS_CONF);
+  for (unsigned cpu = 0; cpu < static_cast<unsigned>(machine); ++cpu) {
+    if (SetThreadIdealProcessor(GetCurrentThread(), cpu))
+      seen.push_back(static_cast<unsigned>(sched_getcpu()));
+  }
+  SetPlacementShare(before);
+  return seen;
+}
+
+TEST(PlacementThreaded, StaysWithinANarrowedSetAndSpreadsOverIt) {
   std::thread([] {
     const std::vector<unsigned> cpus = OwnCpus();
     ASSERT_FALSE(cpus.empty());
@@ -100,9 +118,42 @@ TEST(PlacementThreaded, RefusesACpuOutsideTheThreadsSet) {
     CPU_ZERO(&first);
     CPU_SET(cpus.front(), &first);
     ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof first, &first), 0);
-    EXPECT_FALSE(SetThreadIdealProcessor(GetCurrentThread(), cpus.back()))
-        << "a host's narrowing of the thread stands";
-    EXPECT_EQ(OwnCpus(), std::vector<unsigned>{cpus.front()});
+    const std::vector<unsigned> landed = LandingsUnder({});
+    EXPECT_EQ(landed.size(), static_cast<std::size_t>(sysconf(_SC_NPROCESSORS_CONF)))
+        << "each place on the machine maps into the set";
+    for (unsigned cpu : landed)
+      EXPECT_EQ(cpu, cpus.front());
+    EXPECT_EQ(OwnCpus(), std::vector<unsigned>{cpus.front()}) << "a host's narrowing stands";
+  }).join();
+}
+
+// Two processes that share one set take a half each; with placement off every
+// request is refused. A thread seen elsewhere than it was put was moved by the
+// scheduler in between, so each half is asked for a few times.
+TEST(PlacementThreaded, SharesSplitTheSetAndPlacementTurnsOff) {
+  std::thread([] {
+    const std::vector<unsigned> cpus = OwnCpus();
+    if (cpus.size() < 2) GTEST_SKIP() << "needs two CPUs";
+    const std::size_t half = cpus.size() / 2;
+    for (unsigned part : {0u, 1u}) {
+      const std::vector<unsigned> slice(cpus.begin() + (part == 0 ? 0 : half),
+                                        part == 0 ? cpus.begin() + half : cpus.end());
+      bool within = false;
+      for (int attempt = 0; attempt < 20 && !within; ++attempt) {
+        const std::vector<unsigned> landed = LandingsUnder({true, part, 2});
+        within = !landed.empty() && std::all_of(landed.begin(), landed.end(), [&](unsigned c) {
+          return std::find(slice.begin(), slice.end(), c) != slice.end();
+        });
+      }
+      EXPECT_TRUE(within) << "part " << part;
+      EXPECT_EQ(OwnCpus(), cpus);
+    }
+    const PlacementShare before = SetPlacementShare({true, 1, 2});
+    EXPECT_EQ(CpusInShare(), cpus.size() - half);
+    SetPlacementShare({false, 0, 1});
+    EXPECT_FALSE(SetThreadIdealProcessor(GetCurrentThread(), 0));
+    SetPlacementShare(before);
+    EXPECT_TRUE(SetThreadIdealProcessor(GetCurrentThread(), 0));
   }).join();
 }
 

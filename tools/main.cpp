@@ -15,9 +15,13 @@
 #include <functional>
 #include <iostream>
 #include <new>
+#include <optional>
 
 #include "errors.h"
 #include "tool.h"
+#ifdef VORELSTAT_MPI
+#include "mpipass.h"
+#endif
 
 namespace {
 
@@ -91,7 +95,15 @@ int main(int argc, char** argv) {
       "how to merge saved states.");
   Options options;
   DefineOptions(app, options);
+#ifdef VORELSTAT_MPI
+  DefineMpiOptions(app, options);
+  std::optional<MpiSession> mpi;
+  if (UnderMpiLauncher()) mpi.emplace(&argc, &argv);
+#endif
   if (const int code = Parse(app, argc, argv); code >= 0) return code;
+#ifdef VORELSTAT_MPI
+  if (mpi) return Reporting([&] { RunToolMpi(options, *mpi, stdout); });
+#endif
   return Reporting(
       [&] { RunTool(options, !options.noProgress && ::isatty(STDERR_FILENO) == 1, stdout); });
 }

@@ -398,14 +398,14 @@ class StatWorker : public vorel::WorkerBase {
 
 vorel::WorkerBase* StatProblem::CreateWorker() { return new StatWorker(*this); }
 
-std::string Location(const ChunkReader& reader, const RowLayout& layout, std::uint64_t line,
-                     const LineError& error) {
-  std::string where = reader.Path() + ", line " + std::to_string(line);
+// What follows the line number in the message of a bad line.
+std::string AfterLine(const RowLayout& layout, const LineError& error) {
+  std::string after;
   if (error.field != LineError::kWholeLine) {
-    where += ", column " + std::to_string(error.field + 1);
-    if (error.field < layout.names.size()) where += " (\"" + layout.names[error.field] + "\")";
+    after += ", column " + std::to_string(error.field + 1);
+    if (error.field < layout.names.size()) after += " (\"" + layout.names[error.field] + "\")";
   }
-  return where;
+  return after + ": " + error.message;
 }
 
 }  // namespace
@@ -448,13 +448,15 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   vorel::Driver(&problem, options.threads);
   if (problem._firstError) {
     const FoundError& found = *problem._firstError;
-    throw DataError(Location(reader, layout, problem.LineNumber(found.where), found.error) + ": "
-                    + found.error.message);
+    throw LineDataError(reader.Path() + ", line ", problem.LineNumber(found.where),
+                        AfterLine(layout, found.error));
   }
   PassResult result;
   result.blockBytes = options.finishOrder ? 0 : options.blockBytes;
   result.firstBlock = options.firstBlock;
   result.endBlock = problem._endBlock;
+  for (std::uint64_t count : problem._lineCounts)
+    result.lines += count;
   if (options.finishOrder) {
     TakeFigures(result, std::move(problem._totals), std::move(problem._finished));
   } else {

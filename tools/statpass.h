@@ -99,6 +99,7 @@ struct PassResult {
   // The blocks read: [firstBlock, endBlock) of the grid.
   std::uint64_t firstBlock = 0;
   std::uint64_t endBlock = 0;
+  std::uint64_t lines = 0;  // lines of those blocks, blank ones included
   RowCounts rows;
 
   // Per value column, over the cells that reached the whole-table matrix.

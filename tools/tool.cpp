@@ -1,6 +1,7 @@
 #include "tool.h"
 
 #include <unistd.h>
+#include <vorelhost/placement.h>
 
 #include <algorithm>
 #include <charconv>
@@ -91,6 +92,9 @@ void DefineOptions(CLI::App& app, Options& o) {
                "the last bits may then vary from run to run");
   app.add_option("--save-state", o.saveState,
                  "Also write the state of the pass to this file, for vorelstat merge");
+  app.add_flag("--no-placement", o.noPlacement,
+               "Leave the threads where the system puts them, instead of spreading them over "
+               "the CPUs the process may use");
 }
 
 void DefineMergeOptions(CLI::App& app, MergeOptions& o) {
@@ -260,7 +264,7 @@ PassOptions PassOptionsOf(const Options& o) {
   return passOptions;
 }
 
-ToolRun RunPasses(const Options& o, bool progress) {
+ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
   // Columns of the tool's choice found to hold text; each pass that finds
@@ -290,7 +294,7 @@ ToolRun RunPasses(const Options& o, bool progress) {
     ProgressBar bar(progress, reader.FileSize());
     PassOptions passOptions = PassOptionsOf(o);
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-    PassResult pass = RunPass(reader, layout, rules, passOptions);
+    PassResult pass = runPass(reader, layout, rules, passOptions);
     bar.Finish();
 
     if (pass.textColumns.empty()) {
@@ -333,6 +337,7 @@ void SaveStateFile(const std::string& path, const PassState& state) {
 }  // namespace
 
 void RunTool(const Options& o, bool progress, std::FILE* out) {
+  if (o.noPlacement) vorelhost::SetPlacementShare({false, 0, 1});
   PassOptions passOptions = PassOptionsOf(o);
   ToolRun run = RunPasses(o, progress);
   if (!o.saveState.empty()) {
@@ -341,6 +346,15 @@ void RunTool(const Options& o, bool progress, std::FILE* out) {
   }
   const Report report(o.path, run.layout, run.pass, run.skipped, o.groupCovariance);
   WriteReport(report, o.format, out);
+}
+
+void WriteStateReport(PassState&& state, const std::string& format, const std::string& saveState,
+                      std::FILE* out) {
+  if (!saveState.empty()) SaveStateFile(saveState, state);
+  const bool groupCovariance = state.groupCovariance;
+  StateReport merged = ReportOfState(std::move(state));
+  const Report report(merged.name, merged.layout, merged.pass, merged.skipped, groupCovariance);
+  WriteReport(report, format, out);
 }
 
 void RunMerge(const MergeOptions& o, std::FILE* out) {
@@ -353,11 +367,7 @@ void RunMerge(const MergeOptions& o, std::FILE* out) {
       merged.emplace(std::move(state));
     }
   }
-  if (!o.saveState.empty()) SaveStateFile(o.saveState, *merged);
-  const bool groupCovariance = merged->groupCovariance;
-  StateReport state = ReportOfState(std::move(*merged));
-  const Report report(state.name, state.layout, state.pass, state.skipped, groupCovariance);
-  WriteReport(report, o.format, out);
+  WriteStateReport(std::move(*merged), o.format, o.saveState, out);
 }
 
 }  // namespace vorelstat

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,8 @@
 #include "statpass.h"
 
 namespace vorelstat {
+
+struct PassState;
 
 struct Options {
   std::string path;
@@ -34,6 +37,8 @@ struct Options {
   std::string blocks;  // FIRST:END of the grid, or everything
   bool finishOrder = false;
   std::string saveState;
+  bool noPlacement = false;
+  bool exchangeTiming = false;  // under MPI only
 };
 
 // `vorelstat merge STATE...`: the states to merge and how to print them.
@@ -65,10 +70,14 @@ struct ToolRun {
   PassResult pass;
 };
 
+// Runs the pass over a reader; RunPass unless the run is spread over processes.
+using PassRunner =
+    std::function<PassResult(ChunkReader&, const RowLayout&, const CellRules&, const PassOptions&)>;
+
 // Reads the file: decides the columns, runs the pass (a second time when a
 // column of the tool's choice showed text only during the first). Throws
 // UsageError or DataError.
-ToolRun RunPasses(const Options& options, bool progress);
+ToolRun RunPasses(const Options& options, bool progress, const PassRunner& runPass = RunPass);
 
 // Reads the file and writes the report to `out`, which the caller checks for
 // write errors, and with --save-state the pass's state. Throws UsageError or
@@ -78,5 +87,10 @@ void RunTool(const Options& options, bool progress, std::FILE* out);
 
 // Merges the states and writes the report, as RunTool does.
 void RunMerge(const MergeOptions& options, std::FILE* out);
+
+// Writes `state` to the file saveState unless that is empty, then the report
+// of the state in `format` to `out`.
+void WriteStateReport(PassState&& state, const std::string& format, const std::string& saveState,
+                      std::FILE* out);
 
 }  // namespace vorelstat
