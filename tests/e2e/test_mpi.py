@@ -1,0 +1,153 @@
+"""vorelstat under mpirun with local ranks: the report of K = 1 to 4 ranks is
+byte-identical to one process on data where the order of the sums shows; a
+column that turns to text late, a bad line and a pipe give what one process
+gives; a rank that is killed ends the job with an error, never a hang."""
+import os
+import random
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+from common import BINARY
+
+MPIRUN = shutil.which("mpirun")
+TIMEOUT = 120
+
+
+def mpirun(ranks, *args, wrap=None):
+    """Runs the tool on `ranks` local ranks; returns the completed process."""
+    env = dict(os.environ)
+    if os.geteuid() == 0:
+        env.update(OMPI_ALLOW_RUN_AS_ROOT="1", OMPI_ALLOW_RUN_AS_ROOT_CONFIRM="1")
+    command = [BINARY, *args] if wrap is None else wrap([BINARY, *args])
+    return subprocess.Popen([MPIRUN, "--oversubscribe", "-n", str(ranks), *command], env=env,
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE)
+
+
+def finish(process):
+    out, err = process.communicate(timeout=TIMEOUT)
+    return process.returncode, out, err.decode()
+
+
+def one_process(*args):
+    done = subprocess.run([BINARY, *args], capture_output=True, timeout=TIMEOUT)
+    return done.returncode, done.stdout, done.stderr.decode()
+
+
+def write_csv(path, rows, seed, late_text_after=None):
+    """Large offsets, mixed magnitudes, weights, groups and missing cells; with
+    late_text_after, column `late` holds a word from that row on."""
+    rng = random.Random(seed)
+    with open(path, "w") as out:
+        out.write("big,mixed,tiny,late,w,g\n")
+        for row in range(rows):
+            big = 2.5e9 + rng.gauss(0, 1e-3)
+            mixed = rng.gauss(0, 1) * (1e8 if rng.random() < 0.1 else 1e-2)
+            tiny = "" if rng.random() < 0.08 else repr(1e-7 + 1e-9 * rng.gauss(0, 1))
+            late = "n/a" if late_text_after is not None and row >= late_text_after else rng.random()
+            out.write(f"{big!r},{mixed!r},{tiny},{late},{rng.randint(1, 4)},{rng.randint(0, 4)}\n")
+
+
+@unittest.skipIf(MPIRUN is None, "mpirun not found")
+class UnderMpirun(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-mpi-")
+        cls.csv = os.path.join(cls.scratch.name, "data.csv")
+        write_csv(cls.csv, 6000, 1)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.scratch.cleanup()
+
+    def path(self, name):
+        return os.path.join(self.scratch.name, name)
+
+    def test_reports_of_one_to_four_ranks_are_the_one_process_bytes(self):
+        for shape in (["-w", "w", "-g", "g", "--group-covariance", "-f", "json"],
+                      ["-p", "-w", "w", "-g", "g", "-f", "table"]):
+            args = [self.csv, "--block-size", "4k", *shape]
+            code, expected, err = one_process(*args, "-j", "2")
+            self.assertEqual(code, 0, err)
+            for ranks in (1, 2, 3, 4):
+                with self.subTest(shape=shape, ranks=ranks):
+                    code, out, err = finish(mpirun(ranks, *args, "-j", "1"))
+                    self.assertEqual(code, 0, err)
+                    self.assertEqual(out, expected)
+
+    def test_a_column_that_turns_to_text_late_and_the_saved_state(self):
+        # Text after the first megabyte, which the columns are chosen from, in
+        # the last rank's part: every rank reads again without the column.
+        late = self.path("late.csv")
+        write_csv(late, 16000, 2, late_text_after=15000)
+        self.assertGreater(os.path.getsize(late), 1 << 20)
+        code, expected, err = one_process(late, "-w", "w", "-g", "g", "-f", "json")
+        self.assertEqual(code, 0, err)
+        self.assertIn(b"line 15002", expected)
+        state = self.path("late.state")
+        code, out, err = finish(mpirun(3, late, "-w", "w", "-g", "g", "-f", "json",
+                                       "--save-state", state))
+        self.assertEqual(code, 0, err)
+        self.assertEqual(out, expected)
+        code, merged, err = one_process("merge", state, "-f", "json")
+        self.assertEqual((code, merged), (0, expected), err)
+
+    def test_a_bad_line_in_a_later_rank_is_one_error_with_its_line_in_the_file(self):
+        bad = self.path("bad.csv")
+        with open(self.csv) as source:
+            lines = source.readlines()
+        lines[5000] = "1,2,3,4,heavy,1\n"
+        with open(bad, "w") as out:
+            out.writelines(lines)
+        code, _, expected = one_process(bad, "-w", "w", "--block-size", "4k")
+        self.assertEqual(code, 1)
+        self.assertIn("line 5001", expected)
+        for ranks in (2, 4):
+            with self.subTest(ranks=ranks):
+                code, out, err = finish(mpirun(ranks, bad, "-w", "w", "--block-size", "4k"))
+                self.assertEqual((code, out), (1, b""))
+                self.assertEqual([line for line in err.splitlines()
+                                  if line.startswith("vorelstat:")], [expected.strip()])
+
+    def test_standard_input_is_refused(self):
+        code, out, err = finish(mpirun(2, "-"))
+        self.assertEqual((code, out), (2, b""))
+        self.assertEqual(err.count("under MPI the input must be a regular file"), 1)
+
+    def test_a_killed_rank_ends_the_job(self):
+        big = self.path("big.csv")
+        write_csv(big, 60000, 3)
+        pids = self.path("pid")
+
+        def rank_writes_its_pid(command):
+            quoted = " ".join(f"'{part}'" for part in command)
+            return ["sh", "-c", f'echo $$ > {pids}.$OMPI_COMM_WORLD_RANK; exec {quoted}']
+
+        start = time.monotonic()
+        process = mpirun(2, big, "-j", "1", "--block-size", "4k", wrap=rank_writes_its_pid)
+        victim = None
+        # Killed once it has the file open: in the middle of its pass.
+        while victim is None and time.monotonic() - start < TIMEOUT:
+            try:
+                with open(pids + ".1") as handle:
+                    pid = int(handle.read())
+                if any(os.path.realpath(os.path.join(f"/proc/{pid}/fd", fd)) == os.path.realpath(big)
+                       for fd in os.listdir(f"/proc/{pid}/fd")):
+                    os.kill(pid, signal.SIGKILL)
+                    victim = pid
+            except (FileNotFoundError, ValueError, ProcessLookupError):
+                pass
+            time.sleep(0.001)
+        code, out, err = finish(process)
+        self.assertIsNotNone(victim, "rank 1 never opened the file")
+        self.assertNotEqual(code, 0)
+        self.assertEqual(out, b"")
+        self.assertIn("signal 9", err)
+
+
+if __name__ == "__main__":
+    unittest.main()
