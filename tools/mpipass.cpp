@@ -71,6 +71,27 @@ class Unpacker {
   std::span<const std::byte> _rest;
 };
 
+void PackTexts(Packer& p, const std::vector<TextColumn>& texts) {
+  p.Number(texts.size());
+  for (const TextColumn& text : texts) {
+    p.Number(text.slot);
+    p.Number(text.line);
+    p.Text(text.text);
+  }
+}
+
+std::vector<TextColumn> UnpackTexts(Unpacker& u) {
+  std::vector<TextColumn> texts;
+  for (std::uint64_t n = u.Number(); n > 0; --n) {
+    TextColumn text;
+    text.slot = static_cast<unsigned>(u.Number());
+    text.line = u.Number();
+    text.text = u.Text();
+    texts.push_back(std::move(text));
+  }
+  return texts;
+}
+
 void Send(const std::vector<std::byte>& bytes, int to) {
   const std::uint64_t size = bytes.size();
   MPI_Send(&size, 1, MPI_UINT64_T, to, kTag, MPI_COMM_WORLD);
@@ -156,12 +177,7 @@ std::vector<std::byte> Pack(const Outcome& o) {
   p.Number(o.line ? 1 : 0);
   p.Number(o.line.value_or(0));
   p.Number(o.lines);
-  p.Number(o.texts.size());
-  for (const TextColumn& text : o.texts) {
-    p.Number(text.slot);
-    p.Number(text.line);
-    p.Text(text.text);
-  }
+  PackTexts(p, o.texts);
   p.Number(o.state ? 1 : 0);
   if (o.state) p.Bytes(SaveState(*o.state));
   p.Number(o.bytesMoved);
@@ -178,13 +194,7 @@ Outcome Unpack(std::span<const std::byte> bytes, const std::string& what) {
   const std::uint64_t line = u.Number();
   if (hasLine) o.line = line;
   o.lines = u.Number();
-  for (std::uint64_t n = u.Number(); n > 0; --n) {
-    TextColumn text;
-    text.slot = static_cast<unsigned>(u.Number());
-    text.line = u.Number();
-    text.text = u.Text();
-    o.texts.push_back(std::move(text));
-  }
+  o.texts = UnpackTexts(u);
   if (u.Number() != 0) o.state = LoadState(u.Bytes(), what);
   o.bytesMoved = u.Number();
   return o;
@@ -237,12 +247,7 @@ std::vector<std::byte> Pack(const Decision& d) {
   Packer p;
   p.Number(static_cast<std::uint64_t>(d.code));
   p.Text(d.message);
-  p.Number(d.texts.size());
-  for (const TextColumn& text : d.texts) {
-    p.Number(text.slot);
-    p.Number(text.line);
-    p.Text(text.text);
-  }
+  PackTexts(p, d.texts);
   return p.Take();
 }
 
@@ -251,13 +256,7 @@ Decision UnpackDecision(std::span<const std::byte> bytes) {
   Decision d;
   d.code = static_cast<int>(u.Number());
   d.message = u.Text();
-  for (std::uint64_t n = u.Number(); n > 0; --n) {
-    TextColumn text;
-    text.slot = static_cast<unsigned>(u.Number());
-    text.line = u.Number();
-    text.text = u.Text();
-    d.texts.push_back(std::move(text));
-  }
+  d.texts = UnpackTexts(u);
   return d;
 }
 
