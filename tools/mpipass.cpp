@@ -404,7 +404,13 @@ class MpiRun {
   std::optional<Outcome> Gather(Outcome mine) {
     for (int step = 1; step < _size; step *= 2) {
       if (_rank % (2 * step) != 0) {
-        Send(Pack(mine), _rank - step);
+        std::vector<std::byte> bytes;
+        try {
+          bytes = Pack(mine);
+        } catch (...) {
+          bytes = Pack(FailureInFlight());
+        }
+        Send(bytes, _rank - step);
         return std::nullopt;
       }
       const int child = _rank + step;
