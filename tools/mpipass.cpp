@@ -266,6 +266,13 @@ struct AgreedFailure {
   std::string message;
 };
 
+// Why input that can only be read from start to end cannot be shared out.
+std::string NotCuttable(const std::string& path) {
+  return path + ": under MPI the input must be a regular file, which each rank reads a part of "
+         "at its own offset; save a pipe or standard input to a file, or decompress the file, "
+         "first";
+}
+
 std::string RankName(int rank) { return "rank " + std::to_string(rank); }
 
 // What a rank sees of the file: the ranks must see the same.
@@ -325,6 +332,7 @@ class MpiRun {
   // the file must be read again, else nothing (rank 0 then holds the state).
   PassResult RunRound(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
                       const PassOptions& passOptions) {
+    if (!reader.FileSize()) throw UsageError(NotCuttable(_o.path));
     const std::string fingerprint = Fingerprint(reader, layout);
     PassResult next;
     next.textColumns =
@@ -454,8 +462,7 @@ class MpiRun {
 void CheckMpiOptions(const Options& o) {
   struct stat status {};
   if (o.path == "-" || (::stat(o.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)))
-    throw UsageError(o.path + ": under MPI the input must be a regular file, which each rank "
-                     "reads a part of; save a pipe or standard input to a file first");
+    throw UsageError(NotCuttable(o.path));
   if (!o.blocks.empty())
     throw UsageError("--blocks reads one part of the grid; under MPI the ranks share the grid");
   if (o.finishOrder) throw UsageError("--finish-order leaves the block grid that MPI runs share");
