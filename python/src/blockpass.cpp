@@ -281,7 +281,7 @@ class BlockProblem : public vorel::ProblemBase {
   const std::size_t blockRows;
   const std::size_t nBlocks;
   const std::uint64_t firstBlock;  // on the grid of the whole table
-  std::size_t handedOut = 0;  // under the read lock
+  std::size_t handedOut = 0;       // under the read lock
   vorel::BlockTree<Tally> tree;
   std::atomic<bool> sawStandIn{false};
 };
