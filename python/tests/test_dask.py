@@ -44,7 +44,9 @@ def data(n=40_003, k=7, seed=5):
     x[rng.random(x.shape) < 0.05] = np.nan
     x[:, 2] = -1.25
     w = rng.integers(0, 4, size=n).astype(float)
-    g = np.array(["b", "a", None, "c"], dtype=object)[rng.integers(0, 4, size=n)]
+    g = np.empty(4, dtype=object)
+    g[:] = ["b", ("a", 1), None, 3]  # labels of any hashable kind; None marks no group
+    g = g[rng.integers(0, 4, size=n)]
     return x, w, g
 
 

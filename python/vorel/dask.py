@@ -218,7 +218,8 @@ def _forest(rows: dict, plan: _Plan, first_block: int) -> Any:
 
         values = rows["groups"]
         values = values.to_numpy() if vorel._is_series(values) else np.asarray(values)
-        codes = np.ascontiguousarray(pd.Index(list(plan.codes)).get_indexer(values), dtype=np.int64)
+        labels = pd.Index(list(plan.codes), dtype=object, tupleize_cols=False)
+        codes = np.ascontiguousarray(labels.get_indexer(values), dtype=np.int64)
     return _core.Forest(table.cells, weights, reg_weights, codes, plan.pairwise, plan.missing_code,
                         plan.grouped, plan.threads, first_block)
 
