@@ -199,6 +199,9 @@ class PartForest {
       : _missing(MissingRuleOf(missingCode)), _settings(SettingsOf(pairwise, _missing, grouped)) {
     const Table table = TableOf(data, weights, regWeights, groups, _missing, _settings);
     if (table.columns.empty()) throw std::invalid_argument("data: has no columns");
+    // Far below the end of the 64-bit block numbers the tree can hold.
+    if (firstBlock >= std::uint64_t{1} << 48)
+      throw std::invalid_argument("first_block: beyond the blocks of any table");
     _settings.nColumns = static_cast<unsigned>(table.columns.size());
     _settings.regWeights = table.regWeights != nullptr;
     py::gil_scoped_release unlocked;

@@ -163,3 +163,37 @@ def test_a_pickle_of_another_kind_is_refused(rng):
         vorel.Listwise.__new__(vorel.Listwise).__setstate__(pairwise.__getstate__())
     with pytest.raises(ValueError, match="vorel pickle"):
         pickle.loads(pickle.dumps(pairwise).replace(b"VPY", b"VPZ"))
+
+
+# ---------------------------------------------------------------- forests of parts
+
+
+def forest(x, first_block, pairwise=True):
+    return vorel._core.Forest(x, None, None, None, pairwise, None, False, 1, first_block)
+
+
+def test_pickled_forests_of_parts_combine_into_the_pass_over_the_whole(rng):
+    x = rng.normal(size=(3 * 4096 + 77, 4))
+    x[rng.random(x.shape) < 0.1] = np.nan
+    parts = [forest(x[:4096], 0), forest(x[4096:3 * 4096], 1), forest(x[3 * 4096:], 3)]
+    total = pickle.loads(pickle.dumps(parts[2]))
+    for part in parts[:2]:
+        total.combine(pickle.loads(pickle.dumps(part)))
+    assert (total.block_count, total.end_block) == (4, 4)
+    accumulator = vorel.Pairwise()
+    accumulator._core.add_forest(total)
+    accumulator._columns = list(range(4))
+    assert bits(accumulator.result()) == bits(vorel.describe(x, deletion="pairwise"))
+
+
+def test_forests_that_do_not_fit_together_are_refused(rng):
+    x = rng.normal(size=(5000, 3))
+    whole = forest(x, 0)
+    with pytest.raises(ValueError, match="blocks this forest holds"):
+        whole.combine(forest(x[4096:], 1))
+    with pytest.raises(ValueError, match="another kind"):
+        whole.combine(forest(x[:4096], 9, pairwise=False))
+    with pytest.raises(ValueError, match="beyond"):
+        forest(x, 1 << 60)
+    with pytest.raises(ValueError, match="blocks are missing"):
+        vorel.Pairwise()._core.add_forest(forest(x[:4096], 1))
