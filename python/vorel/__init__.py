@@ -8,7 +8,8 @@ the group means and the pooled within-group covariance.
 
 ``describe`` does it in one call. ``Listwise``, ``Pairwise`` and ``ByGroup``
 take the rows in chunks (``update``), join results made elsewhere (``merge``)
-and give the same ``Result``.
+and give the same ``Result``; they pickle, bit for bit, so they travel between
+processes. ``vorel.dask.describe`` runs the pass on a Dask cluster.
 
 The figures are those of the command-line tool ``vorelstat``. With W the
 frequency weight behind a figure:
