@@ -82,6 +82,15 @@ def test_threaded_scheduler_gives_the_bits_of_one_process(chunks, case):
     assert bits(got) == bits(want)
 
 
+def test_a_missing_code_and_regression_weights_give_the_bits_of_one_process():
+    x = np.where(np.isnan(X), -99.0, X)
+    rw = np.linspace(0.5, 2.0, X.shape[0])
+    kw = dict(weights=W, reg_weights=rw, groups=G, deletion="pairwise", missing=-99.0, ddof=0)
+    with dask.config.set(scheduler="threads"):
+        got = vorel.dask.describe(da.from_array(x, chunks=(CHUNKS["ragged"], 7)), threads=1, **kw)
+    assert bits(got) == bits(vorel.describe(x, **kw))
+
+
 def frame():
     f = pd.DataFrame(X, columns=[f"x{c}" for c in range(X.shape[1])])
     f.insert(3, "w", W)
