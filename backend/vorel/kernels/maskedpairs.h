@@ -54,7 +54,9 @@ enum Pass1 {
 // Fields of a pass-2 state.
 enum Pass2 { kMean0, kMean1, kCss0, kCss1, kCscp, kPass2Fields };
 
-using LaneBits = std::uint8_t;  // one block of lanes of one row: bit l set, lane l's cell is there
+// One block of lanes of one row: bit l set, lane l's cell is there. As wide
+// as a mask register loads from memory.
+using LaneBits = std::uint16_t;
 using RowBits = std::uint64_t;  // 64 rows of one column, likewise
 constexpr Index kRowBits = 64;
 
@@ -245,6 +247,31 @@ inline unsigned PresentAt(const RowBits* bits, Index r) {
   return 0u - static_cast<unsigned>((bits[r / kRowBits] >> (r % kRowBits)) & 1u);
 }
 
+// The rows from `from` on to `rows`, in order, through step(r) until it
+// returns false; returns the row it stopped at, or rows. Shared: units of one
+// first variable, which take only the rows where its cell is there (bits),
+// the others none; otherwise every row.
+template <bool Shared, class Step>
+__attribute__((always_inline)) inline Index WalkRows(const RowBits* bits, Index from, Index rows,
+                                                     Step&& step) {
+  if constexpr (Shared) {
+    for (Index k = from / kRowBits; k * kRowBits < rows; ++k) {
+      RowBits word = bits[k];
+      if (k == from / kRowBits) word &= ~RowBits{0} << (from % kRowBits);
+      if (rows - k * kRowBits < kRowBits) word &= ~(~RowBits{0} << (rows - k * kRowBits));
+      while (word != 0) {
+        const Index r = k * kRowBits + __builtin_ctzll(word);
+        word &= word - 1;
+        if (!step(r)) return r;
+      }
+    }
+  } else {
+    for (Index r = from; r < rows; ++r)
+      if (!step(r)) return r;
+  }
+  return rows;
+}
+
 // Where the lanes of B units read a chunk: the first variables' cells and
 // bits, and per unit its block of the panels and of the masks.
 template <int B>
@@ -254,7 +281,7 @@ struct UnitPointers {
   Index lane[B];  // the block's first lane: its offset in a panel row
   Index block[B];
 
-  explicit UnitPointers(const PairsUnit* units, int lanes) {
+  UnitPointers(const PairsUnit* units, int lanes) {
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
       xa[b] = units[b].xa;
@@ -265,8 +292,17 @@ struct UnitPointers {
   }
 };
 
-// Shared: the B units have one first variable, whose cell and bit serve
-// them all.
+// The lanes of unit b that keep row r: on a walk of shared rows, those
+// whose cells are there; otherwise only if the first variable's is too.
+template <class Isa, int B, bool Shared>
+__attribute__((always_inline)) inline typename Isa::Mask KeptLanes(const PairsRun& run,
+                                                                   const UnitPointers<B>& u, int b,
+                                                                   Index r) {
+  const LaneBits* m = run.masks + r * run.masksLd + u.block[b];
+  if constexpr (Shared) return Isa::LoadMask(m);
+  return Isa::MaskFromBits(*m & PresentAt(u.bits[b], r));
+}
+
 template <class Isa, int B, bool Shared, bool HasWeights, bool Combined, bool HasRegWeights>
 void PairsPass1(const PairsRun& run) {
   using Vec = typename Isa::Vec;
@@ -275,7 +311,7 @@ void PairsPass1(const PairsRun& run) {
   constexpr int X = Shared ? 1 : B;  // first variables
   const double* const w = run.w;
   const double* const v = run.v;
-  const Index ld = run.ld, mld = run.masksLd;
+  const Index ld = run.ld;
   const Vec one = Isa::Set1(1.0);
   const UnitPointers<B> u(run.units, L);
   Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
@@ -295,59 +331,60 @@ void PairsPass1(const PairsRun& run) {
     run1[b] = Isa::Load(s + kRun1 * L);
     rest1[b] = Isa::Load(s + kRest1 * L);
   }
-  Index r = 0;
   // The full step: a lane's first kept row starts its leading run, which
   // goes on while its cells equal the first.
-  for (; r < run.rows; ++r) {
-    if (r > run.lastFirst) {
-      bool running = false;
+  const Index settled = WalkRows<Shared>(
+      u.bits[0], 0, run.rows, [&](Index r) __attribute__((always_inline)) {
+        if (r > run.lastFirst) {
+          bool running = false;
 #pragma GCC unroll 4
-      for (int b = 0; b < B; ++b)
-        running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
-      if (!running) break;
-    }
-    Vec weight = one;
-    if constexpr (Combined) weight = Isa::Broadcast(v + r);
+          for (int b = 0; b < B; ++b)
+            running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
+          if (!running) return false;
+        }
+        Vec weight = one;
+        if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
-    for (int b = 0; b < B; ++b) {
-      const Vec x0 = Isa::Broadcast(u.xa[b] + r);
-      const Vec x1 = Isa::Load(run.p + r * ld + u.lane[b]);
-      const Mask kept =
-          Isa::MaskFromBits(run.masks[r * mld + u.block[b]] & PresentAt(u.bits[b], r));
-      if constexpr (HasWeights)
-        weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
-      if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
-      const Mask firstRow = Isa::AndNot(kept, seen[b]);
-      MeanStep<Isa, Combined>(kept, firstRow, x0, weight, first0[b], inRun0[b], run0[b], rest0[b]);
-      MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b], rest1[b]);
-      seen[b] = Isa::Or(seen[b], kept);
-    }
-  }
+        for (int b = 0; b < B; ++b) {
+          const Vec x0 = Isa::Broadcast(u.xa[b] + r);
+          const Vec x1 = Isa::Load(run.p + r * ld + u.lane[b]);
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
+          if constexpr (HasWeights)
+            weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
+          if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
+          const Mask firstRow = Isa::AndNot(kept, seen[b]);
+          MeanStep<Isa, Combined>(kept, firstRow, x0, weight, first0[b], inRun0[b], run0[b],
+                                  rest0[b]);
+          MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b],
+                                  rest1[b]);
+          seen[b] = Isa::Or(seen[b], kept);
+        }
+        return true;
+      });
   // Every lane that keeps a row from here on has seen its first and left
   // its run: a kept row only adds to the sums.
-  for (; r < run.rows; ++r) {
-    const double* qr = run.q + r * ld;
-    const LaneBits* mr = run.masks + r * mld;
-    Vec weight = one;
-    if constexpr (Combined) weight = Isa::Broadcast(v + r);
-    Vec add0[X];
-    unsigned present[X];
+  WalkRows<Shared>(
+      u.bits[0], settled, run.rows, [&](Index r) __attribute__((always_inline)) {
+        const double* qr = run.q + r * ld;
+        Vec weight = one;
+        if constexpr (Combined) weight = Isa::Broadcast(v + r);
+        Vec add0[X];
 #pragma GCC unroll 4
-    for (int x = 0; x < X; ++x) {
-      const Vec x0 = Isa::Broadcast(u.xa[x] + r);
-      add0[x] = Combined ? Isa::Mul(x0, weight) : x0;
-      present[x] = PresentAt(u.bits[x], r);
-    }
+        for (int x = 0; x < X; ++x) {
+          const Vec x0 = Isa::Broadcast(u.xa[x] + r);
+          add0[x] = Combined ? Isa::Mul(x0, weight) : x0;
+        }
 #pragma GCC unroll 4
-    for (int b = 0; b < B; ++b) {
-      const Mask kept = Isa::MaskFromBits(mr[u.block[b]] & present[Shared ? 0 : b]);
-      if constexpr (HasWeights)
-        weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
-      if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
-      rest0[b] = Isa::AddIf(kept, rest0[b], add0[Shared ? 0 : b]);
-      rest1[b] = Isa::AddIf(kept, rest1[b], Isa::Load(qr + u.lane[b]));
-    }
-  }
+        for (int b = 0; b < B; ++b) {
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
+          if constexpr (HasWeights)
+            weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
+          if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
+          rest0[b] = Isa::AddIf(kept, rest0[b], add0[Shared ? 0 : b]);
+          rest1[b] = Isa::AddIf(kept, rest1[b], Isa::Load(qr + u.lane[b]));
+        }
+        return true;
+      });
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
     double* s = run.units[b].state;
@@ -373,7 +410,7 @@ void PairsPass2(const PairsRun& run) {
   constexpr int L = Isa::kLanes;
   constexpr int X = Shared ? 1 : B;  // first variables
   const double* const v = run.v;
-  const Index ld = run.ld, mld = run.masksLd;
+  const Index ld = run.ld;
   const UnitPointers<B> u(run.units, L);
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
@@ -385,36 +422,34 @@ void PairsPass2(const PairsRun& run) {
     css1[b] = Isa::Load(s + kCss1 * L);
     cscp[b] = Isa::Load(s + kCscp * L);
   }
-  for (Index r = 0; r < run.rows; ++r) {
-    const double* pr = run.p + r * ld;
-    const LaneBits* mr = run.masks + r * mld;
-    Vec weight = Isa::Set1(1.0);
-    if constexpr (Combined) weight = Isa::Broadcast(v + r);
-    Vec xs[X];
-    unsigned present[X];
+  WalkRows<Shared>(
+      u.bits[0], 0, run.rows, [&](Index r) __attribute__((always_inline)) {
+        const double* pr = run.p + r * ld;
+        Vec weight = Isa::Set1(1.0);
+        if constexpr (Combined) weight = Isa::Broadcast(v + r);
+        Vec xs[X];
 #pragma GCC unroll 4
-    for (int x = 0; x < X; ++x) {
-      xs[x] = Isa::Broadcast(u.xa[x] + r);
-      present[x] = PresentAt(u.bits[x], r);
-    }
+        for (int x = 0; x < X; ++x)
+          xs[x] = Isa::Broadcast(u.xa[x] + r);
 #pragma GCC unroll 4
-    for (int b = 0; b < B; ++b) {
-      const Mask kept = Isa::MaskFromBits(mr[u.block[b]] & present[Shared ? 0 : b]);
-      const Vec c0 = Isa::Sub(xs[Shared ? 0 : b], mean0[b]);
-      const Vec c1 = Isa::Sub(Isa::Load(pr + u.lane[b]), mean1[b]);
-      if constexpr (Combined) {
-        // WeightedDotProduct: (a * w) * b, in that order.
-        const Vec t0 = Isa::Mul(c0, weight);
-        css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(t0, c0));
-        css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(Isa::Mul(c1, weight), c1));
-        cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(t0, c1));
-      } else {
-        css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(c0, c0));
-        css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(c1, c1));
-        cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(c0, c1));
-      }
-    }
-  }
+        for (int b = 0; b < B; ++b) {
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
+          const Vec c0 = Isa::Sub(xs[Shared ? 0 : b], mean0[b]);
+          const Vec c1 = Isa::Sub(Isa::Load(pr + u.lane[b]), mean1[b]);
+          if constexpr (Combined) {
+            // WeightedDotProduct: (a * w) * b, in that order.
+            const Vec t0 = Isa::Mul(c0, weight);
+            css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(t0, c0));
+            css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(Isa::Mul(c1, weight), c1));
+            cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(t0, c1));
+          } else {
+            css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(c0, c0));
+            css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(c1, c1));
+            cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(c0, c1));
+          }
+        }
+        return true;
+      });
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
     double* s = run.units[b].state;
@@ -452,13 +487,12 @@ void PairsMeans(const double* s1, double* s2) {
   Isa::Store(s2 + kCscp * L, zero);
 }
 
-// The passes over B units, for B from 1 to the level's kPairBlocks; shared
-// only with kPairBlocks units.
+// The passes over B units, for B from 1 to the level's kPairBlocks.
 template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
 void RunPass(int pass, int units, bool shared, const PairsRun& run) {
   if constexpr (B > 1) {
     if (units < B) {
-      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, false, run);
+      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, shared, run);
       return;
     }
   }
@@ -592,8 +626,8 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
           if (missing[a])
             PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
                               bitsA + a * lay.words);
-      // The units in runs: whole runs of one first variable, then the
-      // rest of every first variable's units together.
+      // The units in runs of one first variable, up to K at a time; a
+      // first variable's last unit alone joins those of others.
       constexpr Index K = Isa::kPairBlocks;
       Index shared = 0, mixed = stateCount;
       for (Index a = 0; a < variables; ++a) {
@@ -608,8 +642,7 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
                            Smaller(L, lay.nB - b * L));
           ++shared;
         }
-        for (Index rest = (shared - from) % K; rest > 0; --rest)
-          units[mixed++] = units[--shared];
+        if ((shared - from) % K == 1) units[mixed++] = units[--shared];
       }
       PairsRun run{panel,      products, masks, lay.ld,
                    lay.blocks, rows,     -1,    HasWeights ? job.weights + i0 : nullptr,
@@ -621,8 +654,12 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
         RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(count), sharing,
                                                              run);
       };
-      for (Index u = 0; u < shared; u += K)
-        runUnits(u, K, true);
+      for (Index u = 0, count = 0; u < shared; u += count) {
+        count = 1;
+        while (count < K && u + count < shared && units[u + count].xa == units[u].xa)
+          ++count;
+        runUnits(u, count, true);
+      }
       for (Index u = stateCount; u < mixed; u += K)
         runUnits(u, Smaller(K, mixed - u), false);
     }
