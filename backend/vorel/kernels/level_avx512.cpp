@@ -54,8 +54,12 @@ struct Avx512Isa {
     return _mm512_mask_cmp_pd_mask(static_cast<Mask>(bits), x, code, _CMP_NEQ_UQ);
   }
   // A mask stored as bits.
+  // Straight from memory: through a general register the mask would take a
+  // slot of the vector units.
   static Mask LoadMask(const std::uint16_t* p) {
-    return static_cast<Mask>(_load_mask16(const_cast<__mmask16*>(p)));
+    Mask m;
+    __asm__("kmovw %1, %0" : "=k"(m) : "m"(*p));
+    return m;
   }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) { return _mm512_mask_add_pd(acc, m, acc, t); }

@@ -273,32 +273,32 @@ __attribute__((always_inline)) inline Index WalkRows(const RowBits* bits, Index 
 }
 
 // Where the lanes of B units read a chunk: the first variables' cells and
-// bits, and per unit its block of the panels and of the masks.
-template <int B>
+// bits, and per unit its block of the panels and of the masks. Shared units
+// have blocks one after the other, at fixed offsets from the first.
+template <int B, bool Shared>
 struct UnitPointers {
   const double* xa[B];
   const RowBits* bits[B];
-  Index lane[B];  // the block's first lane: its offset in a panel row
   Index block[B];
 
-  UnitPointers(const PairsUnit* units, int lanes) {
+  explicit UnitPointers(const PairsUnit* units) {
 #pragma GCC unroll 4
     for (int b = 0; b < B; ++b) {
       xa[b] = units[b].xa;
       bits[b] = units[b].bits;
       block[b] = units[b].block;
-      lane[b] = units[b].block * lanes;
     }
   }
+  Index Block(int b) const { return Shared ? block[0] + b : block[b]; }
 };
 
 // The lanes of unit b that keep row r: on a walk of shared rows, those
 // whose cells are there; otherwise only if the first variable's is too.
 template <class Isa, int B, bool Shared>
 __attribute__((always_inline)) inline typename Isa::Mask KeptLanes(const PairsRun& run,
-                                                                   const UnitPointers<B>& u, int b,
-                                                                   Index r) {
-  const LaneBits* m = run.masks + r * run.masksLd + u.block[b];
+                                                                   const UnitPointers<B, Shared>& u,
+                                                                   int b, Index r) {
+  const LaneBits* m = run.masks + r * run.masksLd + u.Block(b);
   if constexpr (Shared) return Isa::LoadMask(m);
   return Isa::MaskFromBits(*m & PresentAt(u.bits[b], r));
 }
@@ -313,7 +313,7 @@ void PairsPass1(const PairsRun& run) {
   const double* const v = run.v;
   const Index ld = run.ld;
   const Vec one = Isa::Set1(1.0);
-  const UnitPointers<B> u(run.units, L);
+  const UnitPointers<B, Shared> u(run.units);
   Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
   Mask seen[B], inRun0[B], inRun1[B];
 #pragma GCC unroll 4
@@ -347,7 +347,7 @@ void PairsPass1(const PairsRun& run) {
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
           const Vec x0 = Isa::Broadcast(u.xa[b] + r);
-          const Vec x1 = Isa::Load(run.p + r * ld + u.lane[b]);
+          const Vec x1 = Isa::Load(run.p + r * ld + u.Block(b) * L);
           const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
           if constexpr (HasWeights)
             weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
@@ -381,7 +381,7 @@ void PairsPass1(const PairsRun& run) {
             weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
           if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
           rest0[b] = Isa::AddIf(kept, rest0[b], add0[Shared ? 0 : b]);
-          rest1[b] = Isa::AddIf(kept, rest1[b], Isa::Load(qr + u.lane[b]));
+          rest1[b] = Isa::AddIf(kept, rest1[b], Isa::Load(qr + u.Block(b) * L));
         }
         return true;
       });
@@ -411,7 +411,7 @@ void PairsPass2(const PairsRun& run) {
   constexpr int X = Shared ? 1 : B;  // first variables
   const double* const v = run.v;
   const Index ld = run.ld;
-  const UnitPointers<B> u(run.units, L);
+  const UnitPointers<B, Shared> u(run.units);
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
@@ -435,7 +435,7 @@ void PairsPass2(const PairsRun& run) {
         for (int b = 0; b < B; ++b) {
           const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
           const Vec c0 = Isa::Sub(xs[Shared ? 0 : b], mean0[b]);
-          const Vec c1 = Isa::Sub(Isa::Load(pr + u.lane[b]), mean1[b]);
+          const Vec c1 = Isa::Sub(Isa::Load(pr + u.Block(b) * L), mean1[b]);
           if constexpr (Combined) {
             // WeightedDotProduct: (a * w) * b, in that order.
             const Vec t0 = Isa::Mul(c0, weight);
@@ -626,8 +626,9 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
           if (missing[a])
             PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
                               bitsA + a * lay.words);
-      // The units in runs of one first variable, up to K at a time; a
-      // first variable's last unit alone joins those of others.
+      // The units in runs of one first variable and blocks one after the
+      // other, up to K at a time; a first variable's last unit alone joins
+      // those of others.
       constexpr Index K = Isa::kPairBlocks;
       Index shared = 0, mixed = stateCount;
       for (Index a = 0; a < variables; ++a) {
@@ -656,7 +657,8 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
       };
       for (Index u = 0, count = 0; u < shared; u += count) {
         count = 1;
-        while (count < K && u + count < shared && units[u + count].xa == units[u].xa)
+        while (count < K && u + count < shared && units[u + count].xa == units[u].xa
+               && units[u + count].block == units[u].block + count)
           ++count;
         runUnits(u, count, true);
       }
