@@ -626,9 +626,9 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
           if (missing[a])
             PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
                               bitsA + a * lay.words);
-      // The units in runs of one first variable and blocks one after the
-      // other, up to K at a time; a first variable's last unit alone joins
-      // those of others.
+      // The units of one first variable with blocks one after the other go
+      // in groups of up to K, as even as can be; a first variable's only
+      // unit joins those of others.
       constexpr Index K = Isa::kPairBlocks;
       Index shared = 0, mixed = stateCount;
       for (Index a = 0; a < variables; ++a) {
@@ -643,7 +643,7 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
                            Smaller(L, lay.nB - b * L));
           ++shared;
         }
-        if ((shared - from) % K == 1) units[mixed++] = units[--shared];
+        if (shared - from == 1) units[mixed++] = units[--shared];
       }
       PairsRun run{panel,      products, masks, lay.ld,
                    lay.blocks, rows,     -1,    HasWeights ? job.weights + i0 : nullptr,
@@ -655,12 +655,17 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
         RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(count), sharing,
                                                              run);
       };
-      for (Index u = 0, count = 0; u < shared; u += count) {
-        count = 1;
-        while (count < K && u + count < shared && units[u + count].xa == units[u].xa
-               && units[u + count].block == units[u].block + count)
-          ++count;
-        runUnits(u, count, true);
+      for (Index u = 0; u < shared;) {
+        Index along = 1;
+        while (u + along < shared && units[u + along].xa == units[u].xa
+               && units[u + along].block == units[u].block + along)
+          ++along;
+        const Index groups = (along + K - 1) / K;
+        for (Index g = 0; g < groups; ++g) {
+          const Index count = along / groups + (g < along % groups ? 1 : 0);
+          runUnits(u, count, true);
+          u += count;
+        }
       }
       for (Index u = stateCount; u < mixed; u += K)
         runUnits(u, Smaller(K, mixed - u), false);
