@@ -38,10 +38,10 @@ TYPED_TEST_SUITE(BlockTreeOrder, ResultTypes);
 TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   std::vector<std::uint64_t> order(grid.Blocks());
   std::iota(order.begin(), order.end(), 0);
-  std::vector<std::vector<double>> arrivalFigures;
+  std::vector<State> arrivalStates;
   for (unsigned trial = 0; trial < 6; ++trial) {
     SCOPED_TRACE(::testing::Message() << "order " << trial);
     if (trial == 1) std::reverse(order.begin(), order.end());
@@ -55,13 +55,11 @@ TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
       arrival += reduced;
       tree.AddBlock(block, ReduceBlock<R>(grid, block));
     }
-    EXPECT_TRUE(SameBitsAs(Figures(tree.Finish()), reference));
-    arrivalFigures.push_back(Figures(arrival));
+    EXPECT_TRUE(SameState(StateOf(tree.Finish()), reference));
+    arrivalStates.push_back(StateOf(arrival));
   }
-  const auto sameAsFirst = [&](const std::vector<double>& f) {
-    return SameFigures(f, arrivalFigures[0]);
-  };
-  EXPECT_FALSE(std::all_of(arrivalFigures.begin(), arrivalFigures.end(), sameAsFirst))
+  EXPECT_NE(std::count(arrivalStates.begin(), arrivalStates.end(), arrivalStates[0]),
+            std::ssize(arrivalStates))
       << "the data do not show the order of the merges";
 }
 
@@ -143,7 +141,7 @@ TYPED_TEST_SUITE(BlockForestSplit, ResultTypes);
 TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   unsigned seed = 0;
   for (const auto& parts : Splits(grid.Blocks())) {
     ::testing::Message trace;
@@ -160,7 +158,7 @@ TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
     EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
     R total = Kind<R>::Fresh();
     whole.AddTo(total);
-    EXPECT_TRUE(SameBitsAs(Figures(total), reference));
+    EXPECT_TRUE(SameState(StateOf(total), reference));
   }
 }
 
@@ -173,14 +171,14 @@ TYPED_TEST_SUITE(BlockTreeThreaded, ResultTypes);
 TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   for (const int threads : {1, 2, 3, 8})
     for (int run = 0; run < 3; ++run) {
       SCOPED_TRACE(::testing::Message() << threads << " threads, run " << run);
       PassOptions options;
       options.threads = threads;
       options.delays = true;
-      EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, options)), reference));
+      EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, options)), reference));
     }
 }
 
@@ -192,16 +190,15 @@ TYPED_TEST(BlockTreeThreaded, FirstBlockArrivingLast) {
   const Grid grid{Rows(), kBlockRows};
   PassOptions plain;
   plain.reproducible = false;
-  const std::vector<double> oneThread = Figures(DriverPass<R>(grid, plain));
+  const State oneThread = StateOf(DriverPass<R>(grid, plain));
   LastBlockGate plainGate, treeGate;
   plain.threads = 2;
   plain.gate = &plainGate;
-  EXPECT_FALSE(SameFigures(Figures(DriverPass<R>(grid, plain)), oneThread))
-      << "arrival order left no trace";
+  EXPECT_NE(StateOf(DriverPass<R>(grid, plain)), oneThread) << "arrival order left no trace";
   PassOptions tree;
   tree.threads = 2;
   tree.gate = &treeGate;
-  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
+  EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
 }
 
 // A listwise matrix that counts the live results: those made by the factory
@@ -238,7 +235,7 @@ struct Counted {
   MatrixListwise matrix;
   bool counts = true;
 };
-std::vector<double> Figures(const Counted& c) { return blocktree::Figures(c.matrix); }
+State StateOf(const Counted& c) { return c.matrix.SaveState(); }
 
 // 1,500 blocks on 8 threads with random pauses: the results alive at any one
 // time stay within 2 (threads + 1) (log2 blocks + 1) nodes plus two in the
@@ -247,13 +244,13 @@ TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   constexpr int kThreads = 8;
   const Table t = OrderSensitiveTable(11, 3000);
   const Grid grid{t, 2};
-  const std::vector<double> reference = TreeReference<Counted>(grid);
+  const State reference = TreeReference<Counted>(grid);
   ASSERT_EQ(Counted::live.load(), 0);
   Counted::peak = 0;
   PassOptions options;
   options.threads = kThreads;
   options.delays = true;
-  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<Counted>(grid, options)), reference));
+  EXPECT_TRUE(SameState(StateOf(DriverPass<Counted>(grid, options)), reference));
   EXPECT_EQ(Counted::live.load(), 0);
   const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
   const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;
