@@ -59,23 +59,19 @@ struct BatchOf {
 // and 6 lie outside; the tables make column 1 constant.
 struct SKind {
   using Matrix = SMatrixListwise;
-  using Foreign = NSMatrixListwise;
   static constexpr const char* kSource = "backend/vorel/smatrixlistwise";
   static Matrix Make() { return Matrix(1, 6); }
   static Matrix Wider() { return Matrix(1, 7); }
   static Matrix Shifted() { return Matrix(0, 5); }  // same size, other bounds
-  static Foreign MakeForeign() { return Foreign(1, 3, 6); }
   static constexpr std::size_t kFirst = 0;
 };
 
 struct NSKind {
   using Matrix = NSMatrixListwise;
-  using Foreign = SMatrixListwise;
   static constexpr const char* kSource = "backend/vorel/nsmatrixlistwise";
   static Matrix Make() { return Matrix(1, 3, 6); }  // sets {1, 2} and {3, 4, 5}
   static Matrix Wider() { return Matrix(1, 3, 7); }
   static Matrix Shifted() { return Matrix(1, 2, 6); }
-  static Foreign MakeForeign() { return Foreign(1, 6); }
   static constexpr std::size_t kFirst = 2;
 };
 
@@ -242,12 +238,6 @@ TYPED_TEST(ListwiseBlock, MergeThroughTheBase) {
   EXPECT_EQ(this->Cells(filled), twice);
   EXPECT_EQ(filled.RegWeightSum(), target.RegWeightSum());
   EXPECT_EQ(filled.Mean(4), target.Mean(4));
-
-  // Merging across classes is refused.
-  auto foreign = TypeParam::MakeForeign();
-  batch.Fill(t, 0, 8);
-  foreign += batch.batch;
-  EXPECT_VOREL_ASSERT(base += foreign, "d != nullptr", testing::kMergeSource);
 }
 
 TYPED_TEST(ListwiseBlock, AccessorAndMergePreconditions) {
@@ -273,32 +263,6 @@ TYPED_TEST(ListwiseBlock, AccessorAndMergePreconditions) {
                       source);
   EXPECT_VOREL_ASSERT(target += weighted, "_hasRegWeights == d._hasRegWeights", source);
   EXPECT_EQ(target.NRows(), 4);
-}
-
-TYPED_TEST(ListwiseBlock, CopiesAreDeepAndMovesTakeTheRecord) {
-  const Table t = RandomTable(17, 6, 7, Weighting::kWeights, true);
-  auto source = TypeParam::Make();
-  BatchOf batch(t, 0, 6, 6);
-  source += batch.batch;
-  const std::vector<double> cells = this->Cells(source);
-
-  typename TypeParam::Matrix copy(source);
-  auto assigned = TypeParam::Shifted();
-  assigned = source;
-  assigned = static_cast<const typename TypeParam::Matrix&>(assigned);
-  batch.Fill(t, 0, 6);
-  source += batch.batch;
-  EXPECT_EQ(source.NRows(), 12);
-  EXPECT_EQ(this->Cells(copy), cells);
-  EXPECT_EQ(this->Cells(assigned), cells);
-  EXPECT_EQ(assigned.Col1(), source.Col1());
-
-  typename TypeParam::Matrix moved(std::move(copy));
-  EXPECT_EQ(this->Cells(moved), cells);
-  copy = source;  // a moved-from matrix can be assigned to
-  EXPECT_EQ(copy.NRows(), 12);
-  assigned = std::move(moved);
-  EXPECT_EQ(assigned.NRows(), 6);
 }
 
 // ---- the shapes and bounds of each class ----------------------------------

@@ -156,15 +156,31 @@ TEST(StateRoundTrip, BoundsMissingCodeAndFlagsComeBack) {
   EXPECT_EQ(shaped.NVar(), 9);
 }
 
-// A copy of the bytes, so the loaded object cannot lean on the saved buffer.
-TEST(StateRoundTrip, LoadedObjectOwnsItsRecord) {
-  MatrixListwise loaded = [] {
-    const Bytes bytes = Filled<MatrixListwise>(21, {true, false}).SaveState();
-    return MatrixListwise::LoadState(bytes);
-  }();
-  const MatrixListwise again = Reloaded(loaded);
-  ExpectSameState(loaded, again);
-  EXPECT_GT(loaded.Mean(0), 0.0);
+// Copies are deep: rows added to the original later reach none of them. A
+// move hands the record over, and a moved-from object takes an assignment.
+// Merging an object of another class through MatrixBase& is refused.
+TYPED_TEST(StateRoundTrip, CopiesMovesAndForeignMerges) {
+  TypeParam original = Filled<TypeParam>(31, {true, true});
+  const Bytes state = original.SaveState();
+  TypeParam copy(original), assigned = Empty<TypeParam>(), merged = Empty<TypeParam>();
+  assigned = original;
+  merged += original;  // into an empty object: a copy
+  assigned = static_cast<const TypeParam&>(assigned);
+  Add(original, Rows(32, {true, true}, 7), 0, 7);
+  for (const TypeParam* c : {&copy, &assigned, &merged})
+    EXPECT_TRUE(c->SaveState() == state);
+  TypeParam moved(std::move(copy));
+  EXPECT_TRUE(moved.SaveState() == state);
+  copy = original;  // NOLINT(bugprone-use-after-move): a moved-from object can be assigned to
+  EXPECT_TRUE(copy.SaveState() == original.SaveState());
+  if constexpr (std::is_base_of_v<MatrixBase, TypeParam>) {
+    using Other = std::conditional_t<std::is_same_v<TypeParam, SMatrixListwise>, NSMatrixListwise,
+                                     SMatrixListwise>;
+    Other other = Filled<Other>(33, {true, true});
+    MatrixBase& base = moved;
+    EXPECT_VOREL_ASSERT(base += other, "d != nullptr", kMergeSource);
+    EXPECT_TRUE(moved.SaveState() == state);
+  }
 }
 
 // ---------------------------------------------------------------- another process
