@@ -94,39 +94,25 @@ inline ::testing::AssertionResult SameState(const State& a, const State& b) {
          << "states of " << a.size() << " and " << b.size() << " bytes differ at byte " << at;
 }
 
-// How each class is made and fed.
+// A fresh result of each class, in the shape the tests give it.
 template <class R>
-struct Kind {
-  static R Fresh() { return R(); }
-};
-template <>
-struct Kind<MatrixPairwise> {
-  static MatrixPairwise Fresh() { return MatrixPairwise(kCode); }
-};
-template <>
-struct Kind<SMatrixListwise> {
-  static SMatrixListwise Fresh() { return SMatrixListwise(1, 5); }
-};
-template <>
-struct Kind<NSMatrixListwise> {
-  static NSMatrixListwise Fresh() { return NSMatrixListwise(0, 2, 5); }
-};
-template <>
-struct Kind<SMatrixPairwise> {
-  static SMatrixPairwise Fresh() { return SMatrixPairwise(kCode, 0, 5); }
-};
-template <>
-struct Kind<NSMatrixPairwise> {
-  static NSMatrixPairwise Fresh() { return NSMatrixPairwise(kCode, 0, 3, 5); }
-};
-template <>
-struct Kind<DiscriminantMatrix> {
-  static DiscriminantMatrix Fresh() { return DiscriminantMatrix(kGroups, kColumns); }
-};
-template <>
-struct Kind<DiscIndividualMatrix> {
-  static DiscIndividualMatrix Fresh() { return DiscIndividualMatrix(kGroups, kColumns); }
-};
+R Fresh() {
+  if constexpr (std::is_same_v<R, MatrixPairwise>)
+    return R(kCode);
+  else if constexpr (std::is_same_v<R, SMatrixListwise>)
+    return R(1, 5);
+  else if constexpr (std::is_same_v<R, NSMatrixListwise>)
+    return R(0, 2, 5);
+  else if constexpr (std::is_same_v<R, SMatrixPairwise>)
+    return R(kCode, 0, 5);
+  else if constexpr (std::is_same_v<R, NSMatrixPairwise>)
+    return R(kCode, 0, 3, 5);
+  else if constexpr (std::is_same_v<R,
+                                    DiscriminantMatrix> || std::is_same_v<R, DiscIndividualMatrix>)
+    return R(kGroups, kColumns);
+  else
+    return R();
+}
 
 // Rows [begin, end) of t as the batch that R takes. Not thread-safe (the
 // batch helpers share their row cells): call it under a lock.
@@ -153,7 +139,7 @@ struct Grid {
 // A fresh result holding one block.
 template <class R>
 R ReduceBlock(const Grid& grid, std::uint64_t block) {
-  R r = Kind<R>::Fresh();
+  R r = Fresh<R>();
   auto batch = BlockBatch<R>(grid.t, grid.Begin(block), grid.End(block));
   r += batch;
   return r;
@@ -173,7 +159,7 @@ R Subtree(const Grid& grid, unsigned level, std::uint64_t first) {
 }
 template <class R>
 State TreeReference(const Grid& grid) {
-  R total = Kind<R>::Fresh();
+  R total = Fresh<R>();
   std::uint64_t first = 0;
   for (int level = 63; level >= 0; --level) {
     const std::uint64_t size = std::uint64_t{1} << level;
@@ -235,7 +221,7 @@ template <class R>
 struct DriverPassProblem : ProblemBase {
   DriverPassProblem(const Grid& g, const PassOptions& o, const typename BlockTree<R>::Factory& f)
       : grid(g), options(o), tree(f) {
-    if (!options.reproducible) shared.emplace(Kind<R>::Fresh());
+    if (!options.reproducible) shared.emplace(Fresh<R>());
   }
   WorkerBase* CreateWorker() override;
   const Grid& grid;
@@ -249,7 +235,7 @@ template <class R>
 struct DriverPassWorker : WorkerBase {
   using Batch = decltype(BlockBatch<R>(std::declval<const Grid&>().t, 0, 1));
   explicit DriverPassWorker(DriverPassProblem<R>& pass) : p(pass) {
-    if (!p.options.reproducible) own.emplace(Kind<R>::Fresh());
+    if (!p.options.reproducible) own.emplace(Fresh<R>());
   }
   bool ReadBatch() override {
     if (p.nextBlock == p.grid.Blocks()) return false;
@@ -290,7 +276,7 @@ WorkerBase* DriverPassProblem<R>::CreateWorker() {
 
 template <class R>
 R DriverPass(const Grid& grid, const PassOptions& options,
-             const typename BlockTree<R>::Factory& fresh = Kind<R>::Fresh) {
+             const typename BlockTree<R>::Factory& fresh = Fresh<R>) {
   DriverPassProblem<R> pass(grid, options, fresh);
   Driver(&pass, options.threads);
   return options.reproducible ? pass.tree.Finish() : std::move(*pass.shared);

@@ -46,10 +46,10 @@ TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
     SCOPED_TRACE(::testing::Message() << "order " << trial);
     if (trial == 1) std::reverse(order.begin(), order.end());
     if (trial > 1) std::shuffle(order.begin(), order.end(), std::mt19937(trial));
-    BlockTree<R> tree(Kind<R>::Fresh);
+    BlockTree<R> tree(Fresh<R>);
     for (std::size_t i = 0; i < order.size(); ++i)
       tree.NextBlock();
-    R arrival = Kind<R>::Fresh();
+    R arrival = Fresh<R>();
     for (const std::uint64_t block : order) {
       R reduced = ReduceBlock<R>(grid, block);
       arrival += reduced;
@@ -117,7 +117,7 @@ std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> Splits(std::ui
 // comes back through a loop over its nodes, as from a saved state.
 template <class R>
 BlockForest<R> PartForest(const Grid& grid, std::uint64_t first, std::uint64_t end, unsigned seed) {
-  BlockTree<R> tree(Kind<R>::Fresh, first);
+  BlockTree<R> tree(Fresh<R>, first);
   std::vector<std::uint64_t> blocks;
   for (std::uint64_t b = first; b < end; ++b)
     blocks.push_back(tree.NextBlock());
@@ -156,7 +156,7 @@ TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
     for (BlockForest<R>& forest : forests)
       whole.Combine(std::move(forest));
     EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
-    R total = Kind<R>::Fresh();
+    R total = Fresh<R>();
     whole.AddTo(total);
     EXPECT_TRUE(SameState(StateOf(total), reference));
   }

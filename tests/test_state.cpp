@@ -59,7 +59,7 @@ void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
 
 template <class T>
 T Empty() {
-  return blocktree::Kind<T>::Fresh();
+  return blocktree::Fresh<T>();
 }
 
 template <class T>
