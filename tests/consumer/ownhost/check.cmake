@@ -2,13 +2,7 @@
 # SOURCE_DIR with the host implementation of host.cpp in place of vorel::host.
 #   cmake -DVOREL_SOURCE_DIR=... -DWORK_DIR=... -DCOMPILER=... [-DLAUNCHER=ccache] -P check.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "command failed (${rc}): ${ARGN}\n${out}\n${err}")
-  endif()
-  set(LAST_OUTPUT "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../run.cmake)
 
 # Unoptimised: the point is the linking, and it keeps the build short.
 run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR} -DCMAKE_BUILD_TYPE=Debug

@@ -67,30 +67,36 @@ bool SetThreadIdealProcessor(ThreadHandle, unsigned cpu) {
 
 tpCompleteTask::tpCompleteTask(int count) : _expected(count) {}
 
+// The waiter checks the count itself, so every signal and every new target
+// wakes it.
 bool tpCompleteTask::set(int count) {
-  if (count < 0) return false;
+  const bool valid = count >= 0;
   std::lock_guard<std::mutex> lock(_mutex);
-  _expected = count;
+  _expected = valid ? count : _expected;
   _allDone.notify_all();
-  return true;
+  return valid;
 }
 
 void tpCompleteTask::TaskDone() {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (++_finished >= _expected) _allDone.notify_all();
+  ++_finished;
+  _allDone.notify_all();
 }
 
 void tpCompleteTask::TaskFailed(std::exception_ptr failure) noexcept {
   requestStop();
-  std::lock_guard<std::mutex> lock(_mutex);
-  if (_firstFailure == nullptr) _firstFailure = std::move(failure);
-  if (++_finished >= _expected) _allDone.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_firstFailure) _firstFailure = std::move(failure);
+  }
+  TaskDone();
 }
 
 bool tpCompleteTask::waitAll() {
   std::unique_lock<std::mutex> lock(_mutex);
-  _allDone.wait(lock, [this] { return _finished >= _expected; });
-  return _firstFailure == nullptr;
+  while (_finished < _expected)
+    _allDone.wait(lock);
+  return !_firstFailure;
 }
 
 std::exception_ptr tpCompleteTask::firstFailure() const {
