@@ -315,13 +315,20 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
         std::vector<double> combined;
         for (int i = 0; i < s.n; ++i)
           combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
-        const auto want = [&](int c, int d, double code) {
-          return RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
-        };
-        // Whether the job leaves the pair (or column) to the caller: with a
-        // NaN code no cell is missing.
+        // What the job gives for a pair (or a column, c == d), or leaves to
+        // the caller untouched: with a NaN code no cell is missing.
         const auto leftOut = [&](bool completePairs, double code, int c, int d) {
           return !completePairs && (std::isnan(code) || (!missing[c] && !missing[d]));
+        };
+        const auto wantPair = [&](bool completePairs, double code, int c, int d) {
+          return leftOut(completePairs, code, c, d)
+                     ? Fields(untouchedPair)
+                     : PairFields(RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n));
+        };
+        const auto wantColumn = [&](bool completePairs, double code, int c) {
+          return leftOut(completePairs, code, c, c)
+                     ? Fields(untouchedColumn)
+                     : VarFields(RefInit(b.Column(c), b.Column(c), wp, rwp, code, s.n));
         };
 
         for (const double code : {kCode, kNaN}) {
@@ -342,15 +349,10 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
             MaskedPairs(job);
             std::size_t k = 0;
             for (int c = 0; c < s.p; ++c) {
-              const std::vector<double> column = leftOut(completePairs, code, c, c)
-                                                     ? Fields(untouchedColumn)
-                                                     : VarFields(want(c, c, code));
-              EXPECT_PRED2(SameFields, Fields(columns[c]), column) << c;
+              EXPECT_PRED2(SameFields, Fields(columns[c]), wantColumn(completePairs, code, c)) << c;
               for (int d = 0; d < c; ++d, ++k) {
-                const std::vector<double> pair = leftOut(completePairs, code, c, d)
-                                                     ? Fields(untouchedPair)
-                                                     : PairFields(want(c, d, code));
-                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << c << "," << d;
+                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, c, d))
+                    << c << "," << d;
               }
             }
 
@@ -369,16 +371,13 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
             k = 0;
             for (int r = 0; r < split; ++r)
               for (int c = split; c < s.p; ++c, ++k) {
-                const std::vector<double> pair = leftOut(completePairs, code, r, c)
-                                                     ? Fields(untouchedPair)
-                                                     : PairFields(want(r, c, code));
-                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << r << "," << c;
+                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, r, c))
+                    << r << "," << c;
               }
             for (int c = split; c < s.p; ++c) {
-              const std::vector<double> column = leftOut(completePairs, code, c, c)
-                                                     ? Fields(untouchedColumn)
-                                                     : VarFields(want(c, c, code));
-              EXPECT_PRED2(SameFields, Fields(columns[c - split]), column) << c;
+              EXPECT_PRED2(SameFields, Fields(columns[c - split]),
+                           wantColumn(completePairs, code, c))
+                  << c;
             }
           }
         }
