@@ -53,11 +53,15 @@ struct Extremes {
   std::vector<std::uint64_t> counts;
   std::vector<figures::Range> ranges;
   std::vector<figures::Constancy> pairConstancy;
+  std::vector<double> weightSquares;  // see PassResult::weightSquares
 
-  Extremes(unsigned nValues, bool pairwise)
+  Extremes(unsigned nValues, bool pairwise, bool keepWeightSquares)
       : counts(nValues, 0),
         ranges(nValues),
-        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
+        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0),
+        weightSquares(!keepWeightSquares ? 0
+                      : pairwise         ? figures::TriangleSize(nValues)
+                                         : 1) {}
 
   void Add(const Extremes& o) {
     for (std::size_t c = 0; c < counts.size(); ++c) {
@@ -66,6 +70,8 @@ struct Extremes {
     }
     for (std::size_t c = 0; c < pairConstancy.size(); ++c)
       pairConstancy[c].Include(o.pairConstancy[c]);
+    for (std::size_t c = 0; c < weightSquares.size(); ++c)
+      weightSquares[c] += o.weightSquares[c];
   }
 };
 
@@ -155,12 +161,14 @@ class GroupRows {
       const std::vector<double> origin =
           figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
       std::size_t last = first;
+      double weightSquares = 0.0;
       _batch.Clear();
       for (; last < n && _codes[_order[last]] == code; ++last) {
         const double* row = Row(last);
         for (unsigned i = 0; i < _nValues; ++i)
           _moved[i] = row[i] - origin[i];
         _weight = _weights[_order[last]];
+        weightSquares += _weight * _weight;
         _batch.AddRow(_moved.data());
       }
       vorel::MatrixListwise part;
@@ -171,7 +179,7 @@ class GroupRows {
           _cscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
       }
       group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
-                 table.Within());
+                 table.Within(), weightSquares);
       first = last;
     }
     _codes.clear();
@@ -204,7 +212,7 @@ class StatProblem : public vorel::ProblemBase {
         _layout(layout),
         _rules(rules),
         _options(options),
-        _extremes(layout.NValues(), options.pairwise),
+        _extremes(layout.NValues(), options.pairwise, options.weightSquares),
         _texts(layout.NValues()) {
     if (options.pairwise) {
       _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
@@ -258,7 +266,7 @@ class StatWorker : public vorel::WorkerBase {
         _batch(problem._layout.NValues(), problem._options.batchRows,
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem._layout.NValues(), _pairwise),
+        _extremes(problem._layout.NValues(), _pairwise, problem._options.weightSquares),
         _texts(problem._layout.NValues()) {
     if (_pairwise) {
       _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
@@ -365,6 +373,7 @@ class StatWorker : public vorel::WorkerBase {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
     if (_pairwise) UpdatePairConstancy();
+    if (!_extremes.weightSquares.empty()) UpdateWeightSquares();
     if (_listwiseMatrix) *_listwiseMatrix += _batch;
     if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
     _batch.Clear();
@@ -405,6 +414,31 @@ class StatWorker : public vorel::WorkerBase {
         for (unsigned r = 0; r < n; ++r) {
           if (Present(xi[r]) && Present(xj[r]) && !constancy.Include(xi[r])) break;
         }
+      }
+    }
+  }
+
+  // Row after row, as the weights are added; under pairwise deletion over the
+  // rows where both columns of a pair are present.
+  void UpdateWeightSquares() {
+    const unsigned n = _batch.NRows();
+    const double* w = _batch.Weights();
+    if (!_pairwise) {
+      double sum = _extremes.weightSquares[0];
+      for (unsigned r = 0; r < n; ++r)
+        sum += w[r] * w[r];
+      _extremes.weightSquares[0] = sum;
+      return;
+    }
+    for (unsigned i = 0; i < _batch.NColumns(); ++i) {
+      const double* xi = _batch.Column(i);
+      for (unsigned j = 0; j <= i; ++j) {
+        const double* xj = _batch.Column(j);
+        double sum = _extremes.weightSquares[figures::TriangleIndex(i, j)];
+        for (unsigned r = 0; r < n; ++r) {
+          if (Present(xi[r]) && Present(xj[r])) sum += w[r] * w[r];
+        }
+        _extremes.weightSquares[figures::TriangleIndex(i, j)] = sum;
       }
     }
   }
@@ -475,6 +509,7 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   result.cellCounts = std::move(problem._extremes.counts);
   result.ranges = std::move(problem._extremes.ranges);
   result.pairConstancy = std::move(problem._extremes.pairConstancy);
+  result.weightSquares = std::move(problem._extremes.weightSquares);
   result.listwise = std::move(problem._listwise);
   result.pairwise = std::move(problem._pairwise);
   if (problem._groups) {

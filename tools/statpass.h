@@ -48,6 +48,8 @@ struct PassOptions {
   unsigned batchRows = 4096;
   // Each group keeps its own corrected cross-products, for its own covariance.
   bool groupCovariance = false;
+  // Keep the sums of squared weights that analytic weights divide by.
+  bool weightSquares = false;
   // Called in the serial stage after each chunk with the bytes read so far.
   std::function<void(std::uint64_t)> onProgress;
 };
@@ -82,6 +84,10 @@ struct PassResult {
   // Pairwise only: k x k, entry (i, j) whether column i holds one value on
   // the rows where columns i and j are both present.
   std::vector<figures::Constancy> pairConstancy;
+  // With PassOptions::weightSquares: the sum of the squared weights of the
+  // rows used, one entry under listwise deletion, and under pairwise deletion
+  // a triangle (figures::TriangleIndex) over the rows where both are present.
+  std::vector<double> weightSquares;
 
   // Exactly one of the two is set.
   std::unique_ptr<vorel::MatrixListwise> listwise;

@@ -30,6 +30,10 @@ struct Options {
   std::string format = "table";
   std::string delimiter = "auto";
   bool noProgress = false;
+  int ddof = 1;
+  std::string weightKind = "frequency";
+  std::vector<std::string> exclude;
+  std::vector<std::string> sections{"all"};
 };
 
 void DefineOptions(CLI::App& app, Options& options);
