@@ -130,7 +130,7 @@ void GroupTables(std::FILE* out, const Report& report) {
       static const char* const kHead[] = {"group", "n", "weight"};
       if (r == 0) return c < 3 ? std::string(kHead[c]) : report.columns[c - 3].name;
       const figures::GroupMoments& g = report.Group(r - 1);
-      if (c == 0) return std::to_string(report.GroupCode(r - 1));
+      if (c == 0) return report.Label(r - 1).Display();
       if (c == 1) return std::to_string(g.Rows());
       if (c == 2) return Short(g.Weight());
       return Short(value(r - 1, c - 3));
@@ -141,7 +141,7 @@ void GroupTables(std::FILE* out, const Report& report) {
     Put(out, "\nStandard deviations by group of " + report.groupColumn + "\n");
     groupTable([&](std::size_t g, std::size_t i) { return report.GroupSd(g, i); });
     for (std::size_t g = 0; g < report.NGroups(); ++g) {
-      Put(out, "\nCovariance in group " + std::to_string(report.GroupCode(g)) + "\n");
+      Put(out, "\nCovariance in group " + report.Label(g).Display() + "\n");
       SquareTable(out, report, [&](std::size_t i, std::size_t j) {
         return Short(report.GroupCovariance(g, i, j));
       });
@@ -293,7 +293,7 @@ void WriteCsv(const Report& report, std::FILE* out) {
   if (!report.Grouped()) return;
   for (std::size_t g = 0; g < report.NGroups() && report.Shows(kGroupsSection); ++g) {
     const figures::GroupMoments& group = report.Group(g);
-    const std::string code = std::to_string(report.GroupCode(g));
+    const std::string code = CsvField(report.Label(g).Display());
     csv.Add("group", code, "", "", "n", std::to_string(group.Rows()));
     csv.Add("group", code, "", "", "weight", RoundTrip(group.Weight()));
     for (std::size_t i = 0; i < k; ++i) {
@@ -396,6 +396,11 @@ std::string JsonNumber(double value) {
 }
 std::string JsonNumber(std::uint64_t value) { return std::to_string(value); }
 std::string JsonName(const std::string& name) { return name.empty() ? "null" : JsonString(name); }
+// A number label as a number, a text label as a string.
+std::string JsonLabel(const GroupLabel& label) {
+  const std::string text = label.Display();
+  return label.GetKind() == GroupLabel::Kind::kText ? JsonString(text) : text;
+}
 
 // A k x k matrix, a row a line, each cell from `cell`.
 template <class Cell>
@@ -480,7 +485,7 @@ void WriteJson(const Report& report, std::FILE* out) {
     Put(out, ",\n  \"groups\": [");
     for (std::size_t g = 0; g < report.NGroups(); ++g) {
       const figures::GroupMoments& group = report.Group(g);
-      Put(out, std::string(g ? "," : "") + "\n    {\"code\": " + std::to_string(report.GroupCode(g))
+      Put(out, std::string(g ? "," : "") + "\n    {\"code\": " + JsonLabel(report.Label(g))
                    + ", \"n\": " + JsonNumber(group.Rows())
                    + ", \"weight\": " + JsonNumber(group.Weight())
                    + ", \"means\": " + JsonArray(k, [&](std::size_t i) { return group.Mean(i); }));

@@ -96,7 +96,9 @@ class Report {
 
   bool Grouped() const { return _pass.grouped; }
   std::size_t NGroups() const { return _pass.groups.size(); }
-  long long GroupCode(std::size_t g) const { return _pass.groupCodes[g]; }
+  const GroupLabel& Label(std::size_t g) const { return _pass.groupLabels[g]; }
+  // The number of a whole-number label.
+  long long GroupCode(std::size_t g) const { return Label(g).Whole(); }
   const figures::GroupMoments& Group(std::size_t g) const { return _pass.groups[g]; }
   double GroupSd(std::size_t g, std::size_t i) const;
   double GroupCovariance(std::size_t g, std::size_t i, std::size_t j) const;

@@ -26,9 +26,19 @@ void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("-w,--weight", o.choice.weight, "Frequency weight column");
   app.add_option("-r,--reg-weight", o.choice.regWeight,
                  "Regression weight column, multiplied into the weight for means and sums");
-  app.add_option("-g,--group", o.choice.group, "Group column: whole-number group codes");
-  app.add_option("--group-range", o.groupRange, "Range LO:HI of the group codes")
-      ->capture_default_str();
+  app.add_option("-g,--group", o.choice.group,
+                 "Group column: labels of any kind, numbers (1 and 1.0 are one group) or texts");
+  app.add_option("--group-range", o.groupRange,
+                 "Range LO:HI that every group must be a whole number within (default: no check)");
+  app.add_option("--group-order", o.groupOrder,
+                 "Order of the groups in the report: sorted (numbers by value, then texts) or "
+                 "first (as they first appear in the file)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"sorted", "first"}));
+  app.add_option("--max-groups", o.maxGroups,
+                 "The most distinct groups; a group column with more is an error")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000000}));
   app.add_flag("--group-covariance", o.groupCovariance,
                "Also each group's own standard deviations and covariance matrix");
   auto* pairwise =
@@ -136,6 +146,8 @@ CellRules MakeCellRules(const Options& o) {
         "(to count NaN text as missing, give it to --missing-text)");
   }
   rules.nonNumericIsMissing = o.nonNumeric == "missing";
+  rules.checkGroupRange = !o.groupRange.empty();
+  if (!rules.checkGroupRange) return rules;
   const std::size_t colon = o.groupRange.find(':');
   if (colon == std::string::npos) {
     throw UsageError("--group-range takes LO:HI, not \"" + o.groupRange + "\"");
@@ -304,6 +316,8 @@ ToolRun RunPasses(const Options& o, bool progress) {
     passOptions.batchRows = o.batchRows;
     passOptions.groupCovariance = o.groupCovariance;
     passOptions.weightSquares = o.weightKind == "analytic";
+    passOptions.groupsInFileOrder = o.groupOrder == "first";
+    passOptions.mostGroups = o.maxGroups;
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
     PassResult pass = RunPass(reader, layout, rules, passOptions);
     bar.Finish();

@@ -16,7 +16,9 @@ namespace vorelstat {
 struct Options {
   std::string path;
   ColumnChoice choice;
-  std::string groupRange = "0:999";
+  std::string groupRange;  // empty: no check
+  std::string groupOrder = "sorted";
+  std::size_t maxGroups = 100000;
   bool pairwise = false;
   bool listwise = false;
   std::optional<double> missingCode;

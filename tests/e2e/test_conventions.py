@@ -188,5 +188,79 @@ class ColumnsAndSections(unittest.TestCase):
                 self.assertEqual(done.stdout, "")
 
 
+class GroupLabels(unittest.TestCase):
+    """Groups of any label against pandas' groupby on the same file."""
+
+    def check_against_pandas(self, frame, group, columns, report, sort=True):
+        complete = frame.dropna(subset=columns + [group])
+        grouped = complete.groupby(group, sort=sort)
+        labels = list(grouped.groups.keys()) if sort else list(complete[group].unique())
+        self.assertEqual([g["code"] for g in report["groups"]], labels)
+        means = grouped[columns].mean()
+        within = sum((len(rows) - 1) * rows[columns].cov().to_numpy() for _, rows in grouped)
+        for g in report["groups"]:
+            self.assertEqual(g["n"], int(grouped.size()[g["code"]]))
+            np.testing.assert_allclose(g["means"], means.loc[g["code"]].to_numpy(), rtol=1e-12)
+        self.assertEqual(report["pooled_divisor"], len(complete) - len(labels))
+        np.testing.assert_allclose(matrix(report, "pooled_covariance"),
+                                   within / (len(complete) - len(labels)), rtol=1e-10)
+
+    def species_frame(self, rows=3000):
+        rng = np.random.default_rng(SEED)
+        species = np.array(["versicolor", "setosa", "virginica", "Iris, other", "setosa-x"])
+        return pd.DataFrame({
+            "Species": species[rng.integers(0, len(species), rows)],
+            "x": rng.normal(5.0, 1.0, rows),
+            "y": rng.normal(3.0, 0.5, rows),
+        })
+
+    def test_text_labels_sorted_and_in_order_of_first_appearance(self):
+        frame = self.species_frame()
+        with TempCsv(frame.to_csv(index=False, float_format="%.17g")) as path:
+            sorted_report = run_json(path, "-g", "Species", "-c", "x,y")
+            self.check_against_pandas(frame, "Species", ["x", "y"], sorted_report)
+            first = None
+            for threads, read in (("1", "1M"), ("2", "256"), ("8", "64"), ("3", "1k")):
+                with self.subTest(threads=threads, read=read):
+                    report = run_json(path, "-g", "Species", "-c", "x,y", "--group-order", "first",
+                                      "-j", threads, "--read-size", read)
+                    self.check_against_pandas(frame, "Species", ["x", "y"], report, sort=False)
+                    codes = [g["code"] for g in report["groups"]]
+                    self.assertEqual(codes, first or codes)
+                    first = codes
+
+    def test_pandas_decimal_codes_and_years_need_no_range(self):
+        rng = np.random.default_rng(SEED + 1)
+        rows = 500
+        frame = pd.DataFrame({
+            "code": pd.array(rng.integers(1, 4, rows), dtype="Int64"),
+            "year": rng.integers(1990, 2021, rows),
+            "x": rng.normal(0.0, 1.0, rows),
+        })
+        frame.loc[rng.random(rows) < 0.1, "code"] = pd.NA
+        text = frame.astype({"code": "float64"}).to_csv(index=False)
+        self.assertIn("\n1.0,", text)
+        with TempCsv(text) as path:
+            codes = run_json(path, "-g", "code", "-c", "x")
+            years = run_json(path, "-g", "year", "-c", "x")
+            checked = run(path, "-g", "year", "-c", "x", "--group-range", "1990:2000")
+        pandas_frame = frame.astype({"code": "float64"})
+        self.check_against_pandas(pandas_frame, "code", ["x"], codes)
+        self.assertEqual(codes["rows"]["without_group"], int(frame["code"].isna().sum()))
+        self.check_against_pandas(frame, "year", ["x"], years)
+        self.assertEqual(checked.returncode, 1)
+        self.assertIn("outside the group range 1990..2000", checked.stderr)
+
+    def test_too_many_labels_is_an_error_naming_the_line(self):
+        lines = "".join(f"id{i},{i % 7}\n" for i in range(50))
+        with TempCsv("g,x\n" + lines) as path:
+            done = run(path, "-g", "g", "-c", "x", "--max-groups", "20", "-j", "1")
+            fine = run_json(path, "-g", "g", "-c", "x", "--max-groups", "50")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("line 22, column 1 (\"g\"): the group column holds more than 20 distinct", done.stderr)
+        self.assertEqual(done.stdout, "")
+        self.assertEqual(len(fine["groups"]), 50)
+
+
 if __name__ == "__main__":
     unittest.main()
