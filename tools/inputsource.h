@@ -1,0 +1,45 @@
+// The bytes of an input read one after the other, decompressed on the way
+// when the input is compressed.
+//
+// gzip and zstd input is recognised by its first bytes, whatever the file's
+// name, and decompressed here with zlib and libzstd, a bounded buffer at a
+// time: memory stays a few hundred kilobytes whatever the size of the input.
+// A gzip file of several members (as `cat a.gz b.gz` or pigz make) and a zstd
+// file of several frames read as the concatenation of their contents.
+// Compressed input that ends before its last member or frame does, or whose
+// data is corrupt, is an error that says so; so is a gzip member followed by
+// bytes that are no gzip member.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace vorelstat {
+
+enum class Compression { kNone, kGzip, kZstd };
+
+// The compression that the first bytes of an input announce; kNone for
+// anything else. Four bytes are enough to tell.
+inline constexpr std::size_t kCompressionMagicSize = 4;
+Compression CompressionOf(std::string_view head);
+// "gzip" or "zstd"; "" for kNone.
+const char* CompressionName(Compression compression);
+
+class ByteSource {
+ public:
+  virtual ~ByteSource() = default;
+  // Reads up to `count` bytes (count > 0) into `into`; returns how many came,
+  // 0 only at the end of the input. Throws DataError naming `path` on a read
+  // error, truncated or corrupt data.
+  virtual std::size_t Read(char* into, std::size_t count) = 0;
+};
+
+// A source over the open descriptor `fd`, of which the bytes `head` were read
+// already (at most kCompressionMagicSize): plain bytes for kNone, else
+// decompressed. Does not own `fd`.
+std::unique_ptr<ByteSource> OpenSource(int fd, std::string path, std::string_view head,
+                                       Compression compression);
+
+}  // namespace vorelstat
