@@ -120,21 +120,11 @@ ChunkReader::~ChunkReader() {
 }
 
 void ChunkReader::OpenInput() {
-  // The first bytes tell compressed input; they are read like the rest, and
-  // the source hands them out again.
-  char head[kCompressionMagicSize];
-  std::size_t got = 0;
-  while (got < sizeof head) {
-    const ssize_t n = ::read(_fd, head + got, sizeof head - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
-    if (n == 0) break;
-    got += static_cast<std::size_t>(n);
-  }
-  _compression = CompressionOf(std::string_view(head, got));
+  OpenedSource opened = OpenByteSource(_fd, _path);
+  _compression = opened.compression;
   // Compressed input is read as a stream, whatever holds it.
   if (_compression != Compression::kNone) _fileSize.reset();
-  if (!Seekable()) _source = OpenSource(_fd, _path, std::string_view(head, got), _compression);
+  if (!Seekable()) _source = std::move(opened.source);
 }
 
 bool ChunkReader::Rereadable() const {

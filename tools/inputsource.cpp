@@ -19,14 +19,30 @@ constexpr std::size_t kCompressedBuffer = std::size_t{256} << 10;
 
 constexpr std::string_view kGzipMagic = "\x1F\x8B";
 constexpr std::string_view kZstdMagic = "\x28\xB5\x2F\xFD";
+constexpr std::size_t kCompressionMagicSize = 4;
 
 // Raw bytes of the descriptor, those read ahead first.
 class DescriptorReader {
  public:
-  DescriptorReader(int fd, std::string path, std::string_view head)
-      : _fd(fd), _path(std::move(path)), _head(head) {}
+  DescriptorReader(int fd, std::string path) : _fd(fd), _path(std::move(path)) {}
+
+  // Hands `head` out again before the bytes that follow it.
+  void PutBack(std::string head) {
+    _head = std::move(head);
+    _served = 0;
+  }
 
   const std::string& Path() const { return _path; }
+
+  // Reads up to `count` bytes, fewer only at the end of the input.
+  std::string ReadHead(std::size_t count) {
+    std::string head(count, '\0');
+    std::size_t got = 0;
+    for (std::size_t n = 1; got < count && n != 0; got += n)
+      n = Read(head.data() + got, count - got);
+    head.resize(got);
+    return head;
+  }
 
   std::size_t Read(char* into, std::size_t count) {
     if (_served < _head.size()) {
@@ -179,18 +195,23 @@ const char* CompressionName(Compression compression) {
   return "";
 }
 
-std::unique_ptr<ByteSource> OpenSource(int fd, std::string path, std::string_view head,
-                                       Compression compression) {
-  DescriptorReader in(fd, std::move(path), head);
-  switch (compression) {
+OpenedSource OpenByteSource(int fd, std::string path) {
+  DescriptorReader in(fd, std::move(path));
+  std::string head = in.ReadHead(kCompressionMagicSize);
+  OpenedSource opened{CompressionOf(head), nullptr};
+  in.PutBack(std::move(head));
+  switch (opened.compression) {
     case Compression::kGzip:
-      return std::make_unique<GzipSource>(std::move(in));
+      opened.source = std::make_unique<GzipSource>(std::move(in));
+      break;
     case Compression::kZstd:
-      return std::make_unique<ZstdSource>(std::move(in));
+      opened.source = std::make_unique<ZstdSource>(std::move(in));
+      break;
     case Compression::kNone:
+      opened.source = std::make_unique<PlainSource>(std::move(in));
       break;
   }
-  return std::make_unique<PlainSource>(std::move(in));
+  return opened;
 }
 
 }  // namespace vorelstat

@@ -22,7 +22,6 @@ enum class Compression { kNone, kGzip, kZstd };
 
 // The compression that the first bytes of an input announce; kNone for
 // anything else. Four bytes are enough to tell.
-inline constexpr std::size_t kCompressionMagicSize = 4;
 Compression CompressionOf(std::string_view head);
 // "gzip" or "zstd"; "" for kNone.
 const char* CompressionName(Compression compression);
@@ -36,10 +35,15 @@ class ByteSource {
   virtual std::size_t Read(char* into, std::size_t count) = 0;
 };
 
-// A source over the open descriptor `fd`, of which the bytes `head` were read
-// already (at most kCompressionMagicSize): plain bytes for kNone, else
-// decompressed. Does not own `fd`.
-std::unique_ptr<ByteSource> OpenSource(int fd, std::string path, std::string_view head,
-                                       Compression compression);
+struct OpenedSource {
+  Compression compression = Compression::kNone;
+  std::unique_ptr<ByteSource> source;
+};
+
+// Reads the first bytes of the open descriptor `fd` to tell its compression,
+// and makes the source that hands out its bytes from there on, those first
+// bytes included: plain for kNone, else decompressed. Does not own `fd`.
+// Throws DataError naming `path` on a read error.
+OpenedSource OpenByteSource(int fd, std::string path);
 
 }  // namespace vorelstat
