@@ -120,7 +120,7 @@ ChunkReader::~ChunkReader() {
 }
 
 void ChunkReader::OpenInput() {
-  OpenedSource opened = OpenByteSource(_fd, _path);
+  OpenedSource opened = OpenByteSource(_fd, _path, _regularFile);
   _compression = opened.compression;
   // Compressed input is read as a stream, whatever holds it.
   if (_compression != Compression::kNone) _fileSize.reset();

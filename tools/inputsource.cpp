@@ -6,8 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <exception>
+#include <mutex>
 #include <new>
+#include <thread>
+#include <vector>
 
 #include "errors.h"
 
@@ -175,6 +181,100 @@ class ZstdSource : public ByteSource {
   bool _inFrame = false;
 };
 
+// Reads another source ahead on a thread of its own, at most kBlocks blocks,
+// so that decompression runs beside the threads that parse. Only over input
+// whose reads always come back (a regular file), so that the thread stops
+// when the reader is destroyed early.
+class ReadAheadSource : public ByteSource {
+ public:
+  explicit ReadAheadSource(std::unique_ptr<ByteSource> inner)
+      : _inner(std::move(inner)), _thread([this] { Run(); }) {}
+  ~ReadAheadSource() override {
+    {
+      const std::lock_guard<std::mutex> lock(_mutex);
+      _stop = true;
+    }
+    _changed.notify_all();
+    _thread.join();
+  }
+  ReadAheadSource(const ReadAheadSource&) = delete;
+  ReadAheadSource& operator=(const ReadAheadSource&) = delete;
+
+  std::size_t Read(char* into, std::size_t count) override {
+    std::unique_lock<std::mutex> lock(_mutex);
+    _changed.wait(lock, [this] { return !_full.empty() || _done; });
+    if (_full.empty()) {
+      if (_error) std::rethrow_exception(_error);
+      return 0;
+    }
+    Block& block = _full.front();
+    const std::size_t n = std::min(count, block.size - block.taken);
+    std::memcpy(into, block.data.get() + block.taken, n);
+    block.taken += n;
+    if (block.taken == block.size) {
+      _spare.push_back(std::move(block.data));
+      _full.pop_front();
+      _changed.notify_all();
+    }
+    return n;
+  }
+
+ private:
+  static constexpr std::size_t kBlock = std::size_t{1} << 20;
+  static constexpr std::size_t kBlocks = 4;
+
+  struct Block {
+    std::unique_ptr<char[]> data;
+    std::size_t size = 0;
+    std::size_t taken = 0;
+  };
+
+  void Run() {
+    try {
+      for (bool atEnd = false; !atEnd;) {
+        std::unique_ptr<char[]> data;
+        {
+          std::unique_lock<std::mutex> lock(_mutex);
+          _changed.wait(lock, [this] { return _stop || _full.size() < kBlocks; });
+          if (_stop) return;
+          if (!_spare.empty()) {
+            data = std::move(_spare.back());
+            _spare.pop_back();
+          }
+        }
+        if (!data) data.reset(new char[kBlock]);
+        std::size_t size = 0;
+        for (std::size_t n = 1; size < kBlock && n != 0; size += n)
+          n = _inner->Read(data.get() + size, kBlock - size);
+        atEnd = size < kBlock;
+        {
+          const std::lock_guard<std::mutex> lock(_mutex);
+          if (size != 0) _full.push_back({std::move(data), size, 0});
+          _done = atEnd;
+        }
+        _changed.notify_all();
+      }
+    } catch (...) {
+      {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _error = std::current_exception();
+        _done = true;
+      }
+      _changed.notify_all();
+    }
+  }
+
+  std::unique_ptr<ByteSource> _inner;  // read by the thread only
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::deque<Block> _full;
+  std::vector<std::unique_ptr<char[]>> _spare;
+  bool _done = false;  // the thread has read all it will
+  bool _stop = false;  // the reader is going away
+  std::exception_ptr _error;
+  std::thread _thread;  // last: starts once the rest is made
+};
+
 }  // namespace
 
 Compression CompressionOf(std::string_view head) {
@@ -195,7 +295,7 @@ const char* CompressionName(Compression compression) {
   return "";
 }
 
-OpenedSource OpenByteSource(int fd, std::string path) {
+OpenedSource OpenByteSource(int fd, std::string path, bool readAhead) {
   DescriptorReader in(fd, std::move(path));
   std::string head = in.ReadHead(kCompressionMagicSize);
   OpenedSource opened{CompressionOf(head), nullptr};
@@ -209,8 +309,9 @@ OpenedSource OpenByteSource(int fd, std::string path) {
       break;
     case Compression::kNone:
       opened.source = std::make_unique<PlainSource>(std::move(in));
-      break;
+      return opened;
   }
+  if (readAhead) opened.source = std::make_unique<ReadAheadSource>(std::move(opened.source));
   return opened;
 }
 

@@ -3,7 +3,7 @@
 //
 // gzip and zstd input is recognised by its first bytes, whatever the file's
 // name, and decompressed here with zlib and libzstd, a bounded buffer at a
-// time: memory stays a few hundred kilobytes whatever the size of the input.
+// time: memory stays a few megabytes whatever the size of the input.
 // A gzip file of several members (as `cat a.gz b.gz` or pigz make) and a zstd
 // file of several frames read as the concatenation of their contents.
 // Compressed input that ends before its last member or frame does, or whose
@@ -42,8 +42,11 @@ struct OpenedSource {
 
 // Reads the first bytes of the open descriptor `fd` to tell its compression,
 // and makes the source that hands out its bytes from there on, those first
-// bytes included: plain for kNone, else decompressed. Does not own `fd`.
-// Throws DataError naming `path` on a read error.
-OpenedSource OpenByteSource(int fd, std::string path);
+// bytes included: plain for kNone, else decompressed. With `readAhead`,
+// compressed input is decompressed ahead on a thread of its own, a few
+// megabytes at most; only for descriptors whose reads always come back (a
+// regular file). Does not own `fd`. Throws DataError naming `path` on a read
+// error.
+OpenedSource OpenByteSource(int fd, std::string path, bool readAhead);
 
 }  // namespace vorelstat

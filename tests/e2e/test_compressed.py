@@ -117,6 +117,20 @@ class Compressed(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertIn("corrupt gzip data", done.stderr)
 
+    def test_an_early_error_stops_the_decompression_ahead(self):
+        # The pass stops at line 3 while megabytes are still to be
+        # decompressed: the run ends with the error, no hang, no report.
+        text = b"a,b\n1,2\n3,x\n" + b"4,5\n" * 2000000
+        for name, data in (("gz", gzip.compress(text, 1)), ("zst", zstd_compress(text) if ZSTD else None)):
+            if data is None:
+                continue
+            with self.subTest(form=name):
+                path = self.write(f"early.csv.{name}", data)
+                done = run(path, "-c", "a,b")
+                self.assertEqual(done.returncode, 1, done.stderr)
+                self.assertIn('line 3, column 2 ("b")', done.stderr)
+                self.assertEqual(done.stdout, "")
+
     def test_a_column_with_late_text_is_read_twice_from_a_compressed_file(self):
         # Text past the first megabyte makes the tool read the file again
         # without that column: a compressed file can be, standard input not.
