@@ -17,13 +17,16 @@
 namespace vorelstat {
 
 void DefineOptions(CLI::App& app, Options& o) {
-  app.add_option("file", o.path, "Delimited text file with a header row (- for standard input)")
+  app.add_option("file", o.path,
+                 "Delimited text file with a header row, plain or compressed with gzip or zstd "
+                 "(- for standard input)")
       ->required();
   app.add_option("-c,--columns", o.choice.columns,
                  "Columns to analyse, by name, comma-separated (default: every named column whose "
                  "cells are all numbers or missing, other than the weight and group columns)")
       ->delimiter(',');
-  app.add_option("-w,--weight", o.choice.weight, "Frequency weight column");
+  app.add_option("-w,--weight", o.choice.weight,
+                 "Weight column: frequency weights unless --weight-kind says analytic");
   app.add_option("-r,--reg-weight", o.choice.regWeight,
                  "Regression weight column, multiplied into the weight for means and sums");
   app.add_option("-g,--group", o.choice.group,
