@@ -165,6 +165,9 @@ class GroupMoments {
   // The origin of the means, once the group has rows.
   const double* Origin() const { return _origin.data(); }
   double Mean(std::size_t i) const { return _origin[i] + _means[i]; }
+  // The means relative to Origin(), as joined: with Origin(), Rows() and Weight(),
+  // what a fresh group needs to continue exactly where this one stands.
+  const double* RelativeMeans() const { return _means.data(); }
   bool KeepsCrossProducts() const { return _keep; }
   // The group's own covariance; needs keepCrossProducts.
   double Covariance(std::size_t i, std::size_t j, double ddof = 1.0,
