@@ -16,7 +16,9 @@ namespace vorelstat {
 struct Options {
   std::string path;
   ColumnChoice choice;
-  std::string groupRange = "0:999";
+  std::string groupRange;  // empty: no check
+  std::string groupOrder = "sorted";
+  std::size_t maxGroups = 100000;
   bool pairwise = false;
   bool listwise = false;
   std::optional<double> missingCode;
@@ -30,6 +32,10 @@ struct Options {
   std::string format = "table";
   std::string delimiter = "auto";
   bool noProgress = false;
+  int ddof = 1;
+  std::string weightKind = "frequency";
+  std::vector<std::string> exclude;
+  std::vector<std::string> sections{"all"};
   std::size_t blockSize = kDefaultBlockBytes;
   std::string blocks;  // FIRST:END of the grid, or everything
   bool finishOrder = false;
@@ -40,6 +46,7 @@ struct Options {
 struct MergeOptions {
   std::vector<std::string> states;
   std::string format = "table";
+  std::vector<std::string> sections{"all"};
   std::string saveState;
 };
 
