@@ -5,39 +5,72 @@
 
 namespace vorelstat {
 
-figures::GroupMoments& GroupTable::Of(GroupKey key) {
-  const auto [it, added] = _index.try_emplace(key, _groups.size());
+std::size_t GroupTable::Slot(const GroupLabel& label, std::uint64_t place) {
+  const auto [it, added] = _index.try_emplace(label, _groups.size());
   if (added) {
     if (_within.empty()) _within.assign(figures::TriangleSize(_nValues), 0.0);
-    _keys.push_back(key);
+    _labels.push_back(label);
+    _places.push_back(place);
     _groups.emplace_back(_nValues, _keep);
+  } else {
+    _places[it->second] = std::min(_places[it->second], place);
   }
-  return _groups[it->second];
+  return it->second;
 }
 
 void GroupTable::Add(const GroupTable& other) {
-  if (other._keys.empty()) return;
+  if (other._groups.empty()) return;
   if (_within.empty()) _within.assign(other._within.size(), 0.0);
   for (std::size_t c = 0; c < _within.size(); ++c)
     _within[c] += other._within[c];
-  for (std::size_t g = 0; g < other._keys.size(); ++g)
-    Of(other._keys[g]).Join(other._groups[g], _within);
+  for (std::size_t g = 0; g < other._groups.size(); ++g)
+    At(Slot(other._labels[g], other._places[g])).Join(other._groups[g], _within);
 }
 
-void GroupTable::TakeSorted(std::vector<GroupKey>& keys, std::vector<figures::GroupMoments>& groups,
-                            std::vector<double>& within) {
-  std::vector<std::size_t> order(_keys.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::sort(order.begin(), order.end(),
-            [this](std::size_t a, std::size_t b) { return _keys[a] < _keys[b]; });
+void GroupTable::Reorder(const std::vector<std::size_t>& order) {
+  std::vector<GroupLabel> labels;
+  std::vector<std::uint64_t> places;
+  std::vector<figures::GroupMoments> groups;
   for (std::size_t g : order) {
-    keys.push_back(_keys[g]);
+    labels.push_back(std::move(_labels[g]));
+    places.push_back(_places[g]);
+    groups.push_back(std::move(_groups[g]));
+  }
+  _labels = std::move(labels);
+  _places = std::move(places);
+  _groups = std::move(groups);
+  _index.clear();
+  for (std::size_t g = 0; g < _labels.size(); ++g)
+    _index.emplace(_labels[g], g);
+}
+
+void GroupTable::OrderSlotsByPlace() {
+  std::vector<std::size_t> order(_groups.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::stable_sort(order.begin(), order.end(),
+                   [this](std::size_t a, std::size_t b) { return _places[a] < _places[b]; });
+  Reorder(order);
+}
+
+void GroupTable::TakeInto(std::vector<GroupLabel>& labels,
+                          std::vector<figures::GroupMoments>& groups, std::vector<double>& within,
+                          bool inSlotOrder) {
+  std::vector<std::size_t> order(_groups.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  if (!inSlotOrder) {
+    std::sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
+      return GroupLabel::SortsBefore(_labels[a], _labels[b]);
+    });
+  }
+  for (std::size_t g : order) {
+    labels.push_back(std::move(_labels[g]));
     groups.push_back(std::move(_groups[g]));
   }
   within = std::move(_within);
   within.resize(figures::TriangleSize(_nValues), 0.0);
   _index.clear();
-  _keys.clear();
+  _labels.clear();
+  _places.clear();
   _groups.clear();
 }
 
@@ -47,12 +80,16 @@ BlockResult::BlockResult(const BlockShape& shape) {
   } else {
     listwise = std::make_unique<vorel::MatrixListwise>();
   }
+  if (shape.weightSquares)
+    weightSquares.assign(shape.pairwise ? figures::TriangleSize(shape.nValues) : 1, 0.0);
   if (shape.grouped) groups.emplace(shape.nValues, shape.groupCovariance);
 }
 
 BlockResult& BlockResult::operator+=(const BlockResult& other) {
   if (listwise) *listwise += *other.listwise;
   if (pairwise) *pairwise += *other.pairwise;
+  for (std::size_t c = 0; c < weightSquares.size(); ++c)
+    weightSquares[c] += other.weightSquares[c];
   if (groups) groups->Add(*other.groups);
   return *this;
 }

@@ -20,16 +20,15 @@
 #include <vector>
 
 #include "figures.h"
+#include "grouplabel.h"
 
 namespace vorelstat {
 
-// What tells the groups apart: every place that keeps, orders, saves or
-// prints a group goes through this type.
-using GroupKey = long long;
-
 // The results by group of a block, of a worker or of the whole pass: state
-// for the groups that occurred, in the order of their first row, and the sum
-// of their corrected cross-products (a triangle, figures::TriangleIndex).
+// for the groups that occurred, in slots numbered in the order of their first
+// row, and the sum of their corrected cross-products (a triangle,
+// figures::TriangleIndex). Tables added in the order of their rows (the block
+// tree) keep the slots in order of first appearance in the input.
 class GroupTable {
  public:
   // The pooled triangle is made with the first group, so that the table of a
@@ -37,28 +36,41 @@ class GroupTable {
   GroupTable(unsigned nValues, bool keepCrossProducts)
       : _nValues(nValues), _keep(keepCrossProducts) {}
 
-  figures::GroupMoments& Of(GroupKey key);
+  // The slot of a label's group, made when the label is first seen, at
+  // `place` (the offset of its row in the input); an earlier sighting moves
+  // the label's place there.
+  std::size_t Slot(const GroupLabel& label, std::uint64_t place);
+  std::size_t Size() const { return _groups.size(); }
+  figures::GroupMoments& At(std::size_t slot) { return _groups[slot]; }
+  const std::vector<GroupLabel>& Labels() const { return _labels; }
+  const std::vector<figures::GroupMoments>& Groups() const { return _groups; }
   // The pooled cross-products: empty while the table has no group.
   std::vector<double>& Within() { return _within; }
   const std::vector<double>& Within() const { return _within; }
-  const std::vector<GroupKey>& Keys() const { return _keys; }
-  const std::vector<figures::GroupMoments>& Groups() const { return _groups; }
   unsigned NValues() const { return _nValues; }
   bool KeepsCrossProducts() const { return _keep; }
 
-  // Joins other's groups in their order; the same operands in the same order
-  // give the same bits.
+  // Joins other's groups in their slot order, a label new here taking the
+  // next slot; the same operands in the same order give the same bits.
   void Add(const GroupTable& other);
 
-  // The groups in key order, and the pooled cross-products.
-  void TakeSorted(std::vector<GroupKey>& keys, std::vector<figures::GroupMoments>& groups,
-                  std::vector<double>& within);
+  // Renumbers the slots in order of the groups' places: for tables that were
+  // not added in the order of their rows (the threads' finish order).
+  void OrderSlotsByPlace();
+
+  // Moves the groups out, in sorted label order or in slot order, and the
+  // pooled cross-products.
+  void TakeInto(std::vector<GroupLabel>& labels, std::vector<figures::GroupMoments>& groups,
+                std::vector<double>& within, bool inSlotOrder);
 
  private:
+  void Reorder(const std::vector<std::size_t>& order);
+
   unsigned _nValues;
   bool _keep;
-  std::unordered_map<GroupKey, std::size_t> _index;
-  std::vector<GroupKey> _keys;
+  std::unordered_map<GroupLabel, std::size_t, GroupLabel::Hash> _index;
+  std::vector<GroupLabel> _labels;
+  std::vector<std::uint64_t> _places;
   std::vector<figures::GroupMoments> _groups;
   std::vector<double> _within;
 };
@@ -70,10 +82,12 @@ struct BlockShape {
   double missingCode = 0.0;
   bool grouped = false;
   bool groupCovariance = false;
+  bool weightSquares = false;  // keep the sums of squared weights (analytic weights)
 };
 
-// The floating-point sums of some rows: one matrix (listwise or pairwise)
-// and, with a group column, the group table.
+// The floating-point sums of some rows: one matrix (listwise or pairwise),
+// on request the sums of the squared weights, and with a group column the
+// group table.
 class BlockResult {
  public:
   explicit BlockResult(const BlockShape& shape);
@@ -85,6 +99,11 @@ class BlockResult {
 
   std::unique_ptr<vorel::MatrixListwise> listwise;
   std::unique_ptr<vorel::MatrixPairwise> pairwise;
+  // The sum of the squared weights of the rows used, added row after row: one
+  // entry under listwise deletion, under pairwise deletion a triangle
+  // (figures::TriangleIndex) over the rows where both are present; empty
+  // unless the shape keeps them.
+  std::vector<double> weightSquares;
   std::optional<GroupTable> groups;
 };
 

@@ -21,8 +21,10 @@
 //
 // The header is the first line that is not blank. It is read at construction,
 // with a UTF-8 byte order mark and a carriage return stripped, and is not part
-// of any chunk. Input that is no delimited text is refused there with what it
-// is: compressed data, UTF-16, bytes 0, line ends of carriage returns alone.
+// of any chunk. gzip and zstd input is read as a stream and decompressed on
+// the way (inputsource.h). Input that is no delimited text is refused there
+// with what it is: other compressed data, UTF-16, bytes 0, line ends of
+// carriage returns alone.
 // A regular file that reports size 0 (as files under /proc do) is read as a
 // stream.
 #pragma once
@@ -33,6 +35,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "inputsource.h"
 
 namespace vorelstat {
 
@@ -89,8 +93,9 @@ class ChunkReader {
   // next call of Next or PeekAhead.
   std::string_view PeekAhead(std::size_t limit);
   std::size_t MaxLine() const { return _maxLine; }
-  // Whether the input can be read again from the start (a regular file).
-  bool Rereadable() const { return Seekable(); }
+  // Whether the input can be read again from the start (a regular file,
+  // compressed or not).
+  bool Rereadable() const;
 
   // Cuts chunks on a grid of blocks of blockBytes bytes (by default the read
   // size) and hands out only the blocks [firstBlock, endBlock) of it. Call it
@@ -130,6 +135,8 @@ class ChunkReader {
   // The end block of the chunk that starts at the next block.
   std::uint64_t ChunkEndBlock() const;
   void HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock);
+  // Reads the first bytes and opens the stream source, decompressing if need be.
+  void OpenInput();
   void ReadHeader();
   // Refuses input that is no delimited text, from its first bytes.
   void CheckStart(std::string_view head) const;
@@ -153,7 +160,10 @@ class ChunkReader {
   bool _started = false;         // the first chunk was cut
   std::uint64_t _handedOut = 0;  // the next chunk starts here
   TextBuffer _window;            // regular file: scratch of the cuts and the header
+  bool _regularFile = false;
+  Compression _compression = Compression::kNone;
   // Stream input only.
+  std::unique_ptr<ByteSource> _source;
   bool _eof = false;
   TextBuffer _carry;  // bytes read but not yet handed out
 };

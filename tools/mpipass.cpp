@@ -362,7 +362,8 @@ class MpiRun {
       PassResult pass = RunPass(reader, layout, rules, passOptions);
       mine.lines = pass.lines;
       mine.texts = std::move(pass.textColumns);
-      mine.state = StateOfPass(_o.path, layout, rules, passOptions, {}, pass);
+      mine.state = StateOfPass(_o.path, layout, rules, passOptions, ReportOptionsOf(_o), _o.exclude,
+                               {}, pass);
     } catch (...) {
       mine = FailureInFlight();
     }
@@ -521,7 +522,7 @@ void RunToolMpi(const Options& options, const MpiSession& session, std::FILE* ou
   if (session.Rank() != 0) return;
   PassState state = run.TakeState();
   state.skipped = tool.skipped;
-  WriteStateReport(std::move(state), o.format, o.saveState, out);
+  WriteStateReport(std::move(state), o.format, o.sections, o.saveState, out);
 }
 
 }  // namespace vorelstat

@@ -6,7 +6,6 @@
 #include <bit>
 #include <limits>
 #include <optional>
-#include <set>
 #include <type_traits>
 #include <utility>
 
@@ -25,13 +24,17 @@ using vorel::internal::StateWriter;
 constexpr std::uint64_t kAny = ~std::uint64_t{0};
 constexpr std::uint64_t kMostHeaderFields = std::uint64_t{1} << 24;
 constexpr std::uint64_t kMostRows = std::uint64_t{1} << 53;
+// The layout of the container's fields; the first field of a state, so that
+// a reader refuses another layout before it reads anything else.
+constexpr int kLayout = 2;
 
 // The nodes of a forest as the file holds them: plain fields, converted from
 // and to the pass's results apart from the reading, which checks the bytes.
 struct GroupImage {
-  GroupKey key = 0;
+  std::string label;  // as the report prints it; read back as a group cell
   std::uint64_t rows = 0;
   double weight = 0.0;
+  double weightSquares = 0.0;
   std::vector<double> origin, means, cscp;
 };
 
@@ -39,6 +42,7 @@ struct NodeImage {
   int level = 0;
   std::uint64_t index = 0;
   std::vector<std::byte> matrix;  // a library state of kind 1 or 2
+  std::vector<double> weightSquares;
   std::vector<GroupImage> groups;
   std::vector<double> within;
 };
@@ -72,9 +76,9 @@ void Doubles(Archive& a, Cells& cells, std::uint64_t most) {
   a.Reals(cells, n);
 }
 
-template <class Archive, class Key>
-void KeyField(Archive& a, Key& key) {
-  a.Count(key, kAny);  // the two's complement bits of the code
+template <class Archive, class Whole>
+void WholeField(Archive& a, Whole& whole) {
+  a.Count(whole, kAny);  // the two's complement bits
 }
 
 template <class Archive, class Flag>
@@ -87,6 +91,8 @@ void FlagField(Archive& a, Flag& on) {
 // with them before it reads any.
 template <class Archive, class State, class Inputs>
 void Fields(Archive& a, State& s, Inputs& inputs) {
+  int layout = kLayout;
+  a.Dim("the layout of the vorelstat state", layout, kLayout, kLayout);
   List(a, s.header, kMostHeaderFields, [](auto& w, auto& name) { w.Text(name); });
   const std::uint64_t fields = s.header.size();
   List(a, s.valueFields, kMostColumns, [&](auto& w, auto& field) { w.Count(field, fields - 1); });
@@ -103,6 +109,14 @@ void Fields(Archive& a, State& s, Inputs& inputs) {
   List(a, s.missingTexts, kMostHeaderFields, [](auto& w, auto& text) { w.Text(text); });
   FlagField(a, s.nonNumericIsMissing);
   a.Count(s.blockBytes, kAny);
+  a.Real(s.ddof);
+  FlagField(a, s.analyticWeights);
+  List(a, s.excluded, kMostHeaderFields, [](auto& w, auto& name) { w.Text(name); });
+  FlagField(a, s.groupsInFileOrder);
+  a.Count(s.mostGroups, kAny);
+  FlagField(a, s.checkGroupRange);
+  WholeField(a, s.groupLo);
+  WholeField(a, s.groupHi);
 
   const std::size_t k = s.valueFields.size();
   auto& rows = s.totals.rows;
@@ -122,10 +136,12 @@ void Fields(Archive& a, State& s, Inputs& inputs) {
   const bool grouped = s.groupField != 0;
   const std::size_t triangle = figures::TriangleSize(k);
   const std::size_t own = s.groupCovariance ? triangle : 0;
+  const std::size_t squares = !s.analyticWeights ? 0 : s.pairwise ? triangle : 1;
   const auto group = [&](auto& w, auto& g) {
-    KeyField(w, g.key);
+    w.Text(g.label);
     w.Count(g.rows, kMostRows);
     w.Real(g.weight);
+    w.Real(g.weightSquares);
     Doubles(w, g.origin, k);
     Doubles(w, g.means, k);
     Doubles(w, g.cscp, own);
@@ -134,6 +150,7 @@ void Fields(Archive& a, State& s, Inputs& inputs) {
     w.Dim("the level of a node", n.level, 0, 63);
     w.Count(n.index, kAny >> n.level);
     w.Blob(n.matrix);
+    Doubles(w, n.weightSquares, squares);
     if (!grouped) return;
     List(w, n.groups, kAny, group);
     Doubles(w, n.within, triangle);
@@ -152,13 +169,18 @@ NodeImage ImageOf(const Forest::Node& node) {
   image.index = node.index;
   const BlockResult& result = node.result;
   image.matrix = result.listwise ? result.listwise->SaveState() : result.pairwise->SaveState();
+  image.weightSquares = result.weightSquares;
   if (result.groups) {
     const GroupTable& table = *result.groups;
-    for (std::size_t g = 0; g < table.Keys().size(); ++g) {
+    for (std::size_t g = 0; g < table.Size(); ++g) {
       const figures::GroupMoments& moments = table.Groups()[g];
-      GroupImage group{table.Keys()[g], moments.Rows(), moments.Weight(), {}, {}, {}};
+      GroupImage group;
+      group.label = table.Labels()[g].Display();
+      group.rows = moments.Rows();
+      group.weight = moments.Weight();
+      group.weightSquares = moments.WeightSquares();
       group.origin.assign(moments.Origin(), moments.Origin() + table.NValues());
-      group.means = moments.RelativeMeans();
+      group.means.assign(moments.RelativeMeans(), moments.RelativeMeans() + table.NValues());
       group.cscp = moments.CrossProducts();
       image.groups.push_back(std::move(group));
     }
@@ -178,6 +200,7 @@ BlockShape ShapeOf(const PassState& s) {
   shape.missingCode = s.missingCode;
   shape.grouped = s.groupField != 0;
   shape.groupCovariance = s.groupCovariance;
+  shape.weightSquares = s.analyticWeights;
   return shape;
 }
 
@@ -204,22 +227,29 @@ BlockResult ResultOf(NodeImage& image, const BlockShape& shape, const std::strin
       && !(std::bit_cast<std::uint64_t>(result.pairwise->MissingCode())
            == std::bit_cast<std::uint64_t>(shape.missingCode)))
     Damaged(what, "a matrix with another missing code than the state's");
+  if (image.weightSquares.size() != result.weightSquares.size())
+    Damaged(what, "sums of squared weights of another shape");
+  result.weightSquares = std::move(image.weightSquares);
   if (!shape.grouped) return result;
   GroupTable& table = *result.groups;
   const std::size_t triangle = figures::TriangleSize(shape.nValues);
   if (image.within.size() != (image.groups.empty() ? 0 : triangle))
     Damaged(what, "pooled cross-products of another shape");
   std::vector<double> unused(triangle, 0.0);
-  std::set<GroupKey> seen;
+  GroupLabel label;
   for (GroupImage& group : image.groups) {
-    if (group.rows == 0 || !seen.insert(group.key).second)
+    label.Read(group.label);
+    const std::size_t groupsBefore = table.Size();
+    const std::size_t slot = table.Slot(label, 0);
+    if (group.rows == 0 || table.Size() == groupsBefore)
       Damaged(what, "a group that is empty or listed twice");
     if (group.origin.size() != shape.nValues || group.means.size() != shape.nValues
         || group.cscp.size() != (shape.groupCovariance ? triangle : 0))
       Damaged(what, "a group of another shape");
     // Joined into a fresh group, the figures are taken as they are.
-    table.Of(group.key).Join(group.rows, group.weight, group.origin.data(), group.means.data(),
-                             shape.groupCovariance ? group.cscp.data() : nullptr, unused);
+    table.At(slot).Join(group.rows, group.weight, group.origin.data(), group.means.data(),
+                        shape.groupCovariance ? group.cscp.data() : nullptr, unused,
+                        group.weightSquares);
   }
   if (!image.groups.empty()) table.Within() = std::move(image.within);
   return result;
@@ -243,8 +273,9 @@ std::string Blocks(std::uint64_t first, std::uint64_t end) {
 }  // namespace
 
 PassState StateOfPass(const std::string& name, const RowLayout& layout, const CellRules& rules,
-                      const PassOptions& options, const std::vector<SkippedColumn>& skipped,
-                      PassResult& pass) {
+                      const PassOptions& options, const ReportOptions& figures,
+                      const std::vector<std::string>& excluded,
+                      const std::vector<SkippedColumn>& skipped, PassResult& pass) {
   PassState s;
   s.header = layout.names;
   s.valueFields.assign(layout.valueFields.begin(), layout.valueFields.end());
@@ -261,6 +292,16 @@ PassState StateOfPass(const std::string& name, const RowLayout& layout, const Ce
   s.missingTexts = rules.missingTexts;
   s.nonNumericIsMissing = rules.nonNumericIsMissing;
   s.blockBytes = options.blockBytes;
+  s.ddof = figures.ddof;
+  s.analyticWeights = options.weightSquares;
+  s.excluded = excluded;
+  s.groupsInFileOrder = options.groupsInFileOrder;
+  s.mostGroups = options.mostGroups;
+  s.checkGroupRange = rules.checkGroupRange;
+  if (rules.checkGroupRange) {
+    s.groupLo = rules.groupLo;
+    s.groupHi = rules.groupHi;
+  }
   s.totals.rows = pass.rows;
   s.totals.counts = pass.cellCounts;
   s.totals.ranges = pass.ranges;
@@ -268,6 +309,15 @@ PassState StateOfPass(const std::string& name, const RowLayout& layout, const Ce
   s.inputs.push_back({name, pass.firstBlock, pass.endBlock, std::move(*pass.forest)});
   pass.forest.reset();
   return s;
+}
+
+ReportOptions ReportOptionsOf(const PassState& state) {
+  ReportOptions options;
+  options.groupCovariance = state.groupCovariance;
+  options.ddof = state.ddof;
+  options.weightKind =
+      state.analyticWeights ? figures::WeightKind::kAnalytic : figures::WeightKind::kFrequency;
+  return options;
 }
 
 std::vector<std::byte> SaveState(const PassState& state) {
@@ -337,6 +387,11 @@ std::string Texts(const std::vector<std::string>& texts) {
 
 std::string OnOff(bool on) { return on ? "on" : "off"; }
 
+std::string GroupRange(const PassState& s) {
+  if (!s.checkGroupRange) return "(none)";
+  return std::to_string(s.groupLo) + ":" + std::to_string(s.groupHi);
+}
+
 // The first thing that differs between two states' shapes, or nothing.
 std::optional<std::string> ShapeDifference(const PassState& a, const PassState& b) {
   struct Item {
@@ -355,6 +410,14 @@ std::optional<std::string> ShapeDifference(const PassState& a, const PassState& 
       {"--non-numeric", a.nonNumericIsMissing ? "missing" : "error",
        b.nonNumericIsMissing ? "missing" : "error"},
       {"block size", std::to_string(a.blockBytes), std::to_string(b.blockBytes)},
+      {"--ddof", RoundTrip(a.ddof), RoundTrip(b.ddof)},
+      {"--weight-kind", a.analyticWeights ? "analytic" : "frequency",
+       b.analyticWeights ? "analytic" : "frequency"},
+      {"--exclude", Texts(a.excluded), Texts(b.excluded)},
+      {"--group-order", a.groupsInFileOrder ? "first" : "sorted",
+       b.groupsInFileOrder ? "first" : "sorted"},
+      {"--max-groups", std::to_string(a.mostGroups), std::to_string(b.mostGroups)},
+      {"--group-range", GroupRange(a), GroupRange(b)},
   };
   for (const Item& item : items) {
     if (item.left != item.right)
@@ -436,7 +499,8 @@ StateReport ReportOfState(PassState&& state) {
     report.pass.firstBlock = state.inputs[0].firstBlock;
     report.pass.endBlock = state.inputs[0].endBlock;
   }
-  TakeFigures(report.pass, std::move(state.totals), std::move(*total));
+  TakeFigures(report.pass, std::move(state.totals), std::move(*total), state.groupsInFileOrder,
+              state.mostGroups, report.name);
   return report;
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "blockresult.h"
+#include "report.h"
 #include "rowparser.h"
 #include "statpass.h"
 
@@ -44,23 +45,35 @@ struct PassState {
   std::vector<std::string> missingTexts;
   bool nonNumericIsMissing = false;
   std::uint64_t blockBytes = 0;
+  double ddof = 1.0;
+  bool analyticWeights = false;       // --weight-kind analytic: the nodes keep weight squares
+  std::vector<std::string> excluded;  // --exclude, as given
+  bool groupsInFileOrder = false;
+  std::uint64_t mostGroups = 0;
+  bool checkGroupRange = false;
+  std::int64_t groupLo = 0, groupHi = 0;
 
   ExactTotals totals{0, false};
   std::vector<StateInput> inputs;
 };
 
-// The state of a finished pass, which must have kept its forest.
+// The state of a finished pass, which must have kept its forest; `figures`
+// gives the divisor's conventions, `excluded` the columns --exclude named.
 PassState StateOfPass(const std::string& name, const RowLayout& layout, const CellRules& rules,
-                      const PassOptions& options, const std::vector<SkippedColumn>& skipped,
-                      PassResult& pass);
+                      const PassOptions& options, const ReportOptions& figures,
+                      const std::vector<std::string>& excluded,
+                      const std::vector<SkippedColumn>& skipped, PassResult& pass);
+
+// How a state's figures are defined (the sections are left at all).
+ReportOptions ReportOptionsOf(const PassState& state);
 
 std::vector<std::byte> SaveState(const PassState& state);
 // Throws DataError naming `what` (the file) and the problem.
 PassState LoadState(std::span<const std::byte> bytes, const std::string& what);
 
 // Adds `other` (named `otherName` in errors) to `into`: a UsageError names the
-// first difference of shape; a part that overlaps the blocks held, or comes
-// before the start of its file, is a DataError.
+// first difference of columns or of an option that shapes the figures; a part that overlaps the
+// blocks held, or comes before the start of its file, is a DataError.
 void MergeState(PassState& into, PassState&& other, const std::string& otherName);
 
 // What the report prints from a state: a layout, the skipped columns and

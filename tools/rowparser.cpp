@@ -124,14 +124,6 @@ bool LooksLikeDecimalComma(std::string_view cell) {
   return std::all_of(digits.begin(), digits.end(), [](char c) { return IsDigit(c) || c == ','; });
 }
 
-bool ParseWhole(std::string_view cell, long long& value) {
-  const char* first = cell.data();
-  const char* last = first + cell.size();
-  if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
-  const auto [ptr, ec] = std::from_chars(first, last, value);
-  return ec == std::errc() && ptr == last;
-}
-
 std::string JoinNames(const std::vector<std::string>& names) {
   std::string joined;
   for (const std::string& name : names) {
@@ -380,23 +372,24 @@ bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& r
     row.groupMissing = true;
     return true;
   }
-  long long code = 0;
-  if (!ParseWhole(cell, code)) {
+  row.group.Read(cell);
+  if (!_rules.checkGroupRange) return true;
+  if (!row.group.IsWhole()) {
     if (_rules.nonNumericIsMissing) {
       row.groupMissing = true;
       ++row.nCoerced;
       return true;
     }
-    error = {field, "group " + Quoted(cell) + " is not a whole number"};
+    error = {field, "group " + Quoted(cell) + " is not a whole number, as --group-range asks"};
     return false;
   }
+  const long long code = row.group.Whole();
   if (code < _rules.groupLo || code > _rules.groupHi) {
     error = {field, "group " + std::to_string(code) + " is outside the group range "
                         + std::to_string(_rules.groupLo) + ".." + std::to_string(_rules.groupHi)
                         + " (set the range with --group-range)"};
     return false;
   }
-  row.group = code;
   return true;
 }
 
@@ -448,7 +441,6 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
   row.regWeight = 1.0;
   row.weightMissing = false;
   row.groupMissing = false;
-  row.group = 0;
   row.texts.clear();
 
   const char* p = line.data();

@@ -41,6 +41,11 @@ struct FoundText {
   std::string text;
 };
 
+std::string TooManyGroups(std::size_t most) {
+  return "the group column holds more than " + std::to_string(most)
+         + " distinct labels, the limit of --max-groups";
+}
+
 // Keeps the earlier of two findings.
 template <class Found>
 void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
@@ -58,41 +63,45 @@ class GroupRows {
         _moved(nValues),
         _means(nValues),
         _cscp(figures::TriangleSize(nValues)) {
-    _codes.reserve(capacity);
+    _slots.reserve(capacity);
     _weights.reserve(capacity);
     _values.reserve(std::size_t{capacity} * nValues);
   }
 
-  bool Full() const { return _codes.size() == _capacity; }
+  bool Full() const { return _slots.size() == _capacity; }
 
-  void Add(GroupKey code, double weight, const double* values) {
-    _codes.push_back(code);
+  // `slot`: the group's place in the GroupTable the rows go to.
+  void Add(std::size_t slot, double weight, const double* values) {
+    _slots.push_back(slot);
     _weights.push_back(weight);
     _values.insert(_values.end(), values, values + _nValues);
   }
 
-  // Reduces each group's rows, in their order, and joins them into `table`.
+  // Reduces each group's rows, in their order, and joins them into `table`,
+  // the groups in slot order.
   void Flush(GroupTable& table) {
-    const std::size_t n = _codes.size();
+    const std::size_t n = _slots.size();
     if (n == 0) return;
     _order.resize(n);
     std::iota(_order.begin(), _order.end(), std::size_t{0});
     std::stable_sort(_order.begin(), _order.end(),
-                     [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
+                     [this](std::size_t a, std::size_t b) { return _slots[a] < _slots[b]; });
     for (std::size_t first = 0; first < n;) {
-      const GroupKey code = _codes[_order[first]];
-      figures::GroupMoments& group = table.Of(code);
+      const std::size_t slot = _slots[_order[first]];
+      figures::GroupMoments& group = table.At(slot);
       // Rows go in less the group's origin, so that the batch's means round
       // as the spread of the data does, not as its distance from zero.
       const std::vector<double> origin =
           figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
+      double weightSquares = 0.0;
       std::size_t last = first;
       _batch.Clear();
-      for (; last < n && _codes[_order[last]] == code; ++last) {
+      for (; last < n && _slots[_order[last]] == slot; ++last) {
         const double* row = Row(last);
         for (unsigned i = 0; i < _nValues; ++i)
           _moved[i] = row[i] - origin[i];
         _weight = _weights[_order[last]];
+        weightSquares += _weight * _weight;
         _batch.AddRow(_moved.data());
       }
       vorel::MatrixListwise part;
@@ -103,10 +112,10 @@ class GroupRows {
           _cscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
       }
       group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
-                 table.Within());
+                 table.Within(), weightSquares);
       first = last;
     }
-    _codes.clear();
+    _slots.clear();
     _weights.clear();
     _values.clear();
   }
@@ -117,7 +126,7 @@ class GroupRows {
 
   unsigned _nValues;
   unsigned _capacity;
-  std::vector<GroupKey> _codes;
+  std::vector<std::size_t> _slots;
   std::vector<double> _weights;
   std::vector<double> _values;
   std::vector<std::size_t> _order;
@@ -251,7 +260,10 @@ class StatWorker : public vorel::WorkerBase {
       }
       for (const TextCell& cell : _row.texts)
         KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, line}, cell.text});
-      TakeRow();
+      if (!TakeRow({_chunk.index, line}, at)) {
+        *_lineCount = line;
+        return;
+      }
     }
     *_lineCount = line;
     EndBlocksBefore(_chunk.endBlock);
@@ -286,36 +298,48 @@ class StatWorker : public vorel::WorkerBase {
     }
   }
 
-  void TakeRow() {
+  // The row found at `where`, which starts at offset `place` of the input.
+  // False, with the error kept, when the row makes more groups than allowed.
+  bool TakeRow(const ChunkLine& where, std::uint64_t place) {
     RowCounts& counts = _totals.rows;
     ++counts.read;
     counts.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
       ++counts.withoutWeight;
-      return;
+      return true;
     }
     // A row of weight 0 is not there, as frequency weights mean; the library
     // would still count it, and a batch of such rows would divide by 0.
     if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
       ++counts.zeroWeight;
-      return;
+      return true;
     }
     const bool complete = _row.nMissing == 0;
     if (!complete) ++counts.incomplete;
-    if (!complete && !_pairwise) return;
+    if (!complete && !_pairwise) return true;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
     ++counts.used;
     if (_batch.NRows() == _batchRows) FlushBatch();
-    if (!_groupRows) return;
+    if (!_groupRows) return true;
     if (_row.groupMissing) {
       ++counts.withoutGroup;
-      return;
+      return true;
     }
-    if (!complete) return;
-    _groupRows->Add(_row.group, _row.weight, _row.values.data());
-    if (_groupRows->Full()) _groupRows->Flush(*_result.groups);
+    if (!complete) return true;
+    GroupTable& table = *_result.groups;
+    const std::size_t slot = table.Slot(_row.group, place);
+    if (table.Size() > _problem._options.mostGroups) {
+      _error = FoundError{where,
+                          {_layout.groupField.value_or(LineError::kWholeLine),
+                           TooManyGroups(_problem._options.mostGroups)}};
+      _problem._failed.store(true, std::memory_order_relaxed);
+      return false;
+    }
+    _groupRows->Add(slot, _row.weight, _row.values.data());
+    if (_groupRows->Full()) _groupRows->Flush(table);
+    return true;
   }
 
   void FlushRows() {
@@ -328,6 +352,7 @@ class StatWorker : public vorel::WorkerBase {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
     if (_pairwise) UpdatePairConstancy();
+    if (!_result.weightSquares.empty()) UpdateWeightSquares();
     if (_result.listwise) *_result.listwise += _batch;
     if (_result.pairwise) *_result.pairwise += _batch;
     _batch.Clear();
@@ -367,6 +392,32 @@ class StatWorker : public vorel::WorkerBase {
         for (unsigned r = 0; r < n; ++r) {
           if (Present(xi[r]) && Present(xj[r]) && !constancy.Include(xi[r])) break;
         }
+      }
+    }
+  }
+
+  // Row after row, as the weights are added; under pairwise deletion over the
+  // rows where both columns of a pair are present.
+  void UpdateWeightSquares() {
+    const unsigned n = _batch.NRows();
+    const double* w = _batch.Weights();
+    std::vector<double>& squares = _result.weightSquares;
+    if (!_pairwise) {
+      double sum = squares[0];
+      for (unsigned r = 0; r < n; ++r)
+        sum += w[r] * w[r];
+      squares[0] = sum;
+      return;
+    }
+    for (unsigned i = 0; i < _batch.NColumns(); ++i) {
+      const double* xi = _batch.Column(i);
+      for (unsigned j = 0; j <= i; ++j) {
+        const double* xj = _batch.Column(j);
+        double sum = squares[figures::TriangleIndex(i, j)];
+        for (unsigned r = 0; r < n; ++r) {
+          if (Present(xi[r]) && Present(xj[r])) sum += w[r] * w[r];
+        }
+        squares[figures::TriangleIndex(i, j)] = sum;
       }
     }
   }
@@ -419,6 +470,7 @@ BlockShape ShapeOf(const RowLayout& layout, const CellRules& rules, const PassOp
   shape.missingCode = rules.missingCode;
   shape.grouped = layout.groupField.has_value();
   shape.groupCovariance = options.groupCovariance;
+  shape.weightSquares = options.weightSquares;
   return shape;
 }
 
@@ -429,16 +481,20 @@ BlockResult SumOf(const Forest& forest, const BlockShape& shape) {
   return total;
 }
 
-void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums) {
+void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums,
+                 bool groupsInSlotOrder, std::size_t mostGroups, const std::string& what) {
+  if (sums.groups && sums.groups->Size() > mostGroups)
+    throw DataError(what + ": " + TooManyGroups(mostGroups));
   result.rows = totals.rows;
   result.cellCounts = std::move(totals.counts);
   result.ranges = std::move(totals.ranges);
   result.pairConstancy = std::move(totals.pairConstancy);
+  result.weightSquares = std::move(sums.weightSquares);
   result.listwise = std::move(sums.listwise);
   result.pairwise = std::move(sums.pairwise);
   if (sums.groups) {
     result.grouped = true;
-    sums.groups->TakeSorted(result.groupCodes, result.groups, result.withinCscp);
+    sums.groups->TakeInto(result.groupLabels, result.groups, result.withinCscp, groupsInSlotOrder);
   }
 }
 
@@ -457,11 +513,16 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   result.endBlock = problem._endBlock;
   for (std::uint64_t count : problem._lineCounts)
     result.lines += count;
+  const auto takeFigures = [&](BlockResult&& sums) {
+    TakeFigures(result, std::move(problem._totals), std::move(sums), options.groupsInFileOrder,
+                options.mostGroups, reader.Path());
+  };
   if (options.finishOrder) {
-    TakeFigures(result, std::move(problem._totals), std::move(problem._finished));
+    if (problem._finished.groups) problem._finished.groups->OrderSlotsByPlace();
+    takeFigures(std::move(problem._finished));
   } else {
     Forest forest = problem._tree.TakeForest();
-    TakeFigures(result, std::move(problem._totals), SumOf(forest, problem._shape));
+    takeFigures(SumOf(forest, problem._shape));
     if (options.keepForest) result.forest = std::move(forest);
   }
   for (unsigned slot = 0; slot < problem._texts.size(); ++slot) {

@@ -37,7 +37,15 @@
 // By group: the grouped rows of a sub-batch are gathered, each group's rows
 // are reduced on their own to centred results with a MatrixListwise, and
 // joined into that group's running results by the update formula (figures.h).
-// State is made for the groups that occur, and only for them.
+// State is made for the groups that occur, and only for them. Groups are keyed
+// by their label (grouplabel.h). A block's groups take slots in the order of
+// their first row and blocks are merged in block order, so the slots of the
+// whole pass are the order of first appearance in the input, whatever the
+// threads; in finish order each label keeps the offset of its first row, the
+// earliest over all threads, and the slots are put in that order at the end.
+// More distinct labels than mostGroups in one block stop the pass at the line
+// of the first label too many; more over the whole input are an error at the
+// end.
 //
 // Errors in the data: a thread that meets a bad line stops parsing its chunk
 // and the serial stage hands out no further chunk; the other threads finish
@@ -83,6 +91,14 @@ struct PassOptions {
   bool keepForest = false;
   // Each group keeps its own corrected cross-products, for its own covariance.
   bool groupCovariance = false;
+  // Keep the sums of squared weights that analytic weights divide by; needs
+  // a weight column.
+  bool weightSquares = false;
+  // Groups listed in order of first appearance in the input, else sorted
+  // (numbers by value, then texts).
+  bool groupsInFileOrder = false;
+  // The most distinct group labels; past it the pass stops with an error.
+  std::size_t mostGroups = 100000;
   // Called in the serial stage after each chunk with the bytes read so far.
   std::function<void(std::uint64_t)> onProgress;
 };
@@ -108,15 +124,18 @@ struct PassResult {
   // Pairwise only: k x k, entry (i, j) whether column i holds one value on
   // the rows where columns i and j are both present.
   std::vector<figures::Constancy> pairConstancy;
+  // With PassOptions::weightSquares: see BlockResult::weightSquares.
+  std::vector<double> weightSquares;
 
   // Exactly one of the two is set.
   std::unique_ptr<vorel::MatrixListwise> listwise;
   std::unique_ptr<vorel::MatrixPairwise> pairwise;
 
-  // With a group column: the groups that occurred, in code order, and the sum
-  // of their corrected cross-products (a triangle, figures::TriangleIndex).
+  // With a group column: the groups that occurred, in the order asked for,
+  // and the sum of their corrected cross-products (a triangle,
+  // figures::TriangleIndex).
   bool grouped = false;
-  std::vector<GroupKey> groupCodes;
+  std::vector<GroupLabel> groupLabels;
   std::vector<figures::GroupMoments> groups;
   std::vector<double> withinCscp;
 
@@ -134,8 +153,11 @@ BlockShape ShapeOf(const RowLayout& layout, const CellRules& rules, const PassOp
 // complete forest, the bits of one pass over the whole input.
 BlockResult SumOf(const Forest& forest, const BlockShape& shape);
 
-// Fills the figures of `result` from the exact totals and the sums.
-void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums);
+// Fills the figures of `result` from the exact totals and the sums, the
+// groups in slot order (first appearance) or sorted. Throws DataError naming
+// `what` when the sums hold more than `mostGroups` groups.
+void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums,
+                 bool groupsInSlotOrder, std::size_t mostGroups, const std::string& what);
 
 // For tests: `hook` runs on each worker before it reduces a chunk (to shake
 // the timing); an empty function removes it. Set it between passes only.

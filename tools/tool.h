@@ -15,11 +15,14 @@
 namespace vorelstat {
 
 struct PassState;
+struct ReportOptions;
 
 struct Options {
   std::string path;
   ColumnChoice choice;
-  std::string groupRange = "0:999";
+  std::string groupRange;  // empty: no check
+  std::string groupOrder = "sorted";
+  std::size_t maxGroups = 100000;
   bool pairwise = false;
   bool listwise = false;
   std::optional<double> missingCode;
@@ -33,6 +36,10 @@ struct Options {
   std::string format = "table";
   std::string delimiter = "auto";
   bool noProgress = false;
+  int ddof = 1;
+  std::string weightKind = "frequency";
+  std::vector<std::string> exclude;
+  std::vector<std::string> sections{"all"};
   std::size_t blockSize = kDefaultBlockBytes;
   std::string blocks;  // FIRST:END of the grid, or everything
   bool finishOrder = false;
@@ -45,6 +52,7 @@ struct Options {
 struct MergeOptions {
   std::vector<std::string> states;
   std::string format = "table";
+  std::vector<std::string> sections{"all"};
   std::string saveState;
 };
 
@@ -53,6 +61,8 @@ void DefineMergeOptions(CLI::App& app, MergeOptions& options);
 
 // The pass options that the options ask for. Throws UsageError.
 PassOptions PassOptionsOf(const Options& options);
+// How the report is to show the figures. Throws UsageError.
+ReportOptions ReportOptionsOf(const Options& options);
 // The cell rules that the options ask for. Throws UsageError.
 CellRules MakeCellRules(const Options& options);
 // The delimiter the option names, or 0 for "detect from the header". Throws UsageError.
@@ -89,8 +99,9 @@ void RunTool(const Options& options, bool progress, std::FILE* out);
 void RunMerge(const MergeOptions& options, std::FILE* out);
 
 // Writes `state` to the file saveState unless that is empty, then the report
-// of the state in `format` to `out`.
-void WriteStateReport(PassState&& state, const std::string& format, const std::string& saveState,
+// of the state in `format`, with the sections named, to `out`.
+void WriteStateReport(PassState&& state, const std::string& format,
+                      const std::vector<std::string>& sections, const std::string& saveState,
                       std::FILE* out);
 
 }  // namespace vorelstat

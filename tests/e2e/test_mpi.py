@@ -1,7 +1,8 @@
 """vorelstat under mpirun with local ranks: the report of K = 1 to 4 ranks is
-byte-identical to one process on data where the order of the sums shows; a
-column that turns to text late, a bad line and a pipe give what one process
-gives; a rank that is killed ends the job with an error, never a hang."""
+byte-identical to one process on data where the order of the sums shows, with
+group labels and the options of the report; a column that turns to text late
+and a bad line give what one process gives; a pipe and compressed input are
+refused; a rank that is killed ends the job with an error, never a hang."""
 import os
 import random
 import shutil
@@ -66,8 +67,13 @@ class UnderMpirun(unittest.TestCase):
         return os.path.join(self.scratch.name, name)
 
     def test_reports_of_one_to_four_ranks_are_the_one_process_bytes(self):
+        # The data's group labels are of every kind; the options of the
+        # report travel in the state.
+        conventions = ["--ddof", "0", "--weight-kind", "analytic", "--group-order", "first",
+                       "--exclude", "tiny", "--sections", "columns,groups,pooled"]
         for shape in (["-w", "w", "-g", "g", "--group-covariance", "-f", "json"],
-                      ["-p", "-w", "w", "-g", "g", "-f", "table"]):
+                      ["-p", "-w", "w", "-g", "g", "-f", "table"],
+                      ["-w", "w", "-g", "g", *conventions, "-f", "csv"]):
             args = [self.csv, "--block-size", "4k", *shape]
             code, expected, err = one_process(*args, "-j", "2")
             self.assertEqual(code, 0, err)
@@ -99,7 +105,7 @@ class UnderMpirun(unittest.TestCase):
         bad = self.path("bad.csv")
         with open(self.csv) as source:
             lines = source.readlines()
-        lines[5000] = "1,2,3,heavy,1\n"
+        lines[5000] = "1,2,3,heavy,north\n"
         with open(bad, "w") as out:
             out.writelines(lines)
         code, _, expected = one_process(bad, "-w", "w", "--block-size", "4k")
@@ -112,10 +118,15 @@ class UnderMpirun(unittest.TestCase):
                 self.assertEqual([line for line in err.splitlines()
                                   if line.startswith("vorelstat:")], [expected.strip()])
 
-    def test_standard_input_is_refused(self):
-        code, out, err = finish(mpirun(2, "-"))
-        self.assertEqual((code, out), (2, b""))
-        self.assertEqual(err.count("under MPI the input must be a regular file"), 1)
+    def test_standard_input_and_compressed_input_are_refused(self):
+        packed = self.path("data.csv.gz")
+        with open(packed, "wb") as out:
+            subprocess.run(["gzip", "-c", self.csv], stdout=out, check=True, timeout=TIMEOUT)
+        for source in ("-", packed):
+            with self.subTest(source=source):
+                code, out, err = finish(mpirun(2, source))
+                self.assertEqual((code, out), (2, b""))
+                self.assertEqual(err.count("under MPI the input must be a regular file"), 1)
 
     def test_a_killed_rank_ends_the_job(self):
         big = self.path("big.csv")

@@ -1,5 +1,6 @@
 """The same report, byte for byte, whatever the threads, batch size and read
-size, and whether the file is read from disk or from a pipe."""
+size, and whether the file is read from disk or from a pipe; with text group
+labels in order of first appearance and analytic weights too."""
 import itertools
 import unittest
 
@@ -34,11 +35,14 @@ class SplitInvariance(unittest.TestCase):
                 piped = self.report("-", *shape, "-j", "2", "--read-size", "300", stdin=handle.read())
             self.assertEqual(without_file(piped), without_file(base))
 
-    def test_listwise_weighted_by_group(self):
-        self.check("-w", "weight", "-g", "region")
+    def test_listwise_weighted_by_text_group_in_order_of_appearance(self):
+        # Each household a group of its own: text labels whose first
+        # appearance is spread over every block.
+        self.check("-w", "weight", "-g", "household", "--group-order", "first",
+                   "--weight-kind", "analytic")
 
     def test_pairwise_weighted_by_group(self):
-        self.check("-p", "-w", "weight", "-g", "region")
+        self.check("-p", "-w", "weight", "-g", "region", "--weight-kind", "analytic")
 
     def test_pairwise_unweighted(self):
         self.check("-p")

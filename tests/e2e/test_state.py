@@ -14,16 +14,32 @@ import unittest
 from common import BINARY, run
 
 
+def group_label(rng, row, rows):
+    """Labels of every kind (1, 1.0 and +1 one group); "late" and "z" first
+    show in later blocks, so that the order of first appearance is not the
+    sorted one and is decided past the first part."""
+    pick = rng.random()
+    if row > rows // 3 and pick < 0.05:
+        return "late"
+    if row > 3 * rows // 4 and pick < 0.09:
+        return "z"
+    return rng.choice(["north", "1", "2.5", "1.0", "-3", "+1", "south, far"])
+
+
 def write_csv(path, rows, seed):
-    """Values where the order of the sums shows in the last bits."""
+    """Values where the order of the sums shows in the last bits; weights of
+    mixed size, whose squares count with analytic weights."""
     rng = random.Random(seed)
     with open(path, "w") as out:
         out.write("big,mixed,tiny,w,g\n")
-        for _ in range(rows):
+        for row in range(rows):
             big = 2.5e9 + rng.gauss(0, 1e-3)
             mixed = rng.gauss(0, 1) * (1e8 if rng.random() < 0.1 else 1e-2)
             tiny = "" if rng.random() < 0.08 else repr(1e-7 + 1e-9 * rng.gauss(0, 1))
-            out.write(f"{big!r},{mixed!r},{tiny},{rng.randint(1, 4)},{rng.randint(0, 4)}\n")
+            weight = 0.1 * rng.randint(1, 37)
+            label = group_label(rng, row, rows)
+            label = f'"{label}"' if "," in label else label
+            out.write(f"{big!r},{mixed!r},{tiny},{weight!r},{label}\n")
 
 
 def crc32c(data):
@@ -70,7 +86,9 @@ class States(unittest.TestCase):
     def test_parts_on_the_grid_merge_to_the_one_pass_report(self):
         with open(self.csv, "rb") as handle:
             text = handle.read()
-        for shape in (["-w", "w", "-g", "g", "--group-covariance"], ["-p", "-w", "w", "-g", "g"]):
+        for shape in (["-w", "w", "-g", "g", "--group-covariance", "--weight-kind", "analytic",
+                       "--group-order", "first", "--ddof", "0"],
+                      ["-p", "-w", "w", "-g", "g", "--weight-kind", "analytic"]):
             for fmt in ("json", "table"):
                 with self.subTest(shape=shape, format=fmt):
                     one = ok(self.csv, *shape, "--block-size", "4k", "-j", "2", "-f", fmt)
@@ -86,6 +104,10 @@ class States(unittest.TestCase):
                     both = self.path("ab.state")
                     ok("merge", parts[0], parts[1], "--save-state", both)
                     self.assertEqual(ok("merge", both, parts[2], "-f", fmt), one)
+                    # What is printed is the merge's to choose.
+                    self.assertEqual(ok("merge", *parts, "-f", fmt, "--sections", "groups,pooled"),
+                                     ok(self.csv, *shape, "--block-size", "4k", "-f", fmt,
+                                        "--sections", "groups,pooled"))
 
     def test_yesterday_and_today(self):
         today = self.path("today.csv")
@@ -128,6 +150,9 @@ class States(unittest.TestCase):
             "truncated.state": (data[: len(data) // 2], "truncated"),
             "flipped.state": (data[:100] + bytes([data[100] ^ 4]) + data[101:], "checksum mismatch"),
             "kind.state": (with_checksum(bytes(kind)), "holds a MatrixListwise, not a vorelstat pass"),
+            # The layout before the options and labels were kept.
+            "layout.state": (with_checksum(data[:24] + (1).to_bytes(4, "little") + data[28:-4]),
+                             "the layout of the vorelstat state is 1, outside 2 to 2"),
             "text.state": (b"big,mixed\n1,2\n" * 4, "not a vorel state (wrong magic bytes)"),
         }
         for name, (content, says) in cases.items():
@@ -148,6 +173,12 @@ class States(unittest.TestCase):
             (["-w", "w", "-g", "g", "-c", "big,tiny"], "value columns: big,mixed,tiny against big,tiny"),
             (["-g", "g"], "weight column: w against (none)"),
             (["-w", "w", "-g", "g", "--missing-code", "-99"], "missing code: "),
+            (["-w", "w", "-g", "g", "--weight-kind", "analytic"],
+             "--weight-kind: frequency against analytic"),
+            (["-w", "w", "-g", "g", "--ddof", "0"], "--ddof: 1 against 0"),
+            (["-w", "w", "-g", "g", "--group-order", "first"], "--group-order: sorted against first"),
+            (["-w", "w", "-g", "g", "--max-groups", "50"], "--max-groups: 100000 against 50"),
+            (["-w", "w", "-g", "g", "--missing-text", "empty,NA"], "missing texts: "),
         ]
         for args, says in cases:
             with self.subTest(args=args):

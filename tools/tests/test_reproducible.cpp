@@ -31,9 +31,22 @@ using testing::TempPipe;
 
 constexpr std::uint64_t kBlock = 4096;
 
+// A group label of every kind: whole numbers (1, 1.0 and +1 being one group),
+// another number and texts; "late" first shows past the first third of the
+// rows and "z" in the last quarter, so that the order of first appearance
+// differs from the sorted order and is decided in later blocks.
+std::string GroupCell(std::mt19937_64& random, int row, int rows) {
+  static const char* const kEarly[] = {"north", "1", "2.5", "1.0", "-3", "+1", "south"};
+  const int pick = static_cast<int>(random() % 100);
+  if (row > rows / 3 && pick < 6) return "late";
+  if (row > 3 * rows / 4 && pick < 9) return "z";
+  return kEarly[pick % 7];
+}
+
 // Values where the order of the sums shows in the last bits: a column far
-// from zero with a small spread, one of mixed magnitudes, one tiny; weights,
-// groups and missing cells.
+// from zero with a small spread, one of mixed magnitudes, one tiny; weights
+// of mixed size (their squares count with analytic weights), group labels of
+// every kind and missing cells.
 std::string MakeText(unsigned seed, int rows) {
   std::mt19937_64 random(seed);
   std::normal_distribution<double> normal;
@@ -44,9 +57,10 @@ std::string MakeText(unsigned seed, int rows) {
     const double big = 3.0e9 + 1e-3 * normal(random);
     const double mixed = normal(random) * (pick(random) < 10 ? 1e8 : 1e-2);
     const double tiny = 1e-9 * normal(random) + 1e-7;
-    std::snprintf(line, sizeof line, "%.17g,%.17g,%s,%d,%d\n", big, mixed,
-                  pick(random) < 8 ? "" : std::to_string(tiny).c_str(), 1 + pick(random) % 4,
-                  pick(random) % 5);
+    const double weight = 0.1 * (1 + pick(random) % 37);
+    std::snprintf(line, sizeof line, "%.17g,%.17g,%s,%.17g,%s\n", big, mixed,
+                  pick(random) < 8 ? "" : std::to_string(tiny).c_str(), weight,
+                  GroupCell(random, i, rows).c_str());
     text += line;
   }
   return text;
@@ -58,7 +72,7 @@ struct Columns {
   explicit Columns(bool weighted = true, bool grouped = true) {
     rules.missingTexts = {""};
     rules.missingCode = -1e300;
-    rules.groupHi = 9;
+    rules.checkGroupRange = false;
     layout = MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',',
                         {{"big", "mixed", "tiny"}, weighted ? "w" : "", "", grouped ? "g" : ""});
   }
@@ -81,15 +95,28 @@ PassResult Pass(const std::string& text, const Columns& s, PassOptions options, 
   return RunPass(reader, s.layout, s.rules, options);
 }
 
-std::string Json(const PassResult& pass, const Columns& s, bool groupCovariance) {
-  return FormatJson(Report("data.csv", s.layout, pass, {}, groupCovariance));
+// How the report defines its figures for a pass run with `options`.
+ReportOptions FiguresOf(const PassOptions& options) {
+  ReportOptions figures;
+  figures.groupCovariance = options.groupCovariance;
+  figures.weightKind =
+      options.weightSquares ? figures::WeightKind::kAnalytic : figures::WeightKind::kFrequency;
+  return figures;
 }
 
-PassOptions Options(bool pairwise) {
+std::string Json(const PassResult& pass, const Columns& s, const PassOptions& options) {
+  return FormatJson(Report("data.csv", s.layout, pass, {}, FiguresOf(options)));
+}
+
+// Analytic weights where there are weights; the groups in order of first
+// appearance under listwise deletion and sorted under pairwise.
+PassOptions Options(bool pairwise, bool weighted = true) {
   PassOptions options;
   options.pairwise = pairwise;
   options.groupCovariance = true;
   options.blockBytes = kBlock;
+  options.weightSquares = weighted;
+  options.groupsInFileOrder = !pairwise;
   return options;
 }
 
@@ -99,15 +126,15 @@ TEST_P(ReproducibleThreaded, SameBytesForAnyThreadsReadsBatchesAndInput) {
   const auto [pairwise, weightedAndGrouped] = GetParam();
   const std::string text = MakeText(7, 6000);
   const Columns s(weightedAndGrouped, weightedAndGrouped);
-  const PassOptions options = Options(pairwise);
-  const std::string base = Json(Pass(text, s, options, {}), s, true);
+  const PassOptions options = Options(pairwise, weightedAndGrouped);
+  const std::string base = Json(Pass(text, s, options, {}), s, options);
   for (int threads : {1, 2, 3, 8}) {
     for (std::size_t readSize : {std::size_t{1}, 3 * kBlock + 5, std::size_t{1} << 20}) {
       for (unsigned batchRows : {1u, 100u}) {
         for (bool pipe : {false, true}) {
           SCOPED_TRACE(std::to_string(threads) + " threads, read size " + std::to_string(readSize)
                        + ", batch " + std::to_string(batchRows) + (pipe ? ", pipe" : ", file"));
-          EXPECT_EQ(Json(Pass(text, s, options, {threads, readSize, batchRows, pipe}), s, true),
+          EXPECT_EQ(Json(Pass(text, s, options, {threads, readSize, batchRows, pipe}), s, options),
                     base);
         }
       }
@@ -117,7 +144,7 @@ TEST_P(ReproducibleThreaded, SameBytesForAnyThreadsReadsBatchesAndInput) {
   // otherwise.
   PassOptions otherGrid = options;
   otherGrid.blockBytes = 3 * kBlock;
-  EXPECT_NE(Json(Pass(text, s, otherGrid, {}), s, true), base);
+  EXPECT_NE(Json(Pass(text, s, otherGrid, {}), s, otherGrid), base);
 }
 
 INSTANTIATE_TEST_SUITE_P(Deletion, ReproducibleThreaded,
@@ -129,7 +156,7 @@ TEST(ReproducibleThreaded, RandomDelaysInTheWorkersChangeNoBit) {
   const std::string text = MakeText(11, 3000);
   const Columns s;
   const PassOptions options = Options(false);
-  const std::string base = Json(Pass(text, s, options, {1, kBlock}), s, true);
+  const std::string base = Json(Pass(text, s, options, {1, kBlock}), s, options);
   std::mt19937 seeds(5);
   for (int run = 0; run < 8; ++run) {
     const auto seed = static_cast<std::uint32_t>(seeds());
@@ -139,7 +166,7 @@ TEST(ReproducibleThreaded, RandomDelaysInTheWorkersChangeNoBit) {
           ^ static_cast<std::uint32_t>(std::hash<std::thread::id>()(std::this_thread::get_id())));
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
     });
-    EXPECT_EQ(Json(Pass(text, s, options, {4, kBlock}), s, true), base) << "run " << run;
+    EXPECT_EQ(Json(Pass(text, s, options, {4, kBlock}), s, options), base) << "run " << run;
   }
   SetChunkHookForTests({});
 }
@@ -153,7 +180,8 @@ Bytes StateOf(const std::string& text, const Columns& s, PassOptions options, co
   options.endBlock = end;
   options.keepForest = true;
   PassResult pass = Pass(text, s, options, way);
-  return SaveState(StateOfPass("data.csv", s.layout, s.rules, options, {}, pass));
+  return SaveState(
+      StateOfPass("data.csv", s.layout, s.rules, options, FiguresOf(options), {}, {}, pass));
 }
 
 PassState Travelled(const Bytes& bytes) { return LoadState(bytes, "a state"); }
@@ -162,8 +190,9 @@ std::string MergedJson(const std::vector<Bytes>& states) {
   PassState merged = Travelled(states.front());
   for (std::size_t k = 1; k < states.size(); ++k)
     MergeState(merged, Travelled(states[k]), "state " + std::to_string(k));
+  const ReportOptions figures = ReportOptionsOf(merged);
   StateReport report = ReportOfState(std::move(merged));
-  return FormatJson(Report("data.csv", report.layout, report.pass, report.skipped, true));
+  return FormatJson(Report("data.csv", report.layout, report.pass, report.skipped, figures));
 }
 
 class StatePartsThreaded : public ::testing::TestWithParam<bool> {};
@@ -176,7 +205,7 @@ TEST_P(StatePartsThreaded, PartsOnTheGridMergeToTheOnePassBytes) {
   const std::string text = MakeText(3, 5000);
   const Columns s;
   const PassOptions options = Options(pairwise);
-  const std::string whole = Json(Pass(text, s, options, {2, kBlock}), s, true);
+  const std::string whole = Json(Pass(text, s, options, {2, kBlock}), s, options);
   constexpr std::uint64_t kEnd = ChunkReader::kNoEnd;
   EXPECT_EQ(MergedJson({StateOf(text, s, options, {1, kBlock}, 0, kEnd)}), whole);
   // Cuts at odd blocks, so that the parts' forests have siblings to merge.
@@ -238,6 +267,10 @@ TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
   otherBlock.blockBytes = 1000;
   PassOptions noGroupCovariance = Options(false);
   noGroupCovariance.groupCovariance = false;
+  PassOptions frequency = Options(false);
+  frequency.weightSquares = false;
+  PassOptions sorted = Options(false);
+  sorted.groupsInFileOrder = false;
   Columns otherColumns;
   otherColumns.layout =
       MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',', {{"big", "tiny"}, "w", "", "g"});
@@ -247,7 +280,9 @@ TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
       {s, Options(true), "deletion: listwise against pairwise"},
       {s, otherBlock, "block size: 4096 against 1000"},
       {s, noGroupCovariance, "--group-covariance: on against off"},
-      {Columns(false, true), Options(false), "weight column: w against (none)"},
+      {s, frequency, "--weight-kind: analytic against frequency"},
+      {s, sorted, "--group-order: first against sorted"},
+      {Columns(false, true), Options(false, false), "weight column: w against (none)"},
       {otherColumns, Options(false), "value columns: big,mixed,tiny against big,tiny"},
       {otherMissing, Options(false), "missing texts: \"\" against \"\", \"NA\""},
   };

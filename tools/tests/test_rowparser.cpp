@@ -62,12 +62,12 @@ TEST(RowParser, ReadsNumbersIntoTheirSlots) {
   ASSERT_TRUE(f.Parse("r1,2,3,1.5,-2e3")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{-2000.0, 1.5}));
   EXPECT_EQ(f.row.weight, 3.0);
-  EXPECT_EQ(f.row.group, 2);
+  EXPECT_EQ(f.row.group.Whole(), 2);
   EXPECT_EQ(f.row.nMissing, 0u);
   ASSERT_TRUE(f.Parse("r2, 3 ,\"0.25\", +7 ,.5")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{0.5, 7.0}));
   EXPECT_EQ(f.row.weight, 0.25);
-  EXPECT_EQ(f.row.group, 3);
+  EXPECT_EQ(f.row.group.Whole(), 3);
 }
 
 TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
@@ -236,10 +236,13 @@ TEST(RowParser, GroupsAreWholeNumbersInTheRange) {
               "group 4 is outside the group range 1..3 (set the range with --group-range)");
     EXPECT_FALSE(f.Parse("r,0,1,2,3"));
     ASSERT_TRUE(f.Parse("r,+3,1,2,3"));
-    EXPECT_EQ(f.row.group, 3);
+    EXPECT_EQ(f.row.group.Whole(), 3);
     ASSERT_TRUE(f.Parse("r,,1,2,3"));
     EXPECT_TRUE(f.row.groupMissing);
-    EXPECT_EQ(f.Parse("r,2.0,1,2,3"), lenient);
+    ASSERT_TRUE(f.Parse("r,2.0,1,2,3")) << "a whole number written as a decimal";
+    EXPECT_EQ(f.row.group.Whole(), 2);
+    EXPECT_EQ(f.Parse("r,2.5,1,2,3"), lenient);
+    EXPECT_EQ(f.Parse("r,two,1,2,3"), lenient);
   }
 }
 
