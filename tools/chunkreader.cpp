@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "errors.h"
+#include "textscan.h"
 
 namespace vorelstat {
 
@@ -79,7 +80,68 @@ constexpr Signature kSignatures[] = {
     {"\xFE\xFF", "UTF-16 text"},
 };
 
+// Whether the quote at `quote` opens a field: only padding lies between it and
+// a delimiter before it, or between it and `segment`, where the field-start
+// state `atSegmentStart` holds.
+bool OpensField(const char* segment, const char* quote, bool atSegmentStart, char delimiter) {
+  const char* k = quote;
+  while (k != segment && IsPadding(k[-1], delimiter))
+    --k;
+  return k == segment ? atSegmentStart : k[-1] == delimiter;
+}
+
+// The last line end outside quotes in [begin, end), a line starting at `begin`.
+const char* LastLineEndOutsideQuotes(const char* begin, const char* end, char delimiter) {
+  const char* last = nullptr;
+  QuoteState state;
+  for (const char* p = begin;;) {
+    const char* found = NextLineEndOutsideQuotes(p, end, delimiter, state);
+    if (found == nullptr) return last;
+    last = found;
+    p = found + 1;
+  }
+}
+
 }  // namespace
+
+const char* NextLineEndOutsideQuotes(const char* from, const char* end, char delimiter,
+                                     QuoteState& state, std::uint64_t* lineEndsInQuotes) {
+  const char* p = from;
+  for (;;) {
+    if (state.where == QuoteState::kInsideAfterQuote) {
+      if (p == end) return nullptr;
+      if (*p == '"') {
+        ++p;
+        state.where = QuoteState::kInside;
+      } else {
+        state = {QuoteState::kOutside, false};
+      }
+    }
+    if (state.where == QuoteState::kInside) {
+      const char* quote = FindFirst(p, static_cast<std::size_t>(end - p), '"');
+      const char* stop = quote != nullptr ? quote : end;
+      if (lineEndsInQuotes != nullptr)
+        *lineEndsInQuotes += static_cast<std::uint64_t>(std::count(p, stop, '\n'));
+      if (quote == nullptr) return nullptr;
+      p = quote + 1;
+      state.where = QuoteState::kInsideAfterQuote;
+      continue;
+    }
+    const char* hit = FindEither(p, end, '\n', '"');
+    if (hit == nullptr) {
+      state.atFieldStart = OpensField(p, end, state.atFieldStart, delimiter);
+      return nullptr;
+    }
+    if (*hit == '\n') {
+      state = {};
+      return hit;
+    }
+    state = {OpensField(p, hit, state.atFieldStart, delimiter) ? QuoteState::kInside
+                                                               : QuoteState::kOutside,
+             false};
+    p = hit + 1;
+  }
+}
 
 ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine)
     : _path(path),
@@ -280,14 +342,22 @@ std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
   return fileSize;
 }
 
+void ChunkReader::CutOutsideQuotes(char delimiter) {
+  _quoteDelimiter = delimiter;
+  // A regular file is read on from the next chunk's start as a stream.
+  if (Seekable() && ::lseek(_fd, static_cast<off_t>(_handedOut), SEEK_SET) < 0)
+    throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
+}
+
 bool ChunkReader::Next(Chunk& chunk) {
-  if (!Seekable()) return NextFromStream(chunk);
+  if (!Seekable() || _quoteDelimiter) return NextFromStream(chunk);
   if (_handedOut >= *_fileSize) return false;
   const std::uint64_t cut = CutAfter(_handedOut);
   chunk.offset = _handedOut;
   chunk.size = cut - _handedOut;
   chunk.index = _nextIndex++;
   chunk.loaded = false;
+  chunk.cutGuessed = cut < *_fileSize;
   _handedOut = cut;
   return true;
 }
@@ -313,6 +383,11 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
     if (readAgain && !_eof) ReadMore(chunk.text, _readSize);
     const std::size_t size = chunk.text.Size();
     lastLineEnd = FindLast(chunk.text.Data() + scanned, size - scanned, '\n');
+    if (lastLineEnd != nullptr && _quoteDelimiter
+        && FindFirst(chunk.text.Data(), size, '"') != nullptr) {
+      lastLineEnd =
+          LastLineEndOutsideQuotes(chunk.text.Data(), chunk.text.Data() + size, *_quoteDelimiter);
+    }
     if (lastLineEnd != nullptr || _eof) break;
     // No line end at all: the chunk is one partial line.
     if (size > _maxLine) LineTooLong(_handedOut);
@@ -328,6 +403,7 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
   chunk.size = chunk.text.Size();
   chunk.index = _nextIndex++;
   chunk.loaded = true;
+  chunk.cutGuessed = false;
   _handedOut += chunk.size;
   return true;
 }

@@ -21,6 +21,13 @@
 // is: compressed data, UTF-16, bytes 0, line ends of carriage returns alone.
 // A regular file that reports size 0 (as files under /proc do) is read as a
 // stream.
+//
+// Quoted fields may hold line ends. A regular file is cut at a line end
+// without looking at quotes: the thread that parses a chunk finds out whether
+// its end fell inside quotes (the chunk's last field is then still open), and
+// the pass is run again with CutOutsideQuotes. In that mode, and for a stream,
+// the serial stage reads the bytes and cuts only at line ends outside quotes;
+// a chunk without any quote needs no closer look.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +37,15 @@
 #include <string>
 #include <string_view>
 
+#include "errors.h"
+
 namespace vorelstat {
+
+// A pass met a chunk whose guessed cut fell inside quotes; it is to be run
+// again with ChunkReader::CutOutsideQuotes.
+struct CutInsideQuotes : DataError {
+  using DataError::DataError;
+};
 
 // A growable block of chars that is never cleared: reading into it costs no
 // zero fill.
@@ -58,7 +73,26 @@ struct Chunk {
   std::uint64_t size = 0;    // bytes of the chunk
   std::uint64_t index = 0;   // 0 for the first chunk after the header
   bool loaded = false;       // whether `text` holds the bytes yet
+  // Cut at a line end before the end of the input that may lie inside quotes.
+  bool cutGuessed = false;
 };
+
+// Where a scan of delimited text stands: outside quotes, inside a quoted
+// field, or inside one just after a quote (which closes the field unless a
+// second quote follows). A quote opens a field only at its start, spaces and
+// tabs before it allowed; elsewhere it is text.
+struct QuoteState {
+  enum Where : std::uint8_t { kOutside, kInside, kInsideAfterQuote };
+  Where where = kOutside;
+  bool atFieldStart = true;  // outside: only padding since the last delimiter or line start
+};
+
+// The next line end outside quotes in [from, end), `state` being the state
+// at `from` (a line start: the default). Returns that '\n', or nullptr with
+// `state` then the state at `end`. Adds the line ends passed inside quotes to
+// `lineEndsInQuotes` when it is given.
+const char* NextLineEndOutsideQuotes(const char* from, const char* end, char delimiter,
+                                     QuoteState& state, std::uint64_t* lineEndsInQuotes = nullptr);
 
 class ChunkReader {
  public:
@@ -88,6 +122,9 @@ class ChunkReader {
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
   bool Next(Chunk& chunk);
+  // From here on, cuts only at line ends outside quotes, reading the bytes in
+  // the serial stage. Fields are split at `delimiter`.
+  void CutOutsideQuotes(char delimiter);
   // The parallel stage: reads the chunk's bytes into its text, if Next did
   // not. Safe on several threads at once, each with its own chunk. Throws
   // DataError on a read error or when the file shrank.
@@ -122,9 +159,10 @@ class ChunkReader {
   std::uint64_t _headerLine = 1;
   TextBuffer _ahead;  // regular file: the bytes of PeekAhead
   std::uint64_t _nextIndex = 0;
-  std::uint64_t _handedOut = 0;  // the next chunk starts here
-  TextBuffer _window;            // regular file: scratch of CutAfter and the header
-  // Stream input only.
+  std::uint64_t _handedOut = 0;         // the next chunk starts here
+  TextBuffer _window;                   // regular file: scratch of CutAfter and the header
+  std::optional<char> _quoteDelimiter;  // set by CutOutsideQuotes
+  // Stream input, and a regular file cut outside quotes.
   bool _eof = false;
   TextBuffer _carry;  // bytes read but not yet handed out
 };

@@ -29,6 +29,7 @@ struct Options {
   bool groupCovariance = false;
   std::string format = "table";
   std::string delimiter = "auto";
+  std::string decimal = ".";
   bool noProgress = false;
 };
 

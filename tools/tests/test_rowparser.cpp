@@ -99,7 +99,7 @@ TEST(RowParser, CellsOutOfRangeOrInAForeignForm) {
       {"-1e999", "cell \"-1e999\" is beyond the range of a double (about 1.8e308)"},
       {"\"5,1\"",
        "cell \"5,1\" is not a number (a decimal comma? numbers are read with a "
-       "decimal point)"},
+       "decimal point, or with --decimal , with a comma)"},
       {"0x1p3", "cell \"0x1p3\" is not a number (hexadecimal numbers are not read)"},
   };
   for (const auto& c : cases) {
