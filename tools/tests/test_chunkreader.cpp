@@ -218,6 +218,77 @@ TEST(ChunkReader, ProcFilesAreReadToTheEnd) {
   EXPECT_FALSE(ReadAll(reader).joined.empty());
 }
 
+// The first line end outside quotes, from a line start; a quote opens a
+// field only at its start, and "" inside quotes is one quote.
+TEST(NextLineEndOutsideQuotes, FindsTheRecordEnd) {
+  const struct {
+    std::string text;
+    char delimiter;
+    std::size_t lineEnd;  // npos: none
+    std::uint64_t inside;
+  } cases[] = {
+      {"1,2\n3", ',', 3, 0},
+      {"\"a\nb\",2\nx", ',', 7, 1},
+      {" \t\"a\n\"\"\n\" ,2\n", ',', 12, 2},  // padding before the quote
+      {"5\",x\n", ',', 4, 0},                 // a quote after text is text
+      {"a;\"b\n\";c\n", ';', 8, 1},
+      {"a,\"b\n\";c\n", ';', 4, 0},  // after a comma, not the delimiter: text
+      {"\"open\n\n", ',', std::string::npos, 2},
+      {"\"x\"\"\n\"\n", ',', 6, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    // Whole, and cut in two at every place with the state carried over.
+    for (std::size_t split = 0; split <= c.text.size(); ++split) {
+      SCOPED_TRACE("split at " + std::to_string(split));
+      const char* begin = c.text.data();
+      const char* end = begin + c.text.size();
+      QuoteState state;
+      std::uint64_t inside = 0;
+      const char* found =
+          NextLineEndOutsideQuotes(begin, begin + split, c.delimiter, state, &inside);
+      if (found == nullptr)
+        found = NextLineEndOutsideQuotes(begin + split, end, c.delimiter, state, &inside);
+      EXPECT_EQ(found == nullptr ? std::string::npos : static_cast<std::size_t>(found - begin),
+                c.lineEnd);
+      EXPECT_EQ(inside, c.inside);
+    }
+  }
+}
+
+// Records with line ends inside quotes: cut outside quotes, a file and a pipe
+// give chunks that rebuild the input, each ending where a record ends.
+TEST(ChunkReader, CutsOutsideQuotes) {
+  std::string body;
+  for (int i = 0; i < 60; ++i) {
+    body += std::to_string(i) + ",\"note " + std::to_string(i) + "\nsays \"\"hi\"\",\n\",";
+    body += (i % 7 == 0 ? "\"\n\n\"" : std::to_string(i * 3)) + "\r\n";
+  }
+  for (bool pipe : {false, true}) {
+    for (std::size_t readSize : {1, 2, 5, 17, 64, 1000}) {
+      SCOPED_TRACE(std::string(pipe ? "pipe" : "file") + ", read size " + std::to_string(readSize));
+      std::optional<TempFile> file;
+      std::optional<TempPipe> fifo;
+      const std::string text = "a,b,c\n" + body;
+      const std::string& path = pipe ? fifo.emplace(text).Path() : file.emplace(text).Path();
+      ChunkReader reader(path, readSize);
+      reader.CutOutsideQuotes(',');
+      const ReadBack back = ReadAll(reader);
+      EXPECT_EQ(back.joined, body);
+      for (const Chunk& chunk : back.chunks) {
+        QuoteState state;
+        const char* begin = chunk.text.Data();
+        const char* end = begin + chunk.text.Size();
+        const char* last = nullptr;
+        for (const char* p = begin; (p = NextLineEndOutsideQuotes(p, end, ',', state)) != nullptr;
+             ++p)
+          last = p;
+        ASSERT_EQ(last, end - 1) << "a chunk ends at its last record's end";
+      }
+    }
+  }
+}
+
 TEST(ChunkReader, HeaderLongerThanAWindow) {
   std::string header;
   for (int i = 0; i < 2000; ++i)
