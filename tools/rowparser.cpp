@@ -541,6 +541,17 @@ RowParser::Cursor RowParser::TakeNumberAt(FieldRole role, std::size_t field, con
   return Cursor::kTaken;
 }
 
+bool RowParser::TakePlain(FieldRole role, std::size_t field, double value, ParsedRow& row) const {
+  if (role == FieldRole::kValue) {
+    row.values[_layout.slots[field]] = value;
+    return true;
+  }
+  // A plain decimal is finite; a negative weight needs its error worded.
+  if (value < 0.0) return false;
+  (role == FieldRole::kWeight ? row.weight : row.regWeight) = value;
+  return true;
+}
+
 void RowParser::TakeMissing(FieldRole role, std::size_t field, ParsedRow& row) const {
   if (role == FieldRole::kValue) {
     row.values[_layout.slots[field]] = _rules.missingCode;
@@ -593,15 +604,15 @@ bool RowParser::ParseFields(const char* p, const char* end, ParsedRow& row, Line
   const char delimiter = _layout.delimiter;
   for (std::size_t field = 0;; ++field) {
     if (field == _nFields) return false;
-    // The common cell first: a plain decimal in a value column, right up
-    // against its delimiter or line end.
-    if (_plainValues && end - p >= plain::kPlainReach
-        && _layout.roles[field] == FieldRole::kValue) {
+    // The common cell first: a plain decimal in a value or weight column,
+    // right up against its delimiter or line end.
+    const FieldRole role = _layout.roles[field];
+    if (_plainValues && end - p >= plain::kPlainReach && role != FieldRole::kSkip
+        && role != FieldRole::kGroup) {
       double value = 0.0;
       const char* after = plain::ReadPlainDecimal(p, _rules.decimalPoint, value);
-      if (after != nullptr && (*after == delimiter || *after == '\n')
-          && value != _rules.missingCode) {
-        row.values[_layout.slots[field]] = value;
+      if (after != nullptr && (*after == delimiter || *after == '\n') && value != _rules.missingCode
+          && TakePlain(role, field, value, row)) {
         p = after;
         if (*p == delimiter) {
           ++p;
@@ -614,7 +625,6 @@ bool RowParser::ParseFields(const char* p, const char* end, ParsedRow& row, Line
       }
     }
     p = SkipPadding(p, end, delimiter);
-    const FieldRole role = _layout.roles[field];
     const bool numeric =
         role == FieldRole::kValue || role == FieldRole::kWeight || role == FieldRole::kRegWeight;
     if (!numeric || TakeNumberAt(role, field, p, end, row) != Cursor::kTaken) {

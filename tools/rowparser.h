@@ -153,6 +153,8 @@ class RowParser {
   // kElsewhere, with `p` unmoved.
   Cursor TakeNumberAt(FieldRole role, std::size_t field, const char*& p, const char* end,
                       ParsedRow& row) const;
+  // A plain decimal into a value or weight; false for a negative weight.
+  bool TakePlain(FieldRole role, std::size_t field, double value, ParsedRow& row) const;
   void TakeMissing(FieldRole role, std::size_t field, ParsedRow& row) const;
   // The fields of a record from `p`, at the cursor; `record` gets its end.
   // False for anything that needs the error worded.
