@@ -225,8 +225,10 @@ void ChunkReader::CheckStart(std::string_view head) const {
 }
 
 void ChunkReader::LineTooLong(std::uint64_t offset) const {
+  // Following quotes, a record runs on to the closing quote.
+  const char* hint = _quoteDelimiter ? " (or a quote is left open there)" : "";
   throw DataError(_path + ": the line at byte " + std::to_string(offset) + " is longer than "
-                  + std::to_string(_maxLine) + " bytes, the limit of --max-line-length");
+                  + std::to_string(_maxLine) + " bytes, the limit of --max-line-length" + hint);
 }
 
 void ChunkReader::ReadHeader() {

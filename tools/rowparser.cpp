@@ -47,7 +47,7 @@ bool NextField(const char*& p, const char* end, char delimiter, std::string& scr
   for (;;) {
     const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
     if (found == nullptr) {
-      problem = "a quoted field has no closing quote (a line end inside quotes is not supported)";
+      problem = "a quoted field has no closing quote";
       return false;
     }
     const char* quote = static_cast<const char*>(found);
