@@ -27,6 +27,22 @@ std::string_view Trim(std::string_view text) {
   return text;
 }
 
+// The text of a quoted field from `q`, just after its opening quote, into
+// `into`, with "" as one quote; returns the position after the closing quote,
+// or nullptr when there is none before `end`.
+const char* Unquote(const char* q, const char* end, std::string& into) {
+  into.clear();
+  for (;;) {
+    const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
+    if (found == nullptr) return nullptr;
+    const char* quote = static_cast<const char*>(found);
+    into.append(q, quote);
+    if (quote + 1 == end || quote[1] != '"') return quote + 1;
+    into.push_back('"');
+    q = quote + 2;
+  }
+}
+
 // Reads the field that starts at p and leaves p at the delimiter after it or
 // at `end`. A quoted field is unquoted into `scratch`, which `cell` then views.
 // Returns false, with `problem` set, for a malformed quoted field.
@@ -42,23 +58,10 @@ bool NextField(const char*& p, const char* end, char delimiter, std::string& scr
     p = stop;
     return true;
   }
-  scratch.clear();
-  const char* q = start + 1;
-  for (;;) {
-    const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
-    if (found == nullptr) {
-      problem = "a quoted field has no closing quote";
-      return false;
-    }
-    const char* quote = static_cast<const char*>(found);
-    scratch.append(q, quote);
-    if (quote + 1 != end && quote[1] == '"') {
-      scratch.push_back('"');
-      q = quote + 2;
-      continue;
-    }
-    q = quote + 1;
-    break;
+  const char* q = Unquote(start + 1, end, scratch);
+  if (q == nullptr) {
+    problem = "a quoted field has no closing quote";
+    return false;
   }
   while (q != end && IsSpace(*q) && *q != delimiter)
     ++q;
@@ -566,22 +569,9 @@ bool RowParser::TakeField(std::size_t field, const char*& p, const char* end, Pa
   const char delimiter = _layout.delimiter;
   std::string_view cell;
   if (p != end && *p == '"') {
-    _unquoted.clear();
-    const char* q = p + 1;
-    for (;;) {
-      const char* quote =
-          static_cast<const char*>(std::memchr(q, '"', static_cast<std::size_t>(end - q)));
-      if (quote == nullptr) return false;
-      record.lineEndsInside += static_cast<std::uint64_t>(std::count(q, quote, '\n'));
-      _unquoted.append(q, quote);
-      if (quote + 1 != end && quote[1] == '"') {
-        _unquoted.push_back('"');
-        q = quote + 2;
-        continue;
-      }
-      q = quote + 1;
-      break;
-    }
+    const char* q = Unquote(p + 1, end, _unquoted);
+    if (q == nullptr) return false;
+    record.lineEndsInside += static_cast<std::uint64_t>(std::count(p, q, '\n'));
     q = SkipPadding(q, end, delimiter);
     if (!AtFieldEnd(q, end, delimiter)) return false;
     cell = Trim(_unquoted);
