@@ -68,7 +68,7 @@ enum Converter { kAtCursor, kFromChars, kStrtod };
 
 // The cells' numbers, summed so that nothing is optimised away; the sums of
 // the three converters must agree bit for bit.
-void BM_NumberConversion(benchmark::State& state) {
+void NumberConversion(benchmark::State& state) {
   const auto converter = static_cast<Converter>(state.range(0));
   const std::string& text = SharedText(20, 0);
   const std::vector<std::string_view> cells = Cells(text);
@@ -103,10 +103,14 @@ void BM_NumberConversion(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * cells.size()));
 }
-BENCHMARK(BM_NumberConversion)->Arg(kAtCursor)->Arg(kFromChars)->Arg(kStrtod);
+BENCHMARK(NumberConversion)
+    ->Name("BM_NumberConversion")
+    ->Arg(kAtCursor)
+    ->Arg(kFromChars)
+    ->Arg(kStrtod);
 
 // Whole records into parsed rows: columns, and one cell in `missingEvery` empty.
-void BM_ParseRecords(benchmark::State& state) {
+void ParseRecords(benchmark::State& state) {
   const int columns = static_cast<int>(state.range(0));
   const int missingEvery = static_cast<int>(state.range(1));
   const std::string& text = SharedText(columns, missingEvery);
@@ -135,7 +139,7 @@ void BM_ParseRecords(benchmark::State& state) {
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
 }
-BENCHMARK(BM_ParseRecords)->Args({20, 0})->Args({100, 0})->Args({20, 20});
+BENCHMARK(ParseRecords)->Name("BM_ParseRecords")->Args({20, 0})->Args({100, 0})->Args({20, 20});
 
 }  // namespace
 }  // namespace vorel::bench
