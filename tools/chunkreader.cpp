@@ -224,9 +224,9 @@ void ChunkReader::CheckStart(std::string_view head) const {
   }
 }
 
-void ChunkReader::LineTooLong(std::uint64_t offset) const {
+void ChunkReader::LineTooLong(std::uint64_t offset, bool quoted) const {
   // Following quotes, a record runs on to the closing quote.
-  const char* hint = _quoteDelimiter ? " (or a quote is left open there)" : "";
+  const char* hint = quoted ? " (or a quote is left open there)" : "";
   throw DataError(_path + ": the line at byte " + std::to_string(offset) + " is longer than "
                   + std::to_string(_maxLine) + " bytes, the limit of --max-line-length" + hint);
 }
@@ -392,7 +392,10 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
     }
     if (lastLineEnd != nullptr || _eof) break;
     // No line end at all: the chunk is one partial line.
-    if (size > _maxLine) LineTooLong(_handedOut);
+    if (size > _maxLine) {
+      LineTooLong(_handedOut,
+                  _quoteDelimiter && FindFirst(chunk.text.Data(), size, '"') != nullptr);
+    }
     scanned = size;
     readAgain = true;
   }

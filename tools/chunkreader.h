@@ -146,7 +146,8 @@ class ChunkReader {
   void ReadHeader();
   // Refuses input that is no delimited text, from its first bytes.
   void CheckStart(std::string_view head) const;
-  [[noreturn]] void LineTooLong(std::uint64_t offset) const;
+  // `quoted`: the line holds a quote, which may be one left open.
+  [[noreturn]] void LineTooLong(std::uint64_t offset, bool quoted = false) const;
   bool NextFromStream(Chunk& chunk);
 
   std::string _path;
