@@ -95,7 +95,8 @@ Reference Gather(std::string_view text, const ToolRun& run, const CellRules& rul
     if (parsed.nMissing != 0 && !pairwise) continue;
     ++ref.used;
     Row row{parsed.values, parsed.weight, run.layout.regWeightField ? v : parsed.weight,
-            run.layout.groupField && !parsed.groupMissing && parsed.nMissing == 0, parsed.group};
+            run.layout.groupField && !parsed.groupMissing && parsed.nMissing == 0,
+            parsed.group.Whole()};
     ref.sane = ref.sane && row.w > 1e-50 && row.w < 1e50 && row.v > 1e-50 && row.v < 1e50;
     for (double x : row.x)
       ref.sane = ref.sane && (x == rules.missingCode || std::fabs(x) < 1e100);

@@ -1,7 +1,8 @@
-// The result classes seen through one shape for the reproducible-reduction
-// tests: a fresh result, one block of rows reduced into it, and every figure
-// its accessors give, to be compared bit for bit. Plus the fixed tree written
-// out as a recursion, and Driver passes with and without a BlockTree.
+// The result classes seen through one shape, for the tests of the block tree
+// and of the saved state: a fresh result, rows that feel the order of the
+// merges, one block of them reduced into it, and the state it saves, to be
+// compared byte for byte. Plus the fixed tree written out as a recursion, and
+// Driver passes with and without a BlockTree.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -50,91 +51,6 @@ inline Table OrderSensitiveTable(unsigned seed, std::size_t nRows) {
   return t;
 }
 
-// Every figure a result's accessors give, counts as doubles.
-inline std::vector<double> Figures(const MatrixListwise& m) {
-  std::vector<double> f{double(m.NColumns()), double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  for (unsigned i = 0; i < m.NColumns(); ++i) {
-    f.push_back(m.Mean(i));
-    for (unsigned j = 0; j < m.NColumns(); ++j)
-      f.push_back(m.CCP(i, j));
-  }
-  return f;
-}
-
-inline std::vector<double> Figures(const MatrixPairwise& m) {
-  std::vector<double> f{double(m.NColumns()), double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  for (unsigned i = 0; i < m.NColumns(); ++i) {
-    const std::vector<double> var = pairwise::VarFields(m.Var(i));
-    f.insert(f.end(), var.begin(), var.end());
-    for (unsigned j = 0; j < m.NColumns(); ++j) {
-      if (i == j) continue;
-      const std::vector<double> pair = pairwise::PairFields(m.Pair(i, j));
-      f.insert(f.end(), pair.begin(), pair.end());
-    }
-  }
-  return f;
-}
-
-// A pair of columns of the block that it keeps figures for: any pair in an S
-// block, only pairs across its two sets in an NS block.
-template <class Block>
-bool HoldsPair(const Block& m, int i, int j) {
-  return m.Col1() == m.Col0() || (i < m.Col1()) != (j < m.Col1());
-}
-
-// The listwise blocks: every column's mean and extremes, and the
-// cross-products that the block holds.
-template <class Block>
-requires requires(const Block& b) { b.CCP(0, 0); }
-std::vector<double> Figures(const Block& m) {
-  std::vector<double> f{double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  for (int i = m.Col0(); i < m.Col2(); ++i) {
-    f.insert(f.end(), {m.Mean(i), m.Min(i), m.Max(i)});
-    for (int j = m.Col0(); j < m.Col2(); ++j)
-      if (HoldsPair(m, i, j)) f.push_back(m.CCP(i, j));
-  }
-  return f;
-}
-
-// The pairwise blocks, in the same way.
-template <class Block>
-requires requires(const Block& b) { b.Pair(0, 1); }
-std::vector<double> Figures(const Block& m) {
-  std::vector<double> f{double(m.NRows()), m.WeightSum(), m.RegWeightSum()};
-  for (int i = m.Col0(); i < m.Col2(); ++i) {
-    const std::vector<double> var = pairwise::VarFields(m.Var(i));
-    f.insert(f.end(), var.begin(), var.end());
-    for (int j = m.Col0(); j < m.Col2(); ++j) {
-      if (i == j || !HoldsPair(m, i, j)) continue;
-      const std::vector<double> pair = pairwise::PairFields(m.Pair(i, j));
-      f.insert(f.end(), pair.begin(), pair.end());
-    }
-  }
-  return f;
-}
-
-inline std::vector<double> Figures(const DiscriminantMatrix& m) {
-  std::vector<double> f{double(m.NRows()), m.WeightSum()};
-  for (int g = 0; g < m.NGroup(); ++g) {
-    f.push_back(m.sumW(g));
-    for (int i = 0; i < m.NVar(); ++i)
-      f.insert(f.end(), {m.sumX1(g, i), m.sumX2(g, i)});
-  }
-  for (int i = 0; i < m.NVar(); ++i)
-    for (int j = 0; j < m.NVar(); ++j)
-      f.push_back(m.TSSP(i, j));
-  return f;
-}
-
-inline std::vector<double> Figures(const DiscIndividualMatrix& m) {
-  std::vector<double> f{double(m.NRows()), m.WeightSum()};
-  const int nEntries = (m.NVar() + 1) * (m.NVar() + 2) / 2;
-  for (int g = 0; g < m.NGroup(); ++g)
-    for (int k = 0; k < nEntries; ++k)
-      f.push_back(m.TSSP(k, g));
-  return f;
-}
-
 // A caller's own result made of several: the listwise blocks of columns
 // [0, 2) and [2, 5) and the rectangle between them.
 struct ListwiseBlocks {
@@ -155,64 +71,48 @@ struct ListwiseBlocks {
   }
 };
 
-inline std::vector<double> Figures(const ListwiseBlocks& b) {
-  std::vector<double> f = Figures(b.first);
-  for (const std::vector<double>& more : {Figures(b.second), Figures(b.across)})
-    f.insert(f.end(), more.begin(), more.end());
-  return f;
-}
+using State = std::vector<std::byte>;
 
-// Bit for bit, NaN payloads included.
-inline bool SameFigures(const std::vector<double>& a, const std::vector<double>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
-}
-
-// The same, for EXPECT_TRUE: on failure, the first figure that differs.
-inline ::testing::AssertionResult SameBitsAs(const std::vector<double>& a,
-                                             const std::vector<double>& b) {
-  if (SameFigures(a, b)) return ::testing::AssertionSuccess();
-  if (a.size() != b.size())
-    return ::testing::AssertionFailure() << a.size() << " figures against " << b.size();
-  std::size_t k = 0;
-  while (std::memcmp(&a[k], &b[k], sizeof(double)) == 0)
-    ++k;
-  return ::testing::AssertionFailure()
-         << "figure " << k << ": " << std::hexfloat << a[k] << " against " << b[k];
-}
-
-// How each class is made and fed.
+// Everything a result holds, as its saved state: equal states, equal results
+// to the last bit of every figure.
 template <class R>
-struct Kind {
-  static R Fresh() { return R(); }
-};
-template <>
-struct Kind<MatrixPairwise> {
-  static MatrixPairwise Fresh() { return MatrixPairwise(kCode); }
-};
-template <>
-struct Kind<SMatrixListwise> {
-  static SMatrixListwise Fresh() { return SMatrixListwise(1, 5); }
-};
-template <>
-struct Kind<NSMatrixListwise> {
-  static NSMatrixListwise Fresh() { return NSMatrixListwise(0, 2, 5); }
-};
-template <>
-struct Kind<SMatrixPairwise> {
-  static SMatrixPairwise Fresh() { return SMatrixPairwise(kCode, 0, 5); }
-};
-template <>
-struct Kind<NSMatrixPairwise> {
-  static NSMatrixPairwise Fresh() { return NSMatrixPairwise(kCode, 0, 3, 5); }
-};
-template <>
-struct Kind<DiscriminantMatrix> {
-  static DiscriminantMatrix Fresh() { return DiscriminantMatrix(kGroups, kColumns); }
-};
-template <>
-struct Kind<DiscIndividualMatrix> {
-  static DiscIndividualMatrix Fresh() { return DiscIndividualMatrix(kGroups, kColumns); }
-};
+State StateOf(const R& r) {
+  return r.SaveState();
+}
+inline State StateOf(const ListwiseBlocks& b) {
+  State s = b.first.SaveState();
+  for (const State& more : {b.second.SaveState(), b.across.SaveState()})
+    s.insert(s.end(), more.begin(), more.end());
+  return s;
+}
+
+// For EXPECT_TRUE: on failure, the first byte that differs.
+inline ::testing::AssertionResult SameState(const State& a, const State& b) {
+  if (a == b) return ::testing::AssertionSuccess();
+  const auto at = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin();
+  return ::testing::AssertionFailure()
+         << "states of " << a.size() << " and " << b.size() << " bytes differ at byte " << at;
+}
+
+// A fresh result of each class, in the shape the tests give it.
+template <class R>
+R Fresh() {
+  if constexpr (std::is_same_v<R, MatrixPairwise>)
+    return R(kCode);
+  else if constexpr (std::is_same_v<R, SMatrixListwise>)
+    return R(1, 5);
+  else if constexpr (std::is_same_v<R, NSMatrixListwise>)
+    return R(0, 2, 5);
+  else if constexpr (std::is_same_v<R, SMatrixPairwise>)
+    return R(kCode, 0, 5);
+  else if constexpr (std::is_same_v<R, NSMatrixPairwise>)
+    return R(kCode, 0, 3, 5);
+  else if constexpr (std::is_same_v<R,
+                                    DiscriminantMatrix> || std::is_same_v<R, DiscIndividualMatrix>)
+    return R(kGroups, kColumns);
+  else
+    return R();
+}
 
 // Rows [begin, end) of t as the batch that R takes. Not thread-safe (the
 // batch helpers share their row cells): call it under a lock.
@@ -239,7 +139,7 @@ struct Grid {
 // A fresh result holding one block.
 template <class R>
 R ReduceBlock(const Grid& grid, std::uint64_t block) {
-  R r = Kind<R>::Fresh();
+  R r = Fresh<R>();
   auto batch = BlockBatch<R>(grid.t, grid.Begin(block), grid.End(block));
   r += batch;
   return r;
@@ -258,8 +158,8 @@ R Subtree(const Grid& grid, unsigned level, std::uint64_t first) {
   return left;
 }
 template <class R>
-std::vector<double> TreeReference(const Grid& grid) {
-  R total = Kind<R>::Fresh();
+State TreeReference(const Grid& grid) {
+  R total = Fresh<R>();
   std::uint64_t first = 0;
   for (int level = 63; level >= 0; --level) {
     const std::uint64_t size = std::uint64_t{1} << level;
@@ -268,7 +168,7 @@ std::vector<double> TreeReference(const Grid& grid) {
     total += run;
     first += size;
   }
-  return Figures(total);
+  return StateOf(total);
 }
 
 // Random pauses in a worker, so that the threads finish their blocks in ever
@@ -321,7 +221,7 @@ template <class R>
 struct DriverPassProblem : ProblemBase {
   DriverPassProblem(const Grid& g, const PassOptions& o, const typename BlockTree<R>::Factory& f)
       : grid(g), options(o), tree(f) {
-    if (!options.reproducible) shared.emplace(Kind<R>::Fresh());
+    if (!options.reproducible) shared.emplace(Fresh<R>());
   }
   WorkerBase* CreateWorker() override;
   const Grid& grid;
@@ -335,7 +235,7 @@ template <class R>
 struct DriverPassWorker : WorkerBase {
   using Batch = decltype(BlockBatch<R>(std::declval<const Grid&>().t, 0, 1));
   explicit DriverPassWorker(DriverPassProblem<R>& pass) : p(pass) {
-    if (!p.options.reproducible) own.emplace(Kind<R>::Fresh());
+    if (!p.options.reproducible) own.emplace(Fresh<R>());
   }
   bool ReadBatch() override {
     if (p.nextBlock == p.grid.Blocks()) return false;
@@ -376,7 +276,7 @@ WorkerBase* DriverPassProblem<R>::CreateWorker() {
 
 template <class R>
 R DriverPass(const Grid& grid, const PassOptions& options,
-             const typename BlockTree<R>::Factory& fresh = Kind<R>::Fresh) {
+             const typename BlockTree<R>::Factory& fresh = Fresh<R>) {
   DriverPassProblem<R> pass(grid, options, fresh);
   Driver(&pass, options.threads);
   return options.reproducible ? pass.tree.Finish() : std::move(*pass.shared);

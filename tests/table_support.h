@@ -1,9 +1,8 @@
-// Test data shared by the matrix suites: a table of rows, batches cut from
-// it, and a Driver pass over prepared items.
+// Test data shared by the matrix suites: a table of rows, and batches cut
+// from it.
 #pragma once
 
 #include <vorel/databatch.h>
-#include <vorel/driver.h>
 
 #include <algorithm>
 #include <cmath>
@@ -80,42 +79,11 @@ inline DataBatch MakeBatch(const Table& t, std::size_t begin, std::size_t end) {
 }
 
 // The table cut into batches of batchRows rows, the last one maybe shorter.
-template <class Make = DataBatch (*)(const Table&, std::size_t, std::size_t)>
-auto Split(const Table& t, std::size_t batchRows, Make make = MakeBatch) {
-  std::vector<decltype(make(t, 0, 0))> batches;
+inline std::vector<DataBatch> Split(const Table& t, std::size_t batchRows) {
+  std::vector<DataBatch> batches;
   for (std::size_t begin = 0; begin < t.rows.size(); begin += batchRows)
-    batches.push_back(make(t, begin, std::min(t.rows.size(), begin + batchRows)));
+    batches.push_back(MakeBatch(t, begin, std::min(t.rows.size(), begin + batchRows)));
   return batches;
-}
-
-// Driver over nItems prepared items: each worker owns the state that make()
-// gives, takes the next index under the read lock, calls add(state, index)
-// with no lock, and at the end merge(state, its indices) under the result lock.
-template <class Make, class Add, class Merge>
-void RunPass(int nThreads, std::size_t nItems, Make make, Add add, Merge merge) {
-  using State = decltype(make());
-  struct Pass : ProblemBase {
-    struct Worker : WorkerBase {
-      Worker(Pass& pass, State s) : p(pass), state(std::move(s)) {}
-      bool ReadBatch() override {
-        if (p.next == p.nItems) return false;
-        taken.push_back(p.next++);
-        return true;
-      }
-      void ProcessBatch() override { p.add(state, taken.back()); }
-      void MergeResult() override { p.merge(state, taken); }
-      Pass& p;
-      State state;
-      std::vector<std::size_t> taken;
-    };
-    Pass(std::size_t n, Make& mk, Add& ad, Merge& mg) : nItems(n), make(mk), add(ad), merge(mg) {}
-    WorkerBase* CreateWorker() override { return new Worker(*this, make()); }
-    std::size_t nItems, next = 0;
-    Make& make;
-    Add& add;
-    Merge& merge;
-  } pass(nItems, make, add, merge);
-  Driver(&pass, nThreads);
 }
 
 // Expects f() to throw std::length_error("vector<T> too long").

@@ -38,30 +38,28 @@ TYPED_TEST_SUITE(BlockTreeOrder, ResultTypes);
 TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   std::vector<std::uint64_t> order(grid.Blocks());
   std::iota(order.begin(), order.end(), 0);
-  std::vector<std::vector<double>> arrivalFigures;
+  std::vector<State> arrivalStates;
   for (unsigned trial = 0; trial < 6; ++trial) {
     SCOPED_TRACE(::testing::Message() << "order " << trial);
     if (trial == 1) std::reverse(order.begin(), order.end());
     if (trial > 1) std::shuffle(order.begin(), order.end(), std::mt19937(trial));
-    BlockTree<R> tree(Kind<R>::Fresh);
+    BlockTree<R> tree(Fresh<R>);
     for (std::size_t i = 0; i < order.size(); ++i)
       tree.NextBlock();
-    R arrival = Kind<R>::Fresh();
+    R arrival = Fresh<R>();
     for (const std::uint64_t block : order) {
       R reduced = ReduceBlock<R>(grid, block);
       arrival += reduced;
       tree.AddBlock(block, ReduceBlock<R>(grid, block));
     }
-    EXPECT_TRUE(SameBitsAs(Figures(tree.Finish()), reference));
-    arrivalFigures.push_back(Figures(arrival));
+    EXPECT_TRUE(SameState(StateOf(tree.Finish()), reference));
+    arrivalStates.push_back(StateOf(arrival));
   }
-  const auto sameAsFirst = [&](const std::vector<double>& f) {
-    return SameFigures(f, arrivalFigures[0]);
-  };
-  EXPECT_FALSE(std::all_of(arrivalFigures.begin(), arrivalFigures.end(), sameAsFirst))
+  EXPECT_NE(std::count(arrivalStates.begin(), arrivalStates.end(), arrivalStates[0]),
+            std::ssize(arrivalStates))
       << "the data do not show the order of the merges";
 }
 
@@ -119,7 +117,7 @@ std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> Splits(std::ui
 // comes back through a loop over its nodes, as from a saved state.
 template <class R>
 BlockForest<R> PartForest(const Grid& grid, std::uint64_t first, std::uint64_t end, unsigned seed) {
-  BlockTree<R> tree(Kind<R>::Fresh, first);
+  BlockTree<R> tree(Fresh<R>, first);
   std::vector<std::uint64_t> blocks;
   for (std::uint64_t b = first; b < end; ++b)
     blocks.push_back(tree.NextBlock());
@@ -143,7 +141,7 @@ TYPED_TEST_SUITE(BlockForestSplit, ResultTypes);
 TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   unsigned seed = 0;
   for (const auto& parts : Splits(grid.Blocks())) {
     ::testing::Message trace;
@@ -158,9 +156,9 @@ TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
     for (BlockForest<R>& forest : forests)
       whole.Combine(std::move(forest));
     EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
-    R total = Kind<R>::Fresh();
+    R total = Fresh<R>();
     whole.AddTo(total);
-    EXPECT_TRUE(SameBitsAs(Figures(total), reference));
+    EXPECT_TRUE(SameState(StateOf(total), reference));
   }
 }
 
@@ -173,14 +171,14 @@ TYPED_TEST_SUITE(BlockTreeThreaded, ResultTypes);
 TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const std::vector<double> reference = TreeReference<R>(grid);
+  const State reference = TreeReference<R>(grid);
   for (const int threads : {1, 2, 3, 8})
     for (int run = 0; run < 3; ++run) {
       SCOPED_TRACE(::testing::Message() << threads << " threads, run " << run);
       PassOptions options;
       options.threads = threads;
       options.delays = true;
-      EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, options)), reference));
+      EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, options)), reference));
     }
 }
 
@@ -192,16 +190,15 @@ TYPED_TEST(BlockTreeThreaded, FirstBlockArrivingLast) {
   const Grid grid{Rows(), kBlockRows};
   PassOptions plain;
   plain.reproducible = false;
-  const std::vector<double> oneThread = Figures(DriverPass<R>(grid, plain));
+  const State oneThread = StateOf(DriverPass<R>(grid, plain));
   LastBlockGate plainGate, treeGate;
   plain.threads = 2;
   plain.gate = &plainGate;
-  EXPECT_FALSE(SameFigures(Figures(DriverPass<R>(grid, plain)), oneThread))
-      << "arrival order left no trace";
+  EXPECT_NE(StateOf(DriverPass<R>(grid, plain)), oneThread) << "arrival order left no trace";
   PassOptions tree;
   tree.threads = 2;
   tree.gate = &treeGate;
-  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
+  EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
 }
 
 // A listwise matrix that counts the live results: those made by the factory
@@ -238,7 +235,7 @@ struct Counted {
   MatrixListwise matrix;
   bool counts = true;
 };
-std::vector<double> Figures(const Counted& c) { return blocktree::Figures(c.matrix); }
+State StateOf(const Counted& c) { return c.matrix.SaveState(); }
 
 // 1,500 blocks on 8 threads with random pauses: the results alive at any one
 // time stay within 2 (threads + 1) (log2 blocks + 1) nodes plus two in the
@@ -247,13 +244,13 @@ TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   constexpr int kThreads = 8;
   const Table t = OrderSensitiveTable(11, 3000);
   const Grid grid{t, 2};
-  const std::vector<double> reference = TreeReference<Counted>(grid);
+  const State reference = TreeReference<Counted>(grid);
   ASSERT_EQ(Counted::live.load(), 0);
   Counted::peak = 0;
   PassOptions options;
   options.threads = kThreads;
   options.delays = true;
-  EXPECT_TRUE(SameBitsAs(Figures(DriverPass<Counted>(grid, options)), reference));
+  EXPECT_TRUE(SameState(StateOf(DriverPass<Counted>(grid, options)), reference));
   EXPECT_EQ(Counted::live.load(), 0);
   const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
   const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;

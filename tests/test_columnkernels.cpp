@@ -91,77 +91,32 @@ TEST_P(KernelsAgainstPlainLoops, BitIdentical) {
 INSTANTIATE_TEST_SUITE_P(Lengths, KernelsAgainstPlainLoops,
                          ::testing::Values(0, 1, 3, 4, 5, 8, 9, 1000, 1003));
 
-TEST(ColumnKernels, UnitWeightsAndConstantColumns) {
+// Empty columns, constant ones, NaN, ties of signed zeros, and parts whose
+// weights cancel.
+TEST(ColumnKernels, EdgeCases) {
   EXPECT_EQ(SumWeights(nullptr, 5), 5.0);
-  EXPECT_EQ(SumValues(nullptr, 0), 0.0);
+  EXPECT_EQ(StableMean(nullptr, nullptr, nullptr, 0), 0.0);  // reads neither x nor total
+  EXPECT_EQ(MaxValue(nullptr, 0), -1.79e308);
+  EXPECT_EQ(MinValue(nullptr, 0), 1.79e308);
   // A constant column gives its value whatever the weights and the total.
-  const double x[3] = {3.3, 3.3, 3.3};
-  const double w[3] = {0.1, 0.7, 0.2};
-  for (double total : {3.0, 0.0, kNaN}) {
-    EXPECT_EQ(StableMean(x, nullptr, &total, 3), 3.3);
+  const double x[3] = {3.3, 3.3, 3.3}, w[3] = {0.1, 0.7, 0.2};
+  for (double total : {3.0, 0.0, kNaN})
     EXPECT_EQ(StableMean(x, w, &total, 3), 3.3);
-  }
   // Long enough for the four-row turns, and -0.0 joins a run of +0.0.
   std::vector<double> zeros(11, 0.0);
   zeros[6] = -0.0;
   EXPECT_TRUE(SameBits(StableMean(zeros, {}, 0.0), 0.0));
-  // n = 0 reads neither x nor total.
-  EXPECT_EQ(StableMean(nullptr, nullptr, nullptr, 0), 0.0);
-}
-
-TEST(ColumnKernels, NaNInRowZeroPoisonsMeanAndExtremes) {
-  const double x[4] = {kNaN, 1, 2, 3};
-  const double total = 4;
-  EXPECT_TRUE(std::isnan(StableMean(x, nullptr, &total, 4)));
-  EXPECT_TRUE(std::isnan(MaxValue(x, 4)));
-  EXPECT_TRUE(std::isnan(MinValue(x, 4)));
-  // A later NaN never replaces the running extreme.
-  const double y[4] = {2, kNaN, -1, 5};
-  EXPECT_EQ(MaxValue(y, 4), 5.0);
-  EXPECT_EQ(MinValue(y, 4), -1.0);
-}
-
-TEST(ColumnKernels, ExtremesOfEmptyAndTies) {
-  EXPECT_EQ(MaxValue(nullptr, 0), -1.79e308);
-  EXPECT_EQ(MinValue(nullptr, 0), 1.79e308);
-  EXPECT_EQ(MaxValue(std::vector<double>{}), MaxInitial);
-  // Of equal values the earliest stays: 0.0 before -0.0 keeps +0.0.
-  const double z[2] = {0.0, -0.0};
-  EXPECT_FALSE(std::signbit(MinValue(z, 2)));
-  EXPECT_FALSE(std::signbit(MaxValue(z, 2)));
-}
-
-TEST(ColumnKernels, MeanShift) {
-  EXPECT_EQ(MeanShift(2.0, 3.0, 6.0, 2.0), 1.6);
+  // A NaN in row 0 poisons the mean and the extremes; a later one never
+  // replaces the running extreme. Of equal values the earliest stays.
+  const double nanFirst[4] = {kNaN, 1, 2, 3}, nanLater[4] = {2, kNaN, -1, 5}, z[2] = {0.0, -0.0};
+  const double four = 4;
+  EXPECT_TRUE(std::isnan(StableMean(nanFirst, nullptr, &four, 4)));
+  EXPECT_TRUE(std::isnan(MaxValue(nanFirst, 4)) && std::isnan(MinValue(nanFirst, 4)));
+  EXPECT_EQ(MaxValue(nanLater, 4), 5.0);
+  EXPECT_EQ(MinValue(nanLater, 4), -1.0);
+  EXPECT_FALSE(std::signbit(MinValue(z, 2)) || std::signbit(MaxValue(z, 2)));
+  // Weights that cancel move no mean.
   EXPECT_TRUE(SameBits(MeanShift(1.0, 2.0, 5.0, -2.0), 0.0));
-  EXPECT_TRUE(std::isnan(MeanShift(1.0, kNaN, 5.0, 1.0)));
-  // Subtraction, then product, then division.
-  const double m1 = 0.1, w1 = 3, m2 = 0.7, w2 = 0.3;
-  EXPECT_TRUE(SameBits(MeanShift(m1, w1, m2, w2), (w2 * (m2 - m1)) / (w1 + w2)));
-}
-
-TEST(ColumnKernels, MultiplyAndSubtractInPlace) {
-  double a[3] = {1, 2, 3}, b[3] = {2, 0.5, -1};
-  EXPECT_EQ(MultiplyInPlace(nullptr, nullptr, 3), nullptr);
-  EXPECT_EQ(MultiplyInPlace(a, nullptr, 3), a);
-  EXPECT_EQ(MultiplyInPlace(nullptr, b, 3), b);
-  EXPECT_EQ(a[1], 2.0);
-  EXPECT_EQ(MultiplyInPlace(a, b, 3), a);
-  EXPECT_EQ(a[0], 2.0);
-  EXPECT_EQ(a[2], -3.0);
-
-  std::vector<double> empty, full{1, 2};
-  MultiplyInPlace(empty, full);  // a takes b's contents, b ends empty
-  EXPECT_EQ(empty, (std::vector<double>{1, 2}));
-  EXPECT_TRUE(full.empty());
-  std::vector<double> first, none;
-  MultiplyInPlace(first, none);
-  EXPECT_TRUE(first.empty());
-  std::vector<double> x{3, 4}, y{0.5, 2};
-  MultiplyInPlace(x, y);
-  EXPECT_EQ(x, (std::vector<double>{1.5, 8}));
-  SubtractInPlace(x, 2.0);
-  EXPECT_EQ(x, (std::vector<double>{-0.5, 6}));
 }
 
 TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {

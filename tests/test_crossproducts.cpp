@@ -114,6 +114,22 @@ CrossProductJob Job(const ColumnBlock& cols, const double* w, int n,
   return job;
 }
 
+// The job run with a rectangle of the columns before split against those from
+// it, and the diagonal beside it, against the plain loop over column(j).
+template <class Column>
+void ExpectRectangle(CrossProductJob job, Column column, int split, int p, const double* w, int n) {
+  const std::vector<double> want = PlainRectangle(column, split, p, w, n);
+  std::vector<double> rect(want.size(), kSentinel), diag(p, kSentinel), wantDiag;
+  for (int j = 0; j < p; ++j)
+    wantDiag.push_back(PlainCell(column(j), column(j), w, n));
+  job.rectangle = rect.data();
+  job.split = split;
+  job.diagonal = diag.data();
+  CrossProducts(job);
+  EXPECT_TRUE(SameCells(rect, want)) << "split " << split;
+  EXPECT_TRUE(SameCells(diag, wantDiag)) << "split " << split;
+}
+
 // Every level is forced in turn; a level the CPU lacks is skipped, and says so.
 class AtEveryLevel : public ::testing::TestWithParam<KernelLevel> {
  protected:
@@ -179,20 +195,9 @@ TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
         CrossProducts(job);
         EXPECT_TRUE(SameCells(got, withOnes));
 
-        for (int split : {1, s.p / 2, (s.p * 2) / 3, s.p - 1}) {
-          if (split < 1 || split >= s.p) continue;
-          const std::vector<double> wantRect = PlainRectangle(column, split, s.p, wp, s.n);
-          std::vector<double> rect(wantRect.size(), kSentinel), diag(s.p, kSentinel), wantDiag;
-          for (int j = 0; j < s.p; ++j)
-            wantDiag.push_back(PlainCell(column(j), column(j), wp, s.n));
-          job = Job(b.View(), wp, s.n);
-          job.rectangle = rect.data();
-          job.split = split;
-          job.diagonal = diag.data();
-          CrossProducts(job);
-          EXPECT_TRUE(SameCells(rect, wantRect)) << "split " << split;
-          EXPECT_TRUE(SameCells(diag, wantDiag)) << "split " << split;
-        }
+        for (int split : {1, s.p / 2, (s.p * 2) / 3, s.p - 1})
+          if (split >= 1 && split < s.p)
+            ExpectRectangle(Job(b.View(), wp, s.n), column, split, s.p, wp, s.n);
         EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
       }
     }
@@ -236,26 +241,10 @@ TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
       CrossProducts(job);
       EXPECT_TRUE(SameCells(got, want));
       if (m >= 2) {
-        const int split = m / 2;
-        const std::vector<double> wantRect = PlainRectangle(column, split, m, wp, s.n);
-        std::vector<double> rect(wantRect.size(), kSentinel), diag(m, kSentinel), wantDiag;
-        for (int j = 0; j < m; ++j)
-          wantDiag.push_back(PlainCell(column(j), column(j), wp, s.n));
         job.triangle = nullptr;
-        job.rectangle = rect.data();
-        job.split = split;
-        job.diagonal = diag.data();
-        CrossProducts(job);
-        EXPECT_TRUE(SameCells(rect, wantRect));
-        EXPECT_TRUE(SameCells(diag, wantDiag));
+        ExpectRectangle(job, column, m / 2, m, wp, s.n);
       }
       EXPECT_TRUE(SameCells(b.cells, before.cells));
-      std::vector<double> gotMeans(m, kSentinel);
-      const double total = 3.0;
-      ColumnPass(job.cols, wp, total, s.n, gotMeans.data(), nullptr, nullptr);
-      for (int j = 0; j < m; ++j)
-        EXPECT_TRUE(SameBits(gotMeans[j], StableMean(list[j], wp, &total, s.n))) << j;
-
       // The whole block centred in place.
       means.resize(static_cast<std::size_t>(s.p));
       Block shifted = b;
@@ -326,13 +315,20 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
         std::vector<double> combined;
         for (int i = 0; i < s.n; ++i)
           combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
-        const auto want = [&](int c, int d, double code) {
-          return RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
-        };
-        // Whether the job leaves the pair (or column) to the caller: with a
-        // NaN code no cell is missing.
+        // What the job gives for a pair (or a column, c == d), or leaves to
+        // the caller untouched: with a NaN code no cell is missing.
         const auto leftOut = [&](bool completePairs, double code, int c, int d) {
           return !completePairs && (std::isnan(code) || (!missing[c] && !missing[d]));
+        };
+        const auto wantPair = [&](bool completePairs, double code, int c, int d) {
+          return leftOut(completePairs, code, c, d)
+                     ? Fields(untouchedPair)
+                     : PairFields(RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n));
+        };
+        const auto wantColumn = [&](bool completePairs, double code, int c) {
+          return leftOut(completePairs, code, c, c)
+                     ? Fields(untouchedColumn)
+                     : VarFields(RefInit(b.Column(c), b.Column(c), wp, rwp, code, s.n));
         };
 
         for (const double code : {kCode, kNaN}) {
@@ -353,15 +349,10 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
             MaskedPairs(job);
             std::size_t k = 0;
             for (int c = 0; c < s.p; ++c) {
-              const std::vector<double> column = leftOut(completePairs, code, c, c)
-                                                     ? Fields(untouchedColumn)
-                                                     : VarFields(want(c, c, code));
-              EXPECT_PRED2(SameFields, Fields(columns[c]), column) << c;
+              EXPECT_PRED2(SameFields, Fields(columns[c]), wantColumn(completePairs, code, c)) << c;
               for (int d = 0; d < c; ++d, ++k) {
-                const std::vector<double> pair = leftOut(completePairs, code, c, d)
-                                                     ? Fields(untouchedPair)
-                                                     : PairFields(want(c, d, code));
-                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << c << "," << d;
+                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, c, d))
+                    << c << "," << d;
               }
             }
 
@@ -380,16 +371,13 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
             k = 0;
             for (int r = 0; r < split; ++r)
               for (int c = split; c < s.p; ++c, ++k) {
-                const std::vector<double> pair = leftOut(completePairs, code, r, c)
-                                                     ? Fields(untouchedPair)
-                                                     : PairFields(want(r, c, code));
-                EXPECT_PRED2(SameFields, Fields(got[k]), pair) << r << "," << c;
+                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, r, c))
+                    << r << "," << c;
               }
             for (int c = split; c < s.p; ++c) {
-              const std::vector<double> column = leftOut(completePairs, code, c, c)
-                                                     ? Fields(untouchedColumn)
-                                                     : VarFields(want(c, c, code));
-              EXPECT_PRED2(SameFields, Fields(columns[c - split]), column) << c;
+              EXPECT_PRED2(SameFields, Fields(columns[c - split]),
+                           wantColumn(completePairs, code, c))
+                  << c;
             }
           }
         }
@@ -436,6 +424,13 @@ TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
       EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
       std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
       ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
+      EXPECT_TRUE(SameCells(only, means));
+      std::vector<double*> list;  // the columns named one by one
+      for (int j = 0; j < s.p; ++j)
+        list.push_back(b.Column(j));
+      only.assign(s.p, kSentinel);
+      ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
+                 nullptr);
       EXPECT_TRUE(SameCells(only, means));
     }
   }

@@ -1,6 +1,6 @@
 // Driver's contract seen from a problem that records every call: threads,
 // locks, counts, failures and placement. A run that loses a task hangs until
-// the suite's time-out.
+// the suite's time-out; one that misses a stop ends with a violation.
 #include <vorel/driver.h>
 #include <vorelhost/hostruntime.h>
 #include <vorelhost/placement.h>
@@ -54,6 +54,19 @@ struct WorkerLog {
 struct RecordingProblem : ProblemBase {
   explicit RecordingProblem(Plan p) : plan(std::move(p)) {}
   WorkerBase* CreateWorker() override;
+  void Fault() {
+    auto none = std::chrono::steady_clock::time_point();
+    firstFault.compare_exchange_strong(none, std::chrono::steady_clock::now());
+    plan.fault();
+  }
+  bool StillReadingAfterAFault() {
+    const auto fault = firstFault.load();
+    if (fault == std::chrono::steady_clock::time_point()
+        || std::chrono::steady_clock::now() - fault < std::chrono::seconds(5))
+      return false;
+    Violation("still reading 5 s after a worker failed: the stop was missed");
+    return endReported = true;
+  }
   void Violation(const std::string& what) {
     std::lock_guard<std::mutex> lock(mutex);
     violations.push_back(what);
@@ -79,6 +92,9 @@ struct RecordingProblem : ProblemBase {
   long batchesGiven = 0;     // read lock
   bool endReported = false;  // read lock
   std::atomic<int> inReadLock{0}, inResultLock{0}, totalReads{0};
+  // When a worker first failed: endless data then ends 5 s later with a
+  // violation, so that a run that misses its stop fails instead of hanging.
+  std::atomic<std::chrono::steady_clock::time_point> firstFault{};
   std::atomic<unsigned> metInProcess{0};
 };
 
@@ -98,6 +114,7 @@ class RecordingWorker : public WorkerBase {
     ++_p.totalReads;
     if (_p.endReported) _p.Violation("ReadBatch after it returned false");
     MaybeThrow(Stage::Read, _log.reads);
+    if (_p.StillReadingAfterAFault()) return false;
     if (_p.plan.batches >= 0 && _p.batchesGiven == _p.plan.batches) {
       _p.endReported = true;
       return false;
@@ -137,7 +154,7 @@ class RecordingWorker : public WorkerBase {
     if (call != 1 || stage != _p.plan.faultStage || _p.plan.faultyWorkers.count(_index) == 0)
       return;
     _log.threw = true;
-    _p.plan.fault();
+    _p.Fault();
   }
 
   RecordingProblem& _p;
@@ -149,7 +166,7 @@ WorkerBase* RecordingProblem::CreateWorker() {
   if (std::this_thread::get_id() != callerThread) Violation("CreateWorker off the caller's thread");
   const auto index = static_cast<unsigned>(logs.size());
   if (plan.beforeCreate) plan.beforeCreate(index);
-  if (plan.faultStage == Stage::Create && plan.faultyWorkers.count(index) != 0) plan.fault();
+  if (plan.faultStage == Stage::Create && plan.faultyWorkers.count(index) != 0) Fault();
   logs.emplace_back().cacheBytes = _cacheBytes;
   auto* worker = new RecordingWorker(*this, index);
   ++created;

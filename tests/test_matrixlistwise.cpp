@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <tuple>
 #include <vector>
 
 #include "listwise_block_reference.h"
@@ -82,7 +81,7 @@ TEST(MatrixListwise, WorkedExamples) {
   EXPECT_EQ(n.CCP(0, 0), 0.5);
 }
 
-TEST(MatrixListwise, EmptyZeroWeightAndSelfInputsAndCopies) {
+TEST(MatrixListwise, EmptyZeroWeightAndSelfInputs) {
   const Table t{{{5}, {1}, {7}, {9}, {1}, {3}}, {1, 2, -2, 1, 1, 1}, {1, 1, 2, -1, 1, 1}};
   DataBatch empty = MakeBatch(t, 0, 0), one = MakeBatch(t, 0, 1);
   MatrixListwise m, blank;
@@ -110,23 +109,12 @@ TEST(MatrixListwise, EmptyZeroWeightAndSelfInputsAndCopies) {
   EXPECT_EQ(m.Mean(0), 5.0);
 
   DataBatch rest = MakeBatch(t, 4, 6);
-  MatrixListwise source, copy;
-  source += rest;  // 1, 3
-  copy += source;  // into an empty matrix: a copy
-  MatrixListwise constructed(source), assigned;
-  assigned = source;
-  const MatrixListwise& self = assigned;
-  assigned = self;
-  source += m;
-  for (const MatrixListwise* c : {&copy, &constructed, &assigned})
-    EXPECT_EQ(c->CCP(0, 0), 2.0);
-  copy += copy;  // the sums double, the means stay
-  EXPECT_EQ(copy.RegWeightSum(), 4.0);
-  EXPECT_EQ(copy.Mean(0), 2.0);
-  EXPECT_EQ(copy.CCP(0, 0), 4.0);
-  MatrixListwise moved(std::move(copy));
-  copy = source;  // a moved-from matrix takes a new record
-  EXPECT_EQ(copy.NRows(), 4u);
+  MatrixListwise moved;
+  moved += rest;   // 1, 3
+  moved += moved;  // the sums double, the means stay
+  EXPECT_EQ(moved.RegWeightSum(), 4.0);
+  EXPECT_EQ(moved.Mean(0), 2.0);
+  EXPECT_EQ(moved.CCP(0, 0), 4.0);
   for (int i = 0; i < 32; ++i)
     moved += moved;  // row counts go on beyond 32 bits
   EXPECT_EQ(moved.NRows(), std::uint64_t{4} << 32);
@@ -169,62 +157,50 @@ TEST(MatrixListwise, LargeOffsetKeepsAccuracy) {
   EXPECT_NEAR(m.Mean(0), static_cast<double>(mean0), 4 * kEps * 1e9);
 }
 
-// threads, weighting (bit 0 weights, bit 1 regression weights), rows per batch
-using Schedule = std::tuple<int, int, std::size_t>;
-class MatrixListwiseThreaded : public ::testing::TestWithParam<Schedule> {};
+// Batches of 7 rows dealt in turn to three matrices, then merged: the bits of
+// the written-out arithmetic doing the same, for every weighting. The merge
+// agrees with one batch of all rows up to rounding, and exactly in a constant
+// column.
+TEST(MatrixListwise, MergesMatchTheReferenceAndOneBatch) {
+  for (int weighting = 0; weighting < 4; ++weighting) {
+    SCOPED_TRACE(::testing::Message() << "weighting " << weighting);
+    Table t = RandomTable(31337, 6, 160, weighting & 1, weighting & 2, 0.0, 50.0);
+    for (std::vector<double>& row : t.rows)
+      row[3] = 0.1;
+    MatrixListwise parts[3], split;
+    testing::listwise::RefBlock refs[3], ref;
+    std::size_t i = 0;
+    for (DataBatch& batch : Split(t, 7)) {
+      parts[i % 3] += batch;
+      const std::size_t begin = 7 * i;
+      testing::listwise::Merge(
+          refs[i++ % 3],
+          testing::listwise::ReduceRows(t, begin, std::min(begin + 7, t.rows.size()), 0, 6));
+    }
+    for (int k = 0; k < 3; ++k) {
+      split += parts[k];
+      testing::listwise::Merge(ref, refs[k]);
+    }
+    testing::listwise::ExpectSameBits(split, ref, 0);
 
-// Whatever batches each worker takes and in whatever order the workers merge,
-// the shared matrix has the bits of a replay of exactly that in the written-out
-// arithmetic. It agrees with one batch of all rows up to rounding, and exactly
-// in a constant column.
-TEST_P(MatrixListwiseThreaded, DriverEqualsReplayAndOneBatch) {
-  const auto threads = std::get<0>(GetParam());
-  const auto weighting = std::get<1>(GetParam());
-  const auto batchRows = std::get<2>(GetParam());
-  Table t = RandomTable(31337, 6, 160, weighting & 1, weighting & 2, 0.0, 50.0);
-  for (std::vector<double>& row : t.rows)
-    row[3] = 0.1;
-  if (!t.w.empty()) t.w[6] = 0.0;
-  std::vector<DataBatch> batches = Split(t, batchRows);
-  MatrixListwise split;
-  testing::listwise::RefBlock ref;
-  RunPass(
-      threads, batches.size(), [] { return MatrixListwise(); },
-      [&](MatrixListwise& m, std::size_t i) { m += batches[i]; },
-      [&](MatrixListwise& m, const std::vector<std::size_t>& taken) {
-        split += m;
-        testing::listwise::RefBlock worker;
-        for (std::size_t i : taken)
-          testing::listwise::Merge(
-              worker, testing::listwise::ReduceRows(
-                          t, i * batchRows, std::min((i + 1) * batchRows, t.rows.size()), 0, 6));
-        testing::listwise::Merge(ref, worker);
-      });
-  testing::listwise::ExpectSameBits(split, ref, 0);
-
-  MatrixListwise whole;
-  DataBatch all = MakeBatch(t, 0, t.rows.size());
-  whole += all;
-  // The row of weight 0 is ignored where it reaches a filled matrix alone.
-  EXPECT_LE(whole.NRows() - split.NRows(), 1u);
-  const double rounding = 16 * 160 * kEps;  // of sums of 160 terms, with room for the merges
-  EXPECT_NEAR(split.WeightSum(), whole.WeightSum(), rounding * 4 * 160);
-  for (unsigned i = 0; i < 6; ++i) {
-    EXPECT_NEAR(split.Mean(i), whole.Mean(i), 51 * rounding) << i;
-    for (unsigned j = 0; j <= i; ++j)
-      EXPECT_NEAR(split.CCP(i, j), whole.CCP(i, j),
-                  rounding * std::sqrt(whole.CCP(i, i) * whole.CCP(j, j)))
-          << i << "," << j;
+    MatrixListwise whole;
+    DataBatch all = MakeBatch(t, 0, t.rows.size());
+    whole += all;
+    EXPECT_EQ(whole.NRows(), split.NRows());
+    const double rounding = 16 * 160 * kEps;  // of sums of 160 terms, with room for the merges
+    EXPECT_NEAR(split.WeightSum(), whole.WeightSum(), rounding * 4 * 160);
+    for (unsigned c = 0; c < 6; ++c) {
+      EXPECT_NEAR(split.Mean(c), whole.Mean(c), 51 * rounding) << c;
+      for (unsigned d = 0; d <= c; ++d)
+        EXPECT_NEAR(split.CCP(c, d), whole.CCP(c, d),
+                    rounding * std::sqrt(whole.CCP(c, c) * whole.CCP(d, d)))
+            << c << "," << d;
+    }
+    EXPECT_EQ(split.Mean(3), 0.1);
+    EXPECT_EQ(split.CCP(3, 3), 0.0);
+    EXPECT_EQ(split.CCP(3, 1), 0.0);
   }
-  EXPECT_EQ(split.Mean(3), 0.1);
-  EXPECT_EQ(split.CCP(3, 3), 0.0);
-  EXPECT_EQ(split.CCP(3, 1), 0.0);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Schedules, MatrixListwiseThreaded,
-    ::testing::Combine(::testing::Values(1, 2, 4, 8), ::testing::Values(0, 1, 2, 3),
-                       ::testing::Values(std::size_t{1}, std::size_t{7}, std::size_t{64})));
 
 }  // namespace
 }  // namespace vorel

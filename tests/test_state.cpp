@@ -20,9 +20,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "blocktree_support.h"
 #include "common/statecodec.h"
-#include "discriminant_support.h"
-#include "table_support.h"
 #include "test_support.h"
 
 namespace vorel::testing {
@@ -34,88 +33,39 @@ using tables::Table;
 
 // ---------------------------------------------------------------- makers
 
-// How the rows of a test object carry weights.
+// How the rows of a test object carry weights (the discriminant classes
+// always take them, and no regression weights).
 struct Weighting {
   bool weights;
   bool regWeights;
 };
 constexpr std::array<Weighting, 3> kWeightings{{{false, false}, {true, false}, {true, true}}};
 
-constexpr unsigned kColumns = 6;
+Table Rows(unsigned seed, Weighting w, std::size_t n) {
+  Table t = blocktree::OrderSensitiveTable(seed, n);
+  if (!w.weights) t.w.clear();
+  if (!w.regWeights) t.rw.clear();
+  return t;
+}
 
-// Adds rows [begin, end) of t to m in batches of 5 rows.
-template <class Matrix>
-void AddRows(Matrix& m, const Table& t, std::size_t begin, std::size_t end) {
+// Rows [begin, end) of t added to m in batches of 5 rows.
+template <class T>
+void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
   for (std::size_t b = begin; b < end; b += 5) {
-    DataBatch batch = tables::MakeBatch(t, b, std::min(end, b + 5));
+    auto batch = blocktree::BlockBatch<T>(t, b, std::min(end, b + 5));
     m += batch;
   }
 }
 
-// Per class: an empty object, and random rows for it (missing cells only for
-// the pairwise classes, groups only for the discriminant ones).
 template <class T>
-struct Maker;
-
-// MissingPercent: the share of missing cells, in percent.
-template <class T, int MissingPercent>
-struct PlainMaker {
-  static Table Rows(unsigned seed, Weighting w, std::size_t n) {
-    return tables::RandomTable(seed, kColumns, n, w.weights, w.regWeights, MissingPercent / 100.0,
-                               3.0);
-  }
-  static void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
-    AddRows(m, t, begin, end);
-  }
-};
-
-template <>
-struct Maker<MatrixListwise> : PlainMaker<MatrixListwise, 0> {
-  static MatrixListwise Empty() { return MatrixListwise(); }
-};
-template <>
-struct Maker<MatrixPairwise> : PlainMaker<MatrixPairwise, 20> {
-  static MatrixPairwise Empty() { return MatrixPairwise(kCode); }
-};
-template <>
-struct Maker<SMatrixListwise> : PlainMaker<SMatrixListwise, 0> {
-  static SMatrixListwise Empty() { return SMatrixListwise(1, 5); }
-};
-template <>
-struct Maker<NSMatrixListwise> : PlainMaker<NSMatrixListwise, 0> {
-  static NSMatrixListwise Empty() { return NSMatrixListwise(1, 3, 6); }
-};
-template <>
-struct Maker<SMatrixPairwise> : PlainMaker<SMatrixPairwise, 20> {
-  static SMatrixPairwise Empty() { return SMatrixPairwise(kCode, 1, 5); }
-};
-template <>
-struct Maker<NSMatrixPairwise> : PlainMaker<NSMatrixPairwise, 20> {
-  static NSMatrixPairwise Empty() { return NSMatrixPairwise(kCode, 0, 2, 6); }
-};
-
-template <class T>
-struct DiscriminantMaker {
-  static constexpr int kGroups = 3;
-  static T Empty() { return T(kGroups, static_cast<int>(kColumns)); }
-  // Always with weights; regression weights play no part here.
-  static Table Rows(unsigned seed, Weighting /*w*/, std::size_t n) {
-    return discriminant::RandomRows(seed, static_cast<int>(kColumns), n, {0, 2, 1}, false);
-  }
-  static void Add(T& m, const Table& t, std::size_t begin, std::size_t end) {
-    discriminant::AddInBatches(m, t, begin, end, 5);
-  }
-};
-template <>
-struct Maker<DiscriminantMatrix> : DiscriminantMaker<DiscriminantMatrix> {};
-template <>
-struct Maker<DiscIndividualMatrix> : DiscriminantMaker<DiscIndividualMatrix> {};
+T Empty() {
+  return blocktree::Fresh<T>();
+}
 
 template <class T>
 T Filled(unsigned seed, Weighting w, std::size_t n = 23) {
-  T m = Maker<T>::Empty();
-  const Table t = Maker<T>::Rows(seed, w, n);
-  Maker<T>::Add(m, t, 0, n);
+  T m = Empty<T>();
+  Add(m, Rows(seed, w, n), 0, n);
   return m;
 }
 
@@ -179,14 +129,14 @@ TYPED_TEST(StateRoundTrip, LoadedObjectsMergeAsTheOriginals) {
 // An object loaded from the state of an empty one is empty and takes its
 // first rows as a fresh object does; its bounds and shape come back too.
 TYPED_TEST(StateRoundTrip, EmptyObjectsComeBackEmpty) {
-  const TypeParam empty = Maker<TypeParam>::Empty();
+  const TypeParam empty = Empty<TypeParam>();
   TypeParam loaded = Reloaded(empty);
   ExpectSameState(empty, loaded);
   EXPECT_EQ(loaded.NRows(), 0);
-  TypeParam fresh = Maker<TypeParam>::Empty();
-  const Table t = Maker<TypeParam>::Rows(5, {true, true}, 9);
-  Maker<TypeParam>::Add(fresh, t, 0, 9);
-  Maker<TypeParam>::Add(loaded, t, 0, 9);
+  TypeParam fresh = Empty<TypeParam>();
+  const Table t = Rows(5, {true, true}, 9);
+  Add(fresh, t, 0, 9);
+  Add(loaded, t, 0, 9);
   ExpectSameState(fresh, loaded);
 }
 
@@ -206,15 +156,31 @@ TEST(StateRoundTrip, BoundsMissingCodeAndFlagsComeBack) {
   EXPECT_EQ(shaped.NVar(), 9);
 }
 
-// A copy of the bytes, so the loaded object cannot lean on the saved buffer.
-TEST(StateRoundTrip, LoadedObjectOwnsItsRecord) {
-  MatrixListwise loaded = [] {
-    const Bytes bytes = Filled<MatrixListwise>(21, {true, false}).SaveState();
-    return MatrixListwise::LoadState(bytes);
-  }();
-  const MatrixListwise again = Reloaded(loaded);
-  ExpectSameState(loaded, again);
-  EXPECT_GT(loaded.Mean(0), 0.0);
+// Copies are deep: rows added to the original later reach none of them. A
+// move hands the record over, and a moved-from object takes an assignment.
+// Merging an object of another class through MatrixBase& is refused.
+TYPED_TEST(StateRoundTrip, CopiesMovesAndForeignMerges) {
+  TypeParam original = Filled<TypeParam>(31, {true, true});
+  const Bytes state = original.SaveState();
+  TypeParam copy(original), assigned = Empty<TypeParam>(), merged = Empty<TypeParam>();
+  assigned = original;
+  merged += original;  // into an empty object: a copy
+  assigned = static_cast<const TypeParam&>(assigned);
+  Add(original, Rows(32, {true, true}, 7), 0, 7);
+  for (const TypeParam* c : {&copy, &assigned, &merged})
+    EXPECT_TRUE(c->SaveState() == state);
+  TypeParam moved(std::move(copy));
+  EXPECT_TRUE(moved.SaveState() == state);
+  copy = original;  // NOLINT(bugprone-use-after-move): a moved-from object can be assigned to
+  EXPECT_TRUE(copy.SaveState() == original.SaveState());
+  if constexpr (std::is_base_of_v<MatrixBase, TypeParam>) {
+    using Other = std::conditional_t<std::is_same_v<TypeParam, SMatrixListwise>, NSMatrixListwise,
+                                     SMatrixListwise>;
+    Other other = Filled<Other>(33, {true, true});
+    MatrixBase& base = moved;
+    EXPECT_VOREL_ASSERT(base += other, "d != nullptr", kMergeSource);
+    EXPECT_TRUE(moved.SaveState() == state);
+  }
 }
 
 // ---------------------------------------------------------------- another process
@@ -457,7 +423,7 @@ TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
                                     "more cells than the library's tables can index");
 
   // NSMatrixPairwise: missing code at 24, bounds at 32.
-  // col0 0, col1 2, col2 1
+  // col2 made 1, below col1
   const Bytes disordered =
       Patched(Filled<NSMatrixPairwise>(5, {false, false}).SaveState(), 40, 1, 4);
   ExpectStateError<NSMatrixPairwise>(disordered, 32, "out of order");

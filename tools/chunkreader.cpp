@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "errors.h"
+#include "inputsource.h"
 #include "textscan.h"
 
 namespace vorelstat {
@@ -161,12 +162,14 @@ ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::siz
       throw UsageError("cannot read " + path + ": it is a directory");
     }
     // Files under /proc and /sys say 0 bytes and have more: read them as a stream.
+    _regularFile = S_ISREG(info.st_mode);
     if (S_ISREG(info.st_mode) && info.st_size > 0) {
       _fileSize = static_cast<std::uint64_t>(info.st_size);
       ::posix_fadvise(_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     }
   }
   try {
+    OpenInput();
     ReadHeader();
   } catch (...) {
     if (_ownsFd) ::close(_fd);
@@ -178,20 +181,31 @@ ChunkReader::~ChunkReader() {
   if (_ownsFd) ::close(_fd);
 }
 
+void ChunkReader::OpenInput() {
+  OpenedSource opened = OpenByteSource(_fd, _path, _regularFile);
+  _compression = opened.compression;
+  // Compressed input is read as a stream, whatever holds it.
+  if (_compression != Compression::kNone) _fileSize.reset();
+  if (!Seekable()) _source = std::move(opened.source);
+}
+
+bool ChunkReader::Rereadable() const {
+  return Seekable() || (_compression != Compression::kNone && _ownsFd && _regularFile);
+}
+
 std::size_t ChunkReader::ReadMore(TextBuffer& into, std::size_t count) {
   const std::size_t start = into.Size();
   into.Reserve(start + count);
   std::size_t got = 0;
-  while (got < count && !_eof) {
-    const ssize_t n = ::read(_fd, into.Data() + start + got, count - got);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      const int error = errno;
-      into.Resize(start + got);
-      throw DataError("cannot read " + _path + ": " + SystemMessage(error));
+  try {
+    while (got < count && !_eof) {
+      const std::size_t n = _source->Read(into.Data() + start + got, count - got);
+      if (n == 0) _eof = true;
+      got += n;
     }
-    if (n == 0) _eof = true;
-    got += static_cast<std::size_t>(n);
+  } catch (...) {
+    into.Resize(start + got);
+    throw;
   }
   into.Resize(start + got);
   return got;
@@ -217,7 +231,12 @@ void ChunkReader::CheckStart(std::string_view head) const {
     if (head.substr(0, signature.bytes.size()) == signature.bytes) {
       std::string message = _path + " is " + signature.what + ", not delimited text";
       if (std::string_view(signature.what).substr(0, 10) == "compressed") {
-        message += "; decompress it first (reading compressed input is not supported)";
+        // gzip and zstd are taken off before the text is looked at: seen
+        // here, they were compressed twice.
+        message += _compression != Compression::kNone
+                       ? " inside its " + std::string(CompressionName(_compression))
+                             + " compression; decompress it once first"
+                       : "; decompress it first (gzip and zstd are read directly, others not)";
       }
       throw DataError(message);
     }
@@ -346,9 +365,11 @@ std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
 
 void ChunkReader::CutOutsideQuotes(char delimiter) {
   _quoteDelimiter = delimiter;
+  if (!Seekable()) return;
   // A regular file is read on from the next chunk's start as a stream.
-  if (Seekable() && ::lseek(_fd, static_cast<off_t>(_handedOut), SEEK_SET) < 0)
+  if (::lseek(_fd, static_cast<off_t>(_handedOut), SEEK_SET) < 0)
     throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
+  _source = OpenPlainSource(_fd, _path);
 }
 
 bool ChunkReader::Next(Chunk& chunk) {

@@ -17,8 +17,10 @@
 //
 // The header is the first line that is not blank. It is read at construction,
 // with a UTF-8 byte order mark and a carriage return stripped, and is not part
-// of any chunk. Input that is no delimited text is refused there with what it
-// is: compressed data, UTF-16, bytes 0, line ends of carriage returns alone.
+// of any chunk. gzip and zstd input is read as a stream and decompressed on
+// the way (inputsource.h). Input that is no delimited text is refused there
+// with what it is: other compressed data, UTF-16, bytes 0, line ends of
+// carriage returns alone.
 // A regular file that reports size 0 (as files under /proc do) is read as a
 // stream.
 //
@@ -38,6 +40,7 @@
 #include <string_view>
 
 #include "errors.h"
+#include "inputsource.h"
 
 namespace vorelstat {
 
@@ -116,8 +119,12 @@ class ChunkReader {
   // next call of Next or PeekAhead.
   std::string_view PeekAhead(std::size_t limit);
   std::size_t MaxLine() const { return _maxLine; }
-  // Whether the input can be read again from the start (a regular file).
-  bool Rereadable() const { return Seekable(); }
+  // Whether the input can be read again from the start (a regular file,
+  // compressed or not).
+  bool Rereadable() const;
+  // Whether the bytes come one after the other (a pipe, compressed input),
+  // rather than from a file cut at offsets.
+  bool Streamed() const { return !Seekable(); }
 
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
@@ -143,6 +150,8 @@ class ChunkReader {
   void ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const;
   // Regular file: offset one past the line end that closes a chunk from `start`.
   std::uint64_t CutAfter(std::uint64_t start);
+  // Reads the first bytes and opens the stream source, decompressing if need be.
+  void OpenInput();
   void ReadHeader();
   // Refuses input that is no delimited text, from its first bytes.
   void CheckStart(std::string_view head) const;
@@ -163,7 +172,10 @@ class ChunkReader {
   std::uint64_t _handedOut = 0;         // the next chunk starts here
   TextBuffer _window;                   // regular file: scratch of CutAfter and the header
   std::optional<char> _quoteDelimiter;  // set by CutOutsideQuotes
+  bool _regularFile = false;
+  Compression _compression = Compression::kNone;
   // Stream input, and a regular file cut outside quotes.
+  std::unique_ptr<ByteSource> _source;
   bool _eof = false;
   TextBuffer _carry;  // bytes read but not yet handed out
 };

@@ -8,9 +8,13 @@ namespace {
 // -0 below +0; otherwise the usual order. NaN is never below anything.
 bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
 
-bool HasDivisor(double weight, double ddof) { return weight - ddof > 0.0; }
-
 }  // namespace
+
+// NumPy's order of evaluation, kept on purpose: W - (ddof V) / W.
+double Divisor(double weight, double weightSquares, double ddof, WeightKind kind) {
+  if (kind == WeightKind::kFrequency) return weight - ddof;
+  return weight - ddof * weightSquares / weight;
+}
 
 void Range::Include(double x) {
   if (Below(x, min)) min = x;
@@ -37,18 +41,20 @@ double Mean(const ColumnMoments& c) {
   return c.range.Constant() ? c.range.ConstantValue() : c.mean;
 }
 
-double Variance(const ColumnMoments& c, double ddof) {
-  if (c.n == 0 || !HasDivisor(c.weight, ddof)) return kUndefined;
-  return c.range.Constant() ? 0.0 : c.css / (c.weight - ddof);
+double Variance(const ColumnMoments& c, double ddof, WeightKind kind) {
+  const double divisor = Divisor(c.weight, c.weightSquares, ddof, kind);
+  if (c.n == 0 || !(divisor > 0.0)) return kUndefined;
+  return c.range.Constant() ? 0.0 : c.css / divisor;
 }
 
-double StandardDeviation(const ColumnMoments& c, double ddof) {
-  return std::sqrt(Variance(c, ddof));
+double StandardDeviation(const ColumnMoments& c, double ddof, WeightKind kind) {
+  return std::sqrt(Variance(c, ddof, kind));
 }
 
-double Covariance(const PairMoments& p, double ddof) {
-  if (!HasDivisor(p.weight, ddof)) return kUndefined;
-  return p.constant0 || p.constant1 ? 0.0 : p.cscp / (p.weight - ddof);
+double Covariance(const PairMoments& p, double ddof, WeightKind kind) {
+  const double divisor = Divisor(p.weight, p.weightSquares, ddof, kind);
+  if (!(divisor > 0.0)) return kUndefined;
+  return p.constant0 || p.constant1 ? 0.0 : p.cscp / divisor;
 }
 
 double Correlation(const PairMoments& p) {
@@ -61,8 +67,11 @@ double SelfCorrelation(const ColumnMoments& c) {
 }
 
 double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups, double ddof) {
-  const double divisor = totalWeight - ddof * static_cast<double>(nGroups);
-  return divisor > 0.0 ? withinCscp / divisor : kUndefined;
+  return PooledCovariance(withinCscp, totalWeight - ddof * static_cast<double>(nGroups));
+}
+
+double PooledCovariance(double withinCscp, double divisorSum) {
+  return divisorSum > 0.0 ? withinCscp / divisorSum : kUndefined;
 }
 
 std::vector<double> OriginOf(const double* row, std::size_t nColumns) {
@@ -82,19 +91,20 @@ GroupMoments::GroupMoments(std::size_t nColumns, bool keepCrossProducts)
       _shift(nColumns, 0.0) {}
 
 void GroupMoments::Join(std::uint64_t rows, double weight, const double* origin,
-                        const double* means, const double* cscp, std::vector<double>& pooled) {
-  JoinPart(rows, weight, origin, means, cscp, true, pooled);
+                        const double* means, const double* cscp, std::vector<double>& pooled,
+                        double weightSquares) {
+  JoinPart(rows, weight, weightSquares, origin, means, cscp, true, pooled);
 }
 
 void GroupMoments::Join(const GroupMoments& other, std::vector<double>& pooled) {
   if (other._rows == 0) return;
-  JoinPart(other._rows, other._weight, other._origin.data(), other._means.data(),
-           other._keep ? other._cscp.data() : nullptr, false, pooled);
+  JoinPart(other._rows, other._weight, other._weightSquares, other._origin.data(),
+           other._means.data(), other._keep ? other._cscp.data() : nullptr, false, pooled);
 }
 
-void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* origin,
-                            const double* means, const double* cscp, bool partToPooled,
-                            std::vector<double>& pooled) {
+void GroupMoments::JoinPart(std::uint64_t rows, double weight, double weightSquares,
+                            const double* origin, const double* means, const double* cscp,
+                            bool partToPooled, std::vector<double>& pooled) {
   const std::size_t k = _means.size();
   const std::size_t cells = TriangleSize(k);
   if (_rows == 0) {
@@ -111,6 +121,7 @@ void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* ori
     }
     _rows = rows;
     _weight = weight;
+    _weightSquares = weightSquares;
     return;
   }
   const double total = _weight + weight;
@@ -138,11 +149,17 @@ void GroupMoments::JoinPart(std::uint64_t rows, double weight, const double* ori
     _means[i] += _shift[i];
   _rows += rows;
   _weight = total;
+  _weightSquares += weightSquares;
 }
 
-double GroupMoments::Covariance(std::size_t i, std::size_t j) const {
-  if (!HasDivisor(_weight, 1.0)) return kUndefined;
-  return _cscp[TriangleIndex(i, j)] / (_weight - 1.0);
+double GroupMoments::Divisor(double ddof, WeightKind kind) const {
+  return figures::Divisor(_weight, _weightSquares, ddof, kind);
+}
+
+double GroupMoments::Covariance(std::size_t i, std::size_t j, double ddof, WeightKind kind) const {
+  const double divisor = Divisor(ddof, kind);
+  if (!(divisor > 0.0)) return kUndefined;
+  return _cscp[TriangleIndex(i, j)] / divisor;
 }
 
 }  // namespace vorelstat::figures

@@ -2,16 +2,21 @@
 // sums that a pass produces. Nothing here reads files or knows the command
 // line, so that other front ends report exactly the same figures.
 //
-// W is the frequency weight of the rows behind a figure; its divisor is W - 1
-// (W - ddof where a front end offers other degrees of freedom: the functions
-// with a ddof argument; W - ddof G for the pooled covariance).
-//   variance      CSS / (W - 1)
+// W is the weight of the rows behind a figure. A corrected sum is divided by
+// its divisor D, which depends on what the weights mean and on the degrees of
+// freedom ddof (1 unless a front end asks otherwise), as NumPy's cov defines
+// them for its fweights and aweights:
+//   frequency weights (a row of weight w stands for w rows)   D = W - ddof
+//   analytic weights (w a reliability, e.g. 1 / variance)     D = W - ddof * V / W
+// V the sum of the squared weights of the same rows. So
+//   variance      CSS / D
 //   sd            sqrt(variance)
-//   covariance    CSCP / (W - 1)
+//   covariance    CSCP / D
 //   correlation   CSCP / (sqrt(CSS_i) * sqrt(CSS_j)); 1 on the diagonal
+// The correlation has no divisor: neither convention changes it.
 // A figure that is not defined is NaN (kUndefined):
 //   - no cell: no mean, no spread;
-//   - W <= 1: no variance, sd or covariance (the divisor W - 1 is not positive);
+//   - D <= 0: no variance, sd or covariance;
 //   - a constant column (its smallest value equals its largest, both finite)
 //     has that value as its mean, 0 as its variance and sd, 0 as its
 //     covariance with any column, and no correlation; the rule holds whatever
@@ -20,11 +25,11 @@
 //
 // By group, each group's rows are reduced to centred results (weight, means,
 // corrected cross-products) a part at a time, and the parts are joined by the
-// update formula on means. The pooled within-group covariance is the sum over
-// the groups of their corrected cross-products over W - G, G the number of
-// groups; a group's own covariance is its corrected cross-products over
-// W_g - 1. No raw sum of products is ever formed, so data far from zero and
-// groups far apart lose no digits.
+// update formula on means. A group's own covariance is its corrected
+// cross-products over its own divisor D_g. The pooled within-group covariance
+// is the sum over the groups of their corrected cross-products over the sum of
+// their divisors: W - ddof G for frequency weights, G the number of groups. No raw sum of products
+// is ever formed, so data far from zero and groups far apart lose no digits.
 #pragma once
 
 #include <cstddef>
@@ -35,6 +40,13 @@
 namespace vorelstat::figures {
 
 inline constexpr double kUndefined = std::numeric_limits<double>::quiet_NaN();
+
+enum class WeightKind : std::uint8_t { kFrequency, kAnalytic };
+
+// The divisor D of the corrected sums of rows of weight `weight` whose
+// squared weights sum to `weightSquares` (read for analytic weights only).
+// Not positive where the figures are not defined.
+double Divisor(double weight, double weightSquares, double ddof, WeightKind kind);
 
 // Cell of row i and column j (j <= i) of a lower triangle stored with its
 // diagonal, row after row; TriangleSize(k) cells hold k rows.
@@ -83,33 +95,40 @@ struct Constancy {
 
 // One column over the rows behind its figures.
 struct ColumnMoments {
-  std::uint64_t n = 0;  // cells
-  double weight = 0.0;  // W
-  double mean = 0.0;    // as the accumulation left it
-  double css = 0.0;     // corrected sum of squares
-  Range range;          // exact extremes
+  std::uint64_t n = 0;         // cells
+  double weight = 0.0;         // W
+  double mean = 0.0;           // as the accumulation left it
+  double css = 0.0;            // corrected sum of squares
+  Range range;                 // exact extremes
+  double weightSquares = 0.0;  // V: needed for analytic weights only
 };
 
 double Mean(const ColumnMoments& c);
-double Variance(const ColumnMoments& c, double ddof = 1.0);
-double StandardDeviation(const ColumnMoments& c, double ddof = 1.0);
+double Variance(const ColumnMoments& c, double ddof = 1.0,
+                WeightKind kind = WeightKind::kFrequency);
+double StandardDeviation(const ColumnMoments& c, double ddof = 1.0,
+                         WeightKind kind = WeightKind::kFrequency);
 
 // Two columns over the rows where both are present.
 struct PairMoments {
   double weight = 0.0;  // W of the pair
   double cscp = 0.0, css0 = 0.0, css1 = 0.0;
   bool constant0 = false, constant1 = false;  // a column constant on the pair's rows
+  double weightSquares = 0.0;                 // V of the pair: analytic weights only
 };
 
-double Covariance(const PairMoments& p, double ddof = 1.0);
+double Covariance(const PairMoments& p, double ddof = 1.0,
+                  WeightKind kind = WeightKind::kFrequency);
 double Correlation(const PairMoments& p);
 // Diagonal of the correlation matrix: 1 for a column with spread.
 double SelfCorrelation(const ColumnMoments& c);
 
 // The pooled within-group covariance of one cell: the sum of the groups'
-// corrected cross-products over W - G.
+// corrected cross-products over W - ddof G (frequency weights).
 double PooledCovariance(double withinCscp, double totalWeight, std::size_t nGroups,
                         double ddof = 1.0);
+// The same over any sum of the groups' divisors (see GroupMoments::Divisor).
+double PooledCovariance(double withinCscp, double divisorSum);
 
 // A point near a group's data, for each column: the first row's values, or 0
 // where a value is not finite. Means are kept relative to it, so that their
@@ -130,8 +149,9 @@ class GroupMoments {
   // weight, origin, means relative to that origin and corrected cross-products
   // (a triangle, see TriangleIndex). `pooled` (a triangle) receives what the
   // join adds to the group's corrected cross-products, the part's own included.
+  // `weightSquares` is the part's V, kept for analytic weights.
   void Join(std::uint64_t rows, double weight, const double* origin, const double* means,
-            const double* cscp, std::vector<double>& pooled);
+            const double* cscp, std::vector<double>& pooled, double weightSquares = 0.0);
   // Joins another partial result of the same group, whose own corrected
   // cross-products are already in another pooled sum; `pooled` receives only
   // what the join adds.
@@ -139,22 +159,31 @@ class GroupMoments {
 
   std::uint64_t Rows() const { return _rows; }
   double Weight() const { return _weight; }
+  double WeightSquares() const { return _weightSquares; }
+  // D_g, the group's own divisor.
+  double Divisor(double ddof = 1.0, WeightKind kind = WeightKind::kFrequency) const;
   // The origin of the means, once the group has rows.
   const double* Origin() const { return _origin.data(); }
   double Mean(std::size_t i) const { return _origin[i] + _means[i]; }
+  // The means relative to Origin(), as joined: with Origin(), Rows() and Weight(),
+  // what a fresh group needs to continue exactly where this one stands.
+  const double* RelativeMeans() const { return _means.data(); }
   bool KeepsCrossProducts() const { return _keep; }
   // The group's own covariance; needs keepCrossProducts.
-  double Covariance(std::size_t i, std::size_t j) const;
+  double Covariance(std::size_t i, std::size_t j, double ddof = 1.0,
+                    WeightKind kind = WeightKind::kFrequency) const;
 
  private:
   // Adds the part's cross-products `cscp` (may be null) to the group's own,
   // and to `pooled` when `partToPooled`, besides what the join adds.
-  void JoinPart(std::uint64_t rows, double weight, const double* origin, const double* means,
-                const double* cscp, bool partToPooled, std::vector<double>& pooled);
+  void JoinPart(std::uint64_t rows, double weight, double weightSquares, const double* origin,
+                const double* means, const double* cscp, bool partToPooled,
+                std::vector<double>& pooled);
 
   bool _keep;
   std::uint64_t _rows = 0;
   double _weight = 0.0;
+  double _weightSquares = 0.0;
   std::vector<double> _origin;
   std::vector<double> _means;
   std::vector<double> _cscp;   // triangle, kept only on request

@@ -94,28 +94,7 @@ class KeyValueLines {
   std::vector<std::pair<std::string, std::string>> _lines;
 };
 
-}  // namespace
-
-void WriteTable(const Report& report, std::FILE* out) {
-  const PassResult& pass = report.Pass();
-  KeyValueLines head;
-  head.Add("file", report.file);
-  head.Add("rows", RowsLine(report));
-  for (const SkippedSummary& column : report.skipped)
-    head.Add("skipped", column.name + ": " + column.reason);
-  if (pass.rows.cellsCoerced != 0) {
-    head.Add("cells", std::to_string(pass.rows.cellsCoerced) + " not numbers, taken as missing");
-  }
-  std::string weights =
-      report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
-  if (!report.regWeightColumn.empty())
-    weights += ", times regression weight " + report.regWeightColumn;
-  head.Add("weight", weights + "; total " + Short(report.weightSum));
-  head.Add("deletion", report.pairwise ? "pairwise" : "listwise");
-  head.Add("threads", std::to_string(pass.threads));
-  head.Write(out);
-
-  Put(out, "\nColumns\n");
+void ColumnTable(std::FILE* out, const Report& report) {
   static const char* const kColumnHead[] = {"column", "n", "weight", "mean", "sd", "min", "max"};
   StreamTable(out, report.K() + 1, 7, [&](std::size_t r, std::size_t c) -> std::string {
     if (r == 0) return kColumnHead[c];
@@ -137,14 +116,79 @@ void WriteTable(const Report& report, std::FILE* out) {
         return Short(s.max);
     }
   });
+}
 
-  Put(out, "\nCovariance\n");
-  SquareTable(out, report,
-              [&](std::size_t i, std::size_t j) { return Short(report.Covariance(i, j)); });
-  Put(out, "\nCorrelation\n");
-  SquareTable(out, report,
-              [&](std::size_t i, std::size_t j) { return Short(report.Correlation(i, j)); });
-  if (report.pairwise) {
+void GroupTables(std::FILE* out, const Report& report) {
+  const PassResult& pass = report.Pass();
+  std::string title = "\nMeans by group of " + report.groupColumn;
+  if (pass.rows.withoutGroup != 0) {
+    title += " (" + std::to_string(pass.rows.withoutGroup) + " rows without a group left out)";
+  }
+  Put(out, title + "\n");
+  const auto groupTable = [&](const std::function<double(std::size_t, std::size_t)>& value) {
+    StreamTable(out, report.NGroups() + 1, report.K() + 3, [&](std::size_t r, std::size_t c) {
+      static const char* const kHead[] = {"group", "n", "weight"};
+      if (r == 0) return c < 3 ? std::string(kHead[c]) : report.columns[c - 3].name;
+      const figures::GroupMoments& g = report.Group(r - 1);
+      if (c == 0) return report.Label(r - 1).Display();
+      if (c == 1) return std::to_string(g.Rows());
+      if (c == 2) return Short(g.Weight());
+      return Short(value(r - 1, c - 3));
+    });
+  };
+  groupTable([&](std::size_t g, std::size_t i) { return report.Group(g).Mean(i); });
+  if (report.groupCovariance) {
+    Put(out, "\nStandard deviations by group of " + report.groupColumn + "\n");
+    groupTable([&](std::size_t g, std::size_t i) { return report.GroupSd(g, i); });
+    for (std::size_t g = 0; g < report.NGroups(); ++g) {
+      Put(out, "\nCovariance in group " + report.Label(g).Display() + "\n");
+      SquareTable(out, report, [&](std::size_t i, std::size_t j) {
+        return Short(report.GroupCovariance(g, i, j));
+      });
+    }
+  }
+}
+
+}  // namespace
+
+void WriteTable(const Report& report, std::FILE* out) {
+  const PassResult& pass = report.Pass();
+  KeyValueLines head;
+  head.Add("file", report.file);
+  head.Add("rows", RowsLine(report));
+  for (const SkippedSummary& column : report.skipped)
+    head.Add("skipped", column.name + ": " + column.reason);
+  if (pass.rows.cellsCoerced != 0) {
+    head.Add("cells", std::to_string(pass.rows.cellsCoerced) + " not numbers, taken as missing");
+  }
+  std::string weights =
+      report.weightColumn.empty() ? "none (every row counts 1)" : report.weightColumn;
+  if (!report.regWeightColumn.empty())
+    weights += ", times regression weight " + report.regWeightColumn;
+  head.Add("weight", weights + "; total " + Short(report.weightSum));
+  head.Add("deletion", report.pairwise ? "pairwise" : "listwise");
+  if (!report.DefaultDivisor()) {
+    head.Add("divisor", report.DivisorFormula() + " (" + report.WeightKindName() + " weights, ddof "
+                            + RoundTrip(report.ddof) + ")");
+  }
+  head.Add("threads", std::to_string(pass.threads));
+  head.Write(out);
+
+  if (report.Shows(kColumnsSection)) {
+    Put(out, "\nColumns\n");
+    ColumnTable(out, report);
+  }
+  if (report.Shows(kCovarianceSection)) {
+    Put(out, "\nCovariance\n");
+    SquareTable(out, report,
+                [&](std::size_t i, std::size_t j) { return Short(report.Covariance(i, j)); });
+  }
+  if (report.Shows(kCorrelationSection)) {
+    Put(out, "\nCorrelation\n");
+    SquareTable(out, report,
+                [&](std::size_t i, std::size_t j) { return Short(report.Correlation(i, j)); });
+  }
+  if (report.pairwise && report.Shows(kPairsSection)) {
     Put(out, "\nRows of each pair\n");
     SquareTable(out, report, [&](std::size_t i, std::size_t j) {
       return std::to_string(report.PairRows(i, j));
@@ -153,34 +197,8 @@ void WriteTable(const Report& report, std::FILE* out) {
     SquareTable(out, report,
                 [&](std::size_t i, std::size_t j) { return Short(report.PairWeight(i, j)); });
   }
-  if (report.Grouped()) {
-    std::string title = "\nMeans by group of " + report.groupColumn;
-    if (pass.rows.withoutGroup != 0) {
-      title += " (" + std::to_string(pass.rows.withoutGroup) + " rows without a group left out)";
-    }
-    Put(out, title + "\n");
-    const auto groupTable = [&](const std::function<double(std::size_t, std::size_t)>& value) {
-      StreamTable(out, report.NGroups() + 1, report.K() + 3, [&](std::size_t r, std::size_t c) {
-        static const char* const kHead[] = {"group", "n", "weight"};
-        if (r == 0) return c < 3 ? std::string(kHead[c]) : report.columns[c - 3].name;
-        const figures::GroupMoments& g = report.Group(r - 1);
-        if (c == 0) return std::to_string(report.GroupCode(r - 1));
-        if (c == 1) return std::to_string(g.Rows());
-        if (c == 2) return Short(g.Weight());
-        return Short(value(r - 1, c - 3));
-      });
-    };
-    groupTable([&](std::size_t g, std::size_t i) { return report.Group(g).Mean(i); });
-    if (report.groupCovariance) {
-      Put(out, "\nStandard deviations by group of " + report.groupColumn + "\n");
-      groupTable([&](std::size_t g, std::size_t i) { return report.GroupSd(g, i); });
-      for (std::size_t g = 0; g < report.NGroups(); ++g) {
-        Put(out, "\nCovariance in group " + std::to_string(report.GroupCode(g)) + "\n");
-        SquareTable(out, report, [&](std::size_t i, std::size_t j) {
-          return Short(report.GroupCovariance(g, i, j));
-        });
-      }
-    }
+  if (report.Grouped() && report.Shows(kGroupsSection)) GroupTables(out, report);
+  if (report.Grouped() && report.Shows(kPooledSection)) {
     Put(out, "\nPooled within-group covariance (divisor " + Short(report.PooledDivisor()) + ")\n");
     SquareTable(out, report,
                 [&](std::size_t i, std::size_t j) { return Short(report.PooledCovariance(i, j)); });
@@ -241,12 +259,15 @@ void WriteCsv(const Report& report, std::FILE* out) {
   summary("rows_without_group", std::to_string(pass.rows.withoutGroup));
   summary("cells_not_numeric", std::to_string(pass.rows.cellsCoerced));
   summary("weight_sum", RoundTrip(report.weightSum));
+  summary("weight_kind", report.WeightKindName());
+  summary("ddof", RoundTrip(report.ddof));
   for (const SkippedSummary& column : report.skipped)
     csv.Add("skipped", "", column.name, "", "reason", CsvField(column.reason));
   for (const std::string& note : report.notes)
     csv.Add("note", "", "", "", "note", CsvField(note));
 
   for (const ColumnSummary& c : report.columns) {
+    if (!report.Shows(kColumnsSection)) break;
     csv.Add("column", "", c.name, "", "n", std::to_string(c.moments.n));
     csv.Add("column", "", c.name, "", "weight", RoundTrip(c.moments.weight));
     csv.Add("column", "", c.name, "", "mean", RoundTrip(c.mean));
@@ -259,18 +280,20 @@ void WriteCsv(const Report& report, std::FILE* out) {
     for (std::size_t j = 0; j < k; ++j) {
       const std::string& a = report.columns[i].name;
       const std::string& b = report.columns[j].name;
-      csv.Add("pair", "", a, b, "covariance", RoundTrip(report.Covariance(i, j)));
-      csv.Add("pair", "", a, b, "correlation", RoundTrip(report.Correlation(i, j)));
-      if (report.pairwise) {
+      if (report.Shows(kCovarianceSection))
+        csv.Add("pair", "", a, b, "covariance", RoundTrip(report.Covariance(i, j)));
+      if (report.Shows(kCorrelationSection))
+        csv.Add("pair", "", a, b, "correlation", RoundTrip(report.Correlation(i, j)));
+      if (report.pairwise && report.Shows(kPairsSection)) {
         csv.Add("pair", "", a, b, "n", std::to_string(report.PairRows(i, j)));
         csv.Add("pair", "", a, b, "weight", RoundTrip(report.PairWeight(i, j)));
       }
     }
   }
   if (!report.Grouped()) return;
-  for (std::size_t g = 0; g < report.NGroups(); ++g) {
+  for (std::size_t g = 0; g < report.NGroups() && report.Shows(kGroupsSection); ++g) {
     const figures::GroupMoments& group = report.Group(g);
-    const std::string code = std::to_string(report.GroupCode(g));
+    const std::string code = CsvField(report.Label(g).Display());
     csv.Add("group", code, "", "", "n", std::to_string(group.Rows()));
     csv.Add("group", code, "", "", "weight", RoundTrip(group.Weight()));
     for (std::size_t i = 0; i < k; ++i) {
@@ -284,6 +307,7 @@ void WriteCsv(const Report& report, std::FILE* out) {
       }
     }
   }
+  if (!report.Shows(kPooledSection)) return;
   summary("pooled_divisor", RoundTrip(report.PooledDivisor()));
   for (std::size_t i = 0; i < k; ++i) {
     for (std::size_t j = 0; j < k; ++j) {
@@ -372,6 +396,11 @@ std::string JsonNumber(double value) {
 }
 std::string JsonNumber(std::uint64_t value) { return std::to_string(value); }
 std::string JsonName(const std::string& name) { return name.empty() ? "null" : JsonString(name); }
+// A number label as a number, a text label as a string.
+std::string JsonLabel(const GroupLabel& label) {
+  const std::string text = label.Display();
+  return label.GetKind() == GroupLabel::Kind::kText ? JsonString(text) : text;
+}
 
 // A k x k matrix, a row a line, each cell from `cell`.
 template <class Cell>
@@ -415,6 +444,8 @@ void WriteJson(const Report& report, std::FILE* out) {
                + ", \"without_group\": " + JsonNumber(pass.rows.withoutGroup) + "},\n");
   Put(out, "  \"cells_not_numeric\": " + JsonNumber(pass.rows.cellsCoerced) + ",\n");
   Put(out, "  \"weight_sum\": " + JsonNumber(report.weightSum) + ",\n");
+  Put(out, "  \"weight_kind\": " + JsonString(report.WeightKindName()) + ",\n");
+  Put(out, "  \"ddof\": " + JsonNumber(report.ddof) + ",\n");
   Put(out, "  \"skipped_columns\": [");
   for (std::size_t i = 0; i < report.skipped.size(); ++i) {
     Put(out, std::string(i ? ", " : "") + "{\"name\": " + JsonString(report.skipped[i].name)
@@ -423,29 +454,38 @@ void WriteJson(const Report& report, std::FILE* out) {
   Put(out, "],\n  \"notes\": [");
   for (std::size_t i = 0; i < report.notes.size(); ++i)
     Put(out, std::string(i ? ", " : "") + JsonString(report.notes[i]));
-  Put(out, "],\n  \"columns\": [");
-  for (std::size_t i = 0; i < k; ++i) {
-    const ColumnSummary& c = report.columns[i];
-    Put(out, std::string(i ? "," : "") + "\n    {\"name\": " + JsonString(c.name) + ", \"n\": "
-                 + JsonNumber(c.moments.n) + ", \"weight\": " + JsonNumber(c.moments.weight)
-                 + ", \"mean\": " + JsonNumber(c.mean) + ", \"sd\": " + JsonNumber(c.sd)
-                 + ", \"min\": " + JsonNumber(c.min) + ", \"max\": " + JsonNumber(c.max) + "}");
+  Put(out, "]");
+  if (report.Shows(kColumnsSection)) {
+    Put(out, ",\n  \"columns\": [");
+    for (std::size_t i = 0; i < k; ++i) {
+      const ColumnSummary& c = report.columns[i];
+      Put(out, std::string(i ? "," : "") + "\n    {\"name\": " + JsonString(c.name) + ", \"n\": "
+                   + JsonNumber(c.moments.n) + ", \"weight\": " + JsonNumber(c.moments.weight)
+                   + ", \"mean\": " + JsonNumber(c.mean) + ", \"sd\": " + JsonNumber(c.sd)
+                   + ", \"min\": " + JsonNumber(c.min) + ", \"max\": " + JsonNumber(c.max) + "}");
+    }
+    Put(out, "\n  ]");
   }
-  Put(out, "\n  ],\n  \"covariance\": ");
-  JsonMatrix(out, k, "  ", [&](std::size_t i, std::size_t j) { return report.Covariance(i, j); });
-  Put(out, ",\n  \"correlation\": ");
-  JsonMatrix(out, k, "  ", [&](std::size_t i, std::size_t j) { return report.Correlation(i, j); });
-  if (report.pairwise) {
+  if (report.Shows(kCovarianceSection)) {
+    Put(out, ",\n  \"covariance\": ");
+    JsonMatrix(out, k, "  ", [&](std::size_t i, std::size_t j) { return report.Covariance(i, j); });
+  }
+  if (report.Shows(kCorrelationSection)) {
+    Put(out, ",\n  \"correlation\": ");
+    JsonMatrix(out, k, "  ",
+               [&](std::size_t i, std::size_t j) { return report.Correlation(i, j); });
+  }
+  if (report.pairwise && report.Shows(kPairsSection)) {
     Put(out, ",\n  \"pair_rows\": ");
     JsonMatrix(out, k, "  ", [&](std::size_t i, std::size_t j) { return report.PairRows(i, j); });
     Put(out, ",\n  \"pair_weights\": ");
     JsonMatrix(out, k, "  ", [&](std::size_t i, std::size_t j) { return report.PairWeight(i, j); });
   }
-  if (report.Grouped()) {
+  if (report.Grouped() && report.Shows(kGroupsSection)) {
     Put(out, ",\n  \"groups\": [");
     for (std::size_t g = 0; g < report.NGroups(); ++g) {
       const figures::GroupMoments& group = report.Group(g);
-      Put(out, std::string(g ? "," : "") + "\n    {\"code\": " + std::to_string(report.GroupCode(g))
+      Put(out, std::string(g ? "," : "") + "\n    {\"code\": " + JsonLabel(report.Label(g))
                    + ", \"n\": " + JsonNumber(group.Rows())
                    + ", \"weight\": " + JsonNumber(group.Weight())
                    + ", \"means\": " + JsonArray(k, [&](std::size_t i) { return group.Mean(i); }));
@@ -457,8 +497,10 @@ void WriteJson(const Report& report, std::FILE* out) {
       }
       Put(out, "}");
     }
-    Put(out, "\n  ],\n");
-    Put(out, "  \"pooled_divisor\": " + JsonNumber(report.PooledDivisor()) + ",\n");
+    Put(out, "\n  ]");
+  }
+  if (report.Grouped() && report.Shows(kPooledSection)) {
+    Put(out, ",\n  \"pooled_divisor\": " + JsonNumber(report.PooledDivisor()) + ",\n");
     Put(out, "  \"pooled_covariance\": ");
     JsonMatrix(out, k, "  ",
                [&](std::size_t i, std::size_t j) { return report.PooledCovariance(i, j); });

@@ -1,7 +1,11 @@
 #include "report.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iterator>
+
+#include "errors.h"
 
 namespace vorelstat {
 namespace {
@@ -23,11 +27,38 @@ bool Readable(const std::unique_ptr<Matrix>& m, std::size_t k) {
 
 }  // namespace
 
+unsigned ParseSections(const std::vector<std::string>& names) {
+  static const std::pair<const char*, Section> kNames[] = {{"columns", kColumnsSection},
+                                                           {"covariance", kCovarianceSection},
+                                                           {"correlation", kCorrelationSection},
+                                                           {"pairs", kPairsSection},
+                                                           {"groups", kGroupsSection},
+                                                           {"pooled", kPooledSection},
+                                                           {"all", kAllSections}};
+  unsigned sections = 0;
+  for (const std::string& name : names) {
+    const auto* found = std::find_if(std::begin(kNames), std::end(kNames),
+                                     [&name](const auto& entry) { return name == entry.first; });
+    if (found == std::end(kNames)) {
+      throw UsageError(
+          "--sections takes columns, covariance, correlation, pairs, groups, pooled "
+          "or all, not \""
+          + name + "\"");
+    }
+    sections |= found->second;
+  }
+  if (sections == 0) throw UsageError("--sections needs at least one section");
+  return sections;
+}
+
 Report::Report(std::string fileName, const RowLayout& layout, const PassResult& pass,
-               const std::vector<SkippedColumn>& skippedColumns, bool withGroupCovariance)
+               const std::vector<SkippedColumn>& skippedColumns, const ReportOptions& options)
     : file(std::move(fileName)),
       pairwise(pass.pairwise != nullptr),
-      groupCovariance(withGroupCovariance),
+      groupCovariance(options.groupCovariance),
+      ddof(options.ddof),
+      weightKind(options.weightKind),
+      sections(options.sections),
       _pass(pass) {
   if (layout.weightField) weightColumn = layout.names[*layout.weightField];
   if (layout.regWeightField) regWeightColumn = layout.names[*layout.regWeightField];
@@ -57,8 +88,9 @@ Report::Report(std::string fileName, const RowLayout& layout, const PassResult& 
     } else {
       m.n = 0;
     }
+    m.weightSquares = WeightSquares(i, i);
     column.mean = figures::Mean(m);
-    column.sd = figures::StandardDeviation(m);
+    column.sd = figures::StandardDeviation(m, ddof, weightKind);
     column.min = m.n != 0 ? m.range.min : kUndefined;
     column.max = m.n != 0 ? m.range.max : kUndefined;
     columns.push_back(std::move(column));
@@ -73,15 +105,15 @@ void Report::AddNotes() {
   for (const ColumnSummary& column : columns) {
     const figures::ColumnMoments& m = column.moments;
     if (m.n == 0) continue;
-    if (!(m.weight > 1.0)) small.push_back(column.name);
+    if (!(figures::Divisor(m.weight, m.weightSquares, ddof, weightKind) > 0.0)) {
+      small.push_back(column.name);
+    }
     if (m.range.Constant()) constant.push_back(column.name);
     if (std::isinf(m.range.min) || std::isinf(m.range.max)) infinite.push_back(column.name);
   }
   if (!small.empty()) {
-    notes.push_back(
-        "sd and covariance are n/a where the weight total W is 1 or less (their "
-        "divisor W - 1 is not positive): "
-        + JoinNames(small));
+    notes.push_back("sd and covariance are n/a where their divisor " + DivisorFormula()
+                    + " is not positive: " + JoinNames(small));
   }
   if (!constant.empty()) {
     notes.push_back(
@@ -95,8 +127,9 @@ void Report::AddNotes() {
   }
   if (groupCovariance) {
     for (std::size_t g = 0; g < NGroups(); ++g) {
-      if (!(Group(g).Weight() > 1.0)) {
-        notes.push_back("groups of weight 1 or less have no sd or covariance of their own");
+      if (!(Group(g).Divisor(ddof, weightKind) > 0.0)) {
+        notes.push_back("groups whose divisor " + DivisorFormula()
+                        + " is not positive have no sd or covariance of their own");
         break;
       }
     }
@@ -125,12 +158,30 @@ figures::PairMoments Report::PairOf(std::size_t i, std::size_t j) const {
     p.constant0 = _pass.pairConstancy[i * k + j].Constant();
     p.constant1 = _pass.pairConstancy[j * k + i].Constant();
   }
+  p.weightSquares = WeightSquares(i, j);
   return p;
 }
 
+double Report::WeightSquares(std::size_t i, std::size_t j) const {
+  const std::vector<double>& v = _pass.weightSquares;
+  if (v.empty()) return 0.0;
+  return v.size() == 1 ? v[0] : v[figures::TriangleIndex(i, j)];
+}
+
+const char* Report::WeightKindName() const {
+  return weightKind == figures::WeightKind::kAnalytic ? "analytic" : "frequency";
+}
+
+std::string Report::DivisorFormula() const {
+  if (ddof == 0.0) return "W";
+  const std::string times = ddof == 1.0 ? "" : RoundTrip(ddof) + " ";
+  if (weightKind == figures::WeightKind::kAnalytic) return "W - " + times + "V / W";
+  return "W - " + RoundTrip(ddof);
+}
+
 double Report::Covariance(std::size_t i, std::size_t j) const {
-  if (i == j) return figures::Variance(columns[i].moments);
-  return figures::Covariance(PairOf(i, j));
+  if (i == j) return figures::Variance(columns[i].moments, ddof, weightKind);
+  return figures::Covariance(PairOf(i, j), ddof, weightKind);
 }
 
 double Report::Correlation(std::size_t i, std::size_t j) const {
@@ -153,18 +204,26 @@ double Report::PairWeight(std::size_t i, std::size_t j) const {
 }
 
 double Report::GroupSd(std::size_t g, std::size_t i) const {
-  return std::sqrt(Group(g).Covariance(i, i));
+  return std::sqrt(GroupCovariance(g, i, i));
 }
 
 double Report::GroupCovariance(std::size_t g, std::size_t i, std::size_t j) const {
-  return Group(g).Covariance(i, j);
+  return Group(g).Covariance(i, j, ddof, weightKind);
 }
 
-double Report::PooledDivisor() const { return _groupWeight - static_cast<double>(NGroups()); }
+// Frequency weights: W - ddof G, as one subtraction; analytic weights: the
+// groups' divisors added in group order.
+double Report::PooledDivisor() const {
+  if (weightKind == figures::WeightKind::kFrequency)
+    return _groupWeight - ddof * static_cast<double>(NGroups());
+  double sum = 0.0;
+  for (const figures::GroupMoments& group : _pass.groups)
+    sum += group.Divisor(ddof, weightKind);
+  return sum;
+}
 
 double Report::PooledCovariance(std::size_t i, std::size_t j) const {
-  return figures::PooledCovariance(_pass.withinCscp[figures::TriangleIndex(i, j)], _groupWeight,
-                                   NGroups());
+  return figures::PooledCovariance(_pass.withinCscp[figures::TriangleIndex(i, j)], PooledDivisor());
 }
 
 std::string RoundTrip(double value) {

@@ -108,14 +108,6 @@ bool LooksLikeDecimal(std::string_view cell, char point) {
                      [point](char c) { return IsDigitChar(c) || c == point; });
 }
 
-bool ParseWhole(std::string_view cell, long long& value) {
-  const char* first = cell.data();
-  const char* last = first + cell.size();
-  if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
-  const auto [ptr, ec] = std::from_chars(first, last, value);
-  return ec == std::errc() && ptr == last;
-}
-
 std::string JoinNames(const std::vector<std::string>& names) {
   std::string joined;
   for (const std::string& name : names) {
@@ -370,23 +362,24 @@ bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& r
     row.groupMissing = true;
     return true;
   }
-  long long code = 0;
-  if (!ParseWhole(cell, code)) {
+  row.group.Read(cell, _rules.decimalPoint);
+  if (!_rules.checkGroupRange) return true;
+  if (!row.group.IsWhole()) {
     if (_rules.nonNumericIsMissing) {
       row.groupMissing = true;
       ++row.nCoerced;
       return true;
     }
-    error = {field, "group " + Quoted(cell) + " is not a whole number"};
+    error = {field, "group " + Quoted(cell) + " is not a whole number, as --group-range asks"};
     return false;
   }
+  const long long code = row.group.Whole();
   if (code < _rules.groupLo || code > _rules.groupHi) {
     error = {field, "group " + std::to_string(code) + " is outside the group range "
                         + std::to_string(_rules.groupLo) + ".." + std::to_string(_rules.groupHi)
                         + " (set the range with --group-range)"};
     return false;
   }
-  row.group = code;
   return true;
 }
 
@@ -492,7 +485,6 @@ void RowParser::ResetRow(ParsedRow& row) const {
   row.regWeight = 1.0;
   row.weightMissing = false;
   row.groupMissing = false;
-  row.group = 0;
   row.texts.clear();
 }
 

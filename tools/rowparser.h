@@ -25,7 +25,8 @@
 //     column as text instead, and the pass leaves the column out.
 // A weight must be finite and not negative: the library would enter a
 // negative or NaN weight unchanged into every sum, so the tool refuses it. A
-// group must be a whole number within the group range.
+// group is any label (grouplabel.h); with the range check it must be a whole
+// number within the group range.
 #pragma once
 
 #include <cstddef>
@@ -34,6 +35,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "grouplabel.h"
 
 namespace vorelstat {
 
@@ -47,7 +50,9 @@ struct CellRules {
   bool userMissingCode = true;
   bool nonNumericIsMissing = false;
   char decimalPoint = '.';  // or ','
-  long long groupLo = 0;    // the range of the group codes
+  // Whether a group must be a whole number within [groupLo, groupHi].
+  bool checkGroupRange = true;
+  long long groupLo = 0;
   long long groupHi = 0;
 };
 
@@ -91,7 +96,7 @@ struct ParsedRow {
   double regWeight = 1.0;
   bool weightMissing = false;  // either weight is missing
   bool groupMissing = false;
-  long long group = 0;          // the group code
+  GroupLabel group;
   std::vector<TextCell> texts;  // typedByContent only: the row's text cells
 };
 

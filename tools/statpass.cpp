@@ -42,6 +42,11 @@ struct FoundText {
   std::string text;
 };
 
+std::string TooManyGroups(std::size_t most) {
+  return "the group column holds more than " + std::to_string(most)
+         + " distinct labels, the limit of --max-groups";
+}
+
 // Keeps the earlier of two findings.
 template <class Found>
 void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
@@ -54,11 +59,15 @@ struct Extremes {
   std::vector<std::uint64_t> counts;
   std::vector<figures::Range> ranges;
   std::vector<figures::Constancy> pairConstancy;
+  std::vector<double> weightSquares;  // see PassResult::weightSquares
 
-  Extremes(unsigned nValues, bool pairwise)
+  Extremes(unsigned nValues, bool pairwise, bool keepWeightSquares)
       : counts(nValues, 0),
         ranges(nValues),
-        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0) {}
+        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0),
+        weightSquares(!keepWeightSquares ? 0
+                      : pairwise         ? figures::TriangleSize(nValues)
+                                         : 1) {}
 
   void Add(const Extremes& o) {
     for (std::size_t c = 0; c < counts.size(); ++c) {
@@ -67,6 +76,8 @@ struct Extremes {
     }
     for (std::size_t c = 0; c < pairConstancy.size(); ++c)
       pairConstancy[c].Include(o.pairConstancy[c]);
+    for (std::size_t c = 0; c < weightSquares.size(); ++c)
+      weightSquares[c] += o.weightSquares[c];
   }
 };
 
@@ -77,31 +88,48 @@ class GroupTable {
   GroupTable(unsigned nValues, bool keepCrossProducts)
       : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
 
-  figures::GroupMoments& Of(long long code) {
-    const auto [it, added] = _index.try_emplace(code, _groups.size());
+  // The place of a label's group, made when the label is first seen, at
+  // `where`; an earlier sighting moves the label's first appearance there.
+  std::size_t Slot(const GroupLabel& label, const ChunkLine& where) {
+    const auto [it, added] = _index.try_emplace(label, _groups.size());
     if (added) {
-      _codes.push_back(code);
+      _labels.push_back(label);
+      _first.push_back(where);
       _groups.emplace_back(_nValues, _keep);
+    } else if (where.Before(_first[it->second])) {
+      _first[it->second] = where;
     }
-    return _groups[it->second];
+    return it->second;
   }
+  std::size_t Size() const { return _groups.size(); }
+  figures::GroupMoments& At(std::size_t slot) { return _groups[slot]; }
+  const GroupLabel& Label(std::size_t slot) const { return _labels[slot]; }
   std::vector<double>& Within() { return _within; }
 
+  // Groups are joined in sorted label order, whatever order the two tables
+  // met them in, so that the sums do not depend on the threads.
   void Add(const GroupTable& other) {
     for (std::size_t c = 0; c < _within.size(); ++c)
       _within[c] += other._within[c];
-    for (std::size_t g = 0; g < other._codes.size(); ++g)
-      Of(other._codes[g]).Join(other._groups[g], _within);
+    for (std::size_t g : other.Sorted(false))
+      At(Slot(other._labels[g], other._first[g])).Join(other._groups[g], _within);
   }
 
-  // Moves the groups into `result` in code order.
-  void TakeInto(PassResult& result) {
-    std::vector<std::size_t> order(_codes.size());
+  // The slots in sorted label order, or in order of first appearance in the file.
+  std::vector<std::size_t> Sorted(bool byFirstAppearance) const {
+    std::vector<std::size_t> order(_groups.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
-    std::sort(order.begin(), order.end(),
-              [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
-    for (std::size_t g : order) {
-      result.groupCodes.push_back(_codes[g]);
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      if (byFirstAppearance) return _first[a].Before(_first[b]);
+      return GroupLabel::SortsBefore(_labels[a], _labels[b]);
+    });
+    return order;
+  }
+
+  // Moves the groups into `result` in the order asked for.
+  void TakeInto(PassResult& result, bool byFirstAppearance) {
+    for (std::size_t g : Sorted(byFirstAppearance)) {
+      result.groupLabels.push_back(_labels[g]);
       result.groups.push_back(std::move(_groups[g]));
     }
     result.withinCscp = std::move(_within);
@@ -110,8 +138,9 @@ class GroupTable {
  private:
   unsigned _nValues;
   bool _keep;
-  std::unordered_map<long long, std::size_t> _index;
-  std::vector<long long> _codes;
+  std::unordered_map<GroupLabel, std::size_t, GroupLabel::Hash> _index;
+  std::vector<GroupLabel> _labels;
+  std::vector<ChunkLine> _first;  // where each label was first seen
   std::vector<figures::GroupMoments> _groups;
   std::vector<double> _within;
 };
@@ -127,41 +156,54 @@ class GroupRows {
         _moved(nValues),
         _means(nValues),
         _cscp(figures::TriangleSize(nValues)) {
-    _codes.reserve(capacity);
+    _slots.reserve(capacity);
     _weights.reserve(capacity);
     _values.reserve(std::size_t{capacity} * nValues);
   }
 
-  bool Full() const { return _codes.size() == _capacity; }
+  bool Full() const { return _slots.size() == _capacity; }
 
-  void Add(long long code, double weight, const double* values) {
-    _codes.push_back(code);
+  // `slot`: the group's place in the worker's GroupTable.
+  void Add(std::size_t slot, double weight, const double* values) {
+    _slots.push_back(slot);
     _weights.push_back(weight);
     _values.insert(_values.end(), values, values + _nValues);
   }
 
-  // Reduces each group's rows, in their order, and joins them into `table`.
+  // Reduces each group's rows, in their order, and joins them into `table`,
+  // the groups in sorted label order.
   void Flush(GroupTable& table) {
-    const std::size_t n = _codes.size();
+    const std::size_t n = _slots.size();
     if (n == 0) return;
     _order.resize(n);
     std::iota(_order.begin(), _order.end(), std::size_t{0});
     std::stable_sort(_order.begin(), _order.end(),
-                     [this](std::size_t a, std::size_t b) { return _codes[a] < _codes[b]; });
-    for (std::size_t first = 0; first < n;) {
-      const long long code = _codes[_order[first]];
-      figures::GroupMoments& group = table.Of(code);
+                     [this](std::size_t a, std::size_t b) { return _slots[a] < _slots[b]; });
+    // Each group's rows: [start, end) in _order.
+    _runs.clear();
+    for (std::size_t start = 0, end = 0; start < n; start = end) {
+      for (end = start; end < n && _slots[_order[end]] == _slots[_order[start]];)
+        ++end;
+      _runs.emplace_back(start, end);
+    }
+    std::sort(_runs.begin(), _runs.end(), [&](const auto& a, const auto& b) {
+      return GroupLabel::SortsBefore(table.Label(_slots[_order[a.first]]),
+                                     table.Label(_slots[_order[b.first]]));
+    });
+    for (const auto& [first, last] : _runs) {
+      figures::GroupMoments& group = table.At(_slots[_order[first]]);
       // Rows go in less the group's origin, so that the batch's means round
       // as the spread of the data does, not as its distance from zero.
       const std::vector<double> origin =
           figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
-      std::size_t last = first;
+      double weightSquares = 0.0;
       _batch.Clear();
-      for (; last < n && _codes[_order[last]] == code; ++last) {
-        const double* row = Row(last);
+      for (std::size_t k = first; k < last; ++k) {
+        const double* row = Row(k);
         for (unsigned i = 0; i < _nValues; ++i)
           _moved[i] = row[i] - origin[i];
-        _weight = _weights[_order[last]];
+        _weight = _weights[_order[k]];
+        weightSquares += _weight * _weight;
         _batch.AddRow(_moved.data());
       }
       vorel::MatrixListwise part;
@@ -172,10 +214,9 @@ class GroupRows {
           _cscp[figures::TriangleIndex(i, j)] = part.CCP(i, j);
       }
       group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
-                 table.Within());
-      first = last;
+                 table.Within(), weightSquares);
     }
-    _codes.clear();
+    _slots.clear();
     _weights.clear();
     _values.clear();
   }
@@ -186,7 +227,8 @@ class GroupRows {
 
   unsigned _nValues;
   unsigned _capacity;
-  std::vector<long long> _codes;
+  std::vector<std::size_t> _slots;
+  std::vector<std::pair<std::size_t, std::size_t>> _runs;
   std::vector<double> _weights;
   std::vector<double> _values;
   std::vector<std::size_t> _order;
@@ -205,7 +247,7 @@ class StatProblem : public vorel::ProblemBase {
         _layout(layout),
         _rules(rules),
         _options(options),
-        _extremes(layout.NValues(), options.pairwise),
+        _extremes(layout.NValues(), options.pairwise, options.weightSquares),
         _texts(layout.NValues()) {
     if (options.pairwise) {
       _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
@@ -259,7 +301,7 @@ class StatWorker : public vorel::WorkerBase {
         _batch(problem._layout.NValues(), problem._options.batchRows,
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem._layout.NValues(), _pairwise),
+        _extremes(problem._layout.NValues(), _pairwise, problem._options.weightSquares),
         _texts(problem._layout.NValues()) {
     if (_pairwise) {
       _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
@@ -308,7 +350,7 @@ class StatWorker : public vorel::WorkerBase {
       if (record.blank) continue;
       for (const TextCell& cell : _row.texts)
         KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, firstLine}, cell.text});
-      TakeRow();
+      if (!TakeRow({_chunk.index, firstLine})) break;
     }
     *_lineCount = line;
   }
@@ -333,35 +375,45 @@ class StatWorker : public vorel::WorkerBase {
   }
 
  private:
-  void TakeRow() {
+  // False, with the error kept, when the row makes more groups than allowed.
+  bool TakeRow(const ChunkLine& where) {
     ++_counters.read;
     _counters.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
       ++_counters.withoutWeight;
-      return;
+      return true;
     }
     // A row of weight 0 is not there, as frequency weights mean; the library
     // would still count it, and a batch of such rows would divide by 0.
     if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
       ++_counters.zeroWeight;
-      return;
+      return true;
     }
     const bool complete = _row.nMissing == 0;
     if (!complete) ++_counters.incomplete;
-    if (!complete && !_pairwise) return;
+    if (!complete && !_pairwise) return true;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
     ++_counters.used;
     if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
-    if (!_groupRows) return;
+    if (!_groupRows) return true;
     if (_row.groupMissing) {
       ++_counters.withoutGroup;
-      return;
+      return true;
     }
-    if (!complete) return;
-    _groupRows->Add(_row.group, _row.weight, _row.values.data());
+    if (!complete) return true;
+    const std::size_t slot = _groups->Slot(_row.group, where);
+    if (_groups->Size() > _problem._options.mostGroups) {
+      _error = FoundError{where,
+                          {_layout.groupField.value_or(LineError::kWholeLine),
+                           TooManyGroups(_problem._options.mostGroups)}};
+      _problem._failed.store(true, std::memory_order_relaxed);
+      return false;
+    }
+    _groupRows->Add(slot, _row.weight, _row.values.data());
     if (_groupRows->Full()) _groupRows->Flush(*_groups);
+    return true;
   }
 
   // Extremes first: a listwise matrix centres the batch's columns in place.
@@ -369,6 +421,7 @@ class StatWorker : public vorel::WorkerBase {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
     if (_pairwise) UpdatePairConstancy();
+    if (!_extremes.weightSquares.empty()) UpdateWeightSquares();
     if (_listwiseMatrix) *_listwiseMatrix += _batch;
     if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
     _batch.Clear();
@@ -409,6 +462,31 @@ class StatWorker : public vorel::WorkerBase {
         for (unsigned r = 0; r < n; ++r) {
           if (Present(xi[r]) && Present(xj[r]) && !constancy.Include(xi[r])) break;
         }
+      }
+    }
+  }
+
+  // Row after row, as the weights are added; under pairwise deletion over the
+  // rows where both columns of a pair are present.
+  void UpdateWeightSquares() {
+    const unsigned n = _batch.NRows();
+    const double* w = _batch.Weights();
+    if (!_pairwise) {
+      double sum = _extremes.weightSquares[0];
+      for (unsigned r = 0; r < n; ++r)
+        sum += w[r] * w[r];
+      _extremes.weightSquares[0] = sum;
+      return;
+    }
+    for (unsigned i = 0; i < _batch.NColumns(); ++i) {
+      const double* xi = _batch.Column(i);
+      for (unsigned j = 0; j <= i; ++j) {
+        const double* xj = _batch.Column(j);
+        double sum = _extremes.weightSquares[figures::TriangleIndex(i, j)];
+        for (unsigned r = 0; r < n; ++r) {
+          if (Present(xi[r]) && Present(xj[r])) sum += w[r] * w[r];
+        }
+        _extremes.weightSquares[figures::TriangleIndex(i, j)] = sum;
       }
     }
   }
@@ -480,11 +558,15 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   result.cellCounts = std::move(problem._extremes.counts);
   result.ranges = std::move(problem._extremes.ranges);
   result.pairConstancy = std::move(problem._extremes.pairConstancy);
+  result.weightSquares = std::move(problem._extremes.weightSquares);
   result.listwise = std::move(problem._listwise);
   result.pairwise = std::move(problem._pairwise);
   if (problem._groups) {
     result.grouped = true;
-    problem._groups->TakeInto(result);
+    if (problem._groups->Size() > options.mostGroups) {
+      throw DataError(reader.Path() + ": " + TooManyGroups(options.mostGroups));
+    }
+    problem._groups->TakeInto(result, options.groupsInFileOrder);
   }
   for (unsigned slot = 0; slot < problem._texts.size(); ++slot) {
     const std::optional<FoundText>& found = problem._texts[slot];

@@ -19,7 +19,10 @@
 // By group: a worker gathers the grouped rows of a batch, reduces each group's
 // rows on their own to centred results with a MatrixListwise, and joins them
 // into that group's running results by the update formula (figures.h). State
-// is made for the groups that occur, and only for them.
+// is made for the groups that occur, and only for them. Groups are keyed by
+// their label (grouplabel.h) and joined in sorted label order; each label
+// keeps the place in the file where it was first seen, the earliest over all
+// threads, so that first-appearance order does not depend on the threads.
 //
 // Errors in the data: a thread that meets a bad line stops parsing its chunk
 // and the serial stage hands out no further chunk; the other threads finish
@@ -48,6 +51,14 @@ struct PassOptions {
   unsigned batchRows = 4096;
   // Each group keeps its own corrected cross-products, for its own covariance.
   bool groupCovariance = false;
+  // Keep the sums of squared weights that analytic weights divide by; needs
+  // a weight column.
+  bool weightSquares = false;
+  // Groups listed in order of first appearance in the file, else sorted
+  // (numbers by value, then texts).
+  bool groupsInFileOrder = false;
+  // The most distinct group labels; past it the pass stops with an error.
+  std::size_t mostGroups = 100000;
   // Called in the serial stage after each chunk with the bytes read so far.
   std::function<void(std::uint64_t)> onProgress;
 };
@@ -82,15 +93,20 @@ struct PassResult {
   // Pairwise only: k x k, entry (i, j) whether column i holds one value on
   // the rows where columns i and j are both present.
   std::vector<figures::Constancy> pairConstancy;
+  // With PassOptions::weightSquares: the sum of the squared weights of the
+  // rows used, one entry under listwise deletion, and under pairwise deletion
+  // a triangle (figures::TriangleIndex) over the rows where both are present.
+  std::vector<double> weightSquares;
 
   // Exactly one of the two is set.
   std::unique_ptr<vorel::MatrixListwise> listwise;
   std::unique_ptr<vorel::MatrixPairwise> pairwise;
 
-  // With a group column: the groups that occurred, in code order, and the sum
-  // of their corrected cross-products (a triangle, figures::TriangleIndex).
+  // With a group column: the groups that occurred, in the order asked for,
+  // and the sum of their corrected cross-products (a triangle,
+  // figures::TriangleIndex).
   bool grouped = false;
-  std::vector<long long> groupCodes;
+  std::vector<GroupLabel> groupLabels;
   std::vector<figures::GroupMoments> groups;
   std::vector<double> withinCscp;
 

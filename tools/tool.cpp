@@ -17,18 +17,31 @@
 namespace vorelstat {
 
 void DefineOptions(CLI::App& app, Options& o) {
-  app.add_option("file", o.path, "Delimited text file with a header row (- for standard input)")
+  app.add_option("file", o.path,
+                 "Delimited text file with a header row, plain or compressed with gzip or zstd "
+                 "(- for standard input)")
       ->required();
   app.add_option("-c,--columns", o.choice.columns,
                  "Columns to analyse, by name, comma-separated (default: every named column whose "
                  "cells are all numbers or missing, other than the weight and group columns)")
       ->delimiter(',');
-  app.add_option("-w,--weight", o.choice.weight, "Frequency weight column");
+  app.add_option("-w,--weight", o.choice.weight,
+                 "Weight column: frequency weights unless --weight-kind says analytic");
   app.add_option("-r,--reg-weight", o.choice.regWeight,
                  "Regression weight column, multiplied into the weight for means and sums");
-  app.add_option("-g,--group", o.choice.group, "Group column: whole-number group codes");
-  app.add_option("--group-range", o.groupRange, "Range LO:HI of the group codes")
-      ->capture_default_str();
+  app.add_option("-g,--group", o.choice.group,
+                 "Group column: labels of any kind, numbers (1 and 1.0 are one group) or texts");
+  app.add_option("--group-range", o.groupRange,
+                 "Range LO:HI that every group must be a whole number within (default: no check)");
+  app.add_option("--group-order", o.groupOrder,
+                 "Order of the groups in the report: sorted (numbers by value, then texts) or "
+                 "first (as they first appear in the file)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"sorted", "first"}));
+  app.add_option("--max-groups", o.maxGroups,
+                 "The most distinct groups; a group column with more is an error")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000000}));
   app.add_flag("--group-covariance", o.groupCovariance,
                "Also each group's own standard deviations and covariance matrix");
   auto* pairwise =
@@ -77,6 +90,24 @@ void DefineOptions(CLI::App& app, Options& o) {
       ->capture_default_str()
       ->check(CLI::IsMember({".", ","}));
   app.add_flag("--no-progress", o.noProgress, "Never draw the progress bar");
+  app.add_option("--ddof", o.ddof,
+                 "Degrees of freedom taken from the weight total in the divisor of variances and "
+                 "covariances: 1 for the sample divisor W - 1, 0 for the population divisor W")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 1000000));
+  app.add_option("--weight-kind", o.weightKind,
+                 "What the --weight column means: frequency (a row of weight w stands for w rows, "
+                 "divisor W - ddof) or analytic (a reliability such as 1/variance, divisor "
+                 "W - ddof * sum(w^2) / W), as NumPy's fweights and aweights")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"frequency", "analytic"}));
+  app.add_option("--exclude", o.exclude, "Columns to leave out, by name, comma-separated")
+      ->delimiter(',');
+  app.add_option("--sections", o.sections,
+                 "What the report prints besides its head, comma-separated: columns, covariance, "
+                 "correlation, pairs, groups, pooled, or all")
+      ->capture_default_str()
+      ->delimiter(',');
 }
 
 char DelimiterOption(const std::string& text) {
@@ -123,6 +154,8 @@ CellRules MakeCellRules(const Options& o) {
   }
   rules.nonNumericIsMissing = o.nonNumeric == "missing";
   rules.decimalPoint = o.decimal.front();
+  rules.checkGroupRange = !o.groupRange.empty();
+  if (!rules.checkGroupRange) return rules;
   const std::size_t colon = o.groupRange.find(':');
   if (colon == std::string::npos) {
     throw UsageError("--group-range takes LO:HI, not \"" + o.groupRange + "\"");
@@ -217,7 +250,55 @@ void CheckSize(const RowLayout& layout, const Options& o, const std::string& pat
 
 }  // namespace
 
+namespace {
+
+// The header fields that --exclude names, each with its reason.
+std::vector<SkippedColumn> ExcludedColumns(const std::vector<std::string>& header,
+                                           const std::vector<std::string>& names) {
+  std::vector<SkippedColumn> excluded;
+  for (const std::string& name : names) {
+    const auto found = std::find(header.begin(), header.end(), name);
+    if (found == header.end()) {
+      throw UsageError("--exclude names \"" + name + "\", which the header lacks");
+    }
+    excluded.push_back({static_cast<std::size_t>(found - header.begin()), "left out by --exclude"});
+  }
+  return excluded;
+}
+
+// The user's choice of columns less those excluded.
+ColumnChoice WithoutExcluded(ColumnChoice choice, const std::vector<std::string>& exclude) {
+  if (choice.columns.empty()) return choice;
+  std::erase_if(choice.columns, [&exclude](const std::string& name) {
+    return std::find(exclude.begin(), exclude.end(), name) != exclude.end();
+  });
+  if (choice.columns.empty()) throw UsageError("--exclude leaves none of the --columns");
+  return choice;
+}
+
+std::vector<SkippedColumn> Joined(std::vector<SkippedColumn> a,
+                                  const std::vector<SkippedColumn>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// What the weights mean and the degrees of freedom, checked against the columns.
+void CheckConventions(const Options& o) {
+  if (o.weightKind != "analytic") return;
+  if (o.choice.weight.empty()) {
+    throw UsageError("--weight-kind analytic needs the weight column, named with --weight");
+  }
+  if (!o.choice.regWeight.empty()) {
+    throw UsageError(
+        "--weight-kind analytic cannot be combined with --reg-weight: the weights of a row "
+        "are then its --weight alone");
+  }
+}
+
+}  // namespace
+
 ToolRun RunPasses(const Options& o, bool progress) {
+  CheckConventions(o);
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
   // Columns of the tool's choice found to hold text; each pass that finds
@@ -229,14 +310,19 @@ ToolRun RunPasses(const Options& o, bool progress) {
     ChunkReader reader(o.path, o.readSize, o.maxLineLength);
     const char delimiter = PassDelimiter(delimiterOption, reader.Header(), rules.decimalPoint);
     RowLayout layout;
-    std::vector<SkippedColumn> skipped = textColumns;
+    std::vector<SkippedColumn> skipped;
     try {
-      layout = MakeLayout(SplitLine(reader.Header(), delimiter), delimiter, o.choice, textColumns,
-                          &skipped);
+      std::vector<std::string> header = SplitLine(reader.Header(), delimiter);
+      const std::vector<SkippedColumn> excluded = ExcludedColumns(header, o.exclude);
+      const ColumnChoice choice = WithoutExcluded(o.choice, o.exclude);
+      std::vector<SkippedColumn> passOver = Joined(excluded, textColumns);
+      skipped = passOver;
+      layout = MakeLayout(std::move(header), delimiter, choice, passOver, &skipped);
       if (layout.typedByContent && !looked) {
         textColumns = TextColumnsAhead(reader, layout, rules);
-        skipped = textColumns;
-        layout = MakeLayout(std::move(layout.names), delimiter, o.choice, textColumns, &skipped);
+        passOver = Joined(excluded, textColumns);
+        skipped = passOver;
+        layout = MakeLayout(std::move(layout.names), delimiter, choice, passOver, &skipped);
       }
     } catch (const UsageError& e) {
       throw UsageError(o.path + ": " + e.what());
@@ -251,8 +337,11 @@ ToolRun RunPasses(const Options& o, bool progress) {
     passOptions.threads = o.threads;
     passOptions.batchRows = o.batchRows;
     passOptions.groupCovariance = o.groupCovariance;
+    passOptions.weightSquares = o.weightKind == "analytic";
+    passOptions.groupsInFileOrder = o.groupOrder == "first";
+    passOptions.mostGroups = o.maxGroups;
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-    if (cutOutsideQuotes || !reader.Rereadable()) reader.CutOutsideQuotes(delimiter);
+    if (cutOutsideQuotes || reader.Streamed()) reader.CutOutsideQuotes(delimiter);
     PassResult pass;
     try {
       pass = RunPass(reader, layout, rules, passOptions);
@@ -271,7 +360,7 @@ ToolRun RunPasses(const Options& o, bool progress) {
     const std::string& name = layout.names[layout.valueFields[first.slot]];
     if (!reader.Rereadable()) {
       throw DataError(o.path + ", line " + std::to_string(first.line) + ": column \"" + name
-                      + "\" looked numeric in the first lines but " + NotANumber(first.text)
+                      + "\" looked numeric in the first lines but " + NotANumber(first.text, rules.decimalPoint)
                       + "; input that cannot be read twice needs its numeric columns named "
                         "with --columns");
     }
@@ -283,8 +372,14 @@ ToolRun RunPasses(const Options& o, bool progress) {
 }
 
 void RunTool(const Options& o, bool progress, std::FILE* out) {
+  ReportOptions reportOptions;
+  reportOptions.groupCovariance = o.groupCovariance;
+  reportOptions.ddof = o.ddof;
+  reportOptions.weightKind =
+      o.weightKind == "analytic" ? figures::WeightKind::kAnalytic : figures::WeightKind::kFrequency;
+  reportOptions.sections = ParseSections(o.sections);
   const ToolRun run = RunPasses(o, progress);
-  const Report report(o.path, run.layout, run.pass, run.skipped, o.groupCovariance);
+  const Report report(o.path, run.layout, run.pass, run.skipped, reportOptions);
   if (o.format == "csv") {
     WriteCsv(report, out);
   } else if (o.format == "json") {

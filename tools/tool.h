@@ -16,7 +16,9 @@ namespace vorelstat {
 struct Options {
   std::string path;
   ColumnChoice choice;
-  std::string groupRange = "0:999";
+  std::string groupRange;  // empty: no check
+  std::string groupOrder = "sorted";
+  std::size_t maxGroups = 100000;
   bool pairwise = false;
   bool listwise = false;
   std::optional<double> missingCode;
@@ -31,6 +33,10 @@ struct Options {
   std::string delimiter = "auto";
   std::string decimal = ".";
   bool noProgress = false;
+  int ddof = 1;
+  std::string weightKind = "frequency";
+  std::vector<std::string> exclude;
+  std::vector<std::string> sections{"all"};
 };
 
 void DefineOptions(CLI::App& app, Options& options);

@@ -266,12 +266,13 @@ class BlockReducer {
 
 class BlockProblem : public vorel::ProblemBase {
  public:
-  BlockProblem(const Table& rows, const Settings& shape)
+  BlockProblem(const Table& rows, const Settings& shape, std::uint64_t first)
       : table(rows),
         settings(shape),
         blockRows(BlockRows(shape.nColumns)),
         nBlocks((rows.nRows + blockRows - 1) / blockRows),
-        tree([&shape] { return Tally(shape); }) {}
+        firstBlock(first),
+        tree([&shape] { return Tally(shape); }, first) {}
 
   vorel::WorkerBase* CreateWorker() override;
 
@@ -279,7 +280,8 @@ class BlockProblem : public vorel::ProblemBase {
   const Settings& settings;
   const std::size_t blockRows;
   const std::size_t nBlocks;
-  std::size_t handedOut = 0;  // under the read lock
+  const std::uint64_t firstBlock;  // on the grid of the whole table
+  std::size_t handedOut = 0;       // under the read lock
   vorel::BlockTree<Tally> tree;
   std::atomic<bool> sawStandIn{false};
 };
@@ -297,7 +299,7 @@ class BlockWorker : public vorel::WorkerBase {
   }
 
   void ProcessBatch() override {
-    const std::size_t first = _block * _problem.blockRows;
+    const std::size_t first = (_block - _problem.firstBlock) * _problem.blockRows;
     Tally tally = _problem.tree.NewResult();
     _reducer.Reduce(first, std::min(_problem.blockRows, _problem.table.nRows - first), tally);
     _problem.tree.AddBlock(_block, std::move(tally));
@@ -324,12 +326,20 @@ std::size_t BlockRows(unsigned nColumns) {
 
 void UseWholeBlocks(bool use) { wholeBlocks = use; }
 
-Tally RunPass(const Table& table, const Settings& settings, int threads) {
-  BlockProblem problem(table, settings);
+vorel::BlockForest<Tally> RunPartPass(const Table& table, const Settings& settings, int threads,
+                                      std::uint64_t firstBlock) {
+  BlockProblem problem(table, settings, firstBlock);
   const auto blocks = static_cast<int>(std::min<std::size_t>(problem.nBlocks, 1 << 20));
   vorel::Driver(&problem, threads > 0 ? std::min(threads, blocks) : threads);
   if (problem.sawStandIn) throw ValueTaken{settings.pairwiseCode};
-  return problem.tree.Finish();
+  return problem.tree.TakeForest();
+}
+
+Tally RunPass(const Table& table, const Settings& settings, int threads) {
+  vorel::BlockForest<Tally> forest = RunPartPass(table, settings, threads, 0);
+  Tally total(settings);
+  forest.AddTo(total);
+  return total;
 }
 
 }  // namespace vorelpy

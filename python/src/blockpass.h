@@ -13,7 +13,10 @@
 // tables take the complete rows that have a group.
 #pragma once
 
+#include <vorel/blocktree.h>
+
 #include <cstddef>
+#include <cstdint>
 
 #include "table.h"
 #include "tally.h"
@@ -31,6 +34,13 @@ std::size_t BlockRows(unsigned nColumns);
 // Throws ValueTaken when a pairwise pass with NaN as the missing mark meets a
 // cell equal to the stand-in code.
 Tally RunPass(const Table& table, const Settings& settings, int threads);
+
+// The blocks of a part of a larger table, cut on that table's grid: the part
+// starts at block firstBlock and holds whole blocks, but for the table's last
+// block. Their forest combines with the forests of the other parts into the
+// forest of one pass over the whole table.
+vorel::BlockForest<Tally> RunPartPass(const Table& table, const Settings& settings, int threads,
+                                      std::uint64_t firstBlock);
 
 // Whether blocks whose rows all count may be written into a batch column by
 // column (the default) rather than row by row. Both give the same bits; the

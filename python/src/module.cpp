@@ -12,14 +12,17 @@
 #include <cmath>
 #include <iomanip>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include "blockpass.h"
 #include "results.h"
+#include "savedstate.h"
 
 namespace py = pybind11;
 
@@ -108,43 +111,197 @@ py::array_t<T> Matrix(const std::vector<T>& values, std::size_t rows, std::size_
                         values.data());
 }
 
+MissingRule MissingRuleOf(const std::optional<double>& missingCode) {
+  MissingRule missing;
+  missing.nan = !missingCode || std::isnan(*missingCode);
+  if (!missing.nan) missing.code = *missingCode;
+  return missing;
+}
+
+Settings SettingsOf(bool pairwise, const MissingRule& missing, bool grouped) {
+  Settings settings;
+  settings.pairwise = pairwise;
+  settings.grouped = grouped;
+  settings.pairwiseCode = PairwiseCodeOf(missing);
+  return settings;
+}
+
+Table TableOf(const py::object& data, const py::object& weights, const py::object& regWeights,
+              const py::object& groups, const MissingRule& missing, const Settings& settings) {
+  Table table;
+  table.columns = ColumnsOf(data, table.nRows);
+  table.weights = ValuesOf<double>(weights, table.nRows, "weights");
+  table.regWeights = ValuesOf<double>(regWeights, table.nRows, "reg_weights");
+  table.groups = ValuesOf<std::int64_t>(groups, table.nRows, "groups");
+  table.missing = missing;
+  if (table.groups && !settings.grouped)
+    throw py::value_error("groups: this accumulator was made without groups");
+  return table;
+}
+
+// Runs pass, telling the caller plainly when a cell held the stand-in for NaN.
+template <class Pass>
+auto ExplainingStandIn(Pass pass) {
+  try {
+    return pass();
+  } catch (const ValueTaken& taken) {
+    std::ostringstream text;
+    text << std::setprecision(17) << "data: the value " << taken.value
+         << " stands for missing cells in pairwise deletion with missing=NaN;"
+            " give another missing code";
+    throw std::invalid_argument(text.str());
+  }
+}
+
+void CheckSameKind(const Settings& mine, const Settings& other) {
+  if (other.nColumns != mine.nColumns || other.pairwise != mine.pairwise
+      || other.grouped != mine.grouped || other.regWeights != mine.regWeights
+      || !(other.pairwiseCode == mine.pairwiseCode))
+    throw std::invalid_argument(
+        "other: holds another kind of result (columns, deletion, groups, missing code or "
+        "regression weights differ)");
+}
+
+py::bytes BytesOf(const std::vector<std::byte>& bytes) {
+  return py::bytes(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+std::span<const std::byte> SpanOf(const py::bytes& bytes) {
+  char* data = nullptr;
+  Py_ssize_t size = 0;
+  if (PyBytes_AsStringAndSize(bytes.ptr(), &data, &size) != 0) throw py::error_already_set();
+  return {reinterpret_cast<const std::byte*>(data), static_cast<std::size_t>(size)};
+}
+
+// Whether two forests hold no block in common: nodes of each are in block order.
+bool Disjoint(const Forest& a, const Forest& b) {
+  auto ia = a.Nodes().begin(), ib = b.Nodes().begin();
+  while (ia != a.Nodes().end() && ib != b.Nodes().end()) {
+    if (ia->EndBlock() <= ib->FirstBlock()) {
+      ++ia;
+    } else if (ib->EndBlock() <= ia->FirstBlock()) {
+      ++ib;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The blocks of one part of a table that is reduced in parts, perhaps on
+// other processes, on the grid of the whole table: parts combine into the
+// forest of the whole, which an accumulator then takes in.
+class PartForest {
+ public:
+  PartForest(const py::object& data, const py::object& weights, const py::object& regWeights,
+             const py::object& groups, bool pairwise, std::optional<double> missingCode,
+             bool grouped, int threads, std::uint64_t firstBlock)
+      : _missing(MissingRuleOf(missingCode)), _settings(SettingsOf(pairwise, _missing, grouped)) {
+    const Table table = TableOf(data, weights, regWeights, groups, _missing, _settings);
+    if (table.columns.empty()) throw std::invalid_argument("data: has no columns");
+    // Far below the end of the 64-bit block numbers the tree can hold.
+    if (firstBlock >= std::uint64_t{1} << 48)
+      throw std::invalid_argument("first_block: beyond the blocks of any table");
+    _settings.nColumns = static_cast<unsigned>(table.columns.size());
+    _settings.regWeights = table.regWeights != nullptr;
+    py::gil_scoped_release unlocked;
+    _forest = ExplainingStandIn([&] { return RunPartPass(table, _settings, threads, firstBlock); });
+  }
+  explicit PartForest(const py::bytes& state) {
+    const auto bytes = SpanOf(state);
+    py::gil_scoped_release unlocked;
+    _forest = LoadForest(bytes, _settings, _missing);
+  }
+
+  // Takes in the blocks of other, which is left empty.
+  void Combine(PartForest& other) {
+    if (&other == this) throw std::invalid_argument("other: is this forest");
+    CheckSameKind(_settings, other._settings);
+    if (!Disjoint(_forest, other._forest))
+      throw std::invalid_argument("other: holds blocks this forest holds too");
+    py::gil_scoped_release unlocked;
+    _forest.Combine(std::move(other._forest));
+    other._forest = Forest();
+  }
+
+  py::bytes Save() const {
+    std::vector<std::byte> bytes;
+    {
+      py::gil_scoped_release unlocked;
+      bytes = SaveForest(_settings, _missing, _forest);
+    }
+    return BytesOf(bytes);
+  }
+
+  std::uint64_t BlockCount() const { return _forest.BlockCount(); }
+  std::uint64_t EndBlock() const { return _forest.EndBlock(); }
+  const Settings& Shape() const { return _settings; }
+  const MissingRule& Missing() const { return _missing; }
+  // The sum of the blocks, as one pass over the whole table gives it.
+  Tally Total() {
+    if (!_forest.Complete()) throw std::invalid_argument("forest: blocks are missing");
+    Tally total(_settings);
+    _forest.AddTo(total);
+    return total;
+  }
+
+ private:
+  MissingRule _missing;
+  Settings _settings;
+  Forest _forest;
+};
+
 // The state of one accumulator: its settings, fixed by the constructor and
 // the first rows, and the tally of every row added so far.
 class Accumulator {
  public:
   Accumulator(bool pairwise, std::optional<double> missingCode, bool grouped, int threads)
-      : _threads(threads) {
-    _settings.pairwise = pairwise;
-    _settings.grouped = grouped;
-    _missing.nan = !missingCode || std::isnan(*missingCode);
-    if (!_missing.nan) _missing.code = *missingCode;
-    // NaN cells stand in as the lowest double in a pairwise matrix.
-    _settings.pairwiseCode = _missing.nan ? std::numeric_limits<double>::lowest() : _missing.code;
-  }
+      : _settings(SettingsOf(pairwise, MissingRuleOf(missingCode), grouped)),
+        _missing(MissingRuleOf(missingCode)),
+        _threads(threads) {}
 
   void Update(const py::object& data, const py::object& weights, const py::object& regWeights,
               const py::object& groups) {
-    Table table;
-    table.columns = ColumnsOf(data, table.nRows);
-    table.weights = ValuesOf<double>(weights, table.nRows, "weights");
-    table.regWeights = ValuesOf<double>(regWeights, table.nRows, "reg_weights");
-    table.groups = ValuesOf<std::int64_t>(groups, table.nRows, "groups");
-    table.missing = _missing;
-    if (table.groups && !_settings.grouped)
-      throw py::value_error("groups: this accumulator was made without groups");
+    const Table table = TableOf(data, weights, regWeights, groups, _missing, _settings);
     py::gil_scoped_release unlocked;
     std::lock_guard lock(_mutex);
     Start(table);
     if (table.nRows == 0) return;
-    try {
-      _tally->Merge(RunPass(table, _settings, _threads));
-    } catch (const ValueTaken& taken) {
-      std::ostringstream text;
-      text << std::setprecision(17) << "data: the value " << taken.value
-           << " stands for missing cells in pairwise deletion with missing=NaN;"
-              " give another missing code";
-      throw std::invalid_argument(text.str());
+    _tally->Merge(ExplainingStandIn([&] { return RunPass(table, _settings, _threads); }));
+  }
+
+  // Takes in the rows of a complete forest, as Update takes in a table.
+  void AddForest(PartForest& part) {
+    if (part.Missing().nan != _missing.nan
+        || (!_missing.nan && !(part.Missing().code == _missing.code)))
+      throw std::invalid_argument("forest: has another missing code");
+    py::gil_scoped_release unlocked;
+    std::lock_guard lock(_mutex);
+    Tally total = part.Total();
+    if (!_tally) {
+      _settings = part.Shape();
+      _tally.emplace(_settings);
     }
+    CheckSameKind(_settings, part.Shape());
+    _tally->Merge(total);
+  }
+
+  py::bytes Save() {
+    std::vector<std::byte> bytes;
+    {
+      py::gil_scoped_release unlocked;
+      std::lock_guard lock(_mutex);
+      bytes = SaveAccumulator(_settings, _missing, _tally);
+    }
+    return BytesOf(bytes);
+  }
+
+  static std::unique_ptr<Accumulator> Load(const py::bytes& state, int threads) {
+    auto accumulator = std::make_unique<Accumulator>(false, std::nullopt, false, threads);
+    const auto bytes = SpanOf(state);
+    py::gil_scoped_release unlocked;
+    LoadAccumulator(bytes, accumulator->_settings, accumulator->_missing, accumulator->_tally);
+    return accumulator;
   }
 
   // Adds other's rows; codeMap[g] is this accumulator's code for other's
@@ -166,7 +323,7 @@ class Accumulator {
       _tally = std::move(copy);
       return;
     }
-    CheckSame(settings);
+    CheckSameKind(_settings, settings);
     _tally->Merge(*copy);
   }
 
@@ -211,6 +368,15 @@ class Accumulator {
 
   unsigned NColumns() const { return _settings.nColumns; }
   bool Empty() const { return !_tally; }
+  bool Pairwise() const { return _settings.pairwise; }
+  bool Grouped() const { return _settings.grouped; }
+  std::optional<double> MissingCode() const {
+    return _missing.nan ? std::nullopt : std::optional<double>(_missing.code);
+  }
+  // The number of group codes the tally uses: one above the highest.
+  std::int64_t GroupCodes() const {
+    return _tally && !_tally->groups.empty() ? _tally->groups.back().code + 1 : 0;
+  }
 
  private:
   // The first rows fix the columns and whether regression weights are used;
@@ -242,15 +408,6 @@ class Accumulator {
                      [](const GroupTally& a, const GroupTally& b) { return a.code < b.code; });
   }
 
-  void CheckSame(const Settings& other) const {
-    if (other.nColumns != _settings.nColumns || other.pairwise != _settings.pairwise
-        || other.grouped != _settings.grouped || other.regWeights != _settings.regWeights
-        || !(other.pairwiseCode == _settings.pairwiseCode))
-      throw std::invalid_argument(
-          "other: holds another kind of result (columns, deletion, groups, missing code or "
-          "regression weights differ)");
-  }
-
   std::mutex _mutex;
   Settings _settings;
   MissingRule _missing;
@@ -263,6 +420,7 @@ class Accumulator {
 
 PYBIND11_MODULE(_core, m) {
   using vorelpy::Accumulator;
+  using vorelpy::PartForest;
   m.doc() = "The compiled core of vorel; use the functions and classes of the package vorel.";
   m.attr("__version__") = VOREL_VERSION;
   m.def("block_rows", &vorelpy::BlockRows, py::arg("n_columns"),
@@ -276,6 +434,25 @@ PYBIND11_MODULE(_core, m) {
            py::arg("reg_weights"), py::arg("groups"))
       .def("merge", &Accumulator::Merge, py::arg("other"), py::arg("code_map"))
       .def("result", &Accumulator::Result, py::arg("group_order"), py::arg("ddof"))
+      .def("add_forest", &Accumulator::AddForest, py::arg("forest"))
+      .def("save", &Accumulator::Save, "The accumulator's saved state, as bytes.")
+      .def_static("load", &Accumulator::Load, py::arg("state"), py::arg("threads"))
       .def_property_readonly("n_columns", &Accumulator::NColumns)
-      .def_property_readonly("empty", &Accumulator::Empty);
+      .def_property_readonly("empty", &Accumulator::Empty)
+      .def_property_readonly("pairwise", &Accumulator::Pairwise)
+      .def_property_readonly("grouped", &Accumulator::Grouped)
+      .def_property_readonly("missing_code", &Accumulator::MissingCode)
+      .def_property_readonly("group_codes", &Accumulator::GroupCodes);
+  py::class_<PartForest>(m, "Forest")
+      .def(py::init<const py::object&, const py::object&, const py::object&, const py::object&,
+                    bool, std::optional<double>, bool, int, std::uint64_t>(),
+           py::arg("data"), py::arg("weights"), py::arg("reg_weights"), py::arg("groups"),
+           py::arg("pairwise"), py::arg("missing_code"), py::arg("grouped"), py::arg("threads"),
+           py::arg("first_block"),
+           "The blocks of rows that start at block first_block of a larger table's grid.")
+      .def("combine", &PartForest::Combine, py::arg("other"))
+      .def_property_readonly("block_count", &PartForest::BlockCount)
+      .def_property_readonly("end_block", &PartForest::EndBlock)
+      .def(py::pickle([](const PartForest& forest) { return forest.Save(); },
+                      [](const py::bytes& state) { return PartForest(state); }));
 }

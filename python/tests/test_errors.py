@@ -82,8 +82,3 @@ def test_accumulators_refuse_rows_or_partners_that_do_not_fit():
     # A refused update changes nothing.
     assert acc.result() == vorel.describe(X)
 
-
-def test_pickling_an_accumulator_is_refused_plainly():
-    with pytest.raises(TypeError, match="pickle"):
-        import pickle
-        pickle.dumps(vorel.Listwise().update(X))

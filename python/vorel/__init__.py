@@ -8,7 +8,8 @@ the group means and the pooled within-group covariance.
 
 ``describe`` does it in one call. ``Listwise``, ``Pairwise`` and ``ByGroup``
 take the rows in chunks (``update``), join results made elsewhere (``merge``)
-and give the same ``Result``.
+and give the same ``Result``; they pickle, bit for bit, so they travel between
+processes. ``vorel.dask.describe`` runs the pass on a Dask cluster.
 
 The figures are those of the command-line tool ``vorelstat``. With W the
 frequency weight behind a figure:
@@ -42,6 +43,8 @@ __version__: str = _core.__version__
 __all__ = ["describe", "Result", "Listwise", "Pairwise", "ByGroup", "__version__"]
 
 _DELETIONS = ("listwise", "pairwise")
+# The version of the pickled form of an accumulator.
+_PICKLE_VERSION = 1
 # Cell types the core reads in place; other real types are converted first.
 _READ_IN_PLACE = {"f": (4, 8), "i": (1, 2, 4, 8), "u": (1, 2, 4, 8), "b": (1,)}
 
@@ -372,6 +375,33 @@ class _Accumulator:
     def __repr__(self) -> str:
         columns = "no rows yet" if self._columns is None else f"{len(self._columns)} columns"
         return f"<vorel.{type(self).__name__} {columns}>"
+
+    # -- pickling: the core's saved state, the column names and group labels
+
+    def __getstate__(self) -> dict:
+        return {"version": _PICKLE_VERSION, "columns": self._columns, "labels": self._labels,
+                "threads": self._threads or None, "state": self._core.save()}
+
+    def __setstate__(self, state: Any) -> None:
+        if not isinstance(state, dict) or state.get("version") != _PICKLE_VERSION:
+            found = state.get("version") if isinstance(state, dict) else type(state).__name__
+            raise ValueError(f"vorel pickle: needs version {_PICKLE_VERSION} of a pickled "
+                             f"accumulator, got {found!r}")
+        columns, labels, threads, saved = (state.get(key) for key in (
+            "columns", "labels", "threads", "state"))
+        if not isinstance(saved, bytes) or not isinstance(labels, list) or not (
+                columns is None or isinstance(columns, list)):
+            raise ValueError("vorel pickle: the state, labels or columns are missing or of another type")
+        core = _core.Accumulator.load(saved, _check_threads(threads))
+        if core.grouped != self._grouped or (not self._grouped and core.pairwise != self._pairwise):
+            raise ValueError(f"vorel pickle: holds another kind of accumulator than {type(self).__name__}")
+        if (columns is None) != core.empty or (columns is not None and len(columns) != core.n_columns):
+            raise ValueError("vorel pickle: the column names do not fit the state")
+        codes = {label: code for code, label in enumerate(labels)}
+        if len(codes) != len(labels) or len(labels) < core.group_codes:
+            raise ValueError("vorel pickle: the group labels do not fit the state")
+        self._core, self._columns, self._labels, self._codes = core, columns, labels, codes
+        self._pairwise, self._missing, self._threads = core.pairwise, core.missing_code, threads or 0
 
     # -- group labels
 

@@ -60,7 +60,8 @@ class BadInput(unittest.TestCase):
     def test_group_outside_the_range(self):
         self.expect_data_error("x,g\n1,1\n2,5\n", ["-g", "g", "--group-range", "1:4"],
                                'line 3, column 2 ("g")', "group 5 is outside the group range 1..4")
-        self.expect_data_error("x,g\n1,1\n2,1.5\n", ["-g", "g"], "line 3", "not a whole number")
+        self.expect_data_error("x,g\n1,1\n2,1.5\n", ["-g", "g", "--group-range", "0:9"], "line 3",
+                               "not a whole number")
 
     def test_unterminated_quote(self):
         self.expect_data_error('a,b\n1,"2\n3,4\n', [], "line 2", "no closing quote")

@@ -259,10 +259,10 @@ class ResourcesAndMessages(unittest.TestCase):
                 self.assertEqual(done.stdout, "")
         with TempCsv("") as path:
             with open(path, "wb") as handle:
-                handle.write(gzip.compress(b"x,y\n1,2\n"))
+                handle.write(gzip.compress(gzip.compress(b"x,y\n1,2\n")))
             done = run(path)
         self.assertEqual(done.returncode, BAD_DATA)
-        self.assertIn("is compressed (gzip)", done.stderr)
+        self.assertIn("is compressed (gzip), not delimited text inside its gzip compression", done.stderr)
         # Files under /proc say they are empty and are not.
         done = run("/proc/self/status")
         self.assertNotIn("empty", done.stderr)

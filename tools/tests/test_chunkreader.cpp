@@ -163,8 +163,9 @@ TEST(ChunkReader, RefusesWhatIsNoDelimitedText) {
     std::string contents;
     const char* says;
   } cases[] = {
-      {std::string("\x1F\x8B\x08\0\0\0\0\0", 8) + "abc", "is compressed (gzip)"},
-      {"\x28\xB5\x2F\xFDxyz", "is compressed (zstd)"},
+      {"BZh91AY&SY", "is compressed (bzip2)"},
+      {std::string("\x1F\x8B\x08\0\0\0\0\0", 8) + "abc", "the gzip data ends before its end mark"},
+      {"\x28\xB5\x2F\xFDxyz", "corrupt zstd data"},
       {"\xFF\xFE"
        "a\0,\0b\0",
        "is UTF-16 text"},

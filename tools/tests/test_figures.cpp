@@ -114,6 +114,22 @@ void Reduce(const Part& part, const std::vector<double>& origin, std::vector<dou
   }
 }
 
+// Four rows of analytic weight 0.5: W = 2, V = 1, so D = W - ddof V / W is
+// 0.5 (4 - ddof), the frequency divisor of four rows scaled by the weight.
+TEST(Definitions, AnalyticWeightsDivideByWMinusDdofVOverW) {
+  ColumnMoments c{4, 2.0, 1.0, 3.0, Range{0.0, 2.0}, 1.0};
+  EXPECT_EQ(Divisor(c.weight, c.weightSquares, 1.0, WeightKind::kAnalytic), 1.5);
+  EXPECT_EQ(Variance(c, 1.0, WeightKind::kAnalytic), 2.0);
+  EXPECT_EQ(Variance(c, 0.0, WeightKind::kAnalytic), 1.5);
+  EXPECT_EQ(Variance(c, 1.0), 3.0) << "frequency: W - 1";
+  EXPECT_TRUE(std::isnan(Variance(c, 4.0, WeightKind::kAnalytic))) << "divisor 0";
+  const PairMoments p{2.0, 0.75, 3.0, 1.0, false, false, 1.0};
+  EXPECT_EQ(Covariance(p, 1.0, WeightKind::kAnalytic), 0.5);
+  EXPECT_EQ(Correlation(p), 0.75 / std::sqrt(3.0)) << "no divisor";
+  EXPECT_EQ(PooledCovariance(3.0, 1.5), 2.0);
+  EXPECT_TRUE(std::isnan(PooledCovariance(3.0, 0.0)));
+}
+
 class GroupJoin : public ::testing::TestWithParam<unsigned> {};
 
 // One group far from zero, cut into random parts with origins of their own,
@@ -139,14 +155,18 @@ TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
   }
   std::vector<double> pooledA(TriangleSize(kCols), 0.0), pooledB(pooledA);
   GroupMoments a(kCols, true), b(kCols, true);
+  double allSquares = 0.0;  // small whole numbers: exact in any order
   for (std::size_t p = 0; p < parts.size(); ++p) {
     std::vector<double> means, cscp;
-    double weight = 0.0;
+    double weight = 0.0, squares = 0.0;
+    for (double w : parts[p].weights)
+      squares += w * w;
+    allSquares += squares;
     const std::vector<double> origin = OriginOf(parts[p].rows.front().data(), kCols);
     Reduce(parts[p], origin, means, cscp, weight);
     (p % 3 == 0 ? a : b)
         .Join(parts[p].rows.size(), weight, origin.data(), means.data(), cscp.data(),
-              p % 3 == 0 ? pooledA : pooledB);
+              p % 3 == 0 ? pooledA : pooledB, squares);
   }
   GroupMoments joined(kCols, true);
   std::vector<double> pooled = pooledA;
@@ -161,6 +181,11 @@ TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
   Reduce(whole, zero, means, cscp, weight);
   EXPECT_EQ(joined.Rows(), whole.rows.size());
   EXPECT_EQ(joined.Weight(), weight);
+  EXPECT_EQ(joined.WeightSquares(), allSquares);
+  EXPECT_EQ(joined.Divisor(), weight - 1.0);
+  EXPECT_EQ(joined.Divisor(2.0, WeightKind::kAnalytic), weight - 2.0 * allSquares / weight);
+  EXPECT_DOUBLE_EQ(joined.Covariance(0, 1, 0.0, WeightKind::kAnalytic),
+                   joined.Covariance(0, 1, 1.0) * (weight - 1.0) / weight);
   EXPECT_EQ(joined.Mean(2), 0.3) << "constant";
   EXPECT_EQ(joined.Covariance(2, 2), 0.0);
   EXPECT_EQ(joined.Covariance(2, 0), 0.0);

@@ -64,12 +64,12 @@ TEST(RowParser, ReadsNumbersIntoTheirSlots) {
   ASSERT_TRUE(f.Parse("r1,2,3,1.5,-2e3")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{-2000.0, 1.5}));
   EXPECT_EQ(f.row.weight, 3.0);
-  EXPECT_EQ(f.row.group, 2);
+  EXPECT_EQ(f.row.group.Whole(), 2);
   EXPECT_EQ(f.row.nMissing, 0u);
   ASSERT_TRUE(f.Parse("r2, 3 ,\"0.25\", +7 ,.5")) << f.error.message;
   EXPECT_EQ(f.row.values, (std::vector<double>{0.5, 7.0}));
   EXPECT_EQ(f.row.weight, 0.25);
-  EXPECT_EQ(f.row.group, 3);
+  EXPECT_EQ(f.row.group.Whole(), 3);
 }
 
 TEST(RowParser, MissingTextsAndCodeBecomeTheCode) {
@@ -238,10 +238,13 @@ TEST(RowParser, GroupsAreWholeNumbersInTheRange) {
               "group 4 is outside the group range 1..3 (set the range with --group-range)");
     EXPECT_FALSE(f.Parse("r,0,1,2,3"));
     ASSERT_TRUE(f.Parse("r,+3,1,2,3"));
-    EXPECT_EQ(f.row.group, 3);
+    EXPECT_EQ(f.row.group.Whole(), 3);
     ASSERT_TRUE(f.Parse("r,,1,2,3"));
     EXPECT_TRUE(f.row.groupMissing);
-    EXPECT_EQ(f.Parse("r,2.0,1,2,3"), lenient);
+    ASSERT_TRUE(f.Parse("r,2.0,1,2,3")) << "a whole number written as a decimal";
+    EXPECT_EQ(f.row.group.Whole(), 2);
+    EXPECT_EQ(f.Parse("r,2.5,1,2,3"), lenient);
+    EXPECT_EQ(f.Parse("r,two,1,2,3"), lenient);
   }
 }
 
@@ -288,7 +291,8 @@ std::string Outcome(bool parsed, const ParsedRow& row, const LineError& error) {
   text += " missing " + std::to_string(row.nMissing) + " coerced " + std::to_string(row.nCoerced);
   // A missing weight's value means nothing.
   text += row.weightMissing ? " w ?" : " w " + std::to_string(row.weight);
-  text += " g " + std::to_string(row.group) + (row.groupMissing ? "?" : "");
+  text += " g " + std::to_string(static_cast<int>(row.group.GetKind())) + " "
+          + row.group.Display() + (row.groupMissing ? "?" : "");
   for (const TextCell& cell : row.texts)
     text += " text " + std::to_string(cell.slot) + "=" + cell.text;
   return text;
@@ -326,16 +330,19 @@ TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
                                           "1e-400",
                                           "99999999999999999999.5",
                                           "-1.7976931348623157e308"};
+  const std::vector<std::string> groups = {"0", "1", "2.0", "+3", "2.5", "setosa", " a b ", "",
+                                           "NA"};
   std::mt19937_64 random(7);
   for (bool lenient : {false, true}) {
     for (const bool typed : {false, true}) {
       CellRules rules = Rules(lenient);
+      rules.checkGroupRange = !typed;
       const RowLayout layout =
           typed ? MakeLayout({"id", "g", "w", "x", "y"}, ',', {{}, "w", "", "g"})
                 : MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"});
       RowParser parser(layout, rules);
       for (int k = 0; k < 4000; ++k) {
-        std::vector<std::string> row = {"r", std::to_string(random() % 4)};
+        std::vector<std::string> row = {"r", groups[random() % groups.size()]};
         for (int c = 0; c < 3; ++c)
           row.push_back(cells[random() % cells.size()]);
         std::string plain, quoted;
@@ -360,21 +367,25 @@ TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
 }
 
 TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
-  const RowLayout layout = MakeLayout({"note", "x", "y"}, ',', {{"x", "y"}, "", "", ""});
-  const CellRules rules = Rules();
+  const RowLayout layout =
+      MakeLayout({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"});
+  CellRules rules = Rules();
+  rules.checkGroupRange = false;
   RowParser parser(layout, rules);
   const std::string text =
-      "\"two\nlines\",1,2\r\n"
+      "\"two\nlines\",\"a,\nb\",1,2\r\n"
       "\r\n"
-      "plain,3,4\n"
-      " \"say \"\"a\nb\"\"\n\" ,5,\"6\"\n"
-      "last,7,8";
+      "plain,a,3,4\n"
+      " \"say \"\"a\nb\"\"\n\" ,\" 1.0\",5,\"6\"\n"
+      "last,\"x \"\"y\"\"\",7,8";
   const struct {
     bool blank;
     std::uint64_t lineEndsInside;
     std::vector<double> values;
+    const char* group;
   } expected[] = {
-      {false, 1, {1, 2}}, {true, 0, {}}, {false, 0, {3, 4}}, {false, 2, {5, 6}}, {false, 0, {7, 8}},
+      {false, 2, {1, 2}, "a,\nb"}, {true, 0, {}, ""},       {false, 0, {3, 4}, "a"},
+      {false, 2, {5, 6}, "1"},     {false, 0, {7, 8}, "x \"y\""},
   };
   const char* p = text.data();
   const char* end = p + text.size();
@@ -387,6 +398,7 @@ TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
     EXPECT_EQ(record.lineEndsInside, want.lineEndsInside);
     if (!want.blank) {
       EXPECT_EQ(row.values, want.values);
+      EXPECT_EQ(row.group.Display(), want.group);
     }
     p = record.next;
   }
@@ -438,6 +450,36 @@ TEST(RowParser, DecimalComma) {
   EXPECT_EQ(error.message,
             "cell \"2.5\" is not a number (a decimal point? with --decimal , numbers are read "
             "with a decimal comma)");
+}
+
+// Group labels read their numbers with the decimal comma too: "1,0" is group
+// 1, as R's write.csv2 writes a numeric code.
+TEST(RowParser, DecimalCommaGroupLabels) {
+  CellRules rules = Rules();
+  rules.decimalPoint = ',';
+  rules.checkGroupRange = false;
+  const RowLayout layout = MakeLayout({"g", "x"}, ';', {{"x"}, "", "", "g"});
+  RowParser parser(layout, rules);
+  const struct {
+    const char* line;
+    GroupLabel::Kind kind;
+    const char* shown;
+  } cases[] = {
+      {"1,0;1", GroupLabel::Kind::kWhole, "1"},    {"\"1,0\";1", GroupLabel::Kind::kWhole, "1"},
+      {"-2,5;1", GroupLabel::Kind::kReal, "-2.5"}, {"2.5;1", GroupLabel::Kind::kText, "2.5"},
+      {"a;b;1", GroupLabel::Kind::kText, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    ParsedRow row;
+    LineError error;
+    const bool parsed = parser.Parse(c.line, row, error);
+    ASSERT_EQ(parsed, *c.shown != '\0') << error.message;
+    if (parsed) {
+      EXPECT_EQ(row.group.GetKind(), c.kind);
+      EXPECT_EQ(row.group.Display(), c.shown);
+    }
+  }
 }
 
 }  // namespace

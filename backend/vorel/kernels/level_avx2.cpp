@@ -49,6 +49,8 @@ struct Avx2Isa {
     const __m256i set = _mm256_and_si256(_mm256_set1_epi64x(bits), lanes);
     return _mm256_castsi256_pd(_mm256_cmpeq_epi64(set, lanes));
   }
+  // A mask stored as bits.
+  static Mask LoadMask(const std::uint16_t* p) { return MaskFromBits(*p); }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) {
     return _mm256_blendv_pd(acc, _mm256_add_pd(acc, t), m);

@@ -19,7 +19,7 @@ struct Avx512Isa {
   static constexpr int kRows = 12;
   static constexpr int kVecs = 2;
   static constexpr bool kPacksColumns = true;
-  static constexpr int kPairBlocks = 2;  // blocks of lanes the masked pairs take side by side
+  static constexpr int kPairBlocks = 4;  // blocks of lanes the masked pairs take side by side
 
   static Vec Load(const double* p) { return _mm512_loadu_pd(p); }
   static void Store(double* p, Vec a) { _mm512_storeu_pd(p, a); }
@@ -52,6 +52,14 @@ struct Avx512Isa {
   // The lanes of bits where x is not code.
   static Mask KeptIf(unsigned bits, Vec x, Vec code) {
     return _mm512_mask_cmp_pd_mask(static_cast<Mask>(bits), x, code, _CMP_NEQ_UQ);
+  }
+  // A mask stored as bits.
+  // Straight from memory: through a general register the mask would take a
+  // slot of the vector units.
+  static Mask LoadMask(const std::uint16_t* p) {
+    Mask m;
+    __asm__("kmovw %1, %0" : "=k"(m) : "m"(*p));
+    return m;
   }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(Mask m, Vec acc, Vec t) { return _mm512_mask_add_pd(acc, m, acc, t); }

@@ -120,6 +120,8 @@ struct PlainIsa {
       m.in[l] = (bits >> l & 1u) != 0;
     return m;
   }
+  // A mask stored as bits.
+  static Mask LoadMask(const std::uint16_t* p) { return MaskFromBits(*p); }
   // acc + t in the lanes of m; the other lanes keep acc, untouched.
   static Vec AddIf(const Mask& m, const Vec& acc, const Vec& t) {
     Vec r = acc;

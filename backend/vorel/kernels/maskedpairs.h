@@ -4,13 +4,16 @@
 //
 // For a first variable a and a block of kLanes second variables (a unit),
 // two passes go down the rows in chunks. A lane takes a row when neither a's
-// cell nor its own is the missing code, by a mask: a's compare, and the
-// lanes' bits worked out once per chunk; otherwise the lane skips the row.
-// A few units go side by side, whatever their first variables.
+// cell nor its own is the missing code, by a mask: the lanes' bits of the row
+// worked out once per chunk, cleared when a's bit of the row is clear;
+// otherwise the lane skips the row. A few units go side by side, those of one
+// first variable sharing its cells, and the rows go in order with no branch.
 //   Pass 1: the weight totals, and per column the running state of
 //           StableMean over the kept cells: whether a cell was seen, the
 //           first kept cell, whether the leading run of that value goes on,
-//           the run's weight, and the sum of the rest.
+//           the run's weight, and the sum of the rest. Only the rows up to
+//           the last lane's first kept row, and those while a run goes on,
+//           need all of that; the others only add.
 //   Then the row counts, from the masks' bits (whole numbers, so the order
 //   of counting does not matter), and the means, lane by lane, as
 //   StableMean ends.
@@ -51,16 +54,18 @@ enum Pass1 {
 // Fields of a pass-2 state.
 enum Pass2 { kMean0, kMean1, kCss0, kCss1, kCscp, kPass2Fields };
 
-using LaneBits = std::uint8_t;  // one block of lanes of one row: bit l set, lane l's cell is there
+// One block of lanes of one row: bit l set, lane l's cell is there. As wide
+// as a mask register loads from memory.
+using LaneBits = std::uint16_t;
 using RowBits = std::uint64_t;  // 64 rows of one column, likewise
 constexpr Index kRowBits = 64;
 
 // A unit of work: one first variable against one block of lanes, with the
-// states of that pair of them. The first variable's cells are compared with
-// the code row by row; a variable that is never missing is a column of NaN,
-// which equals no code.
+// states of that pair of them. The first variable that stands for no column
+// (for the columns' own figures) is a column of NaN, present in every row.
 struct PairsUnit {
-  const double* xa;  // the first variable's cells of the chunk
+  const double* xa;     // the first variable's cells of the chunk
+  const RowBits* bits;  // and their presence
   Index block;
   double* state;
 };
@@ -76,7 +81,7 @@ struct PairsLayout {
   // variable, then one per block of the first variable that is never missing.
   // Units: at most one per state, those of whole runs from the start and the
   // others from the middle.
-  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, units = 0, nans = 0, list = 0, all = 0;
+  Index p = 0, q = 0, masks = 0, bitsA = 0, bitsB = 0, ones = 0, units = 0, nans = 0;
   Index flags = 0;
   Index state1 = 0, state2 = 0, total = 0;
 };
@@ -116,14 +121,12 @@ PairsLayout MakePairsLayout(const MaskedPairsJob& job, bool combined) {
   at += lay.nA * lay.words;
   lay.bitsB = job.triangle ? lay.bitsA : at;
   at += nBits * lay.words;
+  lay.ones = at;
+  at += lay.words;
   lay.units = at;
   at += DoublesFor(2 * states / kLanes * static_cast<Index>(sizeof(PairsUnit)));
   lay.nans = at;
   at += lay.chunk;
-  lay.list = at;
-  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
-  lay.all = at;
-  at += DoublesFor(lay.chunk * static_cast<Index>(sizeof(std::int32_t)));
   lay.flags = at;  // per column of first, then of second: has a missing cell
   at += DoublesFor(static_cast<Index>(lay.nA) + nBits);
   lay.state1 = at;
@@ -224,72 +227,98 @@ void MeanStep(typename Isa::Mask kept, typename Isa::Mask firstRow, typename Isa
 }
 
 // B units side by side (more sums that do not wait for each other) over the
-// rows of a chunk: the panels and masks, the weights, and the units. Units of
-// one first variable take only the rows where its cell is there, from a list;
-// others take every row and compare their first variables' cells.
+// rows of a chunk: the panels and masks, the weights, and the units.
 struct PairsRun {
   const double* p;
   const double* q;
   const LaneBits* masks;
   Index ld, masksLd;
-  const std::int32_t* list;  // for units of one first variable
-  Index count;               // rows listed, or all rows of the chunk
+  Index rows;
+  // Pass 1: the last row that is the first kept row of a lane not yet seen
+  // (-1 if none); up to it, and while a run goes on, rows take the full step.
+  Index lastFirst;
   const double* w;
   const double* v;
-  double code;
   const PairsUnit* units;
 };
 
-template <bool Listed>
-Index RowAt(const PairsRun& run, Index i) {
-  if constexpr (Listed) return run.list[i];
-  return i;
+// All bits set when the cell of row r is there, none when it is missing.
+inline unsigned PresentAt(const RowBits* bits, Index r) {
+  return 0u - static_cast<unsigned>((bits[r / kRowBits] >> (r % kRowBits)) & 1u);
 }
 
-// The lanes that take row r: those whose cells are there (bits), where the
-// first variable's cell x0 is there too; on a listed row it is.
-template <class Isa, bool Listed>
-typename Isa::Mask Kept(unsigned bits, typename Isa::Vec x0, typename Isa::Vec missing) {
-  if constexpr (Listed) return Isa::MaskFromBits(bits);
-  return Isa::KeptIf(bits, x0, missing);
-}
-
-// The rows of a chunk where x is not the code, in order; returns how many.
-Index ListRows(const double* x, Index rows, double code, std::int32_t* list) {
-  Index count = 0;
-  for (Index r = 0; r < rows; ++r) {
-    list[count] = static_cast<std::int32_t>(r);
-    count += !(x[r] == code);
+// The rows from `from` on to `rows`, in order, through step(r) until it
+// returns false; returns the row it stopped at, or rows. Shared: units of one
+// first variable, which take only the rows where its cell is there (bits),
+// the others none; otherwise every row.
+template <bool Shared, class Step>
+__attribute__((always_inline)) inline Index WalkRows(const RowBits* bits, Index from, Index rows,
+                                                     Step&& step) {
+  if constexpr (Shared) {
+    for (Index k = from / kRowBits; k * kRowBits < rows; ++k) {
+      RowBits word = bits[k];
+      if (k == from / kRowBits) word &= ~RowBits{0} << (from % kRowBits);
+      if (rows - k * kRowBits < kRowBits) word &= ~(~RowBits{0} << (rows - k * kRowBits));
+      while (word != 0) {
+        const Index r = k * kRowBits + __builtin_ctzll(word);
+        word &= word - 1;
+        if (!step(r)) return r;
+      }
+    }
+  } else {
+    for (Index r = from; r < rows; ++r)
+      if (!step(r)) return r;
   }
-  return count;
+  return rows;
 }
 
-// Shared: the B units have one first variable, whose cell serves them all,
-// and the rows come from the list.
+// Where the lanes of B units read a chunk: the first variables' cells and
+// bits, and per unit its block of the panels and of the masks. Shared units
+// have blocks one after the other, at fixed offsets from the first.
+template <int B, bool Shared>
+struct UnitPointers {
+  const double* xa[B];
+  const RowBits* bits[B];
+  Index block[B];
+
+  explicit UnitPointers(const PairsUnit* units) {
+#pragma GCC unroll 4
+    for (int b = 0; b < B; ++b) {
+      xa[b] = units[b].xa;
+      bits[b] = units[b].bits;
+      block[b] = units[b].block;
+    }
+  }
+  Index Block(int b) const { return Shared ? block[0] + b : block[b]; }
+};
+
+// The lanes of unit b that keep row r: on a walk of shared rows, those
+// whose cells are there; otherwise only if the first variable's is too.
+template <class Isa, int B, bool Shared>
+__attribute__((always_inline)) inline typename Isa::Mask KeptLanes(const PairsRun& run,
+                                                                   const UnitPointers<B, Shared>& u,
+                                                                   int b, Index r) {
+  const LaneBits* m = run.masks + r * run.masksLd + u.Block(b);
+  if constexpr (Shared) return Isa::LoadMask(m);
+  return Isa::MaskFromBits(*m & PresentAt(u.bits[b], r));
+}
+
 template <class Isa, int B, bool Shared, bool HasWeights, bool Combined, bool HasRegWeights>
 void PairsPass1(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
+  constexpr int X = Shared ? 1 : B;  // first variables
   const double* const w = run.w;
   const double* const v = run.v;
-  const Index ld = run.ld, mld = run.masksLd;
-  const Vec one = Isa::Set1(1.0), missing = Isa::Set1(run.code);
-  const double* xa[B];
-  const double* p[B];
-  const double* q[B];
-  const LaneBits* m[B];
-  constexpr int X = Shared ? 1 : B;  // first variables
+  const Index ld = run.ld;
+  const Vec one = Isa::Set1(1.0);
+  const UnitPointers<B, Shared> u(run.units);
   Vec weightSum[B], combinedSum[B], first0[B], run0[B], rest0[B], first1[B], run1[B], rest1[B];
   Mask seen[B], inRun0[B], inRun1[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    const PairsUnit& u = run.units[b];
-    xa[b] = u.xa;
-    p[b] = run.p + u.block * L;
-    q[b] = run.q + u.block * L;
-    m[b] = run.masks + u.block;
-    const double* s = u.state;
+    const double* s = run.units[b].state;
     weightSum[b] = Isa::Load(s + kWeightSum * L);
     combinedSum[b] = Isa::Load(s + kCombinedSum * L);
     seen[b] = Isa::ToMask(Isa::Load(s + kSeen * L));
@@ -302,65 +331,60 @@ void PairsPass1(const PairsRun& run) {
     run1[b] = Isa::Load(s + kRun1 * L);
     rest1[b] = Isa::Load(s + kRest1 * L);
   }
-  Index i = 0;
-  while (i < run.count) {
-    // Once no lane is in a leading run, a kept row only adds to the rest,
-    // unless it is a lane's first: the rows go by this short form, with no
-    // chain of masks from one row to the next, until such a row comes.
-    bool running = false;
+  // The full step: a lane's first kept row starts its leading run, which
+  // goes on while its cells equal the first.
+  const Index settled = WalkRows<Shared>(
+      u.bits[0], 0, run.rows, [&](Index r) __attribute__((always_inline)) {
+        if (r > run.lastFirst) {
+          bool running = false;
 #pragma GCC unroll 4
-    for (int b = 0; b < B; ++b)
-      running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
-    if (!running) {
-      for (; i < run.count; ++i) {
-        const Index r = RowAt<Shared>(run, i);
-        Vec x0[X];
-        Mask kept[B];
-#pragma GCC unroll 4
-        for (int x = 0; x < X; ++x)
-          x0[x] = Isa::Broadcast(xa[x] + r);
-        bool fresh = false;
+          for (int b = 0; b < B; ++b)
+            running = running || Isa::Any(Isa::Or(inRun0[b], inRun1[b]));
+          if (!running) return false;
+        }
+        Vec weight = one;
+        if constexpr (Combined) weight = Isa::Broadcast(v + r);
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
-          kept[b] = Kept<Isa, Shared>(m[b][r * mld], x0[Shared ? 0 : b], missing);
-          fresh = fresh || Isa::Any(Isa::AndNot(kept[b], seen[b]));
+          const Vec x0 = Isa::Broadcast(u.xa[b] + r);
+          const Vec x1 = Isa::Load(run.p + r * ld + u.Block(b) * L);
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
+          if constexpr (HasWeights)
+            weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
+          if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
+          const Mask firstRow = Isa::AndNot(kept, seen[b]);
+          MeanStep<Isa, Combined>(kept, firstRow, x0, weight, first0[b], inRun0[b], run0[b],
+                                  rest0[b]);
+          MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b],
+                                  rest1[b]);
+          seen[b] = Isa::Or(seen[b], kept);
         }
-        if (fresh) break;
+        return true;
+      });
+  // Every lane that keeps a row from here on has seen its first and left
+  // its run: a kept row only adds to the sums.
+  WalkRows<Shared>(
+      u.bits[0], settled, run.rows, [&](Index r) __attribute__((always_inline)) {
+        const double* qr = run.q + r * ld;
         Vec weight = one;
         if constexpr (Combined) weight = Isa::Broadcast(v + r);
         Vec add0[X];
 #pragma GCC unroll 4
-        for (int x = 0; x < X; ++x)
-          add0[x] = Combined ? Isa::Mul(x0[x], weight) : x0[x];
+        for (int x = 0; x < X; ++x) {
+          const Vec x0 = Isa::Broadcast(u.xa[x] + r);
+          add0[x] = Combined ? Isa::Mul(x0, weight) : x0;
+        }
 #pragma GCC unroll 4
         for (int b = 0; b < B; ++b) {
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
           if constexpr (HasWeights)
-            weightSum[b] = Isa::AddIf(kept[b], weightSum[b], Isa::Broadcast(w + r));
-          if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept[b], combinedSum[b], weight);
-          rest0[b] = Isa::AddIf(kept[b], rest0[b], add0[Shared ? 0 : b]);
-          rest1[b] = Isa::AddIf(kept[b], rest1[b], Isa::Load(q[b] + r * ld));
+            weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
+          if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
+          rest0[b] = Isa::AddIf(kept, rest0[b], add0[Shared ? 0 : b]);
+          rest1[b] = Isa::AddIf(kept, rest1[b], Isa::Load(qr + u.Block(b) * L));
         }
-      }
-      if (i == run.count) break;
-    }
-    const Index r = RowAt<Shared>(run, i);
-    Vec weight = one;
-    if constexpr (Combined) weight = Isa::Broadcast(v + r);
-#pragma GCC unroll 4
-    for (int b = 0; b < B; ++b) {
-      const Vec x0 = Isa::Broadcast(xa[b] + r);
-      const Vec x1 = Isa::Load(p[b] + r * ld);
-      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
-      if constexpr (HasWeights)
-        weightSum[b] = Isa::AddIf(kept, weightSum[b], Isa::Broadcast(w + r));
-      if constexpr (HasRegWeights) combinedSum[b] = Isa::AddIf(kept, combinedSum[b], weight);
-      const Mask firstRow = Isa::AndNot(kept, seen[b]);
-      MeanStep<Isa, Combined>(kept, firstRow, x0, weight, first0[b], inRun0[b], run0[b], rest0[b]);
-      MeanStep<Isa, Combined>(kept, firstRow, x1, weight, first1[b], inRun1[b], run1[b], rest1[b]);
-      seen[b] = Isa::Or(seen[b], kept);
-    }
-    ++i;
-  }
+        return true;
+      });
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
     double* s = run.units[b].state;
@@ -384,54 +408,48 @@ void PairsPass2(const PairsRun& run) {
   using Vec = typename Isa::Vec;
   using Mask = typename Isa::Mask;
   constexpr int L = Isa::kLanes;
-  const double* const v = run.v;
-  const Index ld = run.ld, mld = run.masksLd;
-  const Vec missing = Isa::Set1(run.code);
-  const double* xa[B];
-  const double* p[B];
-  const LaneBits* m[B];
   constexpr int X = Shared ? 1 : B;  // first variables
+  const double* const v = run.v;
+  const Index ld = run.ld;
+  const UnitPointers<B, Shared> u(run.units);
   Vec mean0[B], mean1[B], css0[B], css1[B], cscp[B];
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
-    const PairsUnit& u = run.units[b];
-    xa[b] = u.xa;
-    p[b] = run.p + u.block * L;
-    m[b] = run.masks + u.block;
-    mean0[b] = Isa::Load(u.state + kMean0 * L);
-    mean1[b] = Isa::Load(u.state + kMean1 * L);
-    css0[b] = Isa::Load(u.state + kCss0 * L);
-    css1[b] = Isa::Load(u.state + kCss1 * L);
-    cscp[b] = Isa::Load(u.state + kCscp * L);
+    const double* s = run.units[b].state;
+    mean0[b] = Isa::Load(s + kMean0 * L);
+    mean1[b] = Isa::Load(s + kMean1 * L);
+    css0[b] = Isa::Load(s + kCss0 * L);
+    css1[b] = Isa::Load(s + kCss1 * L);
+    cscp[b] = Isa::Load(s + kCscp * L);
   }
-  for (Index i = 0; i < run.count; ++i) {
-    const Index r = RowAt<Shared>(run, i);
-    Vec weight = Isa::Set1(1.0);
-    if constexpr (Combined) weight = Isa::Broadcast(v + r);
-    Vec xs[X];
+  WalkRows<Shared>(
+      u.bits[0], 0, run.rows, [&](Index r) __attribute__((always_inline)) {
+        const double* pr = run.p + r * ld;
+        Vec weight = Isa::Set1(1.0);
+        if constexpr (Combined) weight = Isa::Broadcast(v + r);
+        Vec xs[X];
 #pragma GCC unroll 4
-    for (int x = 0; x < X; ++x)
-      xs[x] = Isa::Broadcast(xa[x] + r);
+        for (int x = 0; x < X; ++x)
+          xs[x] = Isa::Broadcast(u.xa[x] + r);
 #pragma GCC unroll 4
-    for (int b = 0; b < B; ++b) {
-      const Vec x0 = xs[Shared ? 0 : b];
-      const Mask kept = Kept<Isa, Shared>(m[b][r * mld], x0, missing);
-      const Vec x1 = Isa::Load(p[b] + r * ld);
-      const Vec c0 = Isa::Sub(x0, mean0[b]);
-      const Vec c1 = Isa::Sub(x1, mean1[b]);
-      if constexpr (Combined) {
-        // WeightedDotProduct: (a * w) * b, in that order.
-        const Vec t0 = Isa::Mul(c0, weight);
-        css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(t0, c0));
-        css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(Isa::Mul(c1, weight), c1));
-        cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(t0, c1));
-      } else {
-        css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(c0, c0));
-        css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(c1, c1));
-        cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(c0, c1));
-      }
-    }
-  }
+        for (int b = 0; b < B; ++b) {
+          const Mask kept = KeptLanes<Isa, B, Shared>(run, u, b, r);
+          const Vec c0 = Isa::Sub(xs[Shared ? 0 : b], mean0[b]);
+          const Vec c1 = Isa::Sub(Isa::Load(pr + u.Block(b) * L), mean1[b]);
+          if constexpr (Combined) {
+            // WeightedDotProduct: (a * w) * b, in that order.
+            const Vec t0 = Isa::Mul(c0, weight);
+            css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(t0, c0));
+            css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(Isa::Mul(c1, weight), c1));
+            cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(t0, c1));
+          } else {
+            css0[b] = Isa::AddIf(kept, css0[b], Isa::Mul(c0, c0));
+            css1[b] = Isa::AddIf(kept, css1[b], Isa::Mul(c1, c1));
+            cscp[b] = Isa::AddIf(kept, cscp[b], Isa::Mul(c0, c1));
+          }
+        }
+        return true;
+      });
 #pragma GCC unroll 4
   for (int b = 0; b < B; ++b) {
     double* s = run.units[b].state;
@@ -469,13 +487,12 @@ void PairsMeans(const double* s1, double* s2) {
   Isa::Store(s2 + kCscp * L, zero);
 }
 
-// The passes over B units, for B from 1 to the level's kPairBlocks; shared
-// only with kPairBlocks units.
+// The passes over B units, for B from 1 to the level's kPairBlocks.
 template <class Isa, int B, bool HasWeights, bool Combined, bool HasRegWeights>
 void RunPass(int pass, int units, bool shared, const PairsRun& run) {
   if constexpr (B > 1) {
     if (units < B) {
-      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, false, run);
+      RunPass<Isa, B - 1, HasWeights, Combined, HasRegWeights>(pass, units, shared, run);
       return;
     }
   }
@@ -493,18 +510,41 @@ void RunPass(int pass, int units, bool shared, const PairsRun& run) {
 }
 
 // The row counts of a unit's lanes, added to its state: whole numbers, exact
-// in any order. x0 null: the first variable is never missing.
+// in any order.
 template <class Isa>
-void CountRows(const RowBits* x0, const RowBits* bitsB, Index stride, Index words, Index lanes,
-               double* state) {
+void CountRows(const PairsUnit& unit, const RowBits* bitsB, Index stride, Index words,
+               Index lanes) {
   constexpr int L = Isa::kLanes;
   for (Index l = 0; l < lanes; ++l) {
     const RowBits* x1 = bitsB + l * stride;
     Index kept = 0;
     for (Index k = 0; k < words; ++k)
-      kept += __builtin_popcountll(x0 != nullptr ? x0[k] & x1[k] : x1[k]);
-    state[kCount * L + l] += static_cast<double>(kept);
+      kept += __builtin_popcountll(unit.bits[k] & x1[k]);
+    unit.state[kCount * L + l] += static_cast<double>(kept);
   }
+}
+
+// The last row of the chunk that is the first kept row of a lane of the
+// units not seen in the chunks before; -1 when there is none.
+template <class Isa>
+Index LastFirstRow(const PairsUnit* units, Index count, const RowBits* bitsB, Index stride,
+                   Index words, Index nB) {
+  constexpr int L = Isa::kLanes;
+  Index last = -1;
+  for (Index u = 0; u < count; ++u) {
+    const PairsUnit& unit = units[u];
+    for (Index l = 0; l < Smaller(L, nB - unit.block * L); ++l) {
+      if (unit.state[kSeen * L + l] != 0.0) continue;
+      const RowBits* x1 = bitsB + (unit.block * L + l) * stride;
+      for (Index k = 0; k < words; ++k)
+        if (const RowBits both = unit.bits[k] & x1[k]; both != 0) {
+          const Index first = k * kRowBits + __builtin_ctzll(both);
+          if (first > last) last = first;
+          break;
+        }
+    }
+  }
+  return last;
 }
 
 template <class Isa, bool HasWeights, bool Combined, bool HasRegWeights>
@@ -520,18 +560,17 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
   auto* missing = reinterpret_cast<bool*>(scratch + lay.flags);
   bool* missingB = job.triangle ? missing : missing + lay.nA;
   double* nans = scratch + lay.nans;
-  auto* list = reinterpret_cast<std::int32_t*>(scratch + lay.list);
-  auto* all = reinterpret_cast<std::int32_t*>(scratch + lay.all);
+  auto* ones = reinterpret_cast<RowBits*>(scratch + lay.ones);
   double* states1 = scratch + lay.state1;
   double* states2 = scratch + lay.state2;
   const Index stateCount = (static_cast<Index>(lay.nA) + 1) * lay.blocks;
   Clear(states1, stateCount * L * kPass1Fields);
   Clear(panel, lay.chunk * lay.ld);  // lanes past the last column stay zero
   if constexpr (Combined) Clear(products, lay.chunk * lay.ld);
-  for (Index r = 0; r < lay.chunk; ++r) {
+  for (Index r = 0; r < lay.chunk; ++r)
     nans[r] = __builtin_nan("");
-    all[r] = static_cast<std::int32_t>(r);
-  }
+  for (Index k = 0; k < lay.words; ++k)
+    ones[k] = ~RowBits{0};
 
   for (Index a = 0; a < lay.nA; ++a)
     missing[a] = HasMissing<Isa>(ColumnOf(job.first, a), job.nRows, job.missingCode);
@@ -553,6 +592,12 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
     return job.triangle && a < lay.nA ? (a + L - 1) / L : lay.blocks;
   };
   auto firstMissing = [&](Index a) { return a < lay.nA && missing[a]; };
+  // Where a first variable's presence bits are: a triangle's first
+  // variables are its seconds.
+  auto bitsOf = [&](Index a) {
+    if (!firstMissing(a)) return static_cast<const RowBits*>(ones);
+    return static_cast<const RowBits*>((job.triangle ? bitsB : bitsA) + a * lay.words);
+  };
   auto wanted = [&](Index a, Index block) {
     return job.completePairs || firstMissing(a) || blockMissing(block);
   };
@@ -564,20 +609,26 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
       const Index rows = Smaller(lay.chunk, job.nRows - i0);
       const Index words = (rows + kRowBits - 1) / kRowBits;
       const double* v = Combined ? job.combined + i0 : nullptr;
-      PackSeconds<Isa, Combined>(seconds, i0, rows, v, job.missingCode, lay, panel, products,
-                                 masks);
-      if (pass == 1) {
+      // Pass 2 reads no products.
+      if (pass == 1)
+        PackSeconds<Isa, Combined>(seconds, i0, rows, v, job.missingCode, lay, panel, products,
+                                   masks);
+      else
+        PackSeconds<Isa, false>(seconds, i0, rows, v, job.missingCode, lay, panel, products, masks);
+      // The seconds' bits count rows in pass 1; the first variables' bits
+      // keep rows in both.
+      if (pass == 1 || job.triangle)
         for (Index b = 0; b < lay.nB; ++b)
           PresenceBits<Isa>(ColumnOf(seconds, b) + i0, rows, job.missingCode,
                             bitsB + b * lay.words);
-        if (!job.triangle)
-          for (Index a = 0; a < lay.nA; ++a)
-            if (missing[a])
-              PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
-                                bitsA + a * lay.words);
-      }
-      // The units in runs: whole runs of one first variable, then the
-      // rest of every first variable's units together.
+      if (!job.triangle)
+        for (Index a = 0; a < lay.nA; ++a)
+          if (missing[a])
+            PresenceBits<Isa>(ColumnOf(job.first, a) + i0, rows, job.missingCode,
+                              bitsA + a * lay.words);
+      // The units of one first variable with blocks one after the other go
+      // in groups of up to K, as even as can be; a first variable's only
+      // unit joins those of others.
       constexpr Index K = Isa::kPairBlocks;
       Index shared = 0, mixed = stateCount;
       for (Index a = 0; a < variables; ++a) {
@@ -586,36 +637,38 @@ void RunMaskedPairs(const MaskedPairsJob& job, const PairsLayout& lay, double* s
         for (Index b = 0; b < blocksOf(a); ++b) {
           if (!wanted(a, b)) continue;
           double* state = states + (a * lay.blocks + b) * L * fields;
-          units[shared++] = PairsUnit{xa, b, state};
+          units[shared] = PairsUnit{xa, bitsOf(a), b, state};
           if (pass == 1)
-            CountRows<Isa>(firstMissing(a) ? bitsA + a * lay.words : nullptr,
-                           bitsB + b * L * lay.words, lay.words, words, Smaller(L, lay.nB - b * L),
-                           state);
+            CountRows<Isa>(units[shared], bitsB + b * L * lay.words, lay.words, words,
+                           Smaller(L, lay.nB - b * L));
+          ++shared;
         }
-        for (Index rest = (shared - from) % K; rest > 0; --rest)
-          units[mixed++] = units[--shared];
+        if (shared - from == 1) units[mixed++] = units[--shared];
       }
-      PairsRun run{panel,      products,
-                   masks,      lay.ld,
-                   lay.blocks, all,
-                   rows,       HasWeights ? job.weights + i0 : nullptr,
-                   v,          job.missingCode,
-                   nullptr};
-      for (Index u = 0; u < shared; u += K) {
-        if (u == 0 || units[u].xa != units[u - K].xa) {
-          run.list = list;
-          run.count = ListRows(units[u].xa, rows, job.missingCode, list);
+      PairsRun run{panel,      products, masks, lay.ld,
+                   lay.blocks, rows,     -1,    HasWeights ? job.weights + i0 : nullptr,
+                   v,          nullptr};
+      auto runUnits = [&](Index u, Index count, bool sharing) {
+        run.units = units + u;
+        if (pass == 1)
+          run.lastFirst = LastFirstRow<Isa>(run.units, count, bitsB, lay.words, words, lay.nB);
+        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(count), sharing,
+                                                             run);
+      };
+      for (Index u = 0; u < shared;) {
+        Index along = 1;
+        while (u + along < shared && units[u + along].xa == units[u].xa
+               && units[u + along].block == units[u].block + along)
+          ++along;
+        const Index groups = (along + K - 1) / K;
+        for (Index g = 0; g < groups; ++g) {
+          const Index count = along / groups + (g < along % groups ? 1 : 0);
+          runUnits(u, count, true);
+          u += count;
         }
-        run.units = units + u;
-        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(pass, static_cast<int>(K), true, run);
       }
-      run.list = all;
-      run.count = rows;
-      for (Index u = stateCount; u < mixed; u += K) {
-        run.units = units + u;
-        RunPass<Isa, K, HasWeights, Combined, HasRegWeights>(
-            pass, static_cast<int>(Smaller(K, mixed - u)), false, run);
-      }
+      for (Index u = stateCount; u < mixed; u += K)
+        runUnits(u, Smaller(K, mixed - u), false);
     }
     if (pass == 1)
       for (Index at = 0; at < stateCount; ++at)

@@ -1,0 +1,199 @@
+"""Accumulators pickle through their saved state: unpickled ones merge to the
+same bits, cross process boundaries, and refuse damaged bytes plainly."""
+
+import concurrent.futures
+import multiprocessing
+import pickle
+import struct
+
+import numpy as np
+import pytest
+
+import vorel
+
+KINDS = {
+    "listwise": lambda: vorel.Listwise(),
+    "pairwise": lambda: vorel.Pairwise(),
+    "missing code": lambda: vorel.Pairwise(missing=-9.0),
+    "groups listwise": lambda: vorel.ByGroup(),
+    "groups pairwise": lambda: vorel.ByGroup("pairwise"),
+}
+# Labels of several kinds, one of which never has a complete row.
+LABELS = np.array(["north", ("s", 1), 7, "east"], dtype=object)
+
+
+def table(rng, n=9000, k=5):
+    x = rng.normal(1e3, 3.0, size=(n, k))
+    x[rng.random(x.shape) < 0.04] = np.nan
+    x[:, 1] = 2.5  # a constant column keeps its exact figures through the state
+    return x, rng.integers(0, 4, size=n).astype(float), LABELS[rng.integers(0, 4, size=n)]
+
+
+def fill(accumulator, x, w, g):
+    extra = {"groups": g} if isinstance(accumulator, vorel.ByGroup) else {}
+    return accumulator.update(x, weights=w, **extra)
+
+
+def bits(result):
+    return {key: value.tobytes() if isinstance(value, np.ndarray) else value
+            for key, value in vars(result).items()}
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_unpickled_accumulators_merge_to_the_same_bits(rng, kind):
+    x, w, g = table(rng)
+    parts = [fill(KINDS[kind](), x[lo:hi], w[lo:hi], g[lo:hi]) for lo, hi in ((0, 4000), (4000, 9000))]
+    copies = [pickle.loads(pickle.dumps(part)) for part in parts]
+    assert bits(copies[0].result()) == bits(parts[0].result())
+    merged = parts[0].merge(parts[1]).result()
+    assert bits(copies[0].merge(copies[1]).result()) == bits(merged)
+    # An unpickled accumulator keeps taking rows.
+    more = fill(pickle.loads(pickle.dumps(parts[1])), x[:100], w[:100], g[:100])
+    assert more.result().rows == 5100
+
+
+def test_an_accumulator_without_rows_pickles():
+    back = pickle.loads(pickle.dumps(vorel.ByGroup("pairwise", missing=0.5, threads=2)))
+    assert back._missing == 0.5 and back._threads == 2
+    with pytest.raises(ValueError, match="no rows"):
+        back.result()
+    back.update(np.ones((3, 2)) * [[1.0], [2.0], [0.5]], groups=["a", "b", "a"])
+    assert back.result().rows_incomplete == 1
+
+
+def part_accumulator(args):
+    """In a worker process: the accumulator of some rows, pickled back."""
+    x, w, g, kind = args
+    return fill(KINDS[kind](), x, w, g)
+
+
+@pytest.mark.parametrize("kind", ["pairwise", "groups listwise"])
+def test_accumulators_from_worker_processes_merge_to_the_bits_made_here(rng, kind):
+    x, w, g = table(rng, n=20_000)
+    cuts = [(0, 3000), (3000, 11000), (11000, 20000)]
+    jobs = [(x[lo:hi], w[lo:hi], g[lo:hi], kind) for lo, hi in cuts]
+    context = multiprocessing.get_context("spawn")
+    with concurrent.futures.ProcessPoolExecutor(2, mp_context=context) as pool:
+        remote = [future.result(timeout=120) for future in [pool.submit(part_accumulator, job)
+                                                            for job in jobs]]
+    here = [part_accumulator(job) for job in jobs]
+    for accumulators in (remote, here):
+        for other in accumulators[1:]:
+            accumulators[0].merge(other)
+    assert bits(remote[0].result()) == bits(here[0].result())
+
+
+# ---------------------------------------------------------------- damaged pickles
+
+
+def crc32c(data):
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc ^= byte
+        for _ in range(8):
+            crc = (crc >> 1) ^ 0x82F63B78 if crc & 1 else crc >> 1
+    return crc ^ 0xFFFFFFFF
+
+
+def with_field(state, offset, fmt, value):
+    """The saved state with a field rewritten and its checksum made good again."""
+    body = bytearray(state[:-4])
+    struct.pack_into(fmt, body, offset, value)
+    return bytes(body) + struct.pack("<I", crc32c(body))
+
+
+def reload(accumulator, **changes):
+    state = accumulator.__getstate__()
+    state.update(changes)
+    fresh = type(accumulator).__new__(type(accumulator))
+    fresh.__setstate__(state)
+    return fresh
+
+
+@pytest.fixture
+def grouped(rng):
+    x, w, g = table(rng, n=500, k=3)
+    return fill(vorel.ByGroup("pairwise"), x, w, g)
+
+
+COLUMNS_AT, FLAGS_AT, TALLY_AT = 24, 28, 37
+
+
+@pytest.mark.parametrize("damage, message", [
+    (lambda s: s[:-1], "length"),
+    (lambda s: s[:20], "too few bytes"),
+    (lambda s: b"x" + s[1:], "not a saved state"),
+    (lambda s: s[:200] + bytes([s[200] ^ 4]) + s[201:], "checksum"),
+    (lambda s: with_field(s, 8, "<H", 2), "version"),
+    (lambda s: with_field(s, COLUMNS_AT, "<I", 1 << 20), "more columns"),
+    (lambda s: with_field(s, FLAGS_AT, "<B", 0x40), "flags"),
+    (lambda s: with_field(s, TALLY_AT, "<B", 2), "flag other than 0 or 1"),
+    (lambda s: with_field(s, TALLY_AT + 1, "<Q", 0), "more rows left out"),
+])
+def test_damaged_states_raise_value_error(grouped, damage, message):
+    state = grouped.__getstate__()["state"]
+    with pytest.raises(ValueError, match=message):
+        reload(grouped, state=damage(state))
+
+
+def test_damage_anywhere_is_caught_never_a_crash(grouped):
+    state = grouped.__getstate__()["state"]
+    for at in range(0, len(state), max(1, len(state) // 300)):
+        damaged = bytearray(state)
+        damaged[at] ^= 0x10
+        with pytest.raises(ValueError, match="vorel pickle"):
+            reload(grouped, state=bytes(damaged))
+
+
+@pytest.mark.parametrize("changes, message", [
+    ({"version": 2}, "version 1"),
+    ({"labels": ["north"]}, "labels"),
+    ({"labels": ["a", "a", "b", "c"]}, "labels"),
+    ({"columns": [0, 1]}, "column names"),
+    ({"state": "text"}, "another type"),
+])
+def test_pickles_that_do_not_fit_raise_value_error(grouped, changes, message):
+    with pytest.raises(ValueError, match=message):
+        reload(grouped, **changes)
+
+
+def test_a_pickle_of_another_kind_is_refused(rng):
+    pairwise = vorel.Pairwise().update(rng.normal(size=(10, 2)))
+    with pytest.raises(ValueError, match="another kind"):
+        vorel.Listwise.__new__(vorel.Listwise).__setstate__(pairwise.__getstate__())
+    with pytest.raises(ValueError, match="vorel pickle"):
+        pickle.loads(pickle.dumps(pairwise).replace(b"VPY", b"VPZ"))
+
+
+# ---------------------------------------------------------------- forests of parts
+
+
+def forest(x, first_block, pairwise=True):
+    return vorel._core.Forest(x, None, None, None, pairwise, None, False, 1, first_block)
+
+
+def test_pickled_forests_of_parts_combine_into_the_pass_over_the_whole(rng):
+    x = rng.normal(size=(3 * 4096 + 77, 4))
+    x[rng.random(x.shape) < 0.1] = np.nan
+    parts = [forest(x[:4096], 0), forest(x[4096:3 * 4096], 1), forest(x[3 * 4096:], 3)]
+    total = pickle.loads(pickle.dumps(parts[2]))
+    for part in parts[:2]:
+        total.combine(pickle.loads(pickle.dumps(part)))
+    assert (total.block_count, total.end_block) == (4, 4)
+    accumulator = vorel.Pairwise()
+    accumulator._core.add_forest(total)
+    accumulator._columns = list(range(4))
+    assert bits(accumulator.result()) == bits(vorel.describe(x, deletion="pairwise"))
+
+
+def test_forests_that_do_not_fit_together_are_refused(rng):
+    x = rng.normal(size=(5000, 3))
+    whole = forest(x, 0)
+    with pytest.raises(ValueError, match="blocks this forest holds"):
+        whole.combine(forest(x[4096:], 1))
+    with pytest.raises(ValueError, match="another kind"):
+        whole.combine(forest(x[:4096], 9, pairwise=False))
+    with pytest.raises(ValueError, match="beyond"):
+        forest(x, 1 << 60)
+    with pytest.raises(ValueError, match="blocks are missing"):
+        vorel.Pairwise()._core.add_forest(forest(x[:4096], 1))

@@ -1,0 +1,157 @@
+"""gzip and zstd input read directly: the same report as the plain text, byte
+for byte, and a clear error for every cut or damaged file."""
+import gzip
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import numpy as np
+import pandas as pd
+
+from common import run
+
+ZSTD = shutil.which("zstd")
+
+
+def zstd_compress(data, *options):
+    return subprocess.run([ZSTD, "-q", "-c", *options], input=data, capture_output=True, check=True,
+                          timeout=60).stdout
+
+
+def make_text(rows=20000):
+    rng = np.random.default_rng(7)
+    frame = pd.DataFrame({
+        # Labels with line ends inside their quotes: decompressed text is cut
+        # outside quotes too.
+        "g": rng.choice(["north", "south", "east, far", "west\nside", '"up"\r\nhill'], rows),
+        "x": rng.normal(0.0, 1.0, rows),
+        "y": rng.exponential(3.0, rows),
+        "w": rng.integers(1, 4, rows),
+    })
+    frame.loc[rng.random(rows) < 0.05, "y"] = np.nan
+    return frame.to_csv(index=False).encode()
+
+
+class Compressed(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp()
+        cls.text = make_text()
+        cls.plain = cls.write("data.csv", cls.text)
+        half = cls.text.index(b"\n", len(cls.text) // 2) + 1
+        cls.forms = {
+            "gzip": cls.write("data.csv.gz", gzip.compress(cls.text)),
+            # Named for neither format: the first bytes decide.
+            "gzip, no suffix": cls.write("data-gz", gzip.compress(cls.text)),
+            # Two members, as cat a.gz b.gz makes; the cut inside a line.
+            "gzip, two members": cls.write(
+                "two.gz", gzip.compress(cls.text[:half + 5]) + gzip.compress(cls.text[half + 5:])),
+        }
+        if ZSTD:
+            cls.forms["zstd"] = cls.write("data.csv.zst", zstd_compress(cls.text))
+            cls.forms["zstd, two frames"] = cls.write(
+                "two.zst", zstd_compress(cls.text[:half]) + zstd_compress(cls.text[half:]))
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.dir)
+
+    @classmethod
+    def write(cls, name, data):
+        path = os.path.join(cls.dir, name)
+        with open(path, "wb") as handle:
+            handle.write(data)
+        return path
+
+    def report(self, path, *args, stdin=None):
+        """The JSON report without the lines that name the file and the threads."""
+        if stdin is not None:
+            with open(path, "rb") as handle:
+                data = handle.read()
+            done = subprocess.run([os.environ.get("VORELSTAT", "vorelstat"), "-", *args, "-f", "json"],
+                                  input=data, capture_output=True, timeout=60)
+            out, err = done.stdout.decode(), done.stderr.decode()
+        else:
+            done = run(path, *args, "-f", "json")
+            out, err = done.stdout, done.stderr
+        self.assertEqual(done.returncode, 0, err)
+        return [line for line in out.splitlines() if '"file"' not in line and '"threads"' not in line]
+
+    def test_compressed_reports_equal_the_plain_one_byte_for_byte(self):
+        # Columns typed by content are looked at in the first megabyte, which
+        # then holds the whole text; named columns are cut from the start, in
+        # chunks that one thread sums in the file's order.
+        for columns, threads in (([], "2"), (["-c", "x,y"], "1")):
+            args = ["-p", "-w", "w", "-g", "g", "--group-covariance", *columns]
+            expected = self.report(self.plain, *args)
+            for name, path in self.forms.items():
+                for read_size in ("1", "4k", "1M"):
+                    with self.subTest(form=name, read_size=read_size, columns=columns):
+                        self.assertEqual(
+                            self.report(path, *args, "--read-size", read_size, "-j", threads),
+                            expected)
+                with self.subTest(form=name, stdin=True, columns=columns):
+                    self.assertEqual(self.report(path, *args, stdin=True), expected)
+
+    def test_every_cut_is_an_error_naming_the_truncation(self):
+        # From the first cut that still shows the format's magic bytes.
+        for name, magic in (("gzip", 2), ("zstd", 4)):
+            if name not in self.forms:
+                continue
+            with open(self.forms[name], "rb") as handle:
+                data = handle.read()
+            for cut in sorted({magic, 5, 11, 100, len(data) // 2, len(data) - 8, len(data) - 1}):
+                with self.subTest(form=name, cut=cut):
+                    path = self.write(f"cut.{name}", data[:cut])
+                    done = run(path, "-j", "2")
+                    self.assertEqual(done.returncode, 1, done.stderr)
+                    self.assertEqual(done.stdout, "")
+                    self.assertRegex(done.stderr, f"{path}: (the {name} data ends before its end mark: "
+                                                  f"the file is truncated|corrupt {name} data)")
+
+    def test_damaged_data_is_an_error(self):
+        with open(self.forms["gzip"], "rb") as handle:
+            data = bytearray(handle.read())
+        data[len(data) // 2] ^= 0x55
+        path = self.write("damaged.gz", bytes(data))
+        done = run(path)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"{path}: corrupt gzip data", done.stderr)
+        path = self.write("trailing.gz", gzip.compress(self.text) + b"not gzip")
+        done = run(path)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("corrupt gzip data", done.stderr)
+
+    def test_an_early_error_stops_the_decompression_ahead(self):
+        # The pass stops at line 3 while megabytes are still to be
+        # decompressed: the run ends with the error, no hang, no report.
+        text = b"a,b\n1,2\n3,x\n" + b"4,5\n" * 2000000
+        for name, data in (("gz", gzip.compress(text, 1)), ("zst", zstd_compress(text) if ZSTD else None)):
+            if data is None:
+                continue
+            with self.subTest(form=name):
+                path = self.write(f"early.csv.{name}", data)
+                done = run(path, "-c", "a,b")
+                self.assertEqual(done.returncode, 1, done.stderr)
+                self.assertIn('line 3, column 2 ("b")', done.stderr)
+                self.assertEqual(done.stdout, "")
+
+    def test_a_column_with_late_text_is_read_twice_from_a_compressed_file(self):
+        # Text past the first megabyte makes the tool read the file again
+        # without that column: a compressed file can be, standard input not.
+        late = b"a,b\n" + b"1,2\n" * 400000 + b"3,oops\n"
+        path = self.write("late.csv.gz", gzip.compress(late))
+        done = run(path, "-f", "json")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn('"name": "b", "reason": "holds text (line 400002', done.stdout)
+        with open(path, "rb") as handle:
+            piped = subprocess.run([os.environ.get("VORELSTAT", "vorelstat"), "-"], stdin=handle,
+                                   capture_output=True, timeout=60)
+        self.assertEqual(piped.returncode, 1)
+        self.assertIn(b"needs its numeric columns named with --columns", piped.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
