@@ -2,11 +2,15 @@
 // chunks of whole lines and does nothing else: no field is looked at, no line
 // is counted. Parsing is left to the threads that receive the chunks.
 //
-// A chunk is about readSize bytes, cut after its last line end; a line longer
-// than readSize makes its chunk longer, so a chunk holds at least one whole
-// line unless the file ends without a line end. No line may be longer than
-// maxLine bytes: past that the reader stops with an error, so that memory is
-// at most one chunk of readSize + maxLine bytes per thread, whatever the input.
+// Chunks are cut on a grid of blocks fixed by the input alone: with a block
+// size of B bytes, block k holds the lines that start in bytes [k B, (k + 1) B)
+// counted from the first byte after the header. A chunk holds the lines of a
+// run of whole blocks, about readSize bytes (at least one block), so that
+// what a block holds never depends on the read size, on the way the input is
+// read or on the threads. A block may hold no line (one long line can span
+// several). No line may be longer than maxLine bytes: past that the reader
+// stops with an error, so that memory is at most one chunk of
+// max(readSize, B) + maxLine bytes per thread, whatever the input.
 //
 // Two ways of reading, chosen by the input:
 //   - a regular file: Next only finds the cut, reading a small window before
@@ -24,12 +28,19 @@
 // A regular file that reports size 0 (as files under /proc do) is read as a
 // stream.
 //
-// Quoted fields may hold line ends. A regular file is cut at a line end
-// without looking at quotes: the thread that parses a chunk finds out whether
-// its end fell inside quotes (the chunk's last field is then still open), and
-// the pass is run again with CutOutsideQuotes. In that mode, and for a stream,
-// the serial stage reads the bytes and cuts only at line ends outside quotes;
-// a chunk without any quote needs no closer look.
+// Quoted fields may hold line ends; a record then runs on to the first line
+// end outside quotes, and "line" above means record: a block holds the
+// records that start in it. A regular file is cut at the first line end after
+// a boundary without looking at quotes: the thread that parses the chunk
+// before the cut finds out whether the cut fell inside quotes (its last field
+// is then still open; Chunk::cutGuessed), and the pass is run again with
+// CutOutsideQuotes. Where no cut falls inside quotes, both ways cut at the
+// same record starts, so that the blocks are the same. With CutOutsideQuotes,
+// and for a stream once FollowQuotes is called, the serial stage reads the
+// bytes and follows the quotes from the first byte after the header; a
+// stretch without any quote needs no closer look. A part of a regular file
+// that starts past block 0 follows them likewise up to its first cut, reading
+// the bytes before it once.
 #pragma once
 
 #include <cstddef>
@@ -75,7 +86,10 @@ struct Chunk {
   std::uint64_t offset = 0;  // byte offset of the chunk in the file
   std::uint64_t size = 0;    // bytes of the chunk
   std::uint64_t index = 0;   // 0 for the first chunk after the header
-  bool loaded = false;       // whether `text` holds the bytes yet
+  // The blocks of the grid whose lines the chunk holds: [firstBlock, endBlock).
+  std::uint64_t firstBlock = 0;
+  std::uint64_t endBlock = 0;
+  bool loaded = false;  // whether `text` holds the bytes yet
   // Cut at a line end before the end of the input that may lie inside quotes.
   bool cutGuessed = false;
 };
@@ -122,16 +136,27 @@ class ChunkReader {
   // Whether the input can be read again from the start (a regular file,
   // compressed or not).
   bool Rereadable() const;
-  // Whether the bytes come one after the other (a pipe, compressed input),
-  // rather than from a file cut at offsets.
-  bool Streamed() const { return !Seekable(); }
+
+  // Cuts chunks on a grid of blocks of blockBytes bytes (by default the read
+  // size) and hands out only the blocks [firstBlock, endBlock) of it. Call it
+  // before the first Next.
+  void SetGrid(std::uint64_t blockBytes, std::uint64_t firstBlock = 0,
+               std::uint64_t endBlock = kNoEnd);
+  static constexpr std::uint64_t kNoEnd = ~std::uint64_t{0};
+  // Offset of the first byte after the header: where block 0 starts.
+  std::uint64_t DataStart() const { return _dataStart; }
+
+  // Tells the quotes, fields being split at `delimiter`: a stream is cut
+  // only at line ends outside quotes, and so is the first cut of a part of a
+  // regular file. Call it before the first Next.
+  void FollowQuotes(char delimiter);
+  // As FollowQuotes, and every cut of a regular file too, which the serial
+  // stage then reads as a stream.
+  void CutOutsideQuotes(char delimiter);
 
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
   bool Next(Chunk& chunk);
-  // From here on, cuts only at line ends outside quotes, reading the bytes in
-  // the serial stage. Fields are split at `delimiter`.
-  void CutOutsideQuotes(char delimiter);
   // The parallel stage: reads the chunk's bytes into its text, if Next did
   // not. Safe on several threads at once, each with its own chunk. Throws
   // DataError on a read error or when the file shrank.
@@ -148,8 +173,31 @@ class ChunkReader {
   std::size_t ReadMore(TextBuffer& into, std::size_t count);
   // Regular file: reads [offset, offset + count) clipped to the file into `into`.
   void ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const;
-  // Regular file: offset one past the line end that closes a chunk from `start`.
-  std::uint64_t CutAfter(std::uint64_t start);
+  // Offset of the grid's boundary before block `block`, saturating.
+  std::uint64_t Boundary(std::uint64_t block) const;
+  // The number of blocks that hold the bytes up to `end`, the input's end.
+  std::uint64_t BlocksUpTo(std::uint64_t end) const;
+  // The first line start at or after `offset` (the input's end if none).
+  std::uint64_t LineStartFile(std::uint64_t offset);
+  std::uint64_t LineStartStream(std::uint64_t offset);
+  // As LineStartStream, a line start being a record start: from _quotesAt on,
+  // the quotes are followed up to the first line end outside them.
+  std::uint64_t RecordStartStream(std::uint64_t offset);
+  // Stream input: the bytes to read so that _carry reaches index `at`.
+  std::size_t BytesToReach(std::uint64_t at) const;
+  // Stream input: carries the quotes' state from _quotesAt to `offset`.
+  void FollowQuotesTo(std::uint64_t offset);
+  // Regular file: reads on from `offset` as a stream.
+  void ReadAsStreamFrom(std::uint64_t offset);
+  // Stream input: drops the bytes before the line that holds `offset - 1`,
+  // following the quotes over them when they are told.
+  void DropBefore(std::uint64_t offset);
+  // Regular file, a part that starts past block 0: its first record start,
+  // found by reading the bytes before it as a stream.
+  std::uint64_t FirstRecordStartFile(std::uint64_t offset);
+  // The end block of the chunk that starts at the next block.
+  std::uint64_t ChunkEndBlock() const;
+  void HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock);
   // Reads the first bytes and opens the stream source, decompressing if need be.
   void OpenInput();
   void ReadHeader();
@@ -169,9 +217,18 @@ class ChunkReader {
   std::uint64_t _headerLine = 1;
   TextBuffer _ahead;  // regular file: the bytes of PeekAhead
   std::uint64_t _nextIndex = 0;
+  std::uint64_t _dataStart = 0;
+  std::uint64_t _blockBytes;
+  std::uint64_t _nextBlock = 0;
+  std::uint64_t _lastBlock = kNoEnd;
+  bool _started = false;                // the first chunk was cut
   std::uint64_t _handedOut = 0;         // the next chunk starts here
-  TextBuffer _window;                   // regular file: scratch of CutAfter and the header
-  std::optional<char> _quoteDelimiter;  // set by CutOutsideQuotes
+  TextBuffer _window;                   // regular file: scratch of the cuts and the header
+  std::optional<char> _quoteDelimiter;  // set by FollowQuotes or CutOutsideQuotes
+  bool _everyCutOutsideQuotes = false;  // set by CutOutsideQuotes
+  // Following the quotes in the serial stage: their state at offset _quotesAt.
+  std::uint64_t _quotesAt = 0;
+  QuoteState _quotes;
   bool _regularFile = false;
   Compression _compression = Compression::kNone;
   // Stream input, and a regular file cut outside quotes.

@@ -291,8 +291,8 @@ std::string Outcome(bool parsed, const ParsedRow& row, const LineError& error) {
   text += " missing " + std::to_string(row.nMissing) + " coerced " + std::to_string(row.nCoerced);
   // A missing weight's value means nothing.
   text += row.weightMissing ? " w ?" : " w " + std::to_string(row.weight);
-  text += " g " + std::to_string(static_cast<int>(row.group.GetKind())) + " "
-          + row.group.Display() + (row.groupMissing ? "?" : "");
+  text += " g " + std::to_string(static_cast<int>(row.group.GetKind())) + " " + row.group.Display()
+          + (row.groupMissing ? "?" : "");
   for (const TextCell& cell : row.texts)
     text += " text " + std::to_string(cell.slot) + "=" + cell.text;
   return text;
@@ -330,8 +330,8 @@ TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
                                           "1e-400",
                                           "99999999999999999999.5",
                                           "-1.7976931348623157e308"};
-  const std::vector<std::string> groups = {"0", "1", "2.0", "+3", "2.5", "setosa", " a b ", "",
-                                           "NA"};
+  const std::vector<std::string> groups = {"0",      "1",     "2.0", "+3", "2.5",
+                                           "setosa", " a b ", "",    "NA"};
   std::mt19937_64 random(7);
   for (bool lenient : {false, true}) {
     for (const bool typed : {false, true}) {
@@ -367,8 +367,7 @@ TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
 }
 
 TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
-  const RowLayout layout =
-      MakeLayout({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"});
+  const RowLayout layout = MakeLayout({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"});
   CellRules rules = Rules();
   rules.checkGroupRange = false;
   RowParser parser(layout, rules);
@@ -384,8 +383,9 @@ TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
     std::vector<double> values;
     const char* group;
   } expected[] = {
-      {false, 2, {1, 2}, "a,\nb"}, {true, 0, {}, ""},       {false, 0, {3, 4}, "a"},
-      {false, 2, {5, 6}, "1"},     {false, 0, {7, 8}, "x \"y\""},
+      {false, 2, {1, 2}, "a,\nb"},   {true, 0, {}, ""},
+      {false, 0, {3, 4}, "a"},       {false, 2, {5, 6}, "1"},
+      {false, 0, {7, 8}, "x \"y\""},
   };
   const char* p = text.data();
   const char* end = p + text.size();
