@@ -202,64 +202,74 @@ TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
   }
 }
 
-// Columns named one by one, in any order, centred in the kernel's copies only
-// (the columns stay), and a block centred in place (the batch then holds the
-// centred cells, and nothing past the rows changed): the products are those
-// of the centred columns either way.
-TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
+// Calls body(shape, block, weights or null) for every shape, unweighted and
+// weighted, on a random block with specials and random weights drawn with
+// the seed seedOf(shape) + weighted.
+template <class Body>
+void ForEachShapeAndWeighting(unsigned (*seedOf)(Shape), Body body) {
   for (const Shape s : kShapes) {
     for (bool weighted : {false, true}) {
-      const unsigned seed = static_cast<unsigned>(s.p * 577 + s.n + weighted);
+      const unsigned seed = seedOf(s) + weighted;
       SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
                                         << (weighted ? ", weighted" : ""));
       std::mt19937_64 rng(seed);
       Block b = RandomBlock(rng, s.p, s.n, true);
       const std::vector<double> w = RandomWeights(rng, s.n);
-      const double* wp = weighted ? w.data() : nullptr;
-      // Every other column of the block, last first.
-      std::vector<double*> list;
-      std::vector<double> means;
-      for (int j = s.p - 1; j >= 0; j -= 2) {
-        list.push_back(b.Column(j));
-        means.push_back(0.25 * j - 2.0);
-      }
-      const int m = static_cast<int>(list.size());
-      std::vector<std::vector<double>> centred(m);
-      for (int j = 0; j < m; ++j)
-        for (int i = 0; i < s.n; ++i)
-          centred[j].push_back(list[j][i] - means[j]);
-      const auto column = [&](int j) { return centred[j].data(); };
-
-      const Block before = b;
-      CrossProductJob job = Job(ColumnBlock{nullptr, 0, m, list.data()}, wp, s.n, means.data());
-      job.keepColumns = true;
-      std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
-      std::vector<double> got(want.size(), kSentinel);
-      job.triangle = got.data();
-      CrossProducts(job);
-      EXPECT_TRUE(SameCells(got, want));
-      if (m >= 2) {
-        job.triangle = nullptr;
-        ExpectRectangle(job, column, m / 2, m, wp, s.n);
-      }
-      EXPECT_TRUE(SameCells(b.cells, before.cells));
-      // The whole block centred in place.
-      means.resize(static_cast<std::size_t>(s.p));
-      Block shifted = b;
-      for (int j = 0; j < s.p; ++j) {
-        means[j] = 0.37 * j - 1.1;
-        for (int i = 0; i < s.n; ++i)
-          shifted.Column(j)[i] = b.Column(j)[i] - means[j];
-      }
-      want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
-      got.assign(want.size(), kSentinel);
-      job = Job(b.View(), wp, s.n, means.data());
-      job.triangle = got.data();
-      CrossProducts(job);
-      EXPECT_TRUE(SameCells(got, want));
-      EXPECT_TRUE(SameCells(b.cells, shifted.cells));
+      body(s, b, weighted ? w.data() : nullptr);
     }
   }
+}
+
+// Columns named one by one, in any order, centred in the kernel's copies only
+// (the columns stay), and a block centred in place (the batch then holds the
+// centred cells, and nothing past the rows changed): the products are those
+// of the centred columns either way.
+TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 577 + s.n); };
+  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+    // Every other column of the block, last first.
+    std::vector<double*> list;
+    std::vector<double> means;
+    for (int j = s.p - 1; j >= 0; j -= 2) {
+      list.push_back(b.Column(j));
+      means.push_back(0.25 * j - 2.0);
+    }
+    const int m = static_cast<int>(list.size());
+    std::vector<std::vector<double>> centred(m);
+    for (int j = 0; j < m; ++j)
+      for (int i = 0; i < s.n; ++i)
+        centred[j].push_back(list[j][i] - means[j]);
+    const auto column = [&](int j) { return centred[j].data(); };
+
+    const Block before = b;
+    CrossProductJob job = Job(ColumnBlock{nullptr, 0, m, list.data()}, wp, s.n, means.data());
+    job.keepColumns = true;
+    std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
+    std::vector<double> got(want.size(), kSentinel);
+    job.triangle = got.data();
+    CrossProducts(job);
+    EXPECT_TRUE(SameCells(got, want));
+    if (m >= 2) {
+      job.triangle = nullptr;
+      ExpectRectangle(job, column, m / 2, m, wp, s.n);
+    }
+    EXPECT_TRUE(SameCells(b.cells, before.cells));
+    // The whole block centred in place.
+    means.resize(static_cast<std::size_t>(s.p));
+    Block shifted = b;
+    for (int j = 0; j < s.p; ++j) {
+      means[j] = 0.37 * j - 1.1;
+      for (int i = 0; i < s.n; ++i)
+        shifted.Column(j)[i] = b.Column(j)[i] - means[j];
+    }
+    want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
+    got.assign(want.size(), kSentinel);
+    job = Job(b.View(), wp, s.n, means.data());
+    job.triangle = got.data();
+    CrossProducts(job);
+    EXPECT_TRUE(SameCells(got, want));
+    EXPECT_TRUE(SameCells(b.cells, shifted.cells));
+  });
 }
 
 std::vector<double> Fields(const PairFigures& f) {
@@ -465,51 +475,43 @@ TEST_P(AtEveryLevel, MaskedPairsAcrossChunks) {
 // The column pass against StableMean, MinValue and MaxValue, which the column
 // kernel tests hold to the plain loops.
 TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
-  for (const Shape s : kShapes) {
-    for (bool weighted : {false, true}) {
-      const unsigned seed = static_cast<unsigned>(s.p * 3 + s.n * 11 + weighted);
-      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
-                                        << (weighted ? ", weighted" : ""));
-      std::mt19937_64 rng(seed);
-      Block b = RandomBlock(rng, s.p, s.n, true);
-      const std::vector<double> w = RandomWeights(rng, s.n);
-      const double* wp = weighted ? w.data() : nullptr;
-      // Columns that start with runs of every length, a constant one, one that
-      // starts with NaN, one of zeros of both signs, one with its maximum at
-      // zero after negative values.
-      for (int j = 0; j < s.p; ++j)
-        for (int i = 0; i < s.n; ++i) {
-          double& x = b.Column(j)[i];
-          const double zero = i * 7919 % 5 == 1 ? 0.0 : -0.0;
-          if (j % 6 == 0 && i <= j) x = 2.5;
-          if (j % 6 == 2) x = -7.25;
-          if (j % 6 == 3 && i == 0) x = kNaN;
-          if (j % 6 == 4) x = zero;
-          if (j % 6 == 5) x = i % 3 == 2 ? zero : -std::abs(x) - 1.0;
-        }
-      const double total = weighted ? SumValues(wp, s.n) : s.n;
-      std::vector<double> means(s.p, kSentinel), mins(s.p, kSentinel), maxs(s.p, kSentinel);
-      const Block before = b;
-      ColumnPass(b.View(), wp, total, s.n, means.data(), mins.data(), maxs.data());
-      for (int j = 0; j < s.p; ++j) {
-        const double* x = b.Column(j);
-        EXPECT_TRUE(SameBits(means[j], StableMean(x, wp, &total, s.n))) << j;
-        EXPECT_TRUE(SameBits(mins[j], MinValue(x, s.n))) << j;
-        EXPECT_TRUE(SameBits(maxs[j], MaxValue(x, s.n))) << j;
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 3 + s.n * 11); };
+  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+    // Columns that start with runs of every length, a constant one, one that
+    // starts with NaN, one of zeros of both signs, one with its maximum at
+    // zero after negative values.
+    for (int j = 0; j < s.p; ++j)
+      for (int i = 0; i < s.n; ++i) {
+        double& x = b.Column(j)[i];
+        const double zero = i * 7919 % 5 == 1 ? 0.0 : -0.0;
+        if (j % 6 == 0 && i <= j) x = 2.5;
+        if (j % 6 == 2) x = -7.25;
+        if (j % 6 == 3 && i == 0) x = kNaN;
+        if (j % 6 == 4) x = zero;
+        if (j % 6 == 5) x = i % 3 == 2 ? zero : -std::abs(x) - 1.0;
       }
-      EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
-      std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
-      ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
-      EXPECT_TRUE(SameCells(only, means));
-      std::vector<double*> list;  // the columns named one by one
-      for (int j = 0; j < s.p; ++j)
-        list.push_back(b.Column(j));
-      only.assign(s.p, kSentinel);
-      ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
-                 nullptr);
-      EXPECT_TRUE(SameCells(only, means));
+    const double total = wp != nullptr ? SumValues(wp, s.n) : s.n;
+    std::vector<double> means(s.p, kSentinel), mins(s.p, kSentinel), maxs(s.p, kSentinel);
+    const Block before = b;
+    ColumnPass(b.View(), wp, total, s.n, means.data(), mins.data(), maxs.data());
+    for (int j = 0; j < s.p; ++j) {
+      const double* x = b.Column(j);
+      EXPECT_TRUE(SameBits(means[j], StableMean(x, wp, &total, s.n))) << j;
+      EXPECT_TRUE(SameBits(mins[j], MinValue(x, s.n))) << j;
+      EXPECT_TRUE(SameBits(maxs[j], MaxValue(x, s.n))) << j;
     }
-  }
+    EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
+    std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
+    ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
+    EXPECT_TRUE(SameCells(only, means));
+    std::vector<double*> list;  // the columns named one by one
+    for (int j = 0; j < s.p; ++j)
+      list.push_back(b.Column(j));
+    only.assign(s.p, kSentinel);
+    ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
+               nullptr);
+    EXPECT_TRUE(SameCells(only, means));
+  });
 }
 
 VOREL_AT_EVERY_KERNEL_LEVEL(AtEveryLevel);
