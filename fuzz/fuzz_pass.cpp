@@ -253,6 +253,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if ((flags & 32) != 0) options.choice.regWeight = "r";
   if ((flags & 64) != 0) options.missingCode = -9.0;
   options.groupRange = "-1000:1000";
+  options.finishOrder = (flags & 128) != 0;
+  options.blockSize = 1u + data[1];
   options.batchRows = 1u + data[1] % 16u;
   options.readSize = 1u + data[2];
   options.maxLineLength = 4096;

@@ -51,8 +51,10 @@ const char* FindFirst(const char* from, std::size_t count, char c) {
   return count == 0 ? nullptr : static_cast<const char*>(std::memchr(from, c, count));
 }
 
-const char* FindLast(const char* from, std::size_t count, char c) {
-  return count == 0 ? nullptr : static_cast<const char*>(::memrchr(from, c, count));
+// The one place that says where a line ends: the first line end in
+// [from, from + count), or null.
+const char* FindLineEnd(const char* from, std::size_t count) {
+  return FindFirst(from, count, '\n');
 }
 
 std::string_view StripLineEnd(std::string_view line) {
@@ -85,7 +87,8 @@ constexpr Signature kSignatures[] = {
 ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine)
     : _path(path),
       _readSize(std::max<std::size_t>(readSize, 1)),
-      _maxLine(std::max<std::size_t>(maxLine, 1)) {
+      _maxLine(std::max<std::size_t>(maxLine, 1)),
+      _blockBytes(_readSize) {
   if (path == "-") {
     _fd = STDIN_FILENO;
   } else {
@@ -246,6 +249,7 @@ void ChunkReader::ReadHeader() {
   if (header.empty()) throw DataError(_path + ", line 1: the header line is empty");
   _header.assign(header);
   _handedOut = headerEnd;
+  _dataStart = headerEnd;
   if (!Seekable()) {
     const std::string rest(_carry.View().substr(headerEnd));
     _carry.Assign(rest);
@@ -270,44 +274,84 @@ std::string_view ChunkReader::PeekAhead(std::size_t limit) {
   return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
 }
 
-std::uint64_t ChunkReader::CutAfter(std::uint64_t start) {
+void ChunkReader::SetGrid(std::uint64_t blockBytes, std::uint64_t firstBlock,
+                          std::uint64_t endBlock) {
+  _blockBytes = std::max<std::uint64_t>(blockBytes, 1);
+  _nextBlock = firstBlock;
+  _lastBlock = endBlock;
+}
+
+std::uint64_t ChunkReader::Boundary(std::uint64_t block) const {
+  if (block >= (~std::uint64_t{0} - _dataStart) / _blockBytes) return ~std::uint64_t{0};
+  return _dataStart + block * _blockBytes;
+}
+
+std::uint64_t ChunkReader::BlocksUpTo(std::uint64_t end) const {
+  const std::uint64_t bytes = end - std::min(end, _dataStart);
+  return bytes / _blockBytes + (bytes % _blockBytes != 0 ? 1 : 0);
+}
+
+std::uint64_t ChunkReader::ChunkEndBlock() const {
+  const std::uint64_t blocks = std::max<std::uint64_t>(1, _readSize / _blockBytes);
+  return _nextBlock + std::min(blocks, _lastBlock - _nextBlock);
+}
+
+std::uint64_t ChunkReader::LineStartFile(std::uint64_t offset) {
   const std::uint64_t fileSize = *_fileSize;
-  const std::uint64_t end = start + _readSize;
-  if (end >= fileSize) return fileSize;
-  // The last line end before `end`, one window at a time going back.
-  for (std::uint64_t windowEnd = end; windowEnd > start;) {
-    const std::uint64_t windowStart =
-        std::max(start, windowEnd - std::min<std::uint64_t>(kWindow, windowEnd));
-    ReadAt(windowStart, static_cast<std::size_t>(windowEnd - windowStart), _window);
-    const char* found = FindLast(_window.Data(), _window.Size(), '\n');
-    if (found != nullptr)
-      return windowStart + static_cast<std::uint64_t>(found - _window.Data()) + 1;
-    windowEnd = windowStart;
-  }
-  // A line longer than the read size: its end, going forward. It starts at
-  // `start`, since no line end came before `end`.
-  for (std::uint64_t windowStart = end; windowStart < fileSize; windowStart += kWindow) {
-    if (windowStart - start > _maxLine) LineTooLong(start);
+  if (offset <= _dataStart) return _dataStart;
+  if (offset >= fileSize) return fileSize;
+  // The line end at or after offset - 1, one window at a time.
+  for (std::uint64_t windowStart = offset - 1; windowStart < fileSize; windowStart += kWindow) {
+    if (windowStart + 1 - offset > _maxLine) LineTooLong(offset);
     ReadAt(windowStart, kWindow, _window);
-    const char* found = FindFirst(_window.Data(), _window.Size(), '\n');
+    const char* found = FindLineEnd(_window.Data(), _window.Size());
     if (found == nullptr) continue;
     const std::uint64_t lineEnd = windowStart + static_cast<std::uint64_t>(found - _window.Data());
-    if (lineEnd - start > _maxLine) LineTooLong(start);
+    if (lineEnd + 1 - offset > _maxLine) LineTooLong(offset);
     return lineEnd + 1;
   }
-  if (fileSize - start > _maxLine) LineTooLong(start);
+  if (fileSize - offset > _maxLine) LineTooLong(offset);
   return fileSize;
+}
+
+std::uint64_t ChunkReader::LineStartStream(std::uint64_t offset) {
+  // _carry holds the input from _handedOut on, which is a line start.
+  if (offset <= _handedOut) return _handedOut;
+  const std::uint64_t from = offset - 1 - _handedOut;  // where the line end may be, in _carry
+  for (;;) {
+    if (_carry.Size() > from) {
+      const char* found = FindLineEnd(_carry.Data() + from, _carry.Size() - from);
+      const std::size_t end =
+          found != nullptr ? static_cast<std::size_t>(found - _carry.Data()) : _carry.Size();
+      if (end - from > _maxLine) LineTooLong(offset);
+      if (found != nullptr) return _handedOut + end + 1;
+    }
+    if (_eof) return _handedOut + _carry.Size();
+    const std::uint64_t missing = from + 1 - std::min<std::uint64_t>(from + 1, _carry.Size());
+    ReadMore(_carry, static_cast<std::size_t>(std::max<std::uint64_t>(missing, _readSize)));
+  }
+}
+
+void ChunkReader::HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock) {
+  chunk.offset = _handedOut;
+  chunk.size = cut - _handedOut;
+  chunk.index = _nextIndex++;
+  chunk.firstBlock = _nextBlock;
+  chunk.endBlock = endBlock;
+  _nextBlock = endBlock;
+  _handedOut = cut;
 }
 
 bool ChunkReader::Next(Chunk& chunk) {
   if (!Seekable()) return NextFromStream(chunk);
-  if (_handedOut >= *_fileSize) return false;
-  const std::uint64_t cut = CutAfter(_handedOut);
-  chunk.offset = _handedOut;
-  chunk.size = cut - _handedOut;
-  chunk.index = _nextIndex++;
+  if (!_started) {
+    _handedOut = LineStartFile(Boundary(_nextBlock));
+    _started = true;
+  }
+  const std::uint64_t endBlock = std::min(ChunkEndBlock(), BlocksUpTo(*_fileSize));
+  if (_nextBlock >= endBlock) return false;
+  HandOut(chunk, LineStartFile(Boundary(endBlock)), endBlock);
   chunk.loaded = false;
-  _handedOut = cut;
   return true;
 }
 
@@ -318,36 +362,32 @@ void ChunkReader::Load(Chunk& chunk) const {
 }
 
 bool ChunkReader::NextFromStream(Chunk& chunk) {
-  if (_carry.Size() == 0 && _eof) return false;
-  chunk.text.Assign(_carry.View());
-  chunk.offset = _handedOut;
-  _carry.Resize(0);
-
-  // Bytes before `scanned` hold no line end: the carry is a partial line,
-  // except straight after the header, where it may hold many.
-  std::size_t scanned = 0;
-  const char* lastLineEnd = nullptr;
-  bool readAgain = chunk.text.Size() < _readSize;
-  for (;;) {
-    if (readAgain && !_eof) ReadMore(chunk.text, _readSize);
-    const std::size_t size = chunk.text.Size();
-    lastLineEnd = FindLast(chunk.text.Data() + scanned, size - scanned, '\n');
-    if (lastLineEnd != nullptr || _eof) break;
-    // No line end at all: the chunk is one partial line.
-    if (size > _maxLine) LineTooLong(_handedOut);
-    scanned = size;
-    readAgain = true;
+  if (!_started) {
+    // A part that starts further on: the bytes before it are dropped as they come.
+    const std::uint64_t first = Boundary(_nextBlock);
+    while (_handedOut + _carry.Size() + 1 < first && !_eof) {
+      _handedOut += _carry.Size();
+      _carry.Resize(0);
+      ReadMore(_carry, static_cast<std::size_t>(
+                           std::min<std::uint64_t>(first - 1 - _handedOut, _readSize)));
+    }
+    const std::uint64_t start = LineStartStream(first);
+    const std::string rest(_carry.View().substr(static_cast<std::size_t>(start - _handedOut)));
+    _carry.Assign(rest);
+    _handedOut = start;
+    _started = true;
   }
-  if (lastLineEnd != nullptr) {
-    const std::size_t keep = static_cast<std::size_t>(lastLineEnd - chunk.text.Data()) + 1;
-    _carry.Assign(chunk.text.View().substr(keep));
-    chunk.text.Resize(keep);
-  }
-  if (chunk.text.Size() == 0) return false;
-  chunk.size = chunk.text.Size();
-  chunk.index = _nextIndex++;
+  std::uint64_t endBlock = ChunkEndBlock();
+  if (_nextBlock >= endBlock) return false;
+  const std::uint64_t cut = LineStartStream(Boundary(endBlock));
+  if (_eof && cut == _handedOut + _carry.Size()) endBlock = std::min(endBlock, BlocksUpTo(cut));
+  if (_nextBlock >= endBlock) return false;
+  const auto size = static_cast<std::size_t>(cut - _handedOut);
+  chunk.text.Assign(_carry.View().substr(0, size));
+  const std::string rest(_carry.View().substr(size));
+  _carry.Assign(rest);
+  HandOut(chunk, cut, endBlock);
   chunk.loaded = true;
-  _handedOut += chunk.size;
   return true;
 }
 

@@ -2,11 +2,15 @@
 // chunks of whole lines and does nothing else: no field is looked at, no line
 // is counted. Parsing is left to the threads that receive the chunks.
 //
-// A chunk is about readSize bytes, cut after its last line end; a line longer
-// than readSize makes its chunk longer, so a chunk holds at least one whole
-// line unless the file ends without a line end. No line may be longer than
-// maxLine bytes: past that the reader stops with an error, so that memory is
-// at most one chunk of readSize + maxLine bytes per thread, whatever the input.
+// Chunks are cut on a grid of blocks fixed by the input alone: with a block
+// size of B bytes, block k holds the lines that start in bytes [k B, (k + 1) B)
+// counted from the first byte after the header. A chunk holds the lines of a
+// run of whole blocks, about readSize bytes (at least one block), so that
+// what a block holds never depends on the read size, on the way the input is
+// read or on the threads. A block may hold no line (one long line can span
+// several). No line may be longer than maxLine bytes: past that the reader
+// stops with an error, so that memory is at most one chunk of
+// max(readSize, B) + maxLine bytes per thread, whatever the input.
 //
 // Two ways of reading, chosen by the input:
 //   - a regular file: Next only finds the cut, reading a small window before
@@ -61,7 +65,10 @@ struct Chunk {
   std::uint64_t offset = 0;  // byte offset of the chunk in the file
   std::uint64_t size = 0;    // bytes of the chunk
   std::uint64_t index = 0;   // 0 for the first chunk after the header
-  bool loaded = false;       // whether `text` holds the bytes yet
+  // The blocks of the grid whose lines the chunk holds: [firstBlock, endBlock).
+  std::uint64_t firstBlock = 0;
+  std::uint64_t endBlock = 0;
+  bool loaded = false;  // whether `text` holds the bytes yet
 };
 
 class ChunkReader {
@@ -90,6 +97,15 @@ class ChunkReader {
   // compressed or not).
   bool Rereadable() const;
 
+  // Cuts chunks on a grid of blocks of blockBytes bytes (by default the read
+  // size) and hands out only the blocks [firstBlock, endBlock) of it. Call it
+  // before the first Next.
+  void SetGrid(std::uint64_t blockBytes, std::uint64_t firstBlock = 0,
+               std::uint64_t endBlock = kNoEnd);
+  static constexpr std::uint64_t kNoEnd = ~std::uint64_t{0};
+  // Offset of the first byte after the header: where block 0 starts.
+  std::uint64_t DataStart() const { return _dataStart; }
+
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
   bool Next(Chunk& chunk);
@@ -109,8 +125,16 @@ class ChunkReader {
   std::size_t ReadMore(TextBuffer& into, std::size_t count);
   // Regular file: reads [offset, offset + count) clipped to the file into `into`.
   void ReadAt(std::uint64_t offset, std::size_t count, TextBuffer& into) const;
-  // Regular file: offset one past the line end that closes a chunk from `start`.
-  std::uint64_t CutAfter(std::uint64_t start);
+  // Offset of the grid's boundary before block `block`, saturating.
+  std::uint64_t Boundary(std::uint64_t block) const;
+  // The number of blocks that hold the bytes up to `end`, the input's end.
+  std::uint64_t BlocksUpTo(std::uint64_t end) const;
+  // The first line start at or after `offset` (the input's end if none).
+  std::uint64_t LineStartFile(std::uint64_t offset);
+  std::uint64_t LineStartStream(std::uint64_t offset);
+  // The end block of the chunk that starts at the next block.
+  std::uint64_t ChunkEndBlock() const;
+  void HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock);
   // Reads the first bytes and opens the stream source, decompressing if need be.
   void OpenInput();
   void ReadHeader();
@@ -129,8 +153,13 @@ class ChunkReader {
   std::uint64_t _headerLine = 1;
   TextBuffer _ahead;  // regular file: the bytes of PeekAhead
   std::uint64_t _nextIndex = 0;
+  std::uint64_t _dataStart = 0;
+  std::uint64_t _blockBytes;
+  std::uint64_t _nextBlock = 0;
+  std::uint64_t _lastBlock = kNoEnd;
+  bool _started = false;         // the first chunk was cut
   std::uint64_t _handedOut = 0;  // the next chunk starts here
-  TextBuffer _window;            // regular file: scratch of CutAfter and the header
+  TextBuffer _window;            // regular file: scratch of the cuts and the header
   bool _regularFile = false;
   Compression _compression = Compression::kNone;
   // Stream input only.

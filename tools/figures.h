@@ -169,6 +169,10 @@ class GroupMoments {
   // what a fresh group needs to continue exactly where this one stands.
   const double* RelativeMeans() const { return _means.data(); }
   bool KeepsCrossProducts() const { return _keep; }
+  // The own corrected cross-products (a triangle; empty unless kept) as they
+  // stand, to save them with RelativeMeans(); a fresh group that joins them
+  // with Join gets the same bits back.
+  const std::vector<double>& CrossProducts() const { return _cscp; }
   // The group's own covariance; needs keepCrossProducts.
   double Covariance(std::size_t i, std::size_t j, double ddof = 1.0,
                     WeightKind kind = WeightKind::kFrequency) const;

@@ -171,7 +171,8 @@ void WriteTable(const Report& report, std::FILE* out) {
     head.Add("divisor", report.DivisorFormula() + " (" + report.WeightKindName() + " weights, ddof "
                             + RoundTrip(report.ddof) + ")");
   }
-  head.Add("threads", std::to_string(pass.threads));
+  head.Add("block size", pass.blockBytes != 0 ? std::to_string(pass.blockBytes) + " bytes"
+                                              : "none: merged as the threads finished");
   head.Write(out);
 
   if (report.Shows(kColumnsSection)) {
@@ -250,7 +251,7 @@ void WriteCsv(const Report& report, std::FILE* out) {
   summary("weight_column", CsvField(report.weightColumn));
   summary("regression_weight_column", CsvField(report.regWeightColumn));
   summary("group_column", CsvField(report.groupColumn));
-  summary("threads", std::to_string(pass.threads));
+  summary("block_size", std::to_string(pass.blockBytes));
   summary("rows_read", std::to_string(pass.rows.read));
   summary("rows_used", std::to_string(pass.rows.used));
   summary("rows_incomplete", std::to_string(pass.rows.incomplete));
@@ -435,7 +436,7 @@ void WriteJson(const Report& report, std::FILE* out) {
   Put(out, "  \"weight_column\": " + JsonName(report.weightColumn) + ",\n");
   Put(out, "  \"regression_weight_column\": " + JsonName(report.regWeightColumn) + ",\n");
   Put(out, "  \"group_column\": " + JsonName(report.groupColumn) + ",\n");
-  Put(out, "  \"threads\": " + std::to_string(pass.threads) + ",\n");
+  Put(out, "  \"block_size\": " + std::to_string(pass.blockBytes) + ",\n");
   Put(out, "  \"rows\": {\"read\": " + JsonNumber(pass.rows.read)
                + ", \"used\": " + JsonNumber(pass.rows.used)
                + ", \"incomplete\": " + JsonNumber(pass.rows.incomplete)

@@ -7,10 +7,10 @@
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <numeric>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "errors.h"
 
@@ -52,100 +52,8 @@ void KeepEarlier(std::optional<Found>& kept, const Found& offered) {
   if (!kept || offered.where.Before(kept->where)) kept = offered;
 }
 
-// Cell counts and extremes of the columns, and under pairwise deletion
-// whether each column holds one value on the rows of each pair.
-struct Extremes {
-  std::vector<std::uint64_t> counts;
-  std::vector<figures::Range> ranges;
-  std::vector<figures::Constancy> pairConstancy;
-  std::vector<double> weightSquares;  // see PassResult::weightSquares
-
-  Extremes(unsigned nValues, bool pairwise, bool keepWeightSquares)
-      : counts(nValues, 0),
-        ranges(nValues),
-        pairConstancy(pairwise ? std::size_t{nValues} * nValues : 0),
-        weightSquares(!keepWeightSquares ? 0
-                      : pairwise         ? figures::TriangleSize(nValues)
-                                         : 1) {}
-
-  void Add(const Extremes& o) {
-    for (std::size_t c = 0; c < counts.size(); ++c) {
-      counts[c] += o.counts[c];
-      ranges[c].Include(o.ranges[c]);
-    }
-    for (std::size_t c = 0; c < pairConstancy.size(); ++c)
-      pairConstancy[c].Include(o.pairConstancy[c]);
-    for (std::size_t c = 0; c < weightSquares.size(); ++c)
-      weightSquares[c] += o.weightSquares[c];
-  }
-};
-
-// The results by group of one worker, or of the whole pass: state for the
-// groups that occurred, and the sum of their corrected cross-products.
-class GroupTable {
- public:
-  GroupTable(unsigned nValues, bool keepCrossProducts)
-      : _nValues(nValues), _keep(keepCrossProducts), _within(figures::TriangleSize(nValues), 0.0) {}
-
-  // The place of a label's group, made when the label is first seen, at
-  // `where`; an earlier sighting moves the label's first appearance there.
-  std::size_t Slot(const GroupLabel& label, const ChunkLine& where) {
-    const auto [it, added] = _index.try_emplace(label, _groups.size());
-    if (added) {
-      _labels.push_back(label);
-      _first.push_back(where);
-      _groups.emplace_back(_nValues, _keep);
-    } else if (where.Before(_first[it->second])) {
-      _first[it->second] = where;
-    }
-    return it->second;
-  }
-  std::size_t Size() const { return _groups.size(); }
-  figures::GroupMoments& At(std::size_t slot) { return _groups[slot]; }
-  const GroupLabel& Label(std::size_t slot) const { return _labels[slot]; }
-  std::vector<double>& Within() { return _within; }
-
-  // Groups are joined in sorted label order, whatever order the two tables
-  // met them in, so that the sums do not depend on the threads.
-  void Add(const GroupTable& other) {
-    for (std::size_t c = 0; c < _within.size(); ++c)
-      _within[c] += other._within[c];
-    for (std::size_t g : other.Sorted(false))
-      At(Slot(other._labels[g], other._first[g])).Join(other._groups[g], _within);
-  }
-
-  // The slots in sorted label order, or in order of first appearance in the file.
-  std::vector<std::size_t> Sorted(bool byFirstAppearance) const {
-    std::vector<std::size_t> order(_groups.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-      if (byFirstAppearance) return _first[a].Before(_first[b]);
-      return GroupLabel::SortsBefore(_labels[a], _labels[b]);
-    });
-    return order;
-  }
-
-  // Moves the groups into `result` in the order asked for.
-  void TakeInto(PassResult& result, bool byFirstAppearance) {
-    for (std::size_t g : Sorted(byFirstAppearance)) {
-      result.groupLabels.push_back(_labels[g]);
-      result.groups.push_back(std::move(_groups[g]));
-    }
-    result.withinCscp = std::move(_within);
-  }
-
- private:
-  unsigned _nValues;
-  bool _keep;
-  std::unordered_map<GroupLabel, std::size_t, GroupLabel::Hash> _index;
-  std::vector<GroupLabel> _labels;
-  std::vector<ChunkLine> _first;  // where each label was first seen
-  std::vector<figures::GroupMoments> _groups;
-  std::vector<double> _within;
-};
-
-// The complete, grouped rows of a worker not yet reduced: row after row, and
-// at a flush each group's rows through a MatrixListwise of their own.
+// The complete, grouped rows of a sub-batch not yet reduced: row after row,
+// and at a flush each group's rows through a MatrixListwise of their own.
 class GroupRows {
  public:
   GroupRows(unsigned nValues, unsigned capacity)
@@ -162,7 +70,7 @@ class GroupRows {
 
   bool Full() const { return _slots.size() == _capacity; }
 
-  // `slot`: the group's place in the worker's GroupTable.
+  // `slot`: the group's place in the GroupTable the rows go to.
   void Add(std::size_t slot, double weight, const double* values) {
     _slots.push_back(slot);
     _weights.push_back(weight);
@@ -170,7 +78,7 @@ class GroupRows {
   }
 
   // Reduces each group's rows, in their order, and joins them into `table`,
-  // the groups in sorted label order.
+  // the groups in slot order.
   void Flush(GroupTable& table) {
     const std::size_t n = _slots.size();
     if (n == 0) return;
@@ -178,30 +86,21 @@ class GroupRows {
     std::iota(_order.begin(), _order.end(), std::size_t{0});
     std::stable_sort(_order.begin(), _order.end(),
                      [this](std::size_t a, std::size_t b) { return _slots[a] < _slots[b]; });
-    // Each group's rows: [start, end) in _order.
-    _runs.clear();
-    for (std::size_t start = 0, end = 0; start < n; start = end) {
-      for (end = start; end < n && _slots[_order[end]] == _slots[_order[start]];)
-        ++end;
-      _runs.emplace_back(start, end);
-    }
-    std::sort(_runs.begin(), _runs.end(), [&](const auto& a, const auto& b) {
-      return GroupLabel::SortsBefore(table.Label(_slots[_order[a.first]]),
-                                     table.Label(_slots[_order[b.first]]));
-    });
-    for (const auto& [first, last] : _runs) {
-      figures::GroupMoments& group = table.At(_slots[_order[first]]);
+    for (std::size_t first = 0; first < n;) {
+      const std::size_t slot = _slots[_order[first]];
+      figures::GroupMoments& group = table.At(slot);
       // Rows go in less the group's origin, so that the batch's means round
       // as the spread of the data does, not as its distance from zero.
       const std::vector<double> origin =
           figures::OriginOf(group.Rows() != 0 ? group.Origin() : Row(first), _nValues);
       double weightSquares = 0.0;
+      std::size_t last = first;
       _batch.Clear();
-      for (std::size_t k = first; k < last; ++k) {
-        const double* row = Row(k);
+      for (; last < n && _slots[_order[last]] == slot; ++last) {
+        const double* row = Row(last);
         for (unsigned i = 0; i < _nValues; ++i)
           _moved[i] = row[i] - origin[i];
-        _weight = _weights[_order[k]];
+        _weight = _weights[_order[last]];
         weightSquares += _weight * _weight;
         _batch.AddRow(_moved.data());
       }
@@ -214,6 +113,7 @@ class GroupRows {
       }
       group.Join(part.NRows(), part.WeightSum(), origin.data(), _means.data(), _cscp.data(),
                  table.Within(), weightSquares);
+      first = last;
     }
     _slots.clear();
     _weights.clear();
@@ -227,7 +127,6 @@ class GroupRows {
   unsigned _nValues;
   unsigned _capacity;
   std::vector<std::size_t> _slots;
-  std::vector<std::pair<std::size_t, std::size_t>> _runs;
   std::vector<double> _weights;
   std::vector<double> _values;
   std::vector<std::size_t> _order;
@@ -246,14 +145,13 @@ class StatProblem : public vorel::ProblemBase {
         _layout(layout),
         _rules(rules),
         _options(options),
-        _extremes(layout.NValues(), options.pairwise, options.weightSquares),
+        _shape(ShapeOf(layout, rules, options)),
+        _tree([this] { return BlockResult(_shape); }, options.firstBlock),
+        _finished(_shape),
+        _totals(layout.NValues(), options.pairwise),
         _texts(layout.NValues()) {
-    if (options.pairwise) {
-      _pairwise = std::make_unique<vorel::MatrixPairwise>(rules.missingCode);
-    } else {
-      _listwise = std::make_unique<vorel::MatrixListwise>();
-    }
-    if (layout.groupField) _groups.emplace(layout.NValues(), options.groupCovariance);
+    reader.SetGrid(options.blockBytes, options.firstBlock, options.endBlock);
+    _endBlock = options.firstBlock;
   }
 
   vorel::WorkerBase* CreateWorker() override;
@@ -270,24 +168,28 @@ class StatProblem : public vorel::ProblemBase {
   const RowLayout& _layout;
   const CellRules& _rules;
   const PassOptions& _options;
+  const BlockShape _shape;
+  vorel::BlockTree<BlockResult> _tree;
 
   // Read and written in the serial stage only, or after the pass.
-  int _workersMade = 0;
   // One entry per chunk handed out, written by the thread that parses it.
   // A deque, so that handing out a chunk never moves the entries of others.
   std::deque<std::uint64_t> _lineCounts;
+  std::uint64_t _endBlock = 0;  // past the last block handed out
   // Set by a thread that met a bad line: hand out no further chunk.
   std::atomic<bool> _failed{false};
 
   // Written under the result lock.
   std::optional<FoundError> _firstError;
-  RowCounts _counters;
-  Extremes _extremes;
+  BlockResult _finished;  // finishOrder: the workers' results as they finish
+  ExactTotals _totals;
   std::vector<std::optional<FoundText>> _texts;  // per value column
-  std::unique_ptr<vorel::MatrixListwise> _listwise;
-  std::unique_ptr<vorel::MatrixPairwise> _pairwise;
-  std::optional<GroupTable> _groups;
 };
+
+std::function<void()>& ChunkHook() {
+  static std::function<void()> hook;
+  return hook;
+}
 
 class StatWorker : public vorel::WorkerBase {
  public:
@@ -295,27 +197,26 @@ class StatWorker : public vorel::WorkerBase {
       : _problem(problem),
         _layout(problem._layout),
         _pairwise(problem._options.pairwise),
+        _tree(!problem._options.finishOrder),
+        _batchRows(_tree ? kBlockBatchRows : problem._options.batchRows),
         _missingCode(problem._rules.missingCode),
         _parser(problem._layout, problem._rules),
-        _batch(problem._layout.NValues(), problem._options.batchRows,
+        _batch(problem._layout.NValues(), _batchRows,
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
-        _extremes(problem._layout.NValues(), _pairwise, problem._options.weightSquares),
+        _result(problem._shape),
+        _totals(problem._layout.NValues(), _pairwise),
         _texts(problem._layout.NValues()) {
-    if (_pairwise) {
-      _pairwiseMatrix = std::make_unique<vorel::MatrixPairwise>(_missingCode);
-    } else {
-      _listwiseMatrix = std::make_unique<vorel::MatrixListwise>();
-    }
-    if (_layout.groupField) {
-      _groupRows.emplace(_layout.NValues(), problem._options.batchRows);
-      _groups.emplace(_layout.NValues(), problem._options.groupCovariance);
-    }
+    if (_layout.groupField) _groupRows.emplace(_layout.NValues(), _batchRows);
   }
 
   bool ReadBatch() override {
     if (_problem._failed.load(std::memory_order_relaxed)) return false;
     if (!_problem._reader.Next(_chunk)) return false;
+    // The reader hands out the blocks of the grid in order, as the tree does.
+    for (std::uint64_t block = _chunk.firstBlock; block < _chunk.endBlock; ++block)
+      _problem._tree.NextBlock();
+    _problem._endBlock = _chunk.endBlock;
     _problem._lineCounts.push_back(0);
     _lineCount = &_problem._lineCounts.back();
     if (_problem._options.onProgress) _problem._options.onProgress(_problem._reader.BytesRead());
@@ -323,11 +224,23 @@ class StatWorker : public vorel::WorkerBase {
   }
 
   void ProcessBatch() override {
+    if (const auto& hook = ChunkHook()) hook();
     _problem._reader.Load(_chunk);
-    const char* p = _chunk.text.Data();
+    const char* const begin = _chunk.text.Data();
+    const char* p = begin;
     const char* end = p + _chunk.text.Size();
+    const std::uint64_t dataStart = _problem._reader.DataStart();
+    const std::uint64_t blockBytes = _problem._options.blockBytes;
+    _block = _chunk.firstBlock;
+    // Where the block in hand ends, in the file.
+    std::uint64_t blockEnd = dataStart + (_block + 1) * blockBytes;
     std::uint64_t line = 0;
     for (; p < end; ++line) {
+      const std::uint64_t at = _chunk.offset + static_cast<std::uint64_t>(p - begin);
+      if (_tree && at >= blockEnd) {
+        EndBlocksBefore((at - dataStart) / blockBytes);
+        blockEnd = dataStart + (_block + 1) * blockBytes;
+      }
       const void* found = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
       const char* lineEnd = found != nullptr ? static_cast<const char*>(found) : end;
       std::string_view text(p, static_cast<std::size_t>(lineEnd - p));
@@ -342,13 +255,18 @@ class StatWorker : public vorel::WorkerBase {
       if (!error.message.empty() || !_parser.Parse(text, _row, error)) {
         _error = FoundError{{_chunk.index, line}, std::move(error)};
         _problem._failed.store(true, std::memory_order_relaxed);
-        break;
+        *_lineCount = line;
+        return;
       }
       for (const TextCell& cell : _row.texts)
         KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, line}, cell.text});
-      if (!TakeRow({_chunk.index, line})) break;
+      if (!TakeRow({_chunk.index, line}, at)) {
+        *_lineCount = line;
+        return;
+      }
     }
     *_lineCount = line;
+    EndBlocksBefore(_chunk.endBlock);
   }
 
   void MergeResult() override {
@@ -356,51 +274,63 @@ class StatWorker : public vorel::WorkerBase {
       KeepEarlier(_problem._firstError, *_error);
       return;
     }
-    // Batches run on across chunks, so each worker still holds partly filled
-    // batches: they go in here, once per worker.
-    FlushBatch();
-    if (_groupRows) _groupRows->Flush(*_groups);
-    if (_listwiseMatrix) *_problem._listwise += *_listwiseMatrix;
-    if (_pairwiseMatrix) *_problem._pairwise += *_pairwiseMatrix;
-    if (_groups) _problem._groups->Add(*_groups);
-    _problem._extremes.Add(_extremes);
-    _problem._counters.Add(_counters);
+    if (!_tree) {
+      // Batches run on across chunks, so each worker still holds partly
+      // filled batches: they go in here, once per worker.
+      FlushRows();
+      _problem._finished += _result;
+    }
+    _problem._totals.Add(_totals);
     for (std::size_t c = 0; c < _texts.size(); ++c) {
       if (_texts[c]) KeepEarlier(_problem._texts[c], *_texts[c]);
     }
   }
 
  private:
+  // Hands the blocks before `block` to the tree, each with its rows (none
+  // for a block in which no line starts).
+  void EndBlocksBefore(std::uint64_t block) {
+    if (!_tree) return;
+    for (; _block < block; ++_block) {
+      FlushRows();
+      _problem._tree.AddBlock(_block, std::move(_result));
+      _result = _problem._tree.NewResult();
+    }
+  }
+
+  // The row found at `where`, which starts at offset `place` of the input.
   // False, with the error kept, when the row makes more groups than allowed.
-  bool TakeRow(const ChunkLine& where) {
-    ++_counters.read;
-    _counters.cellsCoerced += _row.nCoerced;
+  bool TakeRow(const ChunkLine& where, std::uint64_t place) {
+    RowCounts& counts = _totals.rows;
+    ++counts.read;
+    counts.cellsCoerced += _row.nCoerced;
     if (_row.weightMissing) {
-      ++_counters.withoutWeight;
+      ++counts.withoutWeight;
       return true;
     }
     // A row of weight 0 is not there, as frequency weights mean; the library
     // would still count it, and a batch of such rows would divide by 0.
     if (_row.weight == 0.0 || _row.weight * _row.regWeight == 0.0) {
-      ++_counters.zeroWeight;
+      ++counts.zeroWeight;
       return true;
     }
     const bool complete = _row.nMissing == 0;
-    if (!complete) ++_counters.incomplete;
+    if (!complete) ++counts.incomplete;
     if (!complete && !_pairwise) return true;
     _weight = _row.weight;
     _regWeight = _row.regWeight;
     _batch.AddRow(_row.values.data());
-    ++_counters.used;
-    if (_batch.NRows() == _problem._options.batchRows) FlushBatch();
+    ++counts.used;
+    if (_batch.NRows() == _batchRows) FlushBatch();
     if (!_groupRows) return true;
     if (_row.groupMissing) {
-      ++_counters.withoutGroup;
+      ++counts.withoutGroup;
       return true;
     }
     if (!complete) return true;
-    const std::size_t slot = _groups->Slot(_row.group, where);
-    if (_groups->Size() > _problem._options.mostGroups) {
+    GroupTable& table = *_result.groups;
+    const std::size_t slot = table.Slot(_row.group, place);
+    if (table.Size() > _problem._options.mostGroups) {
       _error = FoundError{where,
                           {_layout.groupField.value_or(LineError::kWholeLine),
                            TooManyGroups(_problem._options.mostGroups)}};
@@ -408,8 +338,13 @@ class StatWorker : public vorel::WorkerBase {
       return false;
     }
     _groupRows->Add(slot, _row.weight, _row.values.data());
-    if (_groupRows->Full()) _groupRows->Flush(*_groups);
+    if (_groupRows->Full()) _groupRows->Flush(table);
     return true;
+  }
+
+  void FlushRows() {
+    FlushBatch();
+    if (_groupRows) _groupRows->Flush(*_result.groups);
   }
 
   // Extremes first: a listwise matrix centres the batch's columns in place.
@@ -417,12 +352,11 @@ class StatWorker : public vorel::WorkerBase {
     if (_batch.NRows() == 0) return;
     UpdateExtremes();
     if (_pairwise) UpdatePairConstancy();
-    if (!_extremes.weightSquares.empty()) UpdateWeightSquares();
-    if (_listwiseMatrix) *_listwiseMatrix += _batch;
-    if (_pairwiseMatrix) *_pairwiseMatrix += _batch;
+    if (!_result.weightSquares.empty()) UpdateWeightSquares();
+    if (_result.listwise) *_result.listwise += _batch;
+    if (_result.pairwise) *_result.pairwise += _batch;
     _batch.Clear();
   }
-
   // Compared exactly, on purpose: that is what makes a cell missing.
   bool Present(double x) const { return x != _missingCode; }
 
@@ -430,15 +364,15 @@ class StatWorker : public vorel::WorkerBase {
     const unsigned n = _batch.NRows();
     for (unsigned c = 0; c < _batch.NColumns(); ++c) {
       const double* x = _batch.Column(c);
-      figures::Range range = _extremes.ranges[c];
+      figures::Range range = _totals.ranges[c];
       std::uint64_t count = 0;
       for (unsigned r = 0; r < n; ++r) {
         if (!Present(x[r])) continue;
         ++count;
         range.Include(x[r]);
       }
-      _extremes.ranges[c] = range;
-      _extremes.counts[c] += count;
+      _totals.ranges[c] = range;
+      _totals.counts[c] += count;
     }
   }
 
@@ -452,7 +386,7 @@ class StatWorker : public vorel::WorkerBase {
     for (unsigned i = 0; i < k; ++i) {
       const double* xi = _batch.Column(i);
       for (unsigned j = 0; j < k; ++j) {
-        figures::Constancy& constancy = _extremes.pairConstancy[i * k + j];
+        figures::Constancy& constancy = _totals.pairConstancy[i * k + j];
         if (i == j || constancy.Varies()) continue;
         const double* xj = _batch.Column(j);
         for (unsigned r = 0; r < n; ++r) {
@@ -467,22 +401,23 @@ class StatWorker : public vorel::WorkerBase {
   void UpdateWeightSquares() {
     const unsigned n = _batch.NRows();
     const double* w = _batch.Weights();
+    std::vector<double>& squares = _result.weightSquares;
     if (!_pairwise) {
-      double sum = _extremes.weightSquares[0];
+      double sum = squares[0];
       for (unsigned r = 0; r < n; ++r)
         sum += w[r] * w[r];
-      _extremes.weightSquares[0] = sum;
+      squares[0] = sum;
       return;
     }
     for (unsigned i = 0; i < _batch.NColumns(); ++i) {
       const double* xi = _batch.Column(i);
       for (unsigned j = 0; j <= i; ++j) {
         const double* xj = _batch.Column(j);
-        double sum = _extremes.weightSquares[figures::TriangleIndex(i, j)];
+        double sum = squares[figures::TriangleIndex(i, j)];
         for (unsigned r = 0; r < n; ++r) {
           if (Present(xi[r]) && Present(xj[r])) sum += w[r] * w[r];
         }
-        _extremes.weightSquares[figures::TriangleIndex(i, j)] = sum;
+        squares[figures::TriangleIndex(i, j)] = sum;
       }
     }
   }
@@ -490,6 +425,8 @@ class StatWorker : public vorel::WorkerBase {
   StatProblem& _problem;
   const RowLayout& _layout;
   const bool _pairwise;
+  const bool _tree;  // each block to a fresh result and the block tree
+  const unsigned _batchRows;
   const double _missingCode;
   RowParser _parser;
   ParsedRow _row;
@@ -501,20 +438,16 @@ class StatWorker : public vorel::WorkerBase {
   double _regWeight = 1.0;
 
   vorel::DataBatch _batch;
-  std::unique_ptr<vorel::MatrixListwise> _listwiseMatrix;
-  std::unique_ptr<vorel::MatrixPairwise> _pairwiseMatrix;
   std::optional<GroupRows> _groupRows;
-  std::optional<GroupTable> _groups;
-  Extremes _extremes;
+  // The result the rows go to: the block's (the tree) or the worker's.
+  BlockResult _result;
+  std::uint64_t _block = 0;  // the block of _result
+  ExactTotals _totals;
   std::vector<std::optional<FoundText>> _texts;
-  RowCounts _counters;
   std::optional<FoundError> _error;
 };
 
-vorel::WorkerBase* StatProblem::CreateWorker() {
-  ++_workersMade;
-  return new StatWorker(*this);
-}
+vorel::WorkerBase* StatProblem::CreateWorker() { return new StatWorker(*this); }
 
 std::string Location(const ChunkReader& reader, const RowLayout& layout, std::uint64_t line,
                      const LineError& error) {
@@ -528,14 +461,41 @@ std::string Location(const ChunkReader& reader, const RowLayout& layout, std::ui
 
 }  // namespace
 
-void RowCounts::Add(const RowCounts& o) {
-  read += o.read;
-  used += o.used;
-  incomplete += o.incomplete;
-  withoutWeight += o.withoutWeight;
-  zeroWeight += o.zeroWeight;
-  withoutGroup += o.withoutGroup;
-  cellsCoerced += o.cellsCoerced;
+void SetChunkHookForTests(std::function<void()> hook) { ChunkHook() = std::move(hook); }
+
+BlockShape ShapeOf(const RowLayout& layout, const CellRules& rules, const PassOptions& options) {
+  BlockShape shape;
+  shape.nValues = layout.NValues();
+  shape.pairwise = options.pairwise;
+  shape.missingCode = rules.missingCode;
+  shape.grouped = layout.groupField.has_value();
+  shape.groupCovariance = options.groupCovariance;
+  shape.weightSquares = options.weightSquares;
+  return shape;
+}
+
+BlockResult SumOf(const Forest& forest, const BlockShape& shape) {
+  BlockResult total(shape);
+  for (const Forest::Node& node : forest.Nodes())
+    total += node.result;
+  return total;
+}
+
+void TakeFigures(PassResult& result, ExactTotals&& totals, BlockResult&& sums,
+                 bool groupsInSlotOrder, std::size_t mostGroups, const std::string& what) {
+  if (sums.groups && sums.groups->Size() > mostGroups)
+    throw DataError(what + ": " + TooManyGroups(mostGroups));
+  result.rows = totals.rows;
+  result.cellCounts = std::move(totals.counts);
+  result.ranges = std::move(totals.ranges);
+  result.pairConstancy = std::move(totals.pairConstancy);
+  result.weightSquares = std::move(sums.weightSquares);
+  result.listwise = std::move(sums.listwise);
+  result.pairwise = std::move(sums.pairwise);
+  if (sums.groups) {
+    result.grouped = true;
+    sums.groups->TakeInto(result.groupLabels, result.groups, result.withinCscp, groupsInSlotOrder);
+  }
 }
 
 PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules& rules,
@@ -548,20 +508,20 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
                     + found.error.message);
   }
   PassResult result;
-  result.threads = problem._workersMade;
-  result.rows = problem._counters;
-  result.cellCounts = std::move(problem._extremes.counts);
-  result.ranges = std::move(problem._extremes.ranges);
-  result.pairConstancy = std::move(problem._extremes.pairConstancy);
-  result.weightSquares = std::move(problem._extremes.weightSquares);
-  result.listwise = std::move(problem._listwise);
-  result.pairwise = std::move(problem._pairwise);
-  if (problem._groups) {
-    result.grouped = true;
-    if (problem._groups->Size() > options.mostGroups) {
-      throw DataError(reader.Path() + ": " + TooManyGroups(options.mostGroups));
-    }
-    problem._groups->TakeInto(result, options.groupsInFileOrder);
+  result.blockBytes = options.finishOrder ? 0 : options.blockBytes;
+  result.firstBlock = options.firstBlock;
+  result.endBlock = problem._endBlock;
+  const auto takeFigures = [&](BlockResult&& sums) {
+    TakeFigures(result, std::move(problem._totals), std::move(sums), options.groupsInFileOrder,
+                options.mostGroups, reader.Path());
+  };
+  if (options.finishOrder) {
+    if (problem._finished.groups) problem._finished.groups->OrderSlotsByPlace();
+    takeFigures(std::move(problem._finished));
+  } else {
+    Forest forest = problem._tree.TakeForest();
+    takeFigures(SumOf(forest, problem._shape));
+    if (options.keepForest) result.forest = std::move(forest);
   }
   for (unsigned slot = 0; slot < problem._texts.size(); ++slot) {
     const std::optional<FoundText>& found = problem._texts[slot];

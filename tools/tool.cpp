@@ -7,14 +7,29 @@
 #include <cmath>
 #include <limits>
 #include <thread>
+#include <tuple>
+#include <utility>
 
+#include "atomicfile.h"
 #include "chunkreader.h"
 #include "errors.h"
+#include "passstate.h"
 #include "progress.h"
 #include "report.h"
 #include "statpass.h"
 
 namespace vorelstat {
+namespace {
+
+void AddSectionsOption(CLI::App& app, std::vector<std::string>& sections) {
+  app.add_option("--sections", sections,
+                 "What the report prints besides its head, comma-separated: columns, covariance, "
+                 "correlation, pairs, groups, pooled, or all")
+      ->capture_default_str()
+      ->delimiter(',');
+}
+
+}  // namespace
 
 void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("file", o.path,
@@ -99,11 +114,30 @@ void DefineOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"frequency", "analytic"}));
   app.add_option("--exclude", o.exclude, "Columns to leave out, by name, comma-separated")
       ->delimiter(',');
-  app.add_option("--sections", o.sections,
-                 "What the report prints besides its head, comma-separated: columns, covariance, "
-                 "correlation, pairs, groups, pooled, or all")
+  app.add_option("--block-size", o.blockSize,
+                 "Bytes of a block of the grid that fixes the order of every sum (suffixes k, "
+                 "M, G); another size rounds differently")
       ->capture_default_str()
-      ->delimiter(',');
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
+  app.add_option("--blocks", o.blocks,
+                 "Read only blocks FIRST to END-1 of the grid (FIRST: to the end), a part of "
+                 "the file whose state merges with the others'");
+  app.add_flag("--finish-order", o.finishOrder,
+               "Merge the threads' results as they finish, in batches of --batch-size rows: "
+               "the last bits may then vary from run to run");
+  app.add_option("--save-state", o.saveState,
+                 "Also write the state of the pass to this file, for vorelstat merge");
+  AddSectionsOption(app, o.sections);
+}
+
+void DefineMergeOptions(CLI::App& app, MergeOptions& o) {
+  app.add_option("states", o.states, "State files written by --save-state")->required();
+  app.add_option("-f,--format", o.format, "Output format: table, csv or json")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"table", "csv", "json"}));
+  AddSectionsOption(app, o.sections);
+  app.add_option("--save-state", o.saveState, "Also write the merged state to this file");
 }
 
 char DelimiterOption(const std::string& text) {
@@ -118,6 +152,25 @@ char DelimiterOption(const std::string& text) {
 }
 
 namespace {
+
+// The blocks FIRST:END (or FIRST:) of --blocks.
+std::pair<std::uint64_t, std::uint64_t> ParseBlocks(const std::string& text) {
+  const auto bad = [&text] {
+    return UsageError("--blocks takes FIRST:END or FIRST: with whole numbers, FIRST < END, not \""
+                      + text + "\"");
+  };
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) throw bad();
+  const auto number = [&](std::string_view digits, std::uint64_t& value) {
+    const auto [ptr, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (digits.empty() || ec != std::errc() || ptr != digits.data() + digits.size()) throw bad();
+  };
+  std::uint64_t first = 0, end = ChunkReader::kNoEnd;
+  number(std::string_view(text).substr(0, colon), first);
+  if (colon + 1 < text.size()) number(std::string_view(text).substr(colon + 1), end);
+  if (end <= first) throw bad();
+  return {first, end};
+}
 
 long long ParseGroupBound(const std::string& text, const std::string& whole) {
   long long value = 0;
@@ -279,6 +332,25 @@ void CheckConventions(const Options& o) {
 
 }  // namespace
 
+PassOptions PassOptionsOf(const Options& o) {
+  PassOptions passOptions;
+  passOptions.pairwise = o.pairwise;
+  passOptions.threads = o.threads;
+  passOptions.batchRows = o.batchRows;
+  passOptions.groupCovariance = o.groupCovariance;
+  passOptions.weightSquares = o.weightKind == "analytic";
+  passOptions.groupsInFileOrder = o.groupOrder == "first";
+  passOptions.mostGroups = o.maxGroups;
+  passOptions.blockBytes = o.blockSize;
+  if (!o.blocks.empty())
+    std::tie(passOptions.firstBlock, passOptions.endBlock) = ParseBlocks(o.blocks);
+  passOptions.finishOrder = o.finishOrder;
+  passOptions.keepForest = !o.saveState.empty();
+  if (o.finishOrder && passOptions.keepForest)
+    throw UsageError("--save-state needs the block grid, which --finish-order leaves");
+  return passOptions;
+}
+
 ToolRun RunPasses(const Options& o, bool progress) {
   CheckConventions(o);
   const CellRules rules = MakeCellRules(o);
@@ -313,14 +385,7 @@ ToolRun RunPasses(const Options& o, bool progress) {
     CheckSize(layout, o, o.path);
 
     ProgressBar bar(progress, reader.FileSize());
-    PassOptions passOptions;
-    passOptions.pairwise = o.pairwise;
-    passOptions.threads = o.threads;
-    passOptions.batchRows = o.batchRows;
-    passOptions.groupCovariance = o.groupCovariance;
-    passOptions.weightSquares = o.weightKind == "analytic";
-    passOptions.groupsInFileOrder = o.groupOrder == "first";
-    passOptions.mostGroups = o.maxGroups;
+    PassOptions passOptions = PassOptionsOf(o);
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
     PassResult pass = RunPass(reader, layout, rules, passOptions);
     bar.Finish();
@@ -345,22 +410,58 @@ ToolRun RunPasses(const Options& o, bool progress) {
   }
 }
 
+namespace {
+
+void WriteReport(const Report& report, const std::string& format, std::FILE* out) {
+  if (format == "csv") {
+    WriteCsv(report, out);
+  } else if (format == "json") {
+    WriteJson(report, out);
+  } else {
+    WriteTable(report, out);
+  }
+}
+
+void SaveStateFile(const std::string& path, const PassState& state) {
+  const std::vector<std::byte> bytes = SaveState(state);
+  WriteFileAtomically(path, bytes);
+}
+
+}  // namespace
+
 void RunTool(const Options& o, bool progress, std::FILE* out) {
+  PassOptions passOptions = PassOptionsOf(o);
   ReportOptions reportOptions;
   reportOptions.groupCovariance = o.groupCovariance;
   reportOptions.ddof = o.ddof;
   reportOptions.weightKind =
       o.weightKind == "analytic" ? figures::WeightKind::kAnalytic : figures::WeightKind::kFrequency;
   reportOptions.sections = ParseSections(o.sections);
-  const ToolRun run = RunPasses(o, progress);
-  const Report report(o.path, run.layout, run.pass, run.skipped, reportOptions);
-  if (o.format == "csv") {
-    WriteCsv(report, out);
-  } else if (o.format == "json") {
-    WriteJson(report, out);
-  } else {
-    WriteTable(report, out);
+  ToolRun run = RunPasses(o, progress);
+  if (!o.saveState.empty()) {
+    SaveStateFile(o.saveState, StateOfPass(o.path, run.layout, MakeCellRules(o), passOptions,
+                                           reportOptions, o.exclude, run.skipped, run.pass));
   }
+  const Report report(o.path, run.layout, run.pass, run.skipped, reportOptions);
+  WriteReport(report, o.format, out);
+}
+
+void RunMerge(const MergeOptions& o, std::FILE* out) {
+  std::optional<PassState> merged;
+  for (const std::string& path : o.states) {
+    PassState state = LoadState(ReadWholeFile(path), path);
+    if (merged) {
+      MergeState(*merged, std::move(state), path);
+    } else {
+      merged.emplace(std::move(state));
+    }
+  }
+  if (!o.saveState.empty()) SaveStateFile(o.saveState, *merged);
+  ReportOptions reportOptions = ReportOptionsOf(*merged);
+  reportOptions.sections = ParseSections(o.sections);
+  StateReport state = ReportOfState(std::move(*merged));
+  const Report report(state.name, state.layout, state.pass, state.skipped, reportOptions);
+  WriteReport(report, o.format, out);
 }
 
 }  // namespace vorelstat

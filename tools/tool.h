@@ -36,10 +36,25 @@ struct Options {
   std::string weightKind = "frequency";
   std::vector<std::string> exclude;
   std::vector<std::string> sections{"all"};
+  std::size_t blockSize = kDefaultBlockBytes;
+  std::string blocks;  // FIRST:END of the grid, or everything
+  bool finishOrder = false;
+  std::string saveState;
+};
+
+// `vorelstat merge STATE...`: the states to merge and how to print them.
+struct MergeOptions {
+  std::vector<std::string> states;
+  std::string format = "table";
+  std::vector<std::string> sections{"all"};
+  std::string saveState;
 };
 
 void DefineOptions(CLI::App& app, Options& options);
+void DefineMergeOptions(CLI::App& app, MergeOptions& options);
 
+// The pass options that the options ask for. Throws UsageError.
+PassOptions PassOptionsOf(const Options& options);
 // The cell rules that the options ask for. Throws UsageError.
 CellRules MakeCellRules(const Options& options);
 // The delimiter the option names, or 0 for "detect from the header". Throws UsageError.
@@ -63,8 +78,12 @@ struct ToolRun {
 ToolRun RunPasses(const Options& options, bool progress);
 
 // Reads the file and writes the report to `out`, which the caller checks for
-// write errors. Throws UsageError or DataError before anything is written.
-// `progress` enables the progress bar on standard error.
+// write errors, and with --save-state the pass's state. Throws UsageError or
+// DataError before anything is written. `progress` enables the progress bar
+// on standard error.
 void RunTool(const Options& options, bool progress, std::FILE* out);
+
+// Merges the states and writes the report, as RunTool does.
+void RunMerge(const MergeOptions& options, std::FILE* out);
 
 }  // namespace vorelstat

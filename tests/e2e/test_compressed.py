@@ -64,7 +64,7 @@ class Compressed(unittest.TestCase):
         return path
 
     def report(self, path, *args, stdin=None):
-        """The JSON report without the lines that name the file and the threads."""
+        """The JSON report without the line that names the file."""
         if stdin is not None:
             with open(path, "rb") as handle:
                 data = handle.read()
@@ -75,18 +75,37 @@ class Compressed(unittest.TestCase):
             done = run(path, *args, "-f", "json")
             out, err = done.stdout, done.stderr
         self.assertEqual(done.returncode, 0, err)
-        return [line for line in out.splitlines() if '"file"' not in line and '"threads"' not in line]
+        return [line for line in out.splitlines() if '"file"' not in line]
 
     def test_compressed_reports_equal_the_plain_one_byte_for_byte(self):
-        args = ["-p", "-w", "w", "-g", "g", "--group-covariance"]
-        expected = self.report(self.plain, *args)
-        for name, path in self.forms.items():
-            for read_size in ("1", "4k", "1M"):
-                with self.subTest(form=name, read_size=read_size):
-                    self.assertEqual(self.report(path, *args, "--read-size", read_size, "-j", "2"),
-                                     expected)
-            with self.subTest(form=name, stdin=True):
-                self.assertEqual(self.report(path, *args, stdin=True), expected)
+        # Small blocks, so that the decompressed text spreads over many of the
+        # grid's blocks whatever the threads.
+        for args in (["-p", "-w", "w", "-g", "g", "--group-covariance", "--block-size", "4k"],
+                     ["-w", "w", "-g", "g", "--weight-kind", "analytic", "--group-order", "first",
+                      "--block-size", "16k"]):
+            expected = self.report(self.plain, *args, "-j", "1")
+            for name, path in self.forms.items():
+                for read_size, threads in (("1", "3"), ("4k", "2"), ("1M", "8")):
+                    with self.subTest(args=args, form=name, read_size=read_size):
+                        self.assertEqual(
+                            self.report(path, *args, "--read-size", read_size, "-j", threads),
+                            expected)
+                with self.subTest(args=args, form=name, stdin=True):
+                    self.assertEqual(self.report(path, *args, stdin=True), expected)
+
+    def test_parts_of_a_compressed_file_merge_to_the_plain_report(self):
+        args = ["-w", "w", "-g", "g", "--weight-kind", "analytic", "--group-order", "first",
+                "--block-size", "16k"]
+        expected = run(self.plain, *args, "-f", "json").stdout
+        states = []
+        for blocks, threads in (("0:9", "2"), ("9:", "3")):
+            states.append(os.path.join(self.dir, f"part-{len(states)}.state"))
+            done = run(self.forms["gzip"], *args, "--blocks", blocks, "-j", threads,
+                       "--save-state", states[-1])
+            self.assertEqual(done.returncode, 0, done.stderr)
+        done = run("merge", *states, "-f", "json")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(done.stdout.replace("data.csv.gz", "data.csv"), expected)
 
     def test_every_cut_is_an_error_naming_the_truncation(self):
         # From the first cut that still shows the format's magic bytes.

@@ -125,7 +125,7 @@ class Conventions(unittest.TestCase):
         analytic = run(self.path, "-c", "a,b", "-w", "r", "--weight-kind", "analytic", "--ddof", "0")
         self.assertEqual((default.returncode, analytic.returncode), (0, 0), default.stderr + analytic.stderr)
         self.assertNotIn("divisor", default.stdout.split("\n\n")[0])
-        self.assertIn("divisor   W (analytic weights, ddof 0)", analytic.stdout)
+        self.assertIn("divisor     W (analytic weights, ddof 0)", analytic.stdout)
 
 
 class ColumnsAndSections(unittest.TestCase):
@@ -260,6 +260,17 @@ class GroupLabels(unittest.TestCase):
         self.assertIn("line 22, column 1 (\"g\"): the group column holds more than 20 distinct", done.stderr)
         self.assertEqual(done.stdout, "")
         self.assertEqual(len(fine["groups"]), 50)
+
+    def test_too_many_labels_over_the_blocks_is_an_error_naming_the_file(self):
+        # Blocks of 64 bytes hold a few labels each: the limit is passed only
+        # where the blocks' groups are joined.
+        lines = "".join(f"id{i},{i % 7}\n" for i in range(50))
+        with TempCsv("g,x\n" + lines) as path:
+            done = run(path, "-g", "g", "-c", "x", "--max-groups", "20", "--block-size", "64",
+                       "-j", "2")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"{path}: the group column holds more than 20 distinct", done.stderr)
+        self.assertEqual(done.stdout, "")
 
 
 if __name__ == "__main__":

@@ -32,6 +32,8 @@ ReadBack ReadAll(ChunkReader& reader) {
     copy.text.Assign(chunk.text.View());
     copy.offset = chunk.offset;
     copy.index = chunk.index;
+    copy.firstBlock = chunk.firstBlock;
+    copy.endBlock = chunk.endBlock;
     back.chunks.push_back(std::move(copy));
   }
   EXPECT_FALSE(reader.Next(chunk)) << "the end is final";
@@ -58,8 +60,9 @@ class ChunkReaderSplit
     : public ::testing::TestWithParam<std::tuple<bool, std::size_t, std::size_t>> {};
 
 // Whatever the read size, the chunks put back together are the file behind
-// the header, each chunk lies where its offset says, and only the last chunk
-// may end without a line end.
+// the header, each chunk lies where its offset says, only the last chunk may
+// end without a line end, and each chunk holds the lines that start in its
+// blocks of the grid (the read size here), which follow each other.
 TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
   const auto [pipe, bodyIndex, readSize] = GetParam();
   const std::string& body = kBodies[bodyIndex];
@@ -75,16 +78,59 @@ TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
   EXPECT_EQ(back.header, "a,b");
   EXPECT_EQ(back.joined, body);
   std::uint64_t offset = header.size();
+  std::uint64_t block = 0;
   for (std::size_t k = 0; k < back.chunks.size(); ++k) {
     const Chunk& chunk = back.chunks[k];
     SCOPED_TRACE("chunk " + std::to_string(k));
     EXPECT_EQ(chunk.index, k);
     EXPECT_EQ(chunk.offset, offset);
-    ASSERT_GT(chunk.text.Size(), 0u);
-    if (k + 1 < back.chunks.size()) {
-      EXPECT_EQ(chunk.text.View().back(), '\n');
+    EXPECT_EQ(chunk.firstBlock, block);
+    EXPECT_LT(chunk.firstBlock, chunk.endBlock);
+    block = chunk.endBlock;
+    const std::string_view text = chunk.text.View();
+    for (std::size_t start = 0; start < text.size(); start = text.find('\n', start) + 1) {
+      const std::uint64_t at = offset + start - header.size();
+      EXPECT_GE(at, chunk.firstBlock * readSize);
+      EXPECT_LT(at, chunk.endBlock * readSize);
+      if (text.find('\n', start) == std::string_view::npos) break;
+    }
+    if (!text.empty() && offset + text.size() < header.size() + body.size()) {
+      EXPECT_EQ(text.back(), '\n');
     }
     offset += chunk.text.Size();
+  }
+  const std::uint64_t blocks = (body.size() + readSize - 1) / readSize;
+  EXPECT_EQ(block, blocks) << "every block of the body, and no more";
+}
+
+// A part of the grid: the lines that start in blocks [first, end), read from
+// a file or a pipe alike.
+TEST(ChunkReader, PartsOfTheGridHoldTheirLines) {
+  std::string body;
+  for (int i = 0; i < 200; ++i)
+    body +=
+        std::to_string(i * 37) + "," + std::string(static_cast<std::size_t>(i % 13), 'x') + "\n";
+  const std::uint64_t blockBytes = 50;
+  for (bool pipe : {false, true}) {
+    for (auto [first, end] : {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, 1000}}) {
+      SCOPED_TRACE(std::string(pipe ? "pipe" : "file") + " blocks " + std::to_string(first));
+      std::optional<TempFile> file;
+      std::optional<TempPipe> fifo;
+      const std::string& path =
+          pipe ? fifo.emplace("a,b\n" + body).Path() : file.emplace("a,b\n" + body).Path();
+      ChunkReader reader(path, 120);
+      reader.SetGrid(blockBytes, first, end);
+      std::string expected;
+      for (std::size_t start = 0; start < body.size(); start = body.find('\n', start) + 1) {
+        if (start >= first * blockBytes && start < end * blockBytes)
+          expected += body.substr(start, body.find('\n', start) + 1 - start);
+      }
+      const ReadBack back = ReadAll(reader);
+      EXPECT_EQ(back.joined, expected);
+      if (!back.chunks.empty()) {
+        EXPECT_EQ(back.chunks.front().firstBlock, first);
+      }
+    }
   }
 }
 

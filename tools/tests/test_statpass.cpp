@@ -131,11 +131,12 @@ void ExpectClose(double actual, Real expected, double relative, const std::strin
   EXPECT_NEAR(actual, static_cast<double>(expected), tolerance) << what;
 }
 
+// blockBytes 0: the pass that merges in finish order, in batches of 7 rows.
 class StatPassThreaded
-    : public ::testing::TestWithParam<std::tuple<int, unsigned, std::size_t, bool, bool>> {};
+    : public ::testing::TestWithParam<std::tuple<int, std::uint64_t, std::size_t, bool, bool>> {};
 
 TEST_P(StatPassThreaded, AgreesWithTheOracle) {
-  const auto [threads, batchRows, readSize, pairwise, regWeight] = GetParam();
+  const auto [threads, blockBytes, readSize, pairwise, regWeight] = GetParam();
   const DataSet data = MakeData(4242, 300);
   TempFile file(data.text);
   const PassSetup s = MakeSetup(regWeight);
@@ -143,7 +144,9 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   PassOptions options;
   options.pairwise = pairwise;
   options.threads = threads;
-  options.batchRows = batchRows;
+  options.finishOrder = blockBytes == 0;
+  options.batchRows = 7;
+  if (blockBytes != 0) options.blockBytes = blockBytes;
   options.groupCovariance = true;
   const PassResult pass = RunPass(reader, s.layout, s.rules, options);
   const Report report(file.Path(), s.layout, pass, {}, true);
@@ -156,7 +159,7 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
     if (full) complete.push_back(&row);
     if (full && row.group) grouped[*row.group - 1].push_back(&row);
   }
-  EXPECT_EQ(pass.threads, threads);
+  EXPECT_EQ(pass.blockBytes, options.finishOrder ? 0 : options.blockBytes);
   EXPECT_EQ(pass.rows.read, data.rows.size());
   EXPECT_EQ(pass.rows.withoutWeight, data.rows.size() - weighted.size());
   EXPECT_EQ(pass.rows.used, pairwise ? weighted.size() : complete.size());
@@ -225,17 +228,17 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
 
 INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassThreaded,
                          ::testing::Combine(::testing::Values(1, 2, 8),
-                                            ::testing::Values(1u, 7u, 10000u),
+                                            ::testing::Values(0u, 1u, 100u, 1u << 20),
                                             ::testing::Values(64, 1 << 20), ::testing::Bool(),
                                             ::testing::Bool()));
 
 // The first bad line in the file is the one reported, with its line number,
 // however the lines were shared out; bad lines after it do not matter.
 class StatPassErrorThreaded
-    : public ::testing::TestWithParam<std::tuple<int, unsigned, std::size_t>> {};
+    : public ::testing::TestWithParam<std::tuple<int, std::uint64_t, std::size_t>> {};
 
 TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
-  const auto [threads, batchRows, readSize] = GetParam();
+  const auto [threads, blockBytes, readSize] = GetParam();
   std::string text = "a;b\n";
   for (int line = 2; line <= 400; ++line) {
     if (line % 9 == 0) {
@@ -255,7 +258,7 @@ TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
   ChunkReader reader(file.Path(), readSize);
   PassOptions options;
   options.threads = threads;
-  options.batchRows = batchRows;
+  options.blockBytes = blockBytes;
   try {
     RunPass(reader, layout, rules, options);
     ADD_FAILURE() << "no error reported";
@@ -266,7 +269,7 @@ TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
-                         ::testing::Combine(::testing::Values(1, 2, 8), ::testing::Values(1u, 7u),
+                         ::testing::Combine(::testing::Values(1, 2, 8), ::testing::Values(1u, 70u),
                                             ::testing::Values(5, 64, 1 << 20)));
 
 TEST(StatPassError, LastLineWithoutLineEnd) {
@@ -291,7 +294,7 @@ TEST(StatPassError, LastLineWithoutLineEnd) {
 
 // A pass over `text` and its report, which holds on to the pass.
 struct Reported {
-  Reported(const std::string& text, bool pairwise) {
+  Reported(const std::string& text, bool pairwise, std::uint64_t blockBytes = kDefaultBlockBytes) {
     TempFile file(text);
     CellRules rules;
     rules.missingTexts = {"", "NA"};
@@ -307,7 +310,7 @@ struct Reported {
     PassOptions options;
     options.pairwise = pairwise;
     options.threads = 2;
-    options.batchRows = 2;
+    options.blockBytes = blockBytes;
     pass = RunPass(reader, layout, rules, options);
     report.emplace(file.Path(), layout, pass, std::vector<SkippedColumn>{}, false);
   }
@@ -322,7 +325,8 @@ TEST_P(StatReport, FiguresThatAreNotDefinedAreNaN) {
   const bool pairwise = GetParam();
   // A constant column has its value as mean, sd 0 and no correlation, exactly,
   // whatever rounding the accumulation went through.
-  const Reported constant("a,b\n0.1,1\n0.1,2\n0.1,4\n0.1,4\n0.1,5\n", pairwise);
+  // Blocks of 4 bytes, about one a row: many merges.
+  const Reported constant("a,b\n0.1,1\n0.1,2\n0.1,4\n0.1,4\n0.1,5\n", pairwise, 4);
   const Report& c = *constant.report;
   EXPECT_EQ(c.columns[0].mean, 0.1);
   EXPECT_EQ(c.columns[0].sd, 0.0);

@@ -84,8 +84,9 @@ std::uint32_t Crc32c(std::span<const std::byte> bytes, std::uint32_t crc) {
 
 const char* StateKindName(std::uint16_t kind) {
   static constexpr const char* kNames[] = {
-      "MatrixListwise",  "MatrixPairwise",   "SMatrixListwise",    "NSMatrixListwise",
-      "SMatrixPairwise", "NSMatrixPairwise", "DiscriminantMatrix", "DiscIndividualMatrix"};
+      "MatrixListwise",     "MatrixPairwise",       "SMatrixListwise",
+      "NSMatrixListwise",   "SMatrixPairwise",      "NSMatrixPairwise",
+      "DiscriminantMatrix", "DiscIndividualMatrix", "vorelstat pass"};
   if (kind < 1 || kind > std::size(kNames)) return nullptr;
   return kNames[kind - 1];
 }
@@ -137,6 +138,12 @@ void StateWriter::PutReals(const double* cells, std::size_t n) {
     }
   }
   _at += n * sizeof(double);
+}
+
+void StateWriter::PutBytes(const void* bytes, std::size_t n) {
+  PutInt(n, 8);
+  if (!_bytes.empty() && n != 0) std::memcpy(_bytes.data() + _at, bytes, n);
+  _at += n;
 }
 
 std::vector<std::byte> StateWriter::Finish() {
@@ -270,6 +277,24 @@ void StateReader::Reals(OwnedArray<double>& cells, std::size_t n, bool filled) {
       Real(read[i]);
   }
   cells = std::move(read);
+}
+
+std::span<const std::byte> StateReader::TakeBytes() {
+  const std::uint64_t n = TakeInt(8);
+  CheckRoom(n, 1);
+  const std::span<const std::byte> bytes = _state.subspan(_at, static_cast<std::size_t>(n));
+  _at += static_cast<std::size_t>(n);
+  return bytes;
+}
+
+void StateReader::Text(std::string& text) {
+  const std::span<const std::byte> bytes = TakeBytes();
+  text.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+void StateReader::Blob(std::vector<std::byte>& bytes) {
+  const std::span<const std::byte> taken = TakeBytes();
+  bytes.assign(taken.begin(), taken.end());
 }
 
 void StateReader::Finish() const {

@@ -28,6 +28,7 @@
 #include <memory>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -43,6 +44,9 @@ enum class StateKind : std::uint16_t {
   NSMatrixPairwise = 6,
   DiscriminantMatrix = 7,
   DiscIndividualMatrix = 8,
+  // Not a class of the library: the container in which vorelstat keeps a
+  // pass, whose fields embed states of the kinds above.
+  ToolPass = 9,
 };
 
 // Bits of the header's flags word; the numbers are part of the format.
@@ -90,6 +94,9 @@ class StateWriter {
   void Real(double x) { PutInt(std::bit_cast<std::uint64_t>(x), 8); }
   void Reals(const std::vector<double>& cells, std::size_t n);
   void Reals(const OwnedArray<double>& cells, std::size_t n, bool filled);
+  // A u64 length and as many bytes: a text, or a state embedded in another.
+  void Text(const std::string& text) { PutBytes(text.data(), text.size()); }
+  void Blob(const std::vector<std::byte>& bytes) { PutBytes(bytes.data(), bytes.size()); }
   // n records of a store (a vector of records or of owning pointers to
   // handles), each written by fields(archive, record).
   template <class Store, class Fields>
@@ -109,6 +116,7 @@ class StateWriter {
   StateWriter() = default;
   void PutInt(std::uint64_t value, int bytes);
   void PutReals(const double* cells, std::size_t n);
+  void PutBytes(const void* bytes, std::size_t n);
   static void CheckStoreSize(std::size_t size, std::size_t n);
   template <class T>
   static const auto& RecordOf(const std::unique_ptr<T>& handle) {
@@ -151,6 +159,8 @@ class StateReader {
   void Reals(std::vector<double>& cells, std::size_t n);
   // A table that exists once filled, even with no cells.
   void Reals(OwnedArray<double>& cells, std::size_t n, bool filled);
+  void Text(std::string& text);
+  void Blob(std::vector<std::byte>& bytes);
   template <class Store, class Fields>
   void Records(Store& store, std::size_t n, Fields fields) {
     auto probe = MakeRecord<typename Store::value_type>();
@@ -170,6 +180,8 @@ class StateReader {
 
  private:
   std::uint64_t TakeInt(int bytes);
+  // The bytes behind a u64 length.
+  std::span<const std::byte> TakeBytes();
   // Throws unless n items of `size` bytes each fit into what is left.
   void CheckRoom(std::uint64_t n, std::size_t size) const;
   [[noreturn]] static void FailCount(std::uint64_t value, std::uint64_t limit, std::size_t at);

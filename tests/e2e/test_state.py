@@ -1,0 +1,216 @@
+"""Saved states read back in fresh processes: parts of a file cut on the grid
+merge to the one-pass report byte for byte; yesterday's state and today's file
+give the report over both; damaged or mismatched states are refused with a
+clear error; a state file that fails half way leaves the old one whole."""
+import json
+import os
+import random
+import resource
+import signal
+import subprocess
+import tempfile
+import unittest
+
+from common import BINARY, run
+
+
+def group_label(rng, row, rows):
+    """Labels of every kind (1, 1.0 and +1 one group); "late" and "z" first
+    show in later blocks, so that the order of first appearance is not the
+    sorted one and is decided past the first part."""
+    pick = rng.random()
+    if row > rows // 3 and pick < 0.05:
+        return "late"
+    if row > 3 * rows // 4 and pick < 0.09:
+        return "z"
+    return rng.choice(["north", "1", "2.5", "1.0", "-3", "+1", "south, far"])
+
+
+def write_csv(path, rows, seed):
+    """Values where the order of the sums shows in the last bits; weights of
+    mixed size, whose squares count with analytic weights."""
+    rng = random.Random(seed)
+    with open(path, "w") as out:
+        out.write("big,mixed,tiny,w,g\n")
+        for row in range(rows):
+            big = 2.5e9 + rng.gauss(0, 1e-3)
+            mixed = rng.gauss(0, 1) * (1e8 if rng.random() < 0.1 else 1e-2)
+            tiny = "" if rng.random() < 0.08 else repr(1e-7 + 1e-9 * rng.gauss(0, 1))
+            weight = 0.1 * rng.randint(1, 37)
+            label = group_label(rng, row, rows)
+            label = f'"{label}"' if "," in label else label
+            out.write(f"{big!r},{mixed!r},{tiny},{weight!r},{label}\n")
+
+
+def crc32c(data):
+    crc = 0xFFFFFFFF
+    for b in data:
+        crc ^= b
+        for _ in range(8):
+            crc = (crc >> 1) ^ 0x82F63B78 if crc & 1 else crc >> 1
+    return crc ^ 0xFFFFFFFF
+
+
+def with_checksum(body):
+    return body + crc32c(body).to_bytes(4, "little")
+
+
+def ok(*args, stdin=None):
+    done = subprocess.run([BINARY, *args], input=stdin, capture_output=True, timeout=120)
+    if done.returncode != 0:
+        raise AssertionError(f"{args}: exit {done.returncode}: {done.stderr.decode()}")
+    return done.stdout
+
+
+class States(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-state-")
+        cls.dir = cls.scratch.name
+        cls.csv = cls.path("data.csv")
+        write_csv(cls.csv, 6000, 1)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.scratch.cleanup()
+
+    @classmethod
+    def path(cls, name):
+        return os.path.join(cls.dir, name)
+
+    def save(self, name, *args, source=None, stdin=None):
+        state = self.path(name)
+        ok(source or self.csv, "--block-size", "4k", "--save-state", state, *args, stdin=stdin)
+        return state
+
+    def test_parts_on_the_grid_merge_to_the_one_pass_report(self):
+        with open(self.csv, "rb") as handle:
+            text = handle.read()
+        for shape in (["-w", "w", "-g", "g", "--group-covariance", "--weight-kind", "analytic",
+                       "--group-order", "first", "--ddof", "0"],
+                      ["-p", "-w", "w", "-g", "g", "--weight-kind", "analytic"]):
+            for fmt in ("json", "table"):
+                with self.subTest(shape=shape, format=fmt):
+                    one = ok(self.csv, *shape, "--block-size", "4k", "-j", "2", "-f", fmt)
+                    parts = [
+                        self.save("a.state", *shape, "--blocks", "0:17", "-j", "1"),
+                        # The middle part from a pipe: the report names the
+                        # file of the part that starts at block 0.
+                        self.save("b.state", *shape, "--blocks", "17:40", "-j", "3",
+                                  source="-", stdin=text),
+                        self.save("c.state", *shape, "--blocks", "40:", "-j", "2"),
+                    ]
+                    self.assertEqual(ok("merge", *parts, "-f", fmt), one)
+                    both = self.path("ab.state")
+                    ok("merge", parts[0], parts[1], "--save-state", both)
+                    self.assertEqual(ok("merge", both, parts[2], "-f", fmt), one)
+                    # What is printed is the merge's to choose.
+                    self.assertEqual(ok("merge", *parts, "-f", fmt, "--sections", "groups,pooled"),
+                                     ok(self.csv, *shape, "--block-size", "4k", "-f", fmt,
+                                        "--sections", "groups,pooled"))
+
+    def test_yesterday_and_today(self):
+        today = self.path("today.csv")
+        write_csv(today, 2500, 2)
+        yesterday = self.save("yesterday.state", "-w", "w", "-g", "g")
+        today_state = self.save("today.state", "-w", "w", "-g", "g", source=today)
+        both = self.path("both.state")
+        merged = json.loads(ok("merge", yesterday, today_state, "-f", "json", "--save-state", both))
+        self.assertEqual(json.loads(ok("merge", both, "-f", "json")), merged)
+        # Against one pass over both days' rows: exact where the figures are
+        # exact, up to rounding elsewhere.
+        joined = self.path("joined.csv")
+        with open(joined, "w") as out, open(self.csv) as first, open(today) as second:
+            out.write(first.read())
+            out.write("".join(second.readlines()[1:]))
+        one = json.loads(ok(joined, "-w", "w", "-g", "g", "--block-size", "4k", "-f", "json"))
+        self.assertEqual(merged["rows"], one["rows"])
+        for got, want in zip(merged["columns"], one["columns"]):
+            self.assertEqual((got["n"], got["min"], got["max"], got["weight"]),
+                             (want["n"], want["min"], want["max"], want["weight"]))
+            self.assertAlmostEqual(got["mean"] / want["mean"], 1.0, delta=1e-14)
+            # The spread of a column far from zero keeps fewer digits: the
+            # rounding grows with the distance over the spread.
+            tolerance = 1e-13 * max(1.0, abs(want["mean"]) / want["sd"])
+            self.assertAlmostEqual(got["sd"] / want["sd"], 1.0, delta=tolerance)
+
+    def refused(self, args, code, says):
+        done = run(*args)
+        self.assertEqual(done.returncode, code, done.stderr)
+        self.assertEqual(done.stdout, "")
+        self.assertIn(says, done.stderr)
+
+    def test_damaged_states_are_refused(self):
+        good = self.save("good.state", "-w", "w", "-g", "g")
+        with open(good, "rb") as handle:
+            data = handle.read()
+        kind = bytearray(data[:-4])
+        kind[10:12] = (1).to_bytes(2, "little")  # a MatrixListwise, checksum and all
+        cases = {
+            "truncated.state": (data[: len(data) // 2], "truncated"),
+            "flipped.state": (data[:100] + bytes([data[100] ^ 4]) + data[101:], "checksum mismatch"),
+            "kind.state": (with_checksum(bytes(kind)), "holds a MatrixListwise, not a vorelstat pass"),
+            # The layout before the options and labels were kept.
+            "layout.state": (with_checksum(data[:24] + (1).to_bytes(4, "little") + data[28:-4]),
+                             "the layout of the vorelstat state is 1, outside 2 to 2"),
+            "text.state": (b"big,mixed\n1,2\n" * 4, "not a vorel state (wrong magic bytes)"),
+        }
+        for name, (content, says) in cases.items():
+            with self.subTest(name):
+                path = self.path(name)
+                with open(path, "wb") as out:
+                    out.write(content)
+                self.refused(["merge", good, path], 1, f"{path}: not a usable vorelstat state: ")
+                self.refused(["merge", path], 1, says)
+        self.refused(["merge", self.path("missing.state")], 2, "missing.state")
+
+    def test_states_of_other_columns_or_options_are_refused(self):
+        columns = ["-c", "big,mixed,tiny"]
+        base = self.save("base.state", *columns, "-w", "w", "-g", "g")
+        cases = [
+            (["-w", "w"], "group column: g against (none)"),
+            (["-w", "w", "-g", "g", "-p"], "deletion: listwise against pairwise"),
+            (["-w", "w", "-g", "g", "-c", "big,tiny"], "value columns: big,mixed,tiny against big,tiny"),
+            (["-g", "g"], "weight column: w against (none)"),
+            (["-w", "w", "-g", "g", "--missing-code", "-99"], "missing code: "),
+            (["-w", "w", "-g", "g", "--weight-kind", "analytic"],
+             "--weight-kind: frequency against analytic"),
+            (["-w", "w", "-g", "g", "--ddof", "0"], "--ddof: 1 against 0"),
+            (["-w", "w", "-g", "g", "--group-order", "first"], "--group-order: sorted against first"),
+            (["-w", "w", "-g", "g", "--max-groups", "50"], "--max-groups: 100000 against 50"),
+            (["-w", "w", "-g", "g", "--missing-text", "empty,NA"], "missing texts: "),
+        ]
+        for args, says in cases:
+            with self.subTest(args=args):
+                named = args if "-c" in args else columns + args
+                other = self.save("other.state", *named)
+                self.refused(["merge", base, other], 2,
+                             f"{other} does not fit the states before it: {says}")
+        other = self.path("grid.state")
+        ok(self.csv, *columns, "-w", "w", "-g", "g", "--block-size", "8k", "--save-state", other)
+        self.refused(["merge", base, other], 2, "block size: 4096 against 8192")
+
+    def test_a_write_that_fails_half_way_leaves_the_old_state(self):
+        state = self.save("kept.state", "-w", "w", "-g", "g", "--group-covariance")
+        with open(state, "rb") as handle:
+            before = handle.read()
+        self.assertGreater(len(before), 2000)
+
+        def small_files():
+            # Writes past 1000 bytes fail with EFBIG instead of killing the process.
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000))
+
+        done = subprocess.run([BINARY, self.csv, "-p", "--save-state", state], capture_output=True,
+                              text=True, timeout=120, preexec_fn=small_files)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertIn(state, done.stderr)
+        self.assertEqual(done.stdout, "", "no report when the state could not be kept")
+        with open(state, "rb") as handle:
+            self.assertEqual(handle.read(), before)
+        leftovers = [name for name in os.listdir(self.dir) if name.startswith("kept.state.")]
+        self.assertEqual(leftovers, [])
+
+
+if __name__ == "__main__":
+    unittest.main()
