@@ -57,20 +57,16 @@ struct Reference {
   bool sane = true;       // every value and weight well inside the range of a double
 };
 
-// The data lines after the header, as the reader finds them.
-std::vector<std::string_view> DataLines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  bool header = false;
+// The text after the header, the first line that is not blank, as the reader finds it.
+std::string_view Body(std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size());
     std::string_view line = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (line.empty()) continue;
-    if (header) lines.push_back(line);
-    header = true;
+    if (!line.empty()) break;
   }
-  return lines;
+  return text;
 }
 
 Reference Gather(std::string_view text, const ToolRun& run, const CellRules& rules, bool pairwise) {
@@ -78,8 +74,13 @@ Reference Gather(std::string_view text, const ToolRun& run, const CellRules& rul
   RowParser parser(run.layout, rules);
   ParsedRow parsed;
   LineError error;
-  for (std::string_view line : DataLines(text)) {
-    Check(parser.Parse(line, parsed, error), "a line the run accepted does not parse");
+  const std::string_view body = Body(text);
+  const char* end = body.data() + body.size();
+  RecordEnd record;
+  for (const char* p = body.data(); p != end; p = record.next) {
+    Check(parser.ParseRecord(p, end, parsed, error, record),
+          "a record the run accepted does not parse");
+    if (record.blank) continue;
     Check(parsed.texts.empty(), "text left in a column the run kept");
     ++ref.read;
     if (parsed.weightMissing) {

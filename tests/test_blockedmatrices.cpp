@@ -14,11 +14,10 @@
 
 #include <cmath>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "discriminant_support.h"
-#include "kernels/crossproducts.h"
+#include "kernel_levels.h"
 #include "listwise_block_reference.h"
 #include "pairwise_reference.h"
 #include "table_support.h"
@@ -55,18 +54,7 @@ Table WideRows(int p, std::size_t n, unsigned seed) {
   return t;
 }
 
-std::string LevelName(const ::testing::TestParamInfo<KernelLevel>& level) {
-  return KernelLevelName(level.param);
-}
-
-class BlockedMatrices : public ::testing::TestWithParam<KernelLevel> {
- protected:
-  void SetUp() override {
-    if (!SetKernelLevel(GetParam()))
-      GTEST_SKIP() << "this CPU (or build) has no " << KernelLevelName(GetParam()) << " kernels";
-  }
-  void TearDown() override { SetKernelLevel(BestKernelLevel()); }
-};
+class BlockedMatrices : public testing::AtEveryKernelLevel {};
 
 // The whole table, a symmetric block that leaves a column on either side, and
 // a rectangle split off the vector boundaries.
@@ -148,10 +136,7 @@ TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Levels, BlockedMatrices,
-                         ::testing::Values(KernelLevel::Plain, KernelLevel::Avx2,
-                                           KernelLevel::Avx512),
-                         LevelName);
+VOREL_AT_EVERY_KERNEL_LEVEL(BlockedMatrices);
 
 }  // namespace
 }  // namespace vorel

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <bit>
 #include <cstdint>
-#include <numeric>
 #include <random>
 #include <utility>
 #include <vector>
@@ -27,40 +26,6 @@ constexpr std::size_t kBlockRows = 23;
 const Table& Rows() {
   static const Table t = OrderSensitiveTable(2026, 44 * kBlockRows + 13);
   return t;
-}
-
-template <class R>
-class BlockTreeOrder : public ::testing::Test {};
-TYPED_TEST_SUITE(BlockTreeOrder, ResultTypes);
-
-// Blocks handed to the tree in shuffled orders give the bits of the tree as
-// written out; merging them in arrival order, as Driver's workers do, does not.
-TYPED_TEST(BlockTreeOrder, AnyArrivalOrderGivesTheTreeBits) {
-  using R = TypeParam;
-  const Grid grid{Rows(), kBlockRows};
-  const State reference = TreeReference<R>(grid);
-  std::vector<std::uint64_t> order(grid.Blocks());
-  std::iota(order.begin(), order.end(), 0);
-  std::vector<State> arrivalStates;
-  for (unsigned trial = 0; trial < 6; ++trial) {
-    SCOPED_TRACE(::testing::Message() << "order " << trial);
-    if (trial == 1) std::reverse(order.begin(), order.end());
-    if (trial > 1) std::shuffle(order.begin(), order.end(), std::mt19937(trial));
-    BlockTree<R> tree(Fresh<R>);
-    for (std::size_t i = 0; i < order.size(); ++i)
-      tree.NextBlock();
-    R arrival = Fresh<R>();
-    for (const std::uint64_t block : order) {
-      R reduced = ReduceBlock<R>(grid, block);
-      arrival += reduced;
-      tree.AddBlock(block, ReduceBlock<R>(grid, block));
-    }
-    EXPECT_TRUE(SameState(StateOf(tree.Finish()), reference));
-    arrivalStates.push_back(StateOf(arrival));
-  }
-  EXPECT_NE(std::count(arrivalStates.begin(), arrivalStates.end(), arrivalStates[0]),
-            std::ssize(arrivalStates))
-      << "the data do not show the order of the merges";
 }
 
 // The level and index of each node, in block order.
@@ -136,8 +101,9 @@ template <class R>
 class BlockForestSplit : public ::testing::Test {};
 TYPED_TEST_SUITE(BlockForestSplit, ResultTypes);
 
-// Parts cut on the block grid, reduced apart and combined in any order, make
-// the forest and the bits of one pass.
+// Parts cut on the block grid, reduced apart with their blocks in any order
+// and combined in any order, make the forest and the bits of one pass (one
+// part of every block is a whole pass in a shuffled order).
 TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};

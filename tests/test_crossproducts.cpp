@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kernel_levels.h"
 #include "kernels/columnkernels.h"
 #include "kernels/crossproducts.h"
 #include "pairwise_reference.h"
@@ -16,10 +17,15 @@ namespace vorel::internal {
 namespace {
 
 using testing::SameBits;
+using testing::pairwise::PairFields;
+using testing::pairwise::RefInit;
+using testing::pairwise::SameFields;
+using testing::pairwise::VarFields;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kSentinel = -12345.5;  // cells beyond the rows, never to be touched
+constexpr double kCode = -99.0;         // the missing code of the masked pair tests
 
 // Columns of a block as a batch holds them: stride above n, sentinels between.
 struct Block {
@@ -130,15 +136,7 @@ void ExpectRectangle(CrossProductJob job, Column column, int split, int p, const
   EXPECT_TRUE(SameCells(diag, wantDiag)) << "split " << split;
 }
 
-// Every level is forced in turn; a level the CPU lacks is skipped, and says so.
-class AtEveryLevel : public ::testing::TestWithParam<KernelLevel> {
- protected:
-  void SetUp() override {
-    if (!SetKernelLevel(GetParam()))
-      GTEST_SKIP() << "this CPU (or build) has no " << KernelLevelName(GetParam()) << " kernels";
-  }
-  void TearDown() override { SetKernelLevel(BestKernelLevel()); }
-};
+class AtEveryLevel : public testing::AtEveryKernelLevel {};
 
 // Shapes around the tile edges (4, 6, 8, 12, 16 columns), the four-column
 // packing, the chunk (a few thousand rows at small widths), and tiny cases.
@@ -204,64 +202,74 @@ TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
   }
 }
 
-// Columns named one by one, in any order, centred in the kernel's copies only
-// (the columns stay), and a block centred in place (the batch then holds the
-// centred cells, and nothing past the rows changed): the products are those
-// of the centred columns either way.
-TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
+// Calls body(shape, block, weights or null) for every shape, unweighted and
+// weighted, on a random block with specials and random weights drawn with
+// the seed seedOf(shape) + weighted.
+template <class Body>
+void ForEachShapeAndWeighting(unsigned (*seedOf)(Shape), Body body) {
   for (const Shape s : kShapes) {
     for (bool weighted : {false, true}) {
-      const unsigned seed = static_cast<unsigned>(s.p * 577 + s.n + weighted);
+      const unsigned seed = seedOf(s) + weighted;
       SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
                                         << (weighted ? ", weighted" : ""));
       std::mt19937_64 rng(seed);
       Block b = RandomBlock(rng, s.p, s.n, true);
       const std::vector<double> w = RandomWeights(rng, s.n);
-      const double* wp = weighted ? w.data() : nullptr;
-      // Every other column of the block, last first.
-      std::vector<double*> list;
-      std::vector<double> means;
-      for (int j = s.p - 1; j >= 0; j -= 2) {
-        list.push_back(b.Column(j));
-        means.push_back(0.25 * j - 2.0);
-      }
-      const int m = static_cast<int>(list.size());
-      std::vector<std::vector<double>> centred(m);
-      for (int j = 0; j < m; ++j)
-        for (int i = 0; i < s.n; ++i)
-          centred[j].push_back(list[j][i] - means[j]);
-      const auto column = [&](int j) { return centred[j].data(); };
-
-      const Block before = b;
-      CrossProductJob job = Job(ColumnBlock{nullptr, 0, m, list.data()}, wp, s.n, means.data());
-      job.keepColumns = true;
-      std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
-      std::vector<double> got(want.size(), kSentinel);
-      job.triangle = got.data();
-      CrossProducts(job);
-      EXPECT_TRUE(SameCells(got, want));
-      if (m >= 2) {
-        job.triangle = nullptr;
-        ExpectRectangle(job, column, m / 2, m, wp, s.n);
-      }
-      EXPECT_TRUE(SameCells(b.cells, before.cells));
-      // The whole block centred in place.
-      means.resize(static_cast<std::size_t>(s.p));
-      Block shifted = b;
-      for (int j = 0; j < s.p; ++j) {
-        means[j] = 0.37 * j - 1.1;
-        for (int i = 0; i < s.n; ++i)
-          shifted.Column(j)[i] = b.Column(j)[i] - means[j];
-      }
-      want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
-      got.assign(want.size(), kSentinel);
-      job = Job(b.View(), wp, s.n, means.data());
-      job.triangle = got.data();
-      CrossProducts(job);
-      EXPECT_TRUE(SameCells(got, want));
-      EXPECT_TRUE(SameCells(b.cells, shifted.cells));
+      body(s, b, weighted ? w.data() : nullptr);
     }
   }
+}
+
+// Columns named one by one, in any order, centred in the kernel's copies only
+// (the columns stay), and a block centred in place (the batch then holds the
+// centred cells, and nothing past the rows changed): the products are those
+// of the centred columns either way.
+TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 577 + s.n); };
+  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+    // Every other column of the block, last first.
+    std::vector<double*> list;
+    std::vector<double> means;
+    for (int j = s.p - 1; j >= 0; j -= 2) {
+      list.push_back(b.Column(j));
+      means.push_back(0.25 * j - 2.0);
+    }
+    const int m = static_cast<int>(list.size());
+    std::vector<std::vector<double>> centred(m);
+    for (int j = 0; j < m; ++j)
+      for (int i = 0; i < s.n; ++i)
+        centred[j].push_back(list[j][i] - means[j]);
+    const auto column = [&](int j) { return centred[j].data(); };
+
+    const Block before = b;
+    CrossProductJob job = Job(ColumnBlock{nullptr, 0, m, list.data()}, wp, s.n, means.data());
+    job.keepColumns = true;
+    std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
+    std::vector<double> got(want.size(), kSentinel);
+    job.triangle = got.data();
+    CrossProducts(job);
+    EXPECT_TRUE(SameCells(got, want));
+    if (m >= 2) {
+      job.triangle = nullptr;
+      ExpectRectangle(job, column, m / 2, m, wp, s.n);
+    }
+    EXPECT_TRUE(SameCells(b.cells, before.cells));
+    // The whole block centred in place.
+    means.resize(static_cast<std::size_t>(s.p));
+    Block shifted = b;
+    for (int j = 0; j < s.p; ++j) {
+      means[j] = 0.37 * j - 1.1;
+      for (int i = 0; i < s.n; ++i)
+        shifted.Column(j)[i] = b.Column(j)[i] - means[j];
+    }
+    want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
+    got.assign(want.size(), kSentinel);
+    job = Job(b.View(), wp, s.n, means.data());
+    job.triangle = got.data();
+    CrossProducts(job);
+    EXPECT_TRUE(SameCells(got, want));
+    EXPECT_TRUE(SameCells(b.cells, shifted.cells));
+  });
 }
 
 std::vector<double> Fields(const PairFigures& f) {
@@ -272,6 +280,22 @@ std::vector<double> Fields(const ColumnFigures& f) {
   return {f.nRows, f.weightSum, f.regWeightSum, f.mean, f.css};
 }
 
+// A masked job over n rows with weights w and regression weights rw (either
+// may be null), their products kept in `combined`; no columns or outputs yet.
+MaskedPairsJob MaskedJob(const double* w, const double* rw, std::vector<double>& combined,
+                         double code, int n) {
+  combined.clear();
+  for (int i = 0; i < n; ++i)
+    combined.push_back(w && rw ? w[i] * rw[i] : w ? w[i] : rw ? rw[i] : 0.0);
+  MaskedPairsJob job;
+  job.weights = w;
+  job.combined = w || rw ? combined.data() : nullptr;
+  job.hasRegWeights = rw != nullptr;
+  job.missingCode = code;
+  job.nRows = n;
+  return job;
+}
+
 // Pairs side by side in masked lanes, and columns alone, against the per-pair
 // reduction: every weighting, runs at the start of the kept cells, a column
 // missing throughout, NaN cells, and a NaN missing code. Cells missing
@@ -279,11 +303,6 @@ std::vector<double> Fields(const ColumnFigures& f) {
 // the pairs of two complete columns (and such columns) left to the caller,
 // who then finds them untouched.
 TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
-  using testing::pairwise::PairFields;
-  using testing::pairwise::RefInit;
-  using testing::pairwise::SameFields;
-  using testing::pairwise::VarFields;
-  constexpr double kCode = -99.0;
   const PairFigures untouchedPair{kSentinel, kSentinel, kSentinel, kSentinel,
                                   kSentinel, kSentinel, kSentinel, kSentinel};
   const ColumnFigures untouchedColumn{kSentinel, kSentinel, kSentinel, kSentinel, kSentinel};
@@ -313,8 +332,6 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
         const double* wp = weighting & 1 ? w.data() : nullptr;
         const double* rwp = weighting & 2 ? rw.data() : nullptr;
         std::vector<double> combined;
-        for (int i = 0; i < s.n; ++i)
-          combined.push_back(wp && rwp ? w[i] * rw[i] : wp ? w[i] : rwp ? rw[i] : 0.0);
         // What the job gives for a pair (or a column, c == d), or leaves to
         // the caller untouched: with a NaN code no cell is missing.
         const auto leftOut = [&](bool completePairs, double code, int c, int d) {
@@ -333,13 +350,8 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
 
         for (const double code : {kCode, kNaN}) {
           for (const bool completePairs : {true, false}) {
-            MaskedPairsJob job;
+            MaskedPairsJob job = MaskedJob(wp, rwp, combined, code, s.n);
             job.first = b.View();
-            job.weights = wp;
-            job.combined = (wp || rwp) ? combined.data() : nullptr;
-            job.hasRegWeights = rwp != nullptr;
-            job.missingCode = code;
-            job.nRows = s.n;
             job.completePairs = completePairs;
             std::vector<PairFigures> got(static_cast<std::size_t>(s.p) * (s.p - 1) / 2,
                                          untouchedPair);
@@ -386,60 +398,123 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
   }
 }
 
-// The column pass against StableMean, MinValue and MaxValue, which the column
-// kernel tests hold to the plain loops.
-TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
-  for (const Shape s : kShapes) {
-    for (bool weighted : {false, true}) {
-      const unsigned seed = static_cast<unsigned>(s.p * 3 + s.n * 11 + weighted);
-      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
-                                        << (weighted ? ", weighted" : ""));
-      std::mt19937_64 rng(seed);
-      Block b = RandomBlock(rng, s.p, s.n, true);
-      const std::vector<double> w = RandomWeights(rng, s.n);
-      const double* wp = weighted ? w.data() : nullptr;
-      // Columns that start with runs of every length, a constant one, one that
-      // starts with NaN, one of zeros of both signs, one with its maximum at
-      // zero after negative values.
-      for (int j = 0; j < s.p; ++j)
-        for (int i = 0; i < s.n; ++i) {
-          double& x = b.Column(j)[i];
-          const double zero = i * 7919 % 5 == 1 ? 0.0 : -0.0;
-          if (j % 6 == 0 && i <= j) x = 2.5;
-          if (j % 6 == 2) x = -7.25;
-          if (j % 6 == 3 && i == 0) x = kNaN;
-          if (j % 6 == 4) x = zero;
-          if (j % 6 == 5) x = i % 3 == 2 ? zero : -std::abs(x) - 1.0;
-        }
-      const double total = weighted ? SumValues(wp, s.n) : s.n;
-      std::vector<double> means(s.p, kSentinel), mins(s.p, kSentinel), maxs(s.p, kSentinel);
-      const Block before = b;
-      ColumnPass(b.View(), wp, total, s.n, means.data(), mins.data(), maxs.data());
-      for (int j = 0; j < s.p; ++j) {
-        const double* x = b.Column(j);
-        EXPECT_TRUE(SameBits(means[j], StableMean(x, wp, &total, s.n))) << j;
-        EXPECT_TRUE(SameBits(mins[j], MinValue(x, s.n))) << j;
-        EXPECT_TRUE(SameBits(maxs[j], MaxValue(x, s.n))) << j;
-      }
-      EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
-      std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
-      ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
-      EXPECT_TRUE(SameCells(only, means));
-      std::vector<double*> list;  // the columns named one by one
-      for (int j = 0; j < s.p; ++j)
-        list.push_back(b.Column(j));
-      only.assign(s.p, kSentinel);
-      ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
-                 nullptr);
-      EXPECT_TRUE(SameCells(only, means));
+// The masked pair kernel over several chunks of rows, where a lane's state
+// has to carry from one chunk to the next: first kept rows late in the batch,
+// leading runs of one value that outlast a chunk or never end, a column
+// missing throughout, NaN cells; every weighting. 40 columns make several
+// blocks of lanes at every level, 3000 rows several chunks at this width.
+// Column j by its kind (j % 8); every kind but the missing one also loses 5 %
+// of its cells at random, so that the first variables skip rows too.
+std::vector<std::vector<double>> ChunkColumns(std::mt19937_64& rng, int p, int n, double code) {
+  std::uniform_real_distribution<double> value(-50.0, 50.0);
+  std::vector<std::vector<double>> cols(p, std::vector<double>(n));
+  for (int j = 0; j < p; ++j)
+    for (int i = 0; i < n; ++i) {
+      double& x = cols[j][i];
+      x = value(rng);
+      if (j % 8 == 0 && i < 1100) x = code;   // nothing before row 1100
+      if (j % 8 == 1 && i < 1500) x = 2.5;    // a leading run past the first chunks
+      if (j % 8 == 2) x = 4.0;                // one value throughout: the run never ends
+      if (j % 8 == 3 && i < n - 3) x = code;  // only the last three rows
+      if (j == 4) x = code;                   // missing throughout
+      if (j % 8 == 4 && i == 2000) x = kNaN;  // a NaN cell
+      if (rng() % 20 == 0) x = code;
     }
+  return cols;
+}
+
+TEST_P(AtEveryLevel, MaskedPairsAcrossChunks) {
+  constexpr int p = 40, n = 3000;
+  for (int weighting = 0; weighting < 4; ++weighting) {
+    SCOPED_TRACE(::testing::Message() << "weighting " << weighting);
+    std::mt19937_64 rng(0x5eed + weighting);
+    std::vector<std::vector<double>> cols = ChunkColumns(rng, p, n, kCode);
+    std::uniform_real_distribution<double> weight(0.1, 3.0);
+    std::vector<double> w(n), rw(n), combined;
+    for (int i = 0; i < n; ++i) {
+      w[i] = weight(rng);
+      rw[i] = weight(rng);
+    }
+    const double* wp = weighting & 1 ? w.data() : nullptr;
+    const double* rwp = weighting & 2 ? rw.data() : nullptr;
+    std::vector<double*> all, odd, even;
+    for (auto& c : cols)
+      all.push_back(c.data());
+    for (int j = 0; j < p; ++j)
+      (j % 2 ? odd : even).push_back(all[j]);
+    const auto want = [&](int c, int d) { return RefInit(all[c], all[d], wp, rwp, kCode, n); };
+
+    // The triangle with the columns' own figures.
+    MaskedPairsJob job = MaskedJob(wp, rwp, combined, kCode, n);
+    job.first = ColumnBlock{nullptr, 0, p, all.data()};
+    std::vector<PairFigures> got(p * (p - 1) / 2);
+    std::vector<ColumnFigures> own(p);
+    job.out = got.data();
+    job.columns = own.data();
+    MaskedPairs(job);
+    for (int c = 0, k = 0; c < p; ++c) {
+      EXPECT_PRED2(SameFields, Fields(own[c]), VarFields(want(c, c))) << c;
+      for (int d = 0; d < c; ++d, ++k)
+        EXPECT_PRED2(SameFields, Fields(got[k]), PairFields(want(c, d))) << c << "," << d;
+    }
+    // A rectangle: the odd columns against the even ones.
+    job.triangle = false;
+    job.first = ColumnBlock{nullptr, 0, p / 2, odd.data()};
+    job.second = ColumnBlock{nullptr, 0, p / 2, even.data()};
+    job.columns = nullptr;
+    got.assign(p * p / 4, PairFigures{});
+    job.out = got.data();
+    MaskedPairs(job);
+    for (int r = 0, k = 0; r < p / 2; ++r)
+      for (int c = 0; c < p / 2; ++c, ++k)
+        EXPECT_PRED2(SameFields, Fields(got[k]), PairFields(want(2 * r + 1, 2 * c)))
+            << 2 * r + 1 << "," << 2 * c;
   }
 }
 
-std::string LevelName(const ::testing::TestParamInfo<KernelLevel>& level) {
-  return KernelLevelName(level.param);
+// The column pass against StableMean, MinValue and MaxValue, which the column
+// kernel tests hold to the plain loops.
+TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 3 + s.n * 11); };
+  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+    // Columns that start with runs of every length, a constant one, one that
+    // starts with NaN, one of zeros of both signs, one with its maximum at
+    // zero after negative values.
+    for (int j = 0; j < s.p; ++j)
+      for (int i = 0; i < s.n; ++i) {
+        double& x = b.Column(j)[i];
+        const double zero = i * 7919 % 5 == 1 ? 0.0 : -0.0;
+        if (j % 6 == 0 && i <= j) x = 2.5;
+        if (j % 6 == 2) x = -7.25;
+        if (j % 6 == 3 && i == 0) x = kNaN;
+        if (j % 6 == 4) x = zero;
+        if (j % 6 == 5) x = i % 3 == 2 ? zero : -std::abs(x) - 1.0;
+      }
+    const double total = wp != nullptr ? SumValues(wp, s.n) : s.n;
+    std::vector<double> means(s.p, kSentinel), mins(s.p, kSentinel), maxs(s.p, kSentinel);
+    const Block before = b;
+    ColumnPass(b.View(), wp, total, s.n, means.data(), mins.data(), maxs.data());
+    for (int j = 0; j < s.p; ++j) {
+      const double* x = b.Column(j);
+      EXPECT_TRUE(SameBits(means[j], StableMean(x, wp, &total, s.n))) << j;
+      EXPECT_TRUE(SameBits(mins[j], MinValue(x, s.n))) << j;
+      EXPECT_TRUE(SameBits(maxs[j], MaxValue(x, s.n))) << j;
+    }
+    EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
+    std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
+    ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
+    EXPECT_TRUE(SameCells(only, means));
+    std::vector<double*> list;  // the columns named one by one
+    for (int j = 0; j < s.p; ++j)
+      list.push_back(b.Column(j));
+    only.assign(s.p, kSentinel);
+    ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
+               nullptr);
+    EXPECT_TRUE(SameCells(only, means));
+  });
 }
-INSTANTIATE_TEST_SUITE_P(Levels, AtEveryLevel, ::testing::ValuesIn(KernelLevels()), LevelName);
+
+VOREL_AT_EVERY_KERNEL_LEVEL(AtEveryLevel);
 
 TEST(KernelDispatch, LevelsCanBeForcedOnlyWhenSupported) {
   EXPECT_TRUE(KernelLevelSupported(KernelLevel::Plain));

@@ -149,14 +149,6 @@ TYPED_TEST(Batches, CopiesAreDeepAndMovesHandOver) {
 }
 
 TEST(DataBatch, RowsLandColumnMajorWithWeightsAndGroups) {
-  DataBatch plain(3, 5, nullptr, nullptr, nullptr);
-  EXPECT_EQ(plain.NColumns(), 3u);
-  EXPECT_FALSE(plain.HasWeights() || plain.HasRegWeights());
-  EXPECT_TRUE(plain.Weights() == nullptr && plain.RegWeights() == nullptr
-              && plain.Groups() == nullptr);
-  // Columns lie one capacity apart whatever the number of rows held.
-  EXPECT_EQ(plain.Column(2) - plain.Column(0), 10);
-
   double weight = 0, regWeight = 0;
   unsigned group = 0;
   // Nine columns: two four-cell turns and a remainder of one.

@@ -128,11 +128,6 @@ MatrixPairwise Accumulated(const Table& t, std::size_t begin, std::size_t end) {
 
 TEST(MatrixPairwise, NewMatrixAndPreconditions) {
   MatrixPairwise m(-99);
-  EXPECT_EQ(m.NRows(), 0u);
-  EXPECT_EQ(m.WeightSum(), 0.0);
-  EXPECT_EQ(m.RegWeightSum(), 0.0);
-  EXPECT_FALSE(m.HasRegWeights());
-  EXPECT_EQ(m.MissingCode(), -99.0);
   EXPECT_VOREL_ASSERT(m.Var(0), "col < NColumns()", kPairwise);
   const Table wide{{{1, 2, 3}}};
   DataBatch batch = MakeBatch(Table{{{1, 2}}}, 0, 1), wideBatch = MakeBatch(wide, 0, 1);

@@ -10,6 +10,7 @@
 
 #include "errors.h"
 #include "inputsource.h"
+#include "textscan.h"
 
 namespace vorelstat {
 
@@ -51,6 +52,10 @@ const char* FindFirst(const char* from, std::size_t count, char c) {
   return count == 0 ? nullptr : static_cast<const char*>(std::memchr(from, c, count));
 }
 
+const char* FindLast(const char* from, std::size_t count, char c) {
+  return count == 0 ? nullptr : static_cast<const char*>(::memrchr(from, c, count));
+}
+
 // The one place that says where a line ends: the first line end in
 // [from, from + count), or null.
 const char* FindLineEnd(const char* from, std::size_t count) {
@@ -82,7 +87,72 @@ constexpr Signature kSignatures[] = {
     {"\xFE\xFF", "UTF-16 text"},
 };
 
+// Whether the quote at `quote` opens a field: only padding lies between it and
+// a delimiter before it, or between it and `segment`, where the field-start
+// state `atSegmentStart` holds.
+bool OpensField(const char* segment, const char* quote, bool atSegmentStart, char delimiter) {
+  const char* k = quote;
+  while (k != segment && IsPadding(k[-1], delimiter))
+    --k;
+  return k == segment ? atSegmentStart : k[-1] == delimiter;
+}
+
+// Carries `state`, the state of the quotes at `p`, over [p, end).
+void AdvanceQuotes(const char* p, const char* end, char delimiter, QuoteState& state) {
+  const auto count = static_cast<std::size_t>(end - p);
+  // Outside quotes and with no quote ahead, only the last line end matters.
+  if (state.where == QuoteState::kOutside && FindFirst(p, count, '"') == nullptr) {
+    if (const char* last = FindLast(p, count, '\n'); last != nullptr) {
+      p = last + 1;
+      state = QuoteState();
+    }
+    state.atFieldStart = OpensField(p, end, state.atFieldStart, delimiter);
+    return;
+  }
+  while (const char* found = NextLineEndOutsideQuotes(p, end, delimiter, state))
+    p = found + 1;
+}
+
 }  // namespace
+
+const char* NextLineEndOutsideQuotes(const char* from, const char* end, char delimiter,
+                                     QuoteState& state, std::uint64_t* lineEndsInQuotes) {
+  const char* p = from;
+  for (;;) {
+    if (state.where == QuoteState::kInsideAfterQuote) {
+      if (p == end) return nullptr;
+      if (*p == '"') {
+        ++p;
+        state.where = QuoteState::kInside;
+      } else {
+        state = {QuoteState::kOutside, false};
+      }
+    }
+    if (state.where == QuoteState::kInside) {
+      const char* quote = FindFirst(p, static_cast<std::size_t>(end - p), '"');
+      const char* stop = quote != nullptr ? quote : end;
+      if (lineEndsInQuotes != nullptr)
+        *lineEndsInQuotes += static_cast<std::uint64_t>(std::count(p, stop, '\n'));
+      if (quote == nullptr) return nullptr;
+      p = quote + 1;
+      state.where = QuoteState::kInsideAfterQuote;
+      continue;
+    }
+    const char* hit = FindEither(p, end, '\n', '"');
+    if (hit == nullptr) {
+      state.atFieldStart = OpensField(p, end, state.atFieldStart, delimiter);
+      return nullptr;
+    }
+    if (*hit == '\n') {
+      state = {};
+      return hit;
+    }
+    state = {OpensField(p, hit, state.atFieldStart, delimiter) ? QuoteState::kInside
+                                                               : QuoteState::kOutside,
+             false};
+    p = hit + 1;
+  }
+}
 
 ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine)
     : _path(path),
@@ -184,9 +254,11 @@ void ChunkReader::CheckStart(std::string_view head) const {
   }
 }
 
-void ChunkReader::LineTooLong(std::uint64_t offset) const {
+void ChunkReader::LineTooLong(std::uint64_t offset, bool quoted) const {
+  // Following quotes, a record runs on to the closing quote.
+  const char* hint = quoted ? " (or a quote is left open there)" : "";
   throw DataError(_path + ": the line at byte " + std::to_string(offset) + " is longer than "
-                  + std::to_string(_maxLine) + " bytes, the limit of --max-line-length");
+                  + std::to_string(_maxLine) + " bytes, the limit of --max-line-length" + hint);
 }
 
 void ChunkReader::ReadHeader() {
@@ -315,6 +387,7 @@ std::uint64_t ChunkReader::LineStartFile(std::uint64_t offset) {
 }
 
 std::uint64_t ChunkReader::LineStartStream(std::uint64_t offset) {
+  if (_quoteDelimiter) return RecordStartStream(offset);
   // _carry holds the input from _handedOut on, which is a line start.
   if (offset <= _handedOut) return _handedOut;
   const std::uint64_t from = offset - 1 - _handedOut;  // where the line end may be, in _carry
@@ -327,9 +400,83 @@ std::uint64_t ChunkReader::LineStartStream(std::uint64_t offset) {
       if (found != nullptr) return _handedOut + end + 1;
     }
     if (_eof) return _handedOut + _carry.Size();
-    const std::uint64_t missing = from + 1 - std::min<std::uint64_t>(from + 1, _carry.Size());
-    ReadMore(_carry, static_cast<std::size_t>(std::max<std::uint64_t>(missing, _readSize)));
+    ReadMore(_carry, BytesToReach(from));
   }
+}
+
+std::size_t ChunkReader::BytesToReach(std::uint64_t at) const {
+  const std::uint64_t missing = at + 1 - std::min<std::uint64_t>(at + 1, _carry.Size());
+  return static_cast<std::size_t>(std::max<std::uint64_t>(missing, _readSize));
+}
+
+void ChunkReader::FollowQuotesTo(std::uint64_t offset) {
+  const char* carry = _carry.Data();
+  AdvanceQuotes(carry + (_quotesAt - _handedOut), carry + (offset - _handedOut), *_quoteDelimiter,
+                _quotes);
+  _quotesAt = offset;
+}
+
+std::uint64_t ChunkReader::RecordStartStream(std::uint64_t offset) {
+  // _carry holds the input from _handedOut on, which is a record start, and
+  // the quotes' state is known at _quotesAt, at or after it.
+  if (offset <= _handedOut) return _handedOut;
+  const std::uint64_t target = offset - 1;  // where the line end may be
+  for (;;) {
+    const std::uint64_t available = _handedOut + _carry.Size();
+    if (_quotesAt < target) FollowQuotesTo(std::min(target, available));
+    if (_quotesAt >= target) {
+      const char* carry = _carry.Data();
+      const char* found = NextLineEndOutsideQuotes(
+          carry + (_quotesAt - _handedOut), carry + _carry.Size(), *_quoteDelimiter, _quotes);
+      _quotesAt =
+          found != nullptr ? _handedOut + static_cast<std::uint64_t>(found - carry) : available;
+      if (_quotesAt - target > _maxLine) LineTooLong(offset, true);
+      if (found != nullptr) return ++_quotesAt;
+    }
+    if (_eof) return available;
+    ReadMore(_carry, BytesToReach(target - _handedOut));
+  }
+}
+
+void ChunkReader::DropBefore(std::uint64_t offset) {
+  while (_handedOut + _carry.Size() + 1 < offset && !_eof) {
+    if (_quoteDelimiter) FollowQuotesTo(_handedOut + _carry.Size());
+    _handedOut += _carry.Size();
+    _carry.Resize(0);
+    ReadMore(_carry,
+             static_cast<std::size_t>(std::min<std::uint64_t>(offset - 1 - _handedOut, _readSize)));
+  }
+}
+
+void ChunkReader::ReadAsStreamFrom(std::uint64_t offset) {
+  if (::lseek(_fd, static_cast<off_t>(offset), SEEK_SET) < 0)
+    throw DataError("cannot read " + _path + ": " + SystemMessage(errno));
+  _source = OpenPlainSource(_fd, _path);
+  _carry.Resize(0);
+  _eof = false;
+}
+
+std::uint64_t ChunkReader::FirstRecordStartFile(std::uint64_t offset) {
+  // Whether a byte lies inside quotes depends on every byte before it.
+  ReadAsStreamFrom(_handedOut);
+  DropBefore(offset);
+  const std::uint64_t start = RecordStartStream(offset);
+  _source.reset();
+  _carry.Resize(0);
+  return start;
+}
+
+void ChunkReader::FollowQuotes(char delimiter) {
+  _quoteDelimiter = delimiter;
+  _quotesAt = _handedOut;
+  _quotes = QuoteState();
+}
+
+void ChunkReader::CutOutsideQuotes(char delimiter) {
+  FollowQuotes(delimiter);
+  _everyCutOutsideQuotes = true;
+  // A regular file is read as a stream from the first byte after the header.
+  if (Seekable()) ReadAsStreamFrom(_handedOut);
 }
 
 void ChunkReader::HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock) {
@@ -343,15 +490,21 @@ void ChunkReader::HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBloc
 }
 
 bool ChunkReader::Next(Chunk& chunk) {
-  if (!Seekable()) return NextFromStream(chunk);
+  if (!Seekable() || _everyCutOutsideQuotes) return NextFromStream(chunk);
   if (!_started) {
-    _handedOut = LineStartFile(Boundary(_nextBlock));
+    const std::uint64_t first = Boundary(_nextBlock);
+    const bool followQuotes = _quoteDelimiter && first > _dataStart && first < *_fileSize;
+    _handedOut = followQuotes ? FirstRecordStartFile(first) : LineStartFile(first);
     _started = true;
   }
   const std::uint64_t endBlock = std::min(ChunkEndBlock(), BlocksUpTo(*_fileSize));
   if (_nextBlock >= endBlock) return false;
-  HandOut(chunk, LineStartFile(Boundary(endBlock)), endBlock);
+  // A first record found by following the quotes may start past the boundary.
+  const std::uint64_t boundary = Boundary(endBlock);
+  const std::uint64_t cut = boundary <= _handedOut ? _handedOut : LineStartFile(boundary);
+  HandOut(chunk, cut, endBlock);
   chunk.loaded = false;
+  chunk.cutGuessed = cut < *_fileSize;
   return true;
 }
 
@@ -365,12 +518,7 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
   if (!_started) {
     // A part that starts further on: the bytes before it are dropped as they come.
     const std::uint64_t first = Boundary(_nextBlock);
-    while (_handedOut + _carry.Size() + 1 < first && !_eof) {
-      _handedOut += _carry.Size();
-      _carry.Resize(0);
-      ReadMore(_carry, static_cast<std::size_t>(
-                           std::min<std::uint64_t>(first - 1 - _handedOut, _readSize)));
-    }
+    DropBefore(first);
     const std::uint64_t start = LineStartStream(first);
     const std::string rest(_carry.View().substr(static_cast<std::size_t>(start - _handedOut)));
     _carry.Assign(rest);
@@ -388,6 +536,7 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
   _carry.Assign(rest);
   HandOut(chunk, cut, endBlock);
   chunk.loaded = true;
+  chunk.cutGuessed = false;
   return true;
 }
 

@@ -27,6 +27,20 @@
 // carriage returns alone.
 // A regular file that reports size 0 (as files under /proc do) is read as a
 // stream.
+//
+// Quoted fields may hold line ends; a record then runs on to the first line
+// end outside quotes, and "line" above means record: a block holds the
+// records that start in it. A regular file is cut at the first line end after
+// a boundary without looking at quotes: the thread that parses the chunk
+// before the cut finds out whether the cut fell inside quotes (its last field
+// is then still open; Chunk::cutGuessed), and the pass is run again with
+// CutOutsideQuotes. Where no cut falls inside quotes, both ways cut at the
+// same record starts, so that the blocks are the same. With CutOutsideQuotes,
+// and for a stream once FollowQuotes is called, the serial stage reads the
+// bytes and follows the quotes from the first byte after the header; a
+// stretch without any quote needs no closer look. A part of a regular file
+// that starts past block 0 follows them likewise up to its first cut, reading
+// the bytes before it once.
 #pragma once
 
 #include <cstddef>
@@ -36,9 +50,16 @@
 #include <string>
 #include <string_view>
 
+#include "errors.h"
 #include "inputsource.h"
 
 namespace vorelstat {
+
+// A pass met a chunk whose guessed cut fell inside quotes; it is to be run
+// again with ChunkReader::CutOutsideQuotes.
+struct CutInsideQuotes : DataError {
+  using DataError::DataError;
+};
 
 // A growable block of chars that is never cleared: reading into it costs no
 // zero fill.
@@ -69,7 +90,26 @@ struct Chunk {
   std::uint64_t firstBlock = 0;
   std::uint64_t endBlock = 0;
   bool loaded = false;  // whether `text` holds the bytes yet
+  // Cut at a line end before the end of the input that may lie inside quotes.
+  bool cutGuessed = false;
 };
+
+// Where a scan of delimited text stands: outside quotes, inside a quoted
+// field, or inside one just after a quote (which closes the field unless a
+// second quote follows). A quote opens a field only at its start, spaces and
+// tabs before it allowed; elsewhere it is text.
+struct QuoteState {
+  enum Where : std::uint8_t { kOutside, kInside, kInsideAfterQuote };
+  Where where = kOutside;
+  bool atFieldStart = true;  // outside: only padding since the last delimiter or line start
+};
+
+// The next line end outside quotes in [from, end), `state` being the state
+// at `from` (a line start: the default). Returns that '\n', or nullptr with
+// `state` then the state at `end`. Adds the line ends passed inside quotes to
+// `lineEndsInQuotes` when it is given.
+const char* NextLineEndOutsideQuotes(const char* from, const char* end, char delimiter,
+                                     QuoteState& state, std::uint64_t* lineEndsInQuotes = nullptr);
 
 class ChunkReader {
  public:
@@ -106,6 +146,14 @@ class ChunkReader {
   // Offset of the first byte after the header: where block 0 starts.
   std::uint64_t DataStart() const { return _dataStart; }
 
+  // Tells the quotes, fields being split at `delimiter`: a stream is cut
+  // only at line ends outside quotes, and so is the first cut of a part of a
+  // regular file. Call it before the first Next.
+  void FollowQuotes(char delimiter);
+  // As FollowQuotes, and every cut of a regular file too, which the serial
+  // stage then reads as a stream.
+  void CutOutsideQuotes(char delimiter);
+
   // The serial stage: cuts the next chunk; false once the input is spent.
   // Throws DataError on a read error.
   bool Next(Chunk& chunk);
@@ -132,6 +180,21 @@ class ChunkReader {
   // The first line start at or after `offset` (the input's end if none).
   std::uint64_t LineStartFile(std::uint64_t offset);
   std::uint64_t LineStartStream(std::uint64_t offset);
+  // As LineStartStream, a line start being a record start: from _quotesAt on,
+  // the quotes are followed up to the first line end outside them.
+  std::uint64_t RecordStartStream(std::uint64_t offset);
+  // Stream input: the bytes to read so that _carry reaches index `at`.
+  std::size_t BytesToReach(std::uint64_t at) const;
+  // Stream input: carries the quotes' state from _quotesAt to `offset`.
+  void FollowQuotesTo(std::uint64_t offset);
+  // Regular file: reads on from `offset` as a stream.
+  void ReadAsStreamFrom(std::uint64_t offset);
+  // Stream input: drops the bytes before the line that holds `offset - 1`,
+  // following the quotes over them when they are told.
+  void DropBefore(std::uint64_t offset);
+  // Regular file, a part that starts past block 0: its first record start,
+  // found by reading the bytes before it as a stream.
+  std::uint64_t FirstRecordStartFile(std::uint64_t offset);
   // The end block of the chunk that starts at the next block.
   std::uint64_t ChunkEndBlock() const;
   void HandOut(Chunk& chunk, std::uint64_t cut, std::uint64_t endBlock);
@@ -140,7 +203,8 @@ class ChunkReader {
   void ReadHeader();
   // Refuses input that is no delimited text, from its first bytes.
   void CheckStart(std::string_view head) const;
-  [[noreturn]] void LineTooLong(std::uint64_t offset) const;
+  // `quoted`: the line holds a quote, which may be one left open.
+  [[noreturn]] void LineTooLong(std::uint64_t offset, bool quoted = false) const;
   bool NextFromStream(Chunk& chunk);
 
   std::string _path;
@@ -157,12 +221,17 @@ class ChunkReader {
   std::uint64_t _blockBytes;
   std::uint64_t _nextBlock = 0;
   std::uint64_t _lastBlock = kNoEnd;
-  bool _started = false;         // the first chunk was cut
-  std::uint64_t _handedOut = 0;  // the next chunk starts here
-  TextBuffer _window;            // regular file: scratch of the cuts and the header
+  bool _started = false;                // the first chunk was cut
+  std::uint64_t _handedOut = 0;         // the next chunk starts here
+  TextBuffer _window;                   // regular file: scratch of the cuts and the header
+  std::optional<char> _quoteDelimiter;  // set by FollowQuotes or CutOutsideQuotes
+  bool _everyCutOutsideQuotes = false;  // set by CutOutsideQuotes
+  // Following the quotes in the serial stage: their state at offset _quotesAt.
+  std::uint64_t _quotesAt = 0;
+  QuoteState _quotes;
   bool _regularFile = false;
   Compression _compression = Compression::kNone;
-  // Stream input only.
+  // Stream input, and a regular file cut outside quotes.
   std::unique_ptr<ByteSource> _source;
   bool _eof = false;
   TextBuffer _carry;  // bytes read but not yet handed out

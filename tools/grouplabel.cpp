@@ -4,6 +4,8 @@
 #include <cmath>
 #include <functional>
 
+#include "numbertext.h"
+
 namespace vorelstat {
 namespace {
 
@@ -21,9 +23,9 @@ bool ReadsWhole(std::string_view cell, long long& value) {
   return ec == std::errc() && ptr == cell.data() + cell.size();
 }
 
-bool ReadsFinite(std::string_view cell, double& value) {
-  const auto [ptr, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), value);
-  return ec == std::errc() && ptr == cell.data() + cell.size() && std::isfinite(value);
+// A number read as the value columns read theirs, with the user's decimal point.
+bool ReadsFinite(std::string_view cell, char decimalPoint, double& value) {
+  return ReadNumberText(cell, decimalPoint, value) == NumberText::kNumber && std::isfinite(value);
 }
 
 // A number of either kind, for the sorted order; long double holds every
@@ -35,7 +37,7 @@ long double NumberOf(GroupLabel::Kind kind, long long whole, double real) {
 
 }  // namespace
 
-void GroupLabel::Read(std::string_view cell) {
+void GroupLabel::Read(std::string_view cell, char decimalPoint) {
   const std::string_view number = WithoutPlus(cell);
   _text.clear();
   if (ReadsWhole(number, _whole)) {
@@ -43,7 +45,7 @@ void GroupLabel::Read(std::string_view cell) {
     return;
   }
   double value = 0.0;
-  if (ReadsFinite(number, value)) {
+  if (ReadsFinite(cell, decimalPoint, value)) {
     if (value == std::trunc(value) && std::fabs(value) <= kExactWhole) {
       _kind = Kind::kWhole;
       _whole = static_cast<long long>(value);

@@ -21,10 +21,10 @@ class GroupLabel {
  public:
   enum class Kind : std::uint8_t { kWhole, kReal, kText };
 
-  // Reads a group cell, trimmed and unquoted. Keeps the text's storage, so
-  // that reading a label per row costs no allocation once the longest label
-  // has been seen.
-  void Read(std::string_view cell);
+  // Reads a group cell, trimmed and unquoted, numbers written with
+  // `decimalPoint` ('.' or ','). Keeps the text's storage, so that reading a
+  // label per row costs no allocation once the longest label has been seen.
+  void Read(std::string_view cell, char decimalPoint = '.');
 
   Kind GetKind() const { return _kind; }
   bool IsWhole() const { return _kind == Kind::kWhole; }

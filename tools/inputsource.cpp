@@ -315,4 +315,8 @@ OpenedSource OpenByteSource(int fd, std::string path, bool readAhead) {
   return opened;
 }
 
+std::unique_ptr<ByteSource> OpenPlainSource(int fd, std::string path) {
+  return std::make_unique<PlainSource>(DescriptorReader(fd, std::move(path)));
+}
+
 }  // namespace vorelstat

@@ -48,5 +48,7 @@ struct OpenedSource {
 // regular file). Does not own `fd`. Throws DataError naming `path` on a read
 // error.
 OpenedSource OpenByteSource(int fd, std::string path, bool readAhead);
+// The bytes of `fd` from where it stands, as they are, whatever they look like.
+std::unique_ptr<ByteSource> OpenPlainSource(int fd, std::string path);
 
 }  // namespace vorelstat

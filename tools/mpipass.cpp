@@ -134,6 +134,7 @@ struct Outcome {
   std::vector<TextColumn> texts;  // columns that turned out to hold text
   std::optional<PassState> state;
   std::uint64_t bytesMoved = 0;  // sent up the subtree to its first rank
+  bool cutInsideQuotes = false;  // the error: a guessed cut fell inside quotes
 
   bool HasBlocks() const {
     return state && !state->inputs.empty()
@@ -153,6 +154,10 @@ Outcome Failure(int code, std::string message) {
 Outcome FailureInFlight() {
   try {
     throw;
+  } catch (const CutInsideQuotes& e) {
+    Outcome failed = Failure(kExitBadData, e.what());
+    failed.cutInsideQuotes = true;
+    return failed;
   } catch (const LineDataError& e) {
     Outcome failed = Failure(kExitBadData, e.before);
     failed.line = e.line;
@@ -181,6 +186,7 @@ std::vector<std::byte> Pack(const Outcome& o) {
   p.Number(o.state ? 1 : 0);
   if (o.state) p.Bytes(SaveState(*o.state));
   p.Number(o.bytesMoved);
+  p.Number(o.cutInsideQuotes ? 1 : 0);
   return p.Take();
 }
 
@@ -197,6 +203,7 @@ Outcome Unpack(std::span<const std::byte> bytes, const std::string& what) {
   o.texts = UnpackTexts(u);
   if (u.Number() != 0) o.state = LoadState(u.Bytes(), what);
   o.bytesMoved = u.Number();
+  o.cutInsideQuotes = u.Number() != 0;
   return o;
 }
 
@@ -241,6 +248,7 @@ struct Decision {
   int code = kExitSuccess;  // else the run failed with this exit code
   std::string message;
   std::vector<TextColumn> texts;  // non-empty: read again without these columns
+  bool cutOutsideQuotes = false;  // read again, cutting only outside quotes
 };
 
 std::vector<std::byte> Pack(const Decision& d) {
@@ -248,6 +256,7 @@ std::vector<std::byte> Pack(const Decision& d) {
   p.Number(static_cast<std::uint64_t>(d.code));
   p.Text(d.message);
   PackTexts(p, d.texts);
+  p.Number(d.cutOutsideQuotes ? 1 : 0);
   return p.Take();
 }
 
@@ -257,6 +266,7 @@ Decision UnpackDecision(std::span<const std::byte> bytes) {
   d.code = static_cast<int>(u.Number());
   d.message = u.Text();
   d.texts = UnpackTexts(u);
+  d.cutOutsideQuotes = u.Number() != 0;
   return d;
 }
 
@@ -397,13 +407,16 @@ class MpiRun {
     Decision decision;
     if (all) decision = Decide(*all);
     decision = UnpackDecision(Broadcast(_rank == 0 ? Pack(decision) : std::vector<std::byte>()));
-    if (_o.exchangeTiming && all && decision.code == kExitSuccess && decision.texts.empty()) {
+    if (_o.exchangeTiming && all && decision.code == kExitSuccess && decision.texts.empty()
+        && !decision.cutOutsideQuotes) {
       const std::chrono::duration<double, std::milli> took =
           std::chrono::steady_clock::now() - start;
       std::cerr << "vorelstat: state exchange: " << all->bytesMoved << " bytes from " << _size - 1
                 << " ranks in " << took.count() << " ms\n";
     }
     if (decision.code != kExitSuccess) throw AgreedFailure{decision.code, decision.message};
+    // Every rank reads again, as RunPasses does after a cut inside quotes.
+    if (decision.cutOutsideQuotes) throw CutInsideQuotes(_o.path);
     if (decision.texts.empty()) _finished = true;
     if (all) _state = std::move(all->state);
     return decision.texts;
@@ -440,7 +453,11 @@ class MpiRun {
   static Decision Decide(const Outcome& all) {
     Decision decision;
     decision.code = all.code;
-    if (all.code != kExitSuccess) {
+    if (all.cutInsideQuotes) {
+      // As in one process: the first error in file order was a wrong guess.
+      decision.code = kExitSuccess;
+      decision.cutOutsideQuotes = true;
+    } else if (all.code != kExitSuccess) {
       decision.message = all.Message();
     } else {
       decision.texts = all.texts;

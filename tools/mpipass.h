@@ -15,7 +15,8 @@
 // tells the others what it sees of the file (header, columns, size) and a rank
 // that sees something else fails; each rank runs its pass; the outcomes go up
 // the tree and rank 0 sends the decision down: done, again without the
-// columns that turned out to hold text, or failed. A rank that fails anywhere
+// columns that turned out to hold text, again cutting only outside quotes (a
+// guessed cut fell inside a quoted field), or failed. A rank that fails anywhere
 // before the decision sends its error up instead of a state, so no rank waits
 // for one that has given up; the error of the first rank in file order wins,
 // and rank 0 prints it, with the line numbered in the whole file. A rank that

@@ -7,7 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "chunkreader.h"
 #include "errors.h"
+#include "numbertext.h"
+#include "textscan.h"
 
 namespace vorelstat {
 namespace {
@@ -22,6 +25,22 @@ std::string_view Trim(std::string_view text) {
   while (!text.empty() && IsSpace(text.back()))
     text.remove_suffix(1);
   return text;
+}
+
+// The text of a quoted field from `q`, just after its opening quote, into
+// `into`, with "" as one quote; returns the position after the closing quote,
+// or nullptr when there is none before `end`.
+const char* Unquote(const char* q, const char* end, std::string& into) {
+  into.clear();
+  for (;;) {
+    const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
+    if (found == nullptr) return nullptr;
+    const char* quote = static_cast<const char*>(found);
+    into.append(q, quote);
+    if (quote + 1 == end || quote[1] != '"') return quote + 1;
+    into.push_back('"');
+    q = quote + 2;
+  }
 }
 
 // Reads the field that starts at p and leaves p at the delimiter after it or
@@ -39,23 +58,10 @@ bool NextField(const char*& p, const char* end, char delimiter, std::string& scr
     p = stop;
     return true;
   }
-  scratch.clear();
-  const char* q = start + 1;
-  for (;;) {
-    const void* found = std::memchr(q, '"', static_cast<std::size_t>(end - q));
-    if (found == nullptr) {
-      problem = "a quoted field has no closing quote (a line end inside quotes is not supported)";
-      return false;
-    }
-    const char* quote = static_cast<const char*>(found);
-    scratch.append(q, quote);
-    if (quote + 1 != end && quote[1] == '"') {
-      scratch.push_back('"');
-      q = quote + 2;
-      continue;
-    }
-    q = quote + 1;
-    break;
+  const char* q = Unquote(start + 1, end, scratch);
+  if (q == nullptr) {
+    problem = "a quoted field has no closing quote";
+    return false;
   }
   while (q != end && IsSpace(*q) && *q != delimiter)
     ++q;
@@ -91,37 +97,15 @@ std::string Quoted(std::string_view text) {
   return "\"" + shown + "\"";
 }
 
-enum class NumberText { kNumber, kNotANumber, kTooLarge };
-
-// A decimal number, "inf" or "infinity". from_chars leaves the value alone
-// when it is out of range; strtod, in the C locale the tool runs in, gives
-// what a number too small rounds to.
-NumberText ParseDouble(std::string_view cell, double& value) {
-  const char* first = cell.data();
-  const char* last = first + cell.size();
-  if (first != last && *first == '+' && last - first > 1 && first[1] != '-') ++first;
-  const auto [ptr, ec] = std::from_chars(first, last, value);
-  if (ptr != last) return NumberText::kNotANumber;
-  if (ec == std::errc()) return std::isnan(value) ? NumberText::kNotANumber : NumberText::kNumber;
-  if (ec != std::errc::result_out_of_range) return NumberText::kNotANumber;
-  const std::string text(first, last);
-  errno = 0;
-  const double rounded = std::strtod(text.c_str(), nullptr);
-  if (std::isinf(rounded)) return NumberText::kTooLarge;
-  value = rounded;
-  return NumberText::kNumber;
-}
-
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Digits, one comma, digits: a number written with a decimal comma.
-bool LooksLikeDecimalComma(std::string_view cell) {
-  const std::size_t comma = cell.find(',');
-  if (comma == std::string_view::npos || comma == 0 || comma + 1 == cell.size()) return false;
-  if (cell.find(',', comma + 1) != std::string_view::npos) return false;
+// Digits, one `point`, digits: a number written with that decimal point.
+bool LooksLikeDecimal(std::string_view cell, char point) {
+  const std::size_t at = cell.find(point);
+  if (at == std::string_view::npos || at == 0 || at + 1 == cell.size()) return false;
+  if (cell.find(point, at + 1) != std::string_view::npos) return false;
   std::string_view digits = cell;
   if (digits.front() == '-' || digits.front() == '+') digits.remove_prefix(1);
-  return std::all_of(digits.begin(), digits.end(), [](char c) { return IsDigit(c) || c == ','; });
+  return std::all_of(digits.begin(), digits.end(),
+                     [point](char c) { return IsDigitChar(c) || c == point; });
 }
 
 std::string JoinNames(const std::vector<std::string>& names) {
@@ -135,11 +119,15 @@ std::string JoinNames(const std::vector<std::string>& names) {
 
 }  // namespace
 
-std::string NotANumber(std::string_view cell) {
+std::string NotANumber(std::string_view cell, char decimalPoint) {
   if (cell.empty()) return "cell is empty, and empty cells do not count as missing";
   std::string message = "cell " + Quoted(cell) + " is not a number";
-  if (LooksLikeDecimalComma(cell)) {
-    message += " (a decimal comma? numbers are read with a decimal point)";
+  if (decimalPoint == '.' && LooksLikeDecimal(cell, ',')) {
+    message +=
+        " (a decimal comma? numbers are read with a decimal point, or with --decimal , with a "
+        "comma)";
+  } else if (decimalPoint == ',' && LooksLikeDecimal(cell, '.')) {
+    message += " (a decimal point? with --decimal , numbers are read with a decimal comma)";
   } else if (cell.size() > 2 && (cell.substr(0, 2) == "0x" || cell.substr(0, 3) == "-0x")) {
     message += " (hexadecimal numbers are not read)";
   } else {
@@ -278,7 +266,9 @@ RowParser::RowParser(const RowLayout& layout, const CellRules& rules)
     : _layout(layout), _rules(rules), _nFields(layout.names.size()) {
   for (const std::string& text : rules.missingTexts) {
     if (!text.empty() && StartsLikeNumber(text.front())) _numericMissingText = true;
+    if (text.empty()) _emptyIsMissing = true;
   }
+  _plainValues = !_numericMissingText;
 }
 
 bool RowParser::IsMissingText(std::string_view cell) const {
@@ -295,7 +285,7 @@ RowParser::CellKind RowParser::ReadNumber(std::string_view cell, double& value) 
   // then the texts need no comparing.
   const bool mayBeText = cell.empty() || _numericMissingText || !StartsLikeNumber(cell.front());
   if (mayBeText && IsMissingText(cell)) return CellKind::kMissing;
-  switch (ParseDouble(cell, value)) {
+  switch (ReadNumberText(cell, _rules.decimalPoint, value)) {
     case NumberText::kNotANumber:
       return CellKind::kBad;
     case NumberText::kTooLarge:
@@ -326,7 +316,7 @@ bool RowParser::CellError(std::size_t field, CellKind kind, std::string_view cel
       break;
     default:
       message = std::string(what) == "cell"
-                    ? NotANumber(cell)
+                    ? NotANumber(cell, _rules.decimalPoint)
                     : std::string(what) + " " + Quoted(cell) + " is not a number";
       break;
   }
@@ -372,7 +362,7 @@ bool RowParser::TakeGroup(std::size_t field, std::string_view cell, ParsedRow& r
     row.groupMissing = true;
     return true;
   }
-  row.group.Read(cell);
+  row.group.Read(cell, _rules.decimalPoint);
   if (!_rules.checkGroupRange) return true;
   if (!row.group.IsWhole()) {
     if (_rules.nonNumericIsMissing) {
@@ -433,15 +423,8 @@ bool RowParser::TakeCell(std::size_t field, std::string_view cell, ParsedRow& ro
   return true;
 }
 
-bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
-  row.values.resize(_layout.NValues());
-  row.nMissing = 0;
-  row.nCoerced = 0;
-  row.weight = 1.0;
-  row.regWeight = 1.0;
-  row.weightMissing = false;
-  row.groupMissing = false;
-  row.texts.clear();
+bool RowParser::ParseLine(std::string_view line, ParsedRow& row, LineError& error) {
+  ResetRow(row);
 
   const char* p = line.data();
   const char* end = p + line.size();
@@ -476,6 +459,184 @@ bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
     return false;
   }
   return ok;
+}
+
+namespace {
+
+// Whether `p` stands at the end of a field: a delimiter, a line end, or the end.
+bool AtFieldEnd(const char* p, const char* end, char delimiter) {
+  if (p == end || *p == delimiter || *p == '\n') return true;
+  return *p == '\r' && (p + 1 == end || p[1] == '\n');
+}
+
+const char* SkipPadding(const char* p, const char* end, char delimiter) {
+  while (p != end && IsPadding(*p, delimiter))
+    ++p;
+  return p;
+}
+
+}  // namespace
+
+void RowParser::ResetRow(ParsedRow& row) const {
+  row.values.resize(_layout.NValues());
+  row.nMissing = 0;
+  row.nCoerced = 0;
+  row.weight = 1.0;
+  row.regWeight = 1.0;
+  row.weightMissing = false;
+  row.groupMissing = false;
+  row.texts.clear();
+}
+
+bool RowParser::Parse(std::string_view line, ParsedRow& row, LineError& error) {
+  const char* end = line.data() + line.size();
+  RecordEnd record;
+  if (ParseFields(line.data(), end, row, error, record) && record.next == end) return true;
+  return ParseLine(line, row, error);
+}
+
+bool RowParser::ParseRecord(const char* p, const char* end, ParsedRow& row, LineError& error,
+                            RecordEnd& record) {
+  record = RecordEnd();
+  const char* lineEnd = p;
+  if (lineEnd != end && *lineEnd == '\r') ++lineEnd;
+  if (lineEnd == end || *lineEnd == '\n') {
+    record.next = lineEnd == end ? end : lineEnd + 1;
+    record.blank = true;
+    return true;
+  }
+  if (ParseFields(p, end, row, error, record)) return true;
+  return Explain(p, end, row, error, record);
+}
+
+RowParser::Cursor RowParser::TakeNumberAt(FieldRole role, std::size_t field, const char*& p,
+                                          const char* end, ParsedRow& row) const {
+  const char delimiter = _layout.delimiter;
+  if (p == end || _numericMissingText || !StartsLikeNumber(*p)) {
+    if (!_emptyIsMissing || !AtFieldEnd(p, end, delimiter)) return Cursor::kElsewhere;
+    TakeMissing(role, field, row);
+    return Cursor::kTaken;
+  }
+  double value = 0.0;
+  const NumberAt at = ReadNumberAt(p, end, _rules.decimalPoint, value);
+  if (at.kind != NumberText::kNumber) return Cursor::kElsewhere;
+  const char* after = SkipPadding(at.end, end, delimiter);
+  if (!AtFieldEnd(after, end, delimiter)) return Cursor::kElsewhere;
+  // The missing code is compared exactly, on purpose.
+  if (value == _rules.missingCode) {
+    if (!_rules.userMissingCode) return Cursor::kElsewhere;
+    TakeMissing(role, field, row);
+  } else if (role == FieldRole::kValue) {
+    row.values[_layout.slots[field]] = value;
+  } else {
+    if (value < 0.0 || std::isinf(value)) return Cursor::kElsewhere;
+    (role == FieldRole::kWeight ? row.weight : row.regWeight) = value;
+  }
+  p = after;
+  return Cursor::kTaken;
+}
+
+bool RowParser::TakePlain(FieldRole role, std::size_t field, double value, ParsedRow& row) const {
+  if (role == FieldRole::kValue) {
+    row.values[_layout.slots[field]] = value;
+    return true;
+  }
+  // A plain decimal is finite; a negative weight needs its error worded.
+  if (value < 0.0) return false;
+  (role == FieldRole::kWeight ? row.weight : row.regWeight) = value;
+  return true;
+}
+
+void RowParser::TakeMissing(FieldRole role, std::size_t field, ParsedRow& row) const {
+  if (role == FieldRole::kValue) {
+    row.values[_layout.slots[field]] = _rules.missingCode;
+    ++row.nMissing;
+  } else {
+    row.weightMissing = true;
+  }
+}
+
+bool RowParser::TakeField(std::size_t field, const char*& p, const char* end, ParsedRow& row,
+                          RecordEnd& record, LineError& error) {
+  const char delimiter = _layout.delimiter;
+  std::string_view cell;
+  if (p != end && *p == '"') {
+    const char* q = Unquote(p + 1, end, _unquoted);
+    if (q == nullptr) return false;
+    record.lineEndsInside += static_cast<std::uint64_t>(std::count(p, q, '\n'));
+    q = SkipPadding(q, end, delimiter);
+    if (!AtFieldEnd(q, end, delimiter)) return false;
+    cell = Trim(_unquoted);
+    p = q;
+  } else {
+    const char* stop = FindEither(p, end, delimiter, '\n');
+    if (stop == nullptr) stop = end;
+    // A carriage return before the line end belongs to the line end.
+    if (stop != p && stop[-1] == '\r' && (stop == end || *stop == '\n')) --stop;
+    cell = Trim(std::string_view(p, static_cast<std::size_t>(stop - p)));
+    p = stop;
+  }
+  return TakeCell(field, cell, row, error);
+}
+
+bool RowParser::ParseFields(const char* p, const char* end, ParsedRow& row, LineError& error,
+                            RecordEnd& record) {
+  ResetRow(row);
+  const char* const start = p;
+  const char delimiter = _layout.delimiter;
+  for (std::size_t field = 0;; ++field) {
+    if (field == _nFields) return false;
+    // The common cell first: a plain decimal in a value or weight column,
+    // right up against its delimiter or line end.
+    const FieldRole role = _layout.roles[field];
+    if (_plainValues && end - p >= plain::kPlainReach && role != FieldRole::kSkip
+        && role != FieldRole::kGroup) {
+      double value = 0.0;
+      const char* after = plain::ReadPlainDecimal(p, _rules.decimalPoint, value);
+      if (after != nullptr && (*after == delimiter || *after == '\n') && value != _rules.missingCode
+          && TakePlain(role, field, value, row)) {
+        p = after;
+        if (*p == delimiter) {
+          ++p;
+          continue;
+        }
+        if (field + 1 != _nFields) return false;
+        record.length = static_cast<std::size_t>(p - start);
+        record.next = p + 1;
+        return true;
+      }
+    }
+    p = SkipPadding(p, end, delimiter);
+    const bool numeric =
+        role == FieldRole::kValue || role == FieldRole::kWeight || role == FieldRole::kRegWeight;
+    if (!numeric || TakeNumberAt(role, field, p, end, row) != Cursor::kTaken) {
+      if (!TakeField(field, p, end, row, record, error)) return false;
+    }
+    if (p != end && *p == delimiter) {
+      ++p;
+      continue;
+    }
+    if (field + 1 != _nFields) return false;
+    record.length = static_cast<std::size_t>(p - start);
+    if (p != end && *p == '\r') ++p;
+    record.next = p == end ? end : p + 1;
+    return true;
+  }
+}
+
+bool RowParser::Explain(const char* p, const char* end, ParsedRow& row, LineError& error,
+                        RecordEnd& record) {
+  QuoteState state;
+  record.lineEndsInside = 0;
+  const char* lineEnd =
+      NextLineEndOutsideQuotes(p, end, _layout.delimiter, state, &record.lineEndsInside);
+  record.next = lineEnd != nullptr ? lineEnd + 1 : end;
+  std::string_view line(p, static_cast<std::size_t>((lineEnd != nullptr ? lineEnd : end) - p));
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  record.length = line.size();
+  const bool parsed = ParseLine(line, row, error);
+  if (!parsed) error.openQuote = lineEnd == nullptr && state.where == QuoteState::kInside;
+  return parsed;
 }
 
 }  // namespace vorelstat

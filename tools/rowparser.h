@@ -1,15 +1,22 @@
 // Parsing of a delimited text line into the numbers of one row.
 //
 // Fields are split at the delimiter. A field that starts with a double quote
-// runs to the closing quote, with "" standing for one quote inside; a line end
-// inside quotes is not supported, since the reader cuts the file at line ends.
-// Spaces and tabs around a field are ignored.
+// runs to the closing quote, with "" standing for one quote inside, line ends
+// included. Spaces and tabs around a field are ignored. A record ends at the
+// first line end outside quotes ("\r\n" or "\n").
+//
+// Rows are read where the cursor stands: a number is converted straight from
+// the text and its end is the field's end, so most cells are looked at once.
+// Anything unusual (quotes, text, missing texts other than the empty cell)
+// takes the field-by-field path, and a record that fails is read again by the
+// plain line parser, which words the error.
 //
 // Every field has one role: analysed value, frequency weight, regression
 // weight, group, or skipped. Cells are read as follows:
 //   - a cell whose text is one of the missing texts is missing;
-//   - otherwise it is read with std::from_chars as a decimal double ("inf"
-//     included, a leading '+' allowed); a value equal to the missing code is
+//   - otherwise it is read as a decimal double with the results of strtod
+//     (numbertext.h: "inf" included, a leading '+' allowed, the decimal point
+//     or the decimal comma the user chose); a value equal to the missing code is
 //     missing too. A number too small for a double reads as what it rounds to
 //     (0 or a subnormal); one too large is an error. "nan" is not a number:
 //     no figure could use it;
@@ -42,6 +49,7 @@ struct CellRules {
   // hold, and a cell that holds it is refused rather than taken as missing.
   bool userMissingCode = true;
   bool nonNumericIsMissing = false;
+  char decimalPoint = '.';  // or ','
   // Whether a group must be a whole number within [groupLo, groupHi].
   bool checkGroupRange = true;
   long long groupLo = 0;
@@ -96,6 +104,15 @@ struct LineError {
   static constexpr std::size_t kWholeLine = static_cast<std::size_t>(-1);
   std::size_t field = kWholeLine;  // 0-based header field, or kWholeLine
   std::string message;
+  bool openQuote = false;  // a quoted field ran to the end of the text
+};
+
+// Where a record ended.
+struct RecordEnd {
+  const char* next = nullptr;        // one past its line end, or the end of the text
+  std::size_t length = 0;            // its bytes without the line end
+  std::uint64_t lineEndsInside = 0;  // line ends inside its quoted fields
+  bool blank = false;                // an empty line: no record at all
 };
 
 // The delimiter that occurs most often in the header outside quotes: comma,
@@ -116,7 +133,7 @@ RowLayout MakeLayout(std::vector<std::string> header, char delimiter, const Colu
                      std::vector<SkippedColumn>* skipped = nullptr);
 
 // The message for a cell that is not a number: the text, and a hint where one helps.
-std::string NotANumber(std::string_view cell);
+std::string NotANumber(std::string_view cell, char decimalPoint = '.');
 
 class RowParser {
  public:
@@ -126,8 +143,35 @@ class RowParser {
   // false with `error` set; `row` is then unspecified.
   bool Parse(std::string_view line, ParsedRow& row, LineError& error);
 
+  // Parses the record that starts at `p` and ends at the first line end
+  // outside quotes or at `end`, and says in `record` where it ended, also
+  // when it fails. A blank line fills no row.
+  bool ParseRecord(const char* p, const char* end, ParsedRow& row, LineError& error,
+                   RecordEnd& record);
+
  private:
   enum class CellKind { kNumber, kMissing, kBad, kOutOfRange, kReserved };
+  enum class Cursor { kTaken, kElsewhere };
+  void ResetRow(ParsedRow& row) const;
+  // A number field read at the cursor: a plain number or an empty missing
+  // cell, leaving `p` at the delimiter or line end after it. Anything else is
+  // kElsewhere, with `p` unmoved.
+  Cursor TakeNumberAt(FieldRole role, std::size_t field, const char*& p, const char* end,
+                      ParsedRow& row) const;
+  // A plain decimal into a value or weight; false for a negative weight.
+  bool TakePlain(FieldRole role, std::size_t field, double value, ParsedRow& row) const;
+  void TakeMissing(FieldRole role, std::size_t field, ParsedRow& row) const;
+  // The fields of a record from `p`, at the cursor; `record` gets its end.
+  // False for anything that needs the error worded.
+  bool ParseFields(const char* p, const char* end, ParsedRow& row, LineError& error,
+                   RecordEnd& record);
+  // A field that the cursor path does not take: quoted, text, or a missing
+  // text. Leaves `p` at the delimiter or line end after it.
+  bool TakeField(std::size_t field, const char*& p, const char* end, ParsedRow& row,
+                 RecordEnd& record, LineError& error);
+  // Reads the record from `p` again with the line parser, for its error.
+  bool Explain(const char* p, const char* end, ParsedRow& row, LineError& error, RecordEnd& record);
+  bool ParseLine(std::string_view line, ParsedRow& row, LineError& error);
   CellKind ReadNumber(std::string_view cell, double& value) const;
   bool CellError(std::size_t field, CellKind kind, std::string_view cell, const char* what,
                  LineError& error) const;
@@ -141,6 +185,8 @@ class RowParser {
   const CellRules& _rules;
   std::size_t _nFields;
   bool _numericMissingText = false;  // a missing text starts like a number
+  bool _emptyIsMissing = false;      // the empty cell is a missing text
+  bool _plainValues = false;         // a plain decimal is never a missing text
   std::string _unquoted;             // scratch for a quoted field
 };
 

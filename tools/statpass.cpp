@@ -33,6 +33,7 @@ struct ChunkLine {
 struct FoundError {
   ChunkLine where;
   LineError error;
+  bool cutInsideQuotes = false;  // quotes still open at a guessed cut: the cut is wrong
 };
 
 // The first text cell of a column, likewise.
@@ -241,26 +242,29 @@ class StatWorker : public vorel::WorkerBase {
         EndBlocksBefore((at - dataStart) / blockBytes);
         blockEnd = dataStart + (_block + 1) * blockBytes;
       }
-      const void* found = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
-      const char* lineEnd = found != nullptr ? static_cast<const char*>(found) : end;
-      std::string_view text(p, static_cast<std::size_t>(lineEnd - p));
-      if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
-      p = lineEnd + 1;
-      if (text.empty()) continue;
       LineError error;
-      if (text.size() > _problem._reader.MaxLine()) {
-        error.message = "the line is longer than " + std::to_string(_problem._reader.MaxLine())
-                        + " bytes, the limit of --max-line-length";
+      RecordEnd record;
+      bool parsed = _parser.ParseRecord(p, end, _row, error, record);
+      const std::uint64_t firstLine = line;
+      line += record.lineEndsInside;
+      p = record.next;
+      if (record.length > _problem._reader.MaxLine()) {
+        error = {LineError::kWholeLine, "the line is longer than "
+                                            + std::to_string(_problem._reader.MaxLine())
+                                            + " bytes, the limit of --max-line-length"};
+        parsed = false;
       }
-      if (!error.message.empty() || !_parser.Parse(text, _row, error)) {
-        _error = FoundError{{_chunk.index, line}, std::move(error)};
+      if (!parsed) {
+        const bool cutInsideQuotes = error.openQuote && _chunk.cutGuessed;
+        _error = FoundError{{_chunk.index, firstLine}, std::move(error), cutInsideQuotes};
         _problem._failed.store(true, std::memory_order_relaxed);
         *_lineCount = line;
         return;
       }
+      if (record.blank) continue;
       for (const TextCell& cell : _row.texts)
-        KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, line}, cell.text});
-      if (!TakeRow({_chunk.index, line}, at)) {
+        KeepEarlier(_texts[cell.slot], FoundText{{_chunk.index, firstLine}, cell.text});
+      if (!TakeRow({_chunk.index, firstLine}, at)) {
         *_lineCount = line;
         return;
       }
@@ -504,6 +508,7 @@ PassResult RunPass(ChunkReader& reader, const RowLayout& layout, const CellRules
   vorel::Driver(&problem, options.threads);
   if (problem._firstError) {
     const FoundError& found = *problem._firstError;
+    if (found.cutInsideQuotes) throw CutInsideQuotes(reader.Path());
     throw LineDataError(reader.Path() + ", line ", problem.LineNumber(found.where),
                         AfterLine(layout, found.error));
   }

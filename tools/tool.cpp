@@ -101,6 +101,10 @@ void DefineOptions(CLI::App& app, Options& o) {
   app.add_option("-d,--delimiter", o.delimiter,
                  "Field delimiter: auto (from the header), ',', ';', tab, or any one character")
       ->capture_default_str();
+  app.add_option("--decimal", o.decimal,
+                 "Decimal point of the numbers: . or , (then the delimiter is not a comma)")
+      ->capture_default_str()
+      ->check(CLI::IsMember({".", ","}));
   app.add_flag("--no-progress", o.noProgress, "Never draw the progress bar");
   app.add_option("--ddof", o.ddof,
                  "Degrees of freedom taken from the weight total in the divisor of variances and "
@@ -206,6 +210,7 @@ CellRules MakeCellRules(const Options& o) {
         "(to count NaN text as missing, give it to --missing-text)");
   }
   rules.nonNumericIsMissing = o.nonNumeric == "missing";
+  rules.decimalPoint = o.decimal.front();
   rules.checkGroupRange = !o.groupRange.empty();
   if (!rules.checkGroupRange) return rules;
   const std::size_t colon = o.groupRange.find(':');
@@ -235,17 +240,19 @@ std::vector<SkippedColumn> TextColumnsAhead(ChunkReader& reader, const RowLayout
                                             const CellRules& rules) {
   std::vector<SkippedColumn> found;
   std::vector<bool> seen(layout.NValues(), false);
+  std::uint64_t lines = 0;
   RowParser parser(layout, rules);
   ParsedRow row;
   LineError error;
-  std::string_view ahead = reader.PeekAhead(kTypingWindow);
-  for (std::uint64_t line = reader.HeaderLine() + 1; !ahead.empty(); ++line) {
-    const std::size_t end = std::min(ahead.find('\n'), ahead.size());
-    std::string_view text = ahead.substr(0, end);
-    ahead.remove_prefix(std::min(end + 1, ahead.size()));
-    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+  const std::string_view ahead = reader.PeekAhead(kTypingWindow);
+  const char* end = ahead.data() + ahead.size();
+  RecordEnd record;
+  for (const char* p = ahead.data(); p != end; p = record.next) {
+    const std::uint64_t line = reader.HeaderLine() + 1 + lines;
     // A line that does not parse is the pass's to report.
-    if (text.empty() || !parser.Parse(text, row, error)) continue;
+    const bool parsed = parser.ParseRecord(p, end, row, error, record);
+    lines += 1 + record.lineEndsInside;
+    if (!parsed || record.blank) continue;
     for (const TextCell& cell : row.texts) {
       if (seen[cell.slot]) continue;
       seen[cell.slot] = true;
@@ -253,6 +260,17 @@ std::vector<SkippedColumn> TextColumnsAhead(ChunkReader& reader, const RowLayout
     }
   }
   return found;
+}
+
+// The delimiter of the pass: the option's, or the header's. A decimal comma
+// rules out the comma, which a header without one gives up for a semicolon.
+char PassDelimiter(char option, const std::string& header, char decimalPoint) {
+  const char delimiter = option != 0 ? option : DetectDelimiter(header);
+  if (decimalPoint != ',' || delimiter != ',') return delimiter;
+  if (option == 0 && header.find(',') == std::string::npos) return ';';
+  throw UsageError(
+      "--decimal , cannot go with ',' as the delimiter: numbers such as 1,5 would "
+      "split in two; give the delimiter with -d (';' as R's write.csv2 writes)");
 }
 
 std::string Megabytes(double bytes) {
@@ -362,10 +380,11 @@ ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
   // Columns of the tool's choice found to hold text; each pass that finds
   // more is run again without them.
   std::vector<SkippedColumn> textColumns;
+  // Whether a pass found a chunk cut inside quotes: the next cuts outside them.
+  bool cutOutsideQuotes = false;
   for (bool looked = false;; looked = true) {
     ChunkReader reader(o.path, o.readSize, o.maxLineLength);
-    const char delimiter =
-        delimiterOption != 0 ? delimiterOption : DetectDelimiter(reader.Header());
+    const char delimiter = PassDelimiter(delimiterOption, reader.Header(), rules.decimalPoint);
     RowLayout layout;
     std::vector<SkippedColumn> skipped;
     try {
@@ -391,7 +410,18 @@ ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
     ProgressBar bar(progress, reader.FileSize());
     PassOptions passOptions = PassOptionsOf(o);
     passOptions.onProgress = [&bar](std::uint64_t bytes) { bar.Update(bytes); };
-    PassResult pass = runPass(reader, layout, rules, passOptions);
+    if (cutOutsideQuotes) {
+      reader.CutOutsideQuotes(delimiter);
+    } else {
+      reader.FollowQuotes(delimiter);
+    }
+    PassResult pass;
+    try {
+      pass = runPass(reader, layout, rules, passOptions);
+    } catch (const CutInsideQuotes&) {
+      cutOutsideQuotes = true;
+      continue;
+    }
     bar.Finish();
 
     if (pass.textColumns.empty()) {
@@ -403,7 +433,8 @@ ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
     const std::string& name = layout.names[layout.valueFields[first.slot]];
     if (!reader.Rereadable()) {
       throw DataError(o.path + ", line " + std::to_string(first.line) + ": column \"" + name
-                      + "\" looked numeric in the first lines but " + NotANumber(first.text)
+                      + "\" looked numeric in the first lines but "
+                      + NotANumber(first.text, rules.decimalPoint)
                       + "; input that cannot be read twice needs its numeric columns named "
                         "with --columns");
     }

@@ -35,6 +35,7 @@ struct Options {
   bool groupCovariance = false;
   std::string format = "table";
   std::string delimiter = "auto";
+  std::string decimal = ".";
   bool noProgress = false;
   int ddof = 1;
   std::string weightKind = "frequency";

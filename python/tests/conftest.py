@@ -26,3 +26,9 @@ def weighted_reference(x, w, rw=None, ddof=1):
 def tolerance(x):
     """An absolute tolerance for figures of x: a few hundred roundings of its scale."""
     return 1e-13 * max(1.0, float(np.nanmax(np.abs(x)))) ** 2
+
+
+def bits(result):
+    """Every figure of a result as bytes, for comparisons to the last bit."""
+    return {key: value.tobytes() if isinstance(value, np.ndarray) else value
+            for key, value in vars(result).items()}

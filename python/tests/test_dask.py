@@ -21,6 +21,7 @@ import dask.dataframe as dd  # noqa: E402
 
 import vorel  # noqa: E402
 import vorel.dask  # noqa: E402
+from conftest import bits  # noqa: E402
 
 # Every test is bounded: a hang dumps the stacks and ends the run.
 TEST_SECONDS = 240
@@ -31,11 +32,6 @@ def bounded():
     faulthandler.dump_traceback_later(TEST_SECONDS, exit=True)
     yield
     faulthandler.cancel_dump_traceback_later()
-
-
-def bits(result):
-    return {key: value.tobytes() if isinstance(value, np.ndarray) else value
-            for key, value in vars(result).items()}
 
 
 def data(n=40_003, k=7, seed=5):

@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 import vorel
+from conftest import bits
 
 KINDS = {
     "listwise": lambda: vorel.Listwise(),
@@ -32,11 +33,6 @@ def table(rng, n=9000, k=5):
 def fill(accumulator, x, w, g):
     extra = {"groups": g} if isinstance(accumulator, vorel.ByGroup) else {}
     return accumulator.update(x, weights=w, **extra)
-
-
-def bits(result):
-    return {key: value.tobytes() if isinstance(value, np.ndarray) else value
-            for key, value in vars(result).items()}
 
 
 @pytest.mark.parametrize("kind", KINDS)

@@ -23,7 +23,9 @@ def zstd_compress(data, *options):
 def make_text(rows=20000):
     rng = np.random.default_rng(7)
     frame = pd.DataFrame({
-        "g": rng.choice(["north", "south", "east, far"], rows),
+        # Labels with line ends inside their quotes: decompressed text is cut
+        # outside quotes too.
+        "g": rng.choice(["north", "south", "east, far", "west\nside", '"up"\r\nhill'], rows),
         "x": rng.normal(0.0, 1.0, rows),
         "y": rng.exponential(3.0, rows),
         "w": rng.integers(1, 4, rows),

@@ -207,7 +207,9 @@ class GroupLabels(unittest.TestCase):
 
     def species_frame(self, rows=3000):
         rng = np.random.default_rng(SEED)
-        species = np.array(["versicolor", "setosa", "virginica", "Iris, other", "setosa-x"])
+        # Labels may hold the delimiter, quotes and line ends inside their quotes.
+        species = np.array(["versicolor", "setosa", "virginica", "Iris, other", "setosa-x",
+                            "Iris,\nnew", 'say "hi"\r\nthere'])
         return pd.DataFrame({
             "Species": species[rng.integers(0, len(species), rows)],
             "x": rng.normal(5.0, 1.0, rows),
@@ -248,6 +250,12 @@ class GroupLabels(unittest.TestCase):
         self.check_against_pandas(pandas_frame, "code", ["x"], codes)
         self.assertEqual(codes["rows"]["without_group"], int(frame["code"].isna().sum()))
         self.check_against_pandas(frame, "year", ["x"], years)
+        # R's write.csv2 writes the codes as "1,0".
+        text2 = frame.astype({"code": "float64"}).to_csv(index=False, sep=";", decimal=",")
+        self.assertIn("\n1,0;", text2)
+        with TempCsv(text2) as path:
+            comma = run_json(path, "-g", "code", "-c", "x", "--decimal", ",")
+        self.assertEqual(comma["groups"], codes["groups"])
         self.assertEqual(checked.returncode, 1)
         self.assertIn("outside the group range 1990..2000", checked.stderr)
 

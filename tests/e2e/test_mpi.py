@@ -1,8 +1,9 @@
 """vorelstat under mpirun with local ranks: the report of K = 1 to 4 ranks is
 byte-identical to one process on data where the order of the sums shows, with
-group labels and the options of the report; a column that turns to text late
-and a bad line give what one process gives; a pipe and compressed input are
-refused; a rank that is killed ends the job with an error, never a hang."""
+group labels and the options of the report; a column that turns to text late,
+quoted line ends across the ranks' cuts and a bad line give what one process
+gives; a pipe and compressed input are refused; a rank that is killed ends the
+job with an error, never a hang."""
 import os
 import random
 import shutil
@@ -100,6 +101,26 @@ class UnderMpirun(unittest.TestCase):
         self.assertEqual(out, expected)
         code, merged, err = one_process("merge", state, "-f", "json")
         self.assertEqual((code, merged), (0, expected), err)
+
+    def test_quoted_line_ends_across_the_cuts_of_the_ranks(self):
+        # Quoted fields that span lines, and so some cuts of one block per
+        # chunk: a guessed cut inside quotes makes every rank read again.
+        quoted = self.path("quoted.csv")
+        rng = random.Random(4)
+        with open(quoted, "w") as out:
+            out.write("a,note,b,g\n")
+            for _ in range(8000):
+                note = '"' + "x\n1,2\n" * rng.randint(1, 30) + '"' if rng.random() < 0.3 else "-"
+                out.write(f"{2.5e9 + rng.gauss(0, 1e-3)!r},{note},{rng.gauss(0, 1e4)!r},"
+                          f"{rng.randint(0, 3)}\n")
+        args = [quoted, "-c", "a,b", "-g", "g", "--block-size", "4k", "--read-size", "4k",
+                "-f", "json"]
+        code, expected, err = one_process(*args, "-j", "2")
+        self.assertEqual(code, 0, err)
+        for ranks in (2, 3):
+            with self.subTest(ranks=ranks):
+                code, out, err = finish(mpirun(ranks, *args, "-j", "1"))
+                self.assertEqual((code, out), (0, expected), err)
 
     def test_a_bad_line_in_a_later_rank_is_one_error_with_its_line_in_the_file(self):
         bad = self.path("bad.csv")

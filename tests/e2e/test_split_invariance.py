@@ -1,7 +1,10 @@
 """The same report, byte for byte, whatever the threads, batch size and read
 size, and whether the file is read from disk or from a pipe; with text group
 labels in order of first appearance and analytic weights too."""
+import csv
 import itertools
+import os
+import tempfile
 import unittest
 
 from common import SAMPLE, run
@@ -15,23 +18,56 @@ def without_file(report):
             if not line.startswith("file ") and not line.startswith('  "file":')]
 
 
+def rewrite_sample(path, delimiter, cell):
+    """The sample with each cell as `cell(column, text)` makes it, quoted where
+    a cell holds the delimiter, a quote or a line end."""
+    with open(SAMPLE, newline="") as source, open(path, "w", newline="") as out:
+        rows = csv.reader(source)
+        header = next(rows)
+        writer = csv.writer(out, delimiter=delimiter, lineterminator="\n")
+        writer.writerow(header)
+        for row in rows:
+            writer.writerow([cell(name, text) for name, text in zip(header, row)])
+
+
+def noted(name, text):
+    """Household labels that hold line ends, delimiters and quotes."""
+    if name != "household":
+        return text
+    return text + "".join(f'\n"line" {k}, of {text}' for k in range(int(text[-1]) % 4))
+
+
 class SplitInvariance(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-split-")
+        # Records whose quoted labels run over several lines, cut anywhere.
+        cls.quoted = os.path.join(cls.scratch.name, "quoted.csv")
+        rewrite_sample(cls.quoted, ",", noted)
+        # As R's write.csv2 writes: semicolons and decimal commas.
+        cls.comma = os.path.join(cls.scratch.name, "comma.csv")
+        rewrite_sample(cls.comma, ";", lambda name, text: noted(name, text).replace(".", ","))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.scratch.cleanup()
+
     def report(self, *args, stdin=None):
         done = run(*args, stdin=stdin)
         self.assertEqual(done.returncode, 0, done.stderr)
         return done.stdout
 
-    def check(self, *args):
+    def check(self, *args, source=SAMPLE):
         for fmt in ("json", "table"):
             # Small blocks, so that the sample spreads over many of them.
             shape = ("--block-size", "2k", "-f", fmt, *args)
-            base = self.report(SAMPLE, *shape, "-j", "1", "-b", "10000")
+            base = self.report(source, *shape, "-j", "1", "-b", "10000")
             for threads, batch, read in SETTINGS:
                 with self.subTest(format=fmt, threads=threads, batch=batch, read=read):
                     self.assertEqual(
-                        self.report(SAMPLE, *shape, "-j", threads, "-b", batch, "--read-size", read),
+                        self.report(source, *shape, "-j", threads, "-b", batch, "--read-size", read),
                         base)
-            with open(SAMPLE) as handle:
+            with open(source) as handle:
                 piped = self.report("-", *shape, "-j", "2", "--read-size", "300", stdin=handle.read())
             self.assertEqual(without_file(piped), without_file(base))
 
@@ -46,6 +82,13 @@ class SplitInvariance(unittest.TestCase):
 
     def test_pairwise_unweighted(self):
         self.check("-p")
+
+    def test_quoted_line_ends(self):
+        self.check("-w", "weight", "-g", "household", "--group-order", "first", source=self.quoted)
+        self.check("-p", "-w", "weight", "-g", "region", source=self.quoted)
+
+    def test_decimal_comma(self):
+        self.check("-p", "-w", "weight", "-g", "household", "--decimal", ",", source=self.comma)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -34,6 +36,7 @@ ReadBack ReadAll(ChunkReader& reader) {
     copy.index = chunk.index;
     copy.firstBlock = chunk.firstBlock;
     copy.endBlock = chunk.endBlock;
+    copy.cutGuessed = chunk.cutGuessed;
     back.chunks.push_back(std::move(copy));
   }
   EXPECT_FALSE(reader.Next(chunk)) << "the end is final";
@@ -103,32 +106,80 @@ TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
   EXPECT_EQ(block, blocks) << "every block of the body, and no more";
 }
 
-// A part of the grid: the lines that start in blocks [first, end), read from
-// a file or a pipe alike.
-TEST(ChunkReader, PartsOfTheGridHoldTheirLines) {
-  std::string body;
+// Where each record of `body` starts, following the quotes.
+std::vector<std::size_t> RecordStarts(const std::string& body) {
+  std::vector<std::size_t> starts;
+  QuoteState state;
+  const char* begin = body.data();
+  const char* end = begin + body.size();
+  for (const char* p = begin; p != end; p = NextLineEndOutsideQuotes(p, end, ',', state) + 1) {
+    starts.push_back(static_cast<std::size_t>(p - begin));
+    if (std::find(p, end, '\n') == end) break;
+  }
+  return starts;
+}
+
+// A part of the grid: the records that start in blocks [first, end), quoted
+// line ends included, from a file cut at guesses, a file cut outside quotes
+// and a pipe alike. A guessed cut is the record start that following the
+// quotes gives, or else it is marked as a guess, which the pass finds out.
+TEST(ChunkReader, PartsOfTheGridHoldTheirRecords) {
+  std::string lines, quoted;
   for (int i = 0; i < 200; ++i)
-    body +=
+    lines +=
         std::to_string(i * 37) + "," + std::string(static_cast<std::size_t>(i % 13), 'x') + "\n";
-  const std::uint64_t blockBytes = 50;
-  for (bool pipe : {false, true}) {
-    for (auto [first, end] : {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, 1000}}) {
-      SCOPED_TRACE(std::string(pipe ? "pipe" : "file") + " blocks " + std::to_string(first));
-      std::optional<TempFile> file;
-      std::optional<TempPipe> fifo;
-      const std::string& path =
-          pipe ? fifo.emplace("a,b\n" + body).Path() : file.emplace("a,b\n" + body).Path();
-      ChunkReader reader(path, 120);
-      reader.SetGrid(blockBytes, first, end);
-      std::string expected;
-      for (std::size_t start = 0; start < body.size(); start = body.find('\n', start) + 1) {
-        if (start >= first * blockBytes && start < end * blockBytes)
-          expected += body.substr(start, body.find('\n', start) + 1 - start);
-      }
-      const ReadBack back = ReadAll(reader);
-      EXPECT_EQ(back.joined, expected);
-      if (!back.chunks.empty()) {
-        EXPECT_EQ(back.chunks.front().firstBlock, first);
+  for (int i = 0; i < 60; ++i) {
+    quoted += std::to_string(i) + ",\"note " + std::to_string(i) + "\nsays \"\"hi\"\",\n\",";
+    quoted += (i % 7 == 0 ? "\"\n\n\"" : std::to_string(i * 3)) + "\r\n";
+  }
+  enum class Way { kFileGuessing, kFileOutsideQuotes, kPipe };
+  const std::string header = "a,b,c\n";
+  for (const std::string& body : {lines, quoted}) {
+    const std::vector<std::size_t> starts = RecordStarts(body);
+    // The first record start at or after `offset`.
+    const auto startFrom = [&](std::uint64_t offset) -> std::uint64_t {
+      const auto it = std::lower_bound(starts.begin(), starts.end(), offset);
+      return it == starts.end() ? body.size() : *it;
+    };
+    for (Way way : {Way::kFileGuessing, Way::kFileOutsideQuotes, Way::kPipe}) {
+      for (auto [blockBytes, readSize] :
+           {std::pair<std::uint64_t, std::size_t>{50, 120}, {1, 1}, {7, 5}, {16, 1000}}) {
+        for (auto [first, end] :
+             {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, ChunkReader::kNoEnd}}) {
+          SCOPED_TRACE("way " + std::to_string(static_cast<int>(way)) + ", block bytes "
+                       + std::to_string(blockBytes) + ", read size " + std::to_string(readSize)
+                       + ", blocks from " + std::to_string(first));
+          std::optional<TempFile> file;
+          std::optional<TempPipe> fifo;
+          const std::string& path = way == Way::kPipe ? fifo.emplace(header + body).Path()
+                                                      : file.emplace(header + body).Path();
+          ChunkReader reader(path, readSize);
+          if (way == Way::kFileOutsideQuotes) {
+            reader.CutOutsideQuotes(',');
+          } else {
+            reader.FollowQuotes(',');
+          }
+          reader.SetGrid(blockBytes, first, end);
+          const ReadBack back = ReadAll(reader);
+          const auto boundary = [&](std::uint64_t block) {
+            return block >= body.size() / blockBytes + 1 ? body.size() : block * blockBytes;
+          };
+          std::uint64_t offset = startFrom(boundary(first));
+          for (const Chunk& chunk : back.chunks) {
+            ASSERT_EQ(chunk.offset, header.size() + offset);
+            const std::uint64_t cut = chunk.offset + chunk.text.Size() - header.size();
+            if (cut != startFrom(boundary(chunk.endBlock))) {
+              EXPECT_EQ(way, Way::kFileGuessing) << "only a guess may miss a record's end";
+              EXPECT_TRUE(chunk.cutGuessed);
+              break;
+            }
+            offset = cut;
+          }
+          if (way != Way::kFileGuessing) {
+            const std::uint64_t from = startFrom(boundary(first));
+            EXPECT_EQ(back.joined, body.substr(from, startFrom(boundary(end)) - from));
+          }
+        }
       }
     }
   }
@@ -263,6 +314,44 @@ TEST(ChunkReader, ProcFilesAreReadToTheEnd) {
   EXPECT_EQ(reader.Header().substr(0, 5), "Name:");
   EXPECT_FALSE(reader.Rereadable());
   EXPECT_FALSE(ReadAll(reader).joined.empty());
+}
+
+// The first line end outside quotes, from a line start; a quote opens a
+// field only at its start, and "" inside quotes is one quote.
+TEST(NextLineEndOutsideQuotes, FindsTheRecordEnd) {
+  const struct {
+    std::string text;
+    char delimiter;
+    std::size_t lineEnd;  // npos: none
+    std::uint64_t inside;
+  } cases[] = {
+      {"1,2\n3", ',', 3, 0},
+      {"\"a\nb\",2\nx", ',', 7, 1},
+      {" \t\"a\n\"\"\n\" ,2\n", ',', 12, 2},  // padding before the quote
+      {"5\",x\n", ',', 4, 0},                 // a quote after text is text
+      {"a;\"b\n\";c\n", ';', 8, 1},
+      {"a,\"b\n\";c\n", ';', 4, 0},  // after a comma, not the delimiter: text
+      {"\"open\n\n", ',', std::string::npos, 2},
+      {"\"x\"\"\n\"\n", ',', 6, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    // Whole, and cut in two at every place with the state carried over.
+    for (std::size_t split = 0; split <= c.text.size(); ++split) {
+      SCOPED_TRACE("split at " + std::to_string(split));
+      const char* begin = c.text.data();
+      const char* end = begin + c.text.size();
+      QuoteState state;
+      std::uint64_t inside = 0;
+      const char* found =
+          NextLineEndOutsideQuotes(begin, begin + split, c.delimiter, state, &inside);
+      if (found == nullptr)
+        found = NextLineEndOutsideQuotes(begin + split, end, c.delimiter, state, &inside);
+      EXPECT_EQ(found == nullptr ? std::string::npos : static_cast<std::size_t>(found - begin),
+                c.lineEnd);
+      EXPECT_EQ(inside, c.inside);
+    }
+  }
 }
 
 TEST(ChunkReader, HeaderLongerThanAWindow) {

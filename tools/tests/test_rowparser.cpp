@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -99,7 +101,7 @@ TEST(RowParser, CellsOutOfRangeOrInAForeignForm) {
       {"-1e999", "cell \"-1e999\" is beyond the range of a double (about 1.8e308)"},
       {"\"5,1\"",
        "cell \"5,1\" is not a number (a decimal comma? numbers are read with a "
-       "decimal point)"},
+       "decimal point, or with --decimal , with a comma)"},
       {"0x1p3", "cell \"0x1p3\" is not a number (hexadecimal numbers are not read)"},
   };
   for (const auto& c : cases) {
@@ -269,6 +271,215 @@ TEST(MakeLayout, RefusesNamesThatDoNotFit) {
   EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "b", "", "b"}), UsageError);
   EXPECT_THROW(MakeLayout({"a", "b"}, ',', {{"a"}, "a", "", ""}), UsageError);
   EXPECT_THROW(MakeLayout({"a", "a"}, ',', {{"a"}, "", "", ""}), DataError);
+}
+
+}  // namespace
+}  // namespace vorelstat
+
+namespace vorelstat {
+namespace {
+
+// What a parse gave, for comparing two parses of the same cells.
+std::string Outcome(bool parsed, const ParsedRow& row, const LineError& error) {
+  if (!parsed) return "error " + std::to_string(error.field) + ": " + error.message;
+  std::string text = "row";
+  for (double value : row.values) {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    text += " " + std::to_string(bits);
+  }
+  text += " missing " + std::to_string(row.nMissing) + " coerced " + std::to_string(row.nCoerced);
+  // A missing weight's value means nothing.
+  text += row.weightMissing ? " w ?" : " w " + std::to_string(row.weight);
+  text += " g " + std::to_string(static_cast<int>(row.group.GetKind())) + " " + row.group.Display()
+          + (row.groupMissing ? "?" : "");
+  for (const TextCell& cell : row.texts)
+    text += " text " + std::to_string(cell.slot) + "=" + cell.text;
+  return text;
+}
+
+// Quoting a cell that holds no quote changes nothing, but takes it off the
+// cursor path: random rows read both ways must agree cell for cell, error
+// for error.
+TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
+  const std::vector<std::string> cells = {"1.5",
+                                          "-368.9202",
+                                          "12345678901234567890",
+                                          "1e5",
+                                          "-0",
+                                          "+7",
+                                          ".5",
+                                          "5.",
+                                          " 2.25",
+                                          "3 ",
+                                          "",
+                                          " ",
+                                          "NA",
+                                          "NaN",
+                                          "nan",
+                                          "inf",
+                                          "-inf",
+                                          "-999",
+                                          "abc",
+                                          "1.5x",
+                                          "1e400",
+                                          "-2",
+                                          "0x10",
+                                          "1;5",
+                                          "4.9e-324",
+                                          "1e-400",
+                                          "99999999999999999999.5",
+                                          "-1.7976931348623157e308"};
+  const std::vector<std::string> groups = {"0",      "1",     "2.0", "+3", "2.5",
+                                           "setosa", " a b ", "",    "NA"};
+  std::mt19937_64 random(7);
+  for (bool lenient : {false, true}) {
+    for (const bool typed : {false, true}) {
+      CellRules rules = Rules(lenient);
+      rules.checkGroupRange = !typed;
+      const RowLayout layout =
+          typed ? MakeLayout({"id", "g", "w", "x", "y"}, ',', {{}, "w", "", "g"})
+                : MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"});
+      RowParser parser(layout, rules);
+      for (int k = 0; k < 4000; ++k) {
+        std::vector<std::string> row = {"r", groups[random() % groups.size()]};
+        for (int c = 0; c < 3; ++c)
+          row.push_back(cells[random() % cells.size()]);
+        std::string plain, quoted;
+        for (std::size_t c = 0; c < row.size(); ++c) {
+          plain += (c != 0 ? "," : "") + row[c];
+          quoted += (c != 0 ? ",\"" : "\"") + row[c] + "\"";
+        }
+        SCOPED_TRACE(plain);
+        // Cells follow in the text, so that the cursor path reads every number.
+        const std::string text = plain + "\n" + std::string(64, '7') + "\n";
+        ParsedRow row1, row2;
+        LineError error1, error2;
+        RecordEnd record;
+        const bool parsed1 =
+            parser.ParseRecord(text.data(), text.data() + text.size(), row1, error1, record);
+        EXPECT_EQ(record.next, text.data() + plain.size() + 1);
+        const bool parsed2 = parser.Parse(quoted, row2, error2);
+        ASSERT_EQ(Outcome(parsed1, row1, error1), Outcome(parsed2, row2, error2));
+      }
+    }
+  }
+}
+
+TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
+  const RowLayout layout = MakeLayout({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"});
+  CellRules rules = Rules();
+  rules.checkGroupRange = false;
+  RowParser parser(layout, rules);
+  const std::string text =
+      "\"two\nlines\",\"a,\nb\",1,2\r\n"
+      "\r\n"
+      "plain,a,3,4\n"
+      " \"say \"\"a\nb\"\"\n\" ,\" 1.0\",5,\"6\"\n"
+      "last,\"x \"\"y\"\"\",7,8";
+  const struct {
+    bool blank;
+    std::uint64_t lineEndsInside;
+    std::vector<double> values;
+    const char* group;
+  } expected[] = {
+      {false, 2, {1, 2}, "a,\nb"},   {true, 0, {}, ""},
+      {false, 0, {3, 4}, "a"},       {false, 2, {5, 6}, "1"},
+      {false, 0, {7, 8}, "x \"y\""},
+  };
+  const char* p = text.data();
+  const char* end = p + text.size();
+  for (const auto& want : expected) {
+    ParsedRow row;
+    LineError error;
+    RecordEnd record;
+    ASSERT_TRUE(parser.ParseRecord(p, end, row, error, record)) << error.message;
+    EXPECT_EQ(record.blank, want.blank);
+    EXPECT_EQ(record.lineEndsInside, want.lineEndsInside);
+    if (!want.blank) {
+      EXPECT_EQ(row.values, want.values);
+      EXPECT_EQ(row.group.Display(), want.group);
+    }
+    p = record.next;
+  }
+  EXPECT_EQ(p, end);
+}
+
+// A quote still open at the end of the text is told apart from other faults:
+// at a guessed chunk cut it means the cut was wrong, not the data.
+TEST(RowParser, AnOpenQuoteAtTheEndIsFlagged) {
+  const RowLayout layout = MakeLayout({"note", "x"}, ',', {{"x"}, "", "", ""});
+  const CellRules rules = Rules();
+  RowParser parser(layout, rules);
+  const struct {
+    std::string text;
+    bool openQuote;
+    const char* message;
+  } cases[] = {
+      {"\"open\n,1\n2,3\n", true, "no closing quote"},
+      {"x,\"1\nmore", true, "no closing quote"},
+      {"\"a\"b,1\n", false, "text follows the closing quote"},
+      {"a,5\"\n", false, "is not a number"},  // a quote inside a field is text
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    ParsedRow row;
+    LineError error;
+    RecordEnd record;
+    const char* end = c.text.data() + c.text.size();
+    EXPECT_FALSE(parser.ParseRecord(c.text.data(), end, row, error, record));
+    EXPECT_EQ(error.openQuote, c.openQuote);
+    EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+    if (c.openQuote) {
+      EXPECT_EQ(record.next, end);
+    }
+  }
+}
+
+TEST(RowParser, DecimalComma) {
+  CellRules rules = Rules();
+  rules.decimalPoint = ',';
+  const RowLayout layout = MakeLayout({"x", "y", "z"}, ';', {{"x", "y", "z"}, "", "", ""});
+  RowParser parser(layout, rules);
+  ParsedRow row;
+  LineError error;
+  ASSERT_TRUE(parser.Parse("1,5;-0,25;\"3\"", row, error)) << error.message;
+  EXPECT_EQ(row.values, (std::vector<double>{1.5, -0.25, 3.0}));
+  EXPECT_FALSE(parser.Parse("1,5;2.5;3", row, error));
+  EXPECT_EQ(error.field, 1u);
+  EXPECT_EQ(error.message,
+            "cell \"2.5\" is not a number (a decimal point? with --decimal , numbers are read "
+            "with a decimal comma)");
+}
+
+// Group labels read their numbers with the decimal comma too: "1,0" is group
+// 1, as R's write.csv2 writes a numeric code.
+TEST(RowParser, DecimalCommaGroupLabels) {
+  CellRules rules = Rules();
+  rules.decimalPoint = ',';
+  rules.checkGroupRange = false;
+  const RowLayout layout = MakeLayout({"g", "x"}, ';', {{"x"}, "", "", "g"});
+  RowParser parser(layout, rules);
+  const struct {
+    const char* line;
+    GroupLabel::Kind kind;
+    const char* shown;
+  } cases[] = {
+      {"1,0;1", GroupLabel::Kind::kWhole, "1"},    {"\"1,0\";1", GroupLabel::Kind::kWhole, "1"},
+      {"-2,5;1", GroupLabel::Kind::kReal, "-2.5"}, {"2.5;1", GroupLabel::Kind::kText, "2.5"},
+      {"a;b;1", GroupLabel::Kind::kText, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    ParsedRow row;
+    LineError error;
+    const bool parsed = parser.Parse(c.line, row, error);
+    ASSERT_EQ(parsed, *c.shown != '\0') << error.message;
+    if (parsed) {
+      EXPECT_EQ(row.group.GetKind(), c.kind);
+      EXPECT_EQ(row.group.Display(), c.shown);
+    }
+  }
 }
 
 }  // namespace
