@@ -161,8 +161,8 @@ TEST(ChunkReader, PartsOfTheGridHoldTheirRecords) {
           }
           reader.SetGrid(blockBytes, first, end);
           const ReadBack back = ReadAll(reader);
-          const auto boundary = [&](std::uint64_t block) {
-            return block >= body.size() / blockBytes + 1 ? body.size() : block * blockBytes;
+          const auto boundary = [&, bytes = blockBytes](std::uint64_t block) {
+            return block >= body.size() / bytes + 1 ? body.size() : block * bytes;
           };
           std::uint64_t offset = startFrom(boundary(first));
           for (const Chunk& chunk : back.chunks) {
