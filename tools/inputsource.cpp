@@ -5,6 +5,7 @@
 #include <zstd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -12,10 +13,12 @@
 #include <exception>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "errors.h"
+#include "frames.h"
 
 namespace vorelstat {
 namespace {
@@ -32,9 +35,10 @@ class DescriptorReader {
  public:
   DescriptorReader(int fd, std::string path) : _fd(fd), _path(std::move(path)) {}
 
-  // Hands `head` out again before the bytes that follow it.
-  void PutBack(std::string head) {
-    _head = std::move(head);
+  // Hands `bytes` out again before those not yet handed out.
+  void PutBack(std::string bytes) {
+    bytes.append(_head, _served);
+    _head = std::move(bytes);
     _served = 0;
   }
 
@@ -55,6 +59,10 @@ class DescriptorReader {
       const std::size_t n = std::min(count, _head.size() - _served);
       std::memcpy(into, _head.data() + _served, n);
       _served += n;
+      if (_served == _head.size()) {
+        std::string().swap(_head);
+        _served = 0;
+      }
       return n;
     }
     for (;;) {
@@ -275,6 +283,198 @@ class ReadAheadSource : public ByteSource {
   std::thread _thread;  // last: starts once the rest is made
 };
 
+// A serial decompressor of the rest of `in`, read ahead on a thread of its own
+// when `readAhead`.
+std::unique_ptr<ByteSource> SerialSource(Compression compression, DescriptorReader in,
+                                         bool readAhead) {
+  std::unique_ptr<ByteSource> source;
+  if (compression == Compression::kGzip) {
+    source = std::make_unique<GzipSource>(std::move(in));
+  } else {
+    source = std::make_unique<ZstdSource>(std::move(in));
+  }
+  if (readAhead) source = std::make_unique<ReadAheadSource>(std::move(source));
+  return source;
+}
+
+// The content of one zstd frame, at most extent.contentBound bytes.
+std::string DecompressZstdFrame(std::string_view frame, const PieceExtent& extent,
+                                const std::string& path) {
+  // One context a thread, kept between the frames it decompresses.
+  thread_local const std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context(ZSTD_createDCtx(),
+                                                                                  ZSTD_freeDCtx);
+  if (context == nullptr) throw std::bad_alloc();
+  std::string content(extent.contentBound, '\0');
+  const std::size_t size = ZSTD_decompressDCtx(context.get(), content.data(), content.size(),
+                                               frame.data(), frame.size());
+  if (ZSTD_isError(size)) Corrupt(path, "zstd", ZSTD_getErrorName(size));
+  content.resize(size);
+  return content;
+}
+
+// The content of one BGZF gzip member, extent.contentBound bytes (its ISIZE).
+std::string InflateBgzfMember(std::string_view member, const PieceExtent& extent,
+                              const std::string& path) {
+  z_stream z{};
+  if (inflateInit2(&z, 16 + MAX_WBITS) != Z_OK) throw std::bad_alloc();
+  std::string content(extent.contentBound, '\0');
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(member.data()));
+  z.avail_in = static_cast<uInt>(member.size());
+  z.next_out = reinterpret_cast<Bytef*>(content.data());
+  z.avail_out = static_cast<uInt>(content.size());
+  const int status = inflate(&z, Z_FINISH);
+  const bool whole = status == Z_STREAM_END && z.avail_in == 0;
+  const char* why = z.msg;
+  if (why == nullptr) {
+    why = z.avail_out == 0 && status != Z_STREAM_END
+              ? "incorrect length check"
+              : "the member does not end where its BGZF block size says";
+  }
+  inflateEnd(&z);
+  if (status == Z_MEM_ERROR) throw std::bad_alloc();
+  if (!whole) Corrupt(path, "gzip", why);
+  return content;
+}
+
+// Frames or BGZF members decompressed on a pool of threads and handed out in
+// order. The first piece whose extent cannot be told without decompressing
+// it (any gzip member that is not BGZF, damaged or cut headers, bytes after
+// the last piece) or that is larger than kLargestPiece, and all that follows
+// it, go through the serial source instead, which reports what is wrong
+// there as it would from the start of the file. At most 2 pieces a thread
+// and kInFlight bytes of content are decompressed ahead of the reader.
+class PieceSource : public ByteSource {
+ public:
+  PieceSource(Compression compression, DescriptorReader in, unsigned threads, bool readAhead)
+      : _compression(compression),
+        _in(std::move(in)),
+        _readAhead(readAhead),
+        _threads(threads),
+        _mostPieces(2 * std::size_t{threads}) {}
+
+  std::size_t Read(char* into, std::size_t count) override {
+    while (_taken == _content.size()) {
+      if (!NextContent()) return _serial ? _serial->Read(into, count) : 0;
+    }
+    const std::size_t n = std::min(count, _content.size() - _taken);
+    std::memcpy(into, _content.data() + _taken, n);
+    _taken += n;
+    return n;
+  }
+
+ private:
+  static constexpr std::uint64_t kLargestPiece = std::uint64_t{64} << 20;
+  static constexpr std::uint64_t kInFlight = std::uint64_t{128} << 20;
+
+  struct Piece {
+    std::string bytes;
+    PieceExtent extent;
+  };
+
+  // Replaces the content handed out by that of the next piece; false once no
+  // piece is left to the pool.
+  bool NextContent() {
+    if (_failed) std::rethrow_exception(_failed);
+    _inFlight -= _contentBound;
+    _contentBound = 0;
+    SubmitAhead();
+    if (_bounds.empty()) return false;
+    _contentBound = _bounds.front();
+    _bounds.pop_front();
+    _taken = 0;
+    try {
+      _content = _pool->TakeNext();
+    } catch (...) {
+      _content.clear();
+      _failed = std::current_exception();
+      throw;
+    }
+    return true;
+  }
+
+  void SubmitAhead() {
+    while (!_split && _bounds.size() < _mostPieces) {
+      if (!_next) _next = NextPiece();
+      if (!_next) return;
+      const std::uint64_t bound = _next->extent.contentBound;
+      if (!_bounds.empty() && _inFlight + bound > kInFlight) return;
+      if (!_pool) _pool = std::make_unique<OrderedPool>(_threads);
+      _pool->Submit([piece = std::move(*_next), compression = _compression, path = _in.Path()] {
+        return compression == Compression::kZstd
+                   ? DecompressZstdFrame(piece.bytes, piece.extent, path)
+                   : InflateBgzfMember(piece.bytes, piece.extent, path);
+      });
+      _next.reset();
+      _bounds.push_back(bound);
+      _inFlight += bound;
+    }
+  }
+
+  // The next piece with content, skipping those without; none once the
+  // input ends or the rest is left to the serial source.
+  std::optional<Piece> NextPiece() {
+    for (;;) {
+      const std::string_view pending = std::string_view(_buffer).substr(_start);
+      const PieceExtent extent =
+          _compression == Compression::kZstd ? FindZstdFrame(pending) : FindBgzfMember(pending);
+      const bool small = extent.size <= kLargestPiece && extent.contentBound <= kLargestPiece;
+      if (extent.kind == PieceExtent::kNeedMore && small && pending.size() <= kLargestPiece) {
+        if (Refill()) continue;
+        if (_start == _buffer.size()) {  // the input ends after a whole piece
+          _split = true;
+          return std::nullopt;
+        }
+      } else if (extent.kind != PieceExtent::kUnknown && small) {
+        Piece piece{std::string(pending.substr(0, extent.size)), extent};
+        _start += extent.size;
+        if (extent.kind == PieceExtent::kPiece) return piece;
+        continue;
+      }
+      LeaveRestToSerial();
+      return std::nullopt;
+    }
+  }
+
+  // Reads more compressed bytes after those pending; false at the end of the input.
+  bool Refill() {
+    _buffer.erase(0, _start);
+    _start = 0;
+    const std::size_t had = _buffer.size();
+    _buffer.resize(had + kCompressedBuffer);
+    const std::size_t n = _in.Read(_buffer.data() + had, kCompressedBuffer);
+    _buffer.resize(had + n);
+    return n != 0;
+  }
+
+  void LeaveRestToSerial() {
+    _in.PutBack(_buffer.substr(_start));
+    std::string().swap(_buffer);
+    _start = 0;
+    _split = true;
+    _serial = SerialSource(_compression, std::move(_in), _readAhead);
+  }
+
+  Compression _compression;
+  DescriptorReader _in;
+  bool _readAhead;
+  unsigned _threads;
+  std::size_t _mostPieces;
+  std::string _buffer;  // compressed bytes read, those from _start on not yet split off
+  std::size_t _start = 0;
+  bool _split = false;                // no more pieces for the pool
+  std::optional<Piece> _next;         // split off, waiting for room in the pool
+  std::deque<std::uint64_t> _bounds;  // content bounds of the pieces in the pool, in order
+  std::uint64_t _inFlight = 0;        // their sum, and that of the content handed out
+  std::string _content;               // that of the piece handed out
+  std::uint64_t _contentBound = 0;
+  std::size_t _taken = 0;
+  std::exception_ptr _failed;
+  std::unique_ptr<ByteSource> _serial;  // the rest after the pieces, if any
+  std::unique_ptr<OrderedPool> _pool;   // made at the first piece; last, joined first
+};
+
+std::atomic<unsigned> gDecompressionThreads{1};
+
 }  // namespace
 
 Compression CompressionOf(std::string_view head) {
@@ -295,23 +495,28 @@ const char* CompressionName(Compression compression) {
   return "";
 }
 
+void SetDecompressionThreads(unsigned threads) {
+  gDecompressionThreads =
+      threads != 0 ? threads : std::max(1u, std::thread::hardware_concurrency());
+}
+
 OpenedSource OpenByteSource(int fd, std::string path, bool readAhead) {
+  return OpenByteSource(fd, std::move(path), readAhead, gDecompressionThreads);
+}
+
+OpenedSource OpenByteSource(int fd, std::string path, bool readAhead, unsigned threads) {
   DescriptorReader in(fd, std::move(path));
   std::string head = in.ReadHead(kCompressionMagicSize);
   OpenedSource opened{CompressionOf(head), nullptr};
   in.PutBack(std::move(head));
-  switch (opened.compression) {
-    case Compression::kGzip:
-      opened.source = std::make_unique<GzipSource>(std::move(in));
-      break;
-    case Compression::kZstd:
-      opened.source = std::make_unique<ZstdSource>(std::move(in));
-      break;
-    case Compression::kNone:
-      opened.source = std::make_unique<PlainSource>(std::move(in));
-      return opened;
+  if (opened.compression == Compression::kNone) {
+    opened.source = std::make_unique<PlainSource>(std::move(in));
+  } else if (threads > 1) {
+    opened.source =
+        std::make_unique<PieceSource>(opened.compression, std::move(in), threads, readAhead);
+  } else {
+    opened.source = SerialSource(opened.compression, std::move(in), readAhead);
   }
-  if (readAhead) opened.source = std::make_unique<ReadAheadSource>(std::move(opened.source));
   return opened;
 }
 

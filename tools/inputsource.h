@@ -9,6 +9,16 @@
 // Compressed input that ends before its last member or frame does, or whose
 // data is corrupt, is an error that says so; so is a gzip member followed by
 // bytes that are no gzip member.
+//
+// With more than one thread, the zstd frames and the BGZF gzip members (those
+// that state their compressed length) are found without decompressing them
+// and decompressed on a pool of threads, their contents handed out in file
+// order (frames.h), a bounded number of them ahead of the reader. Any other
+// gzip member can only be found by inflating the one before it: such input,
+// and everything from the first frame or member larger than 64 MiB on, is
+// decompressed serially. Either way the bytes handed out and the errors are
+// those of the serial path, an error in one piece coming after the content of
+// the pieces before it.
 #pragma once
 
 #include <cstddef>
@@ -40,14 +50,21 @@ struct OpenedSource {
   std::unique_ptr<ByteSource> source;
 };
 
+// How many threads decompress the input of the sources opened from now on,
+// where the format allows (1: serial); 0 for the host's count. The tool
+// sets it from its --threads.
+void SetDecompressionThreads(unsigned threads);
+
 // Reads the first bytes of the open descriptor `fd` to tell its compression,
 // and makes the source that hands out its bytes from there on, those first
-// bytes included: plain for kNone, else decompressed. With `readAhead`,
-// compressed input is decompressed ahead on a thread of its own, a few
+// bytes included: plain for kNone, else decompressed on `threads` threads
+// (by default those set above). With `readAhead`, compressed input that is
+// decompressed serially is decompressed ahead on a thread of its own, a few
 // megabytes at most; only for descriptors whose reads always come back (a
 // regular file). Does not own `fd`. Throws DataError naming `path` on a read
 // error.
 OpenedSource OpenByteSource(int fd, std::string path, bool readAhead);
+OpenedSource OpenByteSource(int fd, std::string path, bool readAhead, unsigned threads);
 // The bytes of `fd` from where it stands, as they are, whatever they look like.
 std::unique_ptr<ByteSource> OpenPlainSource(int fd, std::string path);
 

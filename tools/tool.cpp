@@ -14,6 +14,7 @@
 #include "atomicfile.h"
 #include "chunkreader.h"
 #include "errors.h"
+#include "inputsource.h"
 #include "passstate.h"
 #include "progress.h"
 #include "report.h"
@@ -375,6 +376,8 @@ PassOptions PassOptionsOf(const Options& o) {
 
 ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
   CheckConventions(o);
+  // zstd frames and BGZF members are decompressed on as many threads as parse.
+  SetDecompressionThreads(static_cast<unsigned>(std::max(o.threads, 0)));
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
   // Columns of the tool's choice found to hold text; each pass that finds

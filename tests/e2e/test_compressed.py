@@ -3,9 +3,11 @@ for byte, and a clear error for every cut or damaged file."""
 import gzip
 import os
 import shutil
+import struct
 import subprocess
 import tempfile
 import unittest
+import zlib
 
 import numpy as np
 import pandas as pd
@@ -18,6 +20,35 @@ ZSTD = shutil.which("zstd")
 def zstd_compress(data, *options):
     return subprocess.run([ZSTD, "-q", "-c", *options], input=data, capture_output=True, check=True,
                           timeout=60).stdout
+
+
+def bgzf_member(content):
+    """A gzip member that states its size in the BGZF extra field."""
+    deflate = zlib.compressobj(6, zlib.DEFLATED, -zlib.MAX_WBITS)
+    body = deflate.compress(content) + deflate.flush()
+    size = 18 + len(body) + 8
+    return (b"\x1f\x8b\x08\x04" + bytes(4) + b"\x00\xff" + struct.pack("<H", 6) + b"BC"
+            + struct.pack("<HH", 2, size - 1) + body
+            + struct.pack("<II", zlib.crc32(content), len(content)))
+
+
+def bgzf_compress(data, piece=50000):
+    """BGZF members, then the empty member that ends such files."""
+    return b"".join(bgzf_member(data[start:start + piece])
+                    for start in range(0, len(data), piece)) + bgzf_member(b"")
+
+
+def zstd_frames(data, sizes=(1, 30000, 7000, 65536, 0, 20000)):
+    """zstd frames of several sizes, cut anywhere in lines, with a skippable
+    frame among them, as seekable and parallel writers make."""
+    frames, start, i = [], 0, 0
+    while start < len(data):
+        size = sizes[i % len(sizes)]
+        frames.append(zstd_compress(data[start:start + size]))
+        if i == 3:
+            frames.append(struct.pack("<II", 0x184D2A5E, 5) + b"index")
+        start, i = start + size, i + 1
+    return b"".join(frames)
 
 
 def make_text(rows=20000):
@@ -53,6 +84,9 @@ class Compressed(unittest.TestCase):
             cls.forms["zstd"] = cls.write("data.csv.zst", zstd_compress(cls.text))
             cls.forms["zstd, two frames"] = cls.write(
                 "two.zst", zstd_compress(cls.text[:half]) + zstd_compress(cls.text[half:]))
+            # Decompressed on the threads.
+            cls.forms["zstd, many frames"] = cls.write("many.zst", zstd_frames(cls.text))
+        cls.forms["gzip, BGZF"] = cls.write("data.bgz", bgzf_compress(cls.text))
 
     @classmethod
     def tearDownClass(cls):
@@ -87,7 +121,7 @@ class Compressed(unittest.TestCase):
                       "--block-size", "16k"]):
             expected = self.report(self.plain, *args, "-j", "1")
             for name, path in self.forms.items():
-                for read_size, threads in (("1", "3"), ("4k", "2"), ("1M", "8")):
+                for read_size, threads in (("1", "3"), ("4k", "2"), ("64k", "1"), ("1M", "8")):
                     with self.subTest(args=args, form=name, read_size=read_size):
                         self.assertEqual(
                             self.report(path, *args, "--read-size", read_size, "-j", threads),
@@ -111,13 +145,14 @@ class Compressed(unittest.TestCase):
 
     def test_every_cut_is_an_error_naming_the_truncation(self):
         # From the first cut that still shows the format's magic bytes.
-        for name, magic in (("gzip", 2), ("zstd", 4)):
-            if name not in self.forms:
+        for form, magic in (("gzip", 2), ("gzip, BGZF", 2), ("zstd", 4), ("zstd, many frames", 4)):
+            if form not in self.forms:
                 continue
-            with open(self.forms[name], "rb") as handle:
+            name = form.split(",")[0]
+            with open(self.forms[form], "rb") as handle:
                 data = handle.read()
             for cut in sorted({magic, 5, 11, 100, len(data) // 2, len(data) - 8, len(data) - 1}):
-                with self.subTest(form=name, cut=cut):
+                with self.subTest(form=form, cut=cut):
                     path = self.write(f"cut.{name}", data[:cut])
                     done = run(path, "-j", "2")
                     self.assertEqual(done.returncode, 1, done.stderr)
