@@ -125,7 +125,7 @@ OrderedPool::~OrderedPool() {
     const std::lock_guard<std::mutex> lock(_mutex);
     _stop = true;
   }
-  _changed.notify_all();
+  _toDo.notify_all();
   for (std::thread& thread : _threads)
     thread.join();
 }
@@ -138,7 +138,7 @@ void OrderedPool::Submit(Job job) {
     _slots.push_back(slot);
     _todo.push_back(std::move(slot));
   }
-  _changed.notify_all();
+  _toDo.notify_one();
 }
 
 std::size_t OrderedPool::Pending() const {
@@ -149,7 +149,7 @@ std::size_t OrderedPool::Pending() const {
 std::string OrderedPool::TakeNext() {
   std::unique_lock<std::mutex> lock(_mutex);
   const std::shared_ptr<Slot> slot = _slots.front();
-  _changed.wait(lock, [&slot] { return slot->done; });
+  _done.wait(lock, [&slot] { return slot->done; });
   _slots.pop_front();
   if (slot->error) std::rethrow_exception(slot->error);
   return std::move(slot->result);
@@ -158,7 +158,7 @@ std::string OrderedPool::TakeNext() {
 void OrderedPool::Work() {
   std::unique_lock<std::mutex> lock(_mutex);
   for (;;) {
-    _changed.wait(lock, [this] { return _stop || !_todo.empty(); });
+    _toDo.wait(lock, [this] { return _stop || !_todo.empty(); });
     if (_stop) return;
     const std::shared_ptr<Slot> slot = std::move(_todo.front());
     _todo.pop_front();
@@ -171,7 +171,7 @@ void OrderedPool::Work() {
     slot->job = nullptr;
     lock.lock();
     slot->done = true;
-    _changed.notify_all();
+    _done.notify_one();
   }
 }
 

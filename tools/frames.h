@@ -82,7 +82,8 @@ class OrderedPool {
   void Work();
 
   mutable std::mutex _mutex;
-  std::condition_variable _changed;
+  std::condition_variable _toDo;             // a job was submitted, or the pool is stopping
+  std::condition_variable _done;             // a job ended
   std::deque<std::shared_ptr<Slot>> _slots;  // in submission order, not yet taken
   std::deque<std::shared_ptr<Slot>> _todo;   // not yet started
   bool _stop = false;

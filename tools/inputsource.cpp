@@ -297,31 +297,30 @@ std::unique_ptr<ByteSource> SerialSource(Compression compression, DescriptorRead
   return source;
 }
 
-// The content of one zstd frame, at most extent.contentBound bytes.
-std::string DecompressZstdFrame(std::string_view frame, const PieceExtent& extent,
+// Decompresses one zstd frame into the `capacity` bytes at `into`; returns
+// the size of its content.
+std::size_t DecompressZstdFrame(std::string_view frame, char* into, std::size_t capacity,
                                 const std::string& path) {
   // One context a thread, kept between the frames it decompresses.
   thread_local const std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context(ZSTD_createDCtx(),
                                                                                   ZSTD_freeDCtx);
   if (context == nullptr) throw std::bad_alloc();
-  std::string content(extent.contentBound, '\0');
-  const std::size_t size = ZSTD_decompressDCtx(context.get(), content.data(), content.size(),
-                                               frame.data(), frame.size());
+  const std::size_t size =
+      ZSTD_decompressDCtx(context.get(), into, capacity, frame.data(), frame.size());
   if (ZSTD_isError(size)) Corrupt(path, "zstd", ZSTD_getErrorName(size));
-  content.resize(size);
-  return content;
+  return size;
 }
 
-// The content of one BGZF gzip member, extent.contentBound bytes (its ISIZE).
-std::string InflateBgzfMember(std::string_view member, const PieceExtent& extent,
+// Inflates one BGZF gzip member into the `capacity` bytes at `into`, its
+// ISIZE; returns the size of its content.
+std::size_t InflateBgzfMember(std::string_view member, char* into, std::size_t capacity,
                               const std::string& path) {
   z_stream z{};
   if (inflateInit2(&z, 16 + MAX_WBITS) != Z_OK) throw std::bad_alloc();
-  std::string content(extent.contentBound, '\0');
   z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(member.data()));
   z.avail_in = static_cast<uInt>(member.size());
-  z.next_out = reinterpret_cast<Bytef*>(content.data());
-  z.avail_out = static_cast<uInt>(content.size());
+  z.next_out = reinterpret_cast<Bytef*>(into);
+  z.avail_out = static_cast<uInt>(capacity);
   const int status = inflate(&z, Z_FINISH);
   const bool whole = status == Z_STREAM_END && z.avail_in == 0;
   const char* why = z.msg;
@@ -330,19 +329,29 @@ std::string InflateBgzfMember(std::string_view member, const PieceExtent& extent
               ? "incorrect length check"
               : "the member does not end where its BGZF block size says";
   }
+  const std::size_t size = capacity - z.avail_out;
   inflateEnd(&z);
   if (status == Z_MEM_ERROR) throw std::bad_alloc();
   if (!whole) Corrupt(path, "gzip", why);
-  return content;
+  return size;
 }
+
+// Thrown by a batch of pieces that fails: the content of the pieces before
+// the one that failed, and its error.
+struct PartialContent {
+  std::string content;
+  std::exception_ptr error;
+};
 
 // Frames or BGZF members decompressed on a pool of threads and handed out in
 // order. The first piece whose extent cannot be told without decompressing
 // it (any gzip member that is not BGZF, damaged or cut headers, bytes after
 // the last piece) or that is larger than kLargestPiece, and all that follows
 // it, go through the serial source instead, which reports what is wrong
-// there as it would from the start of the file. At most 2 pieces a thread
-// and kInFlight bytes of content are decompressed ahead of the reader.
+// there as it would from the start of the file. Small pieces go to the pool
+// in batches of about kBatch bytes of content. At most kInFlightEach bytes of
+// content a thread, and kInFlight in all, are decompressed ahead of the
+// reader.
 class PieceSource : public ByteSource {
  public:
   PieceSource(Compression compression, DescriptorReader in, unsigned threads, bool readAhead)
@@ -350,7 +359,7 @@ class PieceSource : public ByteSource {
         _in(std::move(in)),
         _readAhead(readAhead),
         _threads(threads),
-        _mostPieces(2 * std::size_t{threads}) {}
+        _inFlightMost(std::min(kInFlight, kInFlightEach * threads)) {}
 
   std::size_t Read(char* into, std::size_t count) override {
     while (_taken == _content.size()) {
@@ -365,14 +374,16 @@ class PieceSource : public ByteSource {
  private:
   static constexpr std::uint64_t kLargestPiece = std::uint64_t{64} << 20;
   static constexpr std::uint64_t kInFlight = std::uint64_t{128} << 20;
+  static constexpr std::uint64_t kInFlightEach = std::uint64_t{16} << 20;
+  static constexpr std::uint64_t kBatch = std::uint64_t{1} << 20;
 
   struct Piece {
     std::string bytes;
     PieceExtent extent;
   };
 
-  // Replaces the content handed out by that of the next piece; false once no
-  // piece is left to the pool.
+  // Replaces the content handed out by that of the next batch of pieces;
+  // false once no piece is left to the pool.
   bool NextContent() {
     if (_failed) std::rethrow_exception(_failed);
     _inFlight -= _contentBound;
@@ -384,6 +395,10 @@ class PieceSource : public ByteSource {
     _taken = 0;
     try {
       _content = _pool->TakeNext();
+    } catch (PartialContent& partial) {
+      // That content first, then the error.
+      _content = std::move(partial.content);
+      _failed = partial.error;
     } catch (...) {
       _content.clear();
       _failed = std::current_exception();
@@ -392,22 +407,48 @@ class PieceSource : public ByteSource {
     return true;
   }
 
+  // Hands the pieces to the pool, in batches, as far as the bounds allow.
   void SubmitAhead() {
-    while (!_split && _bounds.size() < _mostPieces) {
-      if (!_next) _next = NextPiece();
-      if (!_next) return;
-      const std::uint64_t bound = _next->extent.contentBound;
-      if (!_bounds.empty() && _inFlight + bound > kInFlight) return;
+    for (;;) {
+      std::vector<Piece> batch;
+      std::uint64_t bound = 0;
+      while (bound < kBatch) {
+        if (!_next && !_split) _next = NextPiece();
+        if (!_next) break;
+        const std::uint64_t more = _next->extent.contentBound;
+        const bool first = _bounds.empty() && batch.empty();
+        if (!first && _inFlight + bound + more > _inFlightMost) break;
+        bound += more;
+        batch.push_back(std::move(*_next));
+        _next.reset();
+      }
+      if (batch.empty()) return;
       if (!_pool) _pool = std::make_unique<OrderedPool>(_threads);
-      _pool->Submit([piece = std::move(*_next), compression = _compression, path = _in.Path()] {
-        return compression == Compression::kZstd
-                   ? DecompressZstdFrame(piece.bytes, piece.extent, path)
-                   : InflateBgzfMember(piece.bytes, piece.extent, path);
-      });
-      _next.reset();
+      _pool->Submit([batch = std::move(batch), bound, compression = _compression,
+                     path = _in.Path()] { return Decompressed(batch, bound, compression, path); });
       _bounds.push_back(bound);
       _inFlight += bound;
     }
+  }
+
+  // The contents of `batch` one after the other; PartialContent when a piece fails.
+  static std::string Decompressed(const std::vector<Piece>& batch, std::uint64_t bound,
+                                  Compression compression, const std::string& path) {
+    std::string content(bound, '\0');
+    std::size_t size = 0;
+    for (const Piece& piece : batch) {
+      try {
+        const std::size_t capacity = piece.extent.contentBound;
+        size += compression == Compression::kZstd
+                    ? DecompressZstdFrame(piece.bytes, content.data() + size, capacity, path)
+                    : InflateBgzfMember(piece.bytes, content.data() + size, capacity, path);
+      } catch (const DataError&) {
+        content.resize(size);
+        throw PartialContent{std::move(content), std::current_exception()};
+      }
+    }
+    content.resize(size);
+    return content;
   }
 
   // The next piece with content, skipping those without; none once the
@@ -458,7 +499,7 @@ class PieceSource : public ByteSource {
   DescriptorReader _in;
   bool _readAhead;
   unsigned _threads;
-  std::size_t _mostPieces;
+  std::uint64_t _inFlightMost;
   std::string _buffer;  // compressed bytes read, those from _start on not yet split off
   std::size_t _start = 0;
   bool _split = false;                // no more pieces for the pool

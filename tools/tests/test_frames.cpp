@@ -67,12 +67,12 @@ std::string SkippableFrame(std::string_view payload) {
          + std::string(payload);
 }
 
-// A gzip member with the BGZF extra field that states its size; `content`
-// must deflate to less than 64 KiB.
-std::string BgzfMember(std::string_view content) {
+// `content` deflated by zlib; `windowBits` as deflateInit2 takes them
+// (negative: no header, 16 + 15: a gzip member).
+std::string Deflated(std::string_view content, int windowBits) {
   z_stream z{};
-  deflateInit2(&z, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-  std::string deflated(deflateBound(&z, static_cast<uLong>(content.size())), '\0');
+  deflateInit2(&z, 6, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+  std::string deflated(deflateBound(&z, static_cast<uLong>(content.size())) + 32, '\0');
   z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
   z.avail_in = static_cast<uInt>(content.size());
   z.next_out = reinterpret_cast<Bytef*>(deflated.data());
@@ -80,6 +80,13 @@ std::string BgzfMember(std::string_view content) {
   deflate(&z, Z_FINISH);
   deflated.resize(z.total_out);
   deflateEnd(&z);
+  return deflated;
+}
+
+// A gzip member with the BGZF extra field that states its size; `content`
+// must deflate to less than 64 KiB.
+std::string BgzfMember(std::string_view content) {
+  const std::string deflated = Deflated(content, -MAX_WBITS);
   const std::size_t size = 18 + deflated.size() + 8;
   const uLong crc =
       crc32(0, reinterpret_cast<const Bytef*>(content.data()), static_cast<uInt>(content.size()));
@@ -291,23 +298,10 @@ TEST_P(ThreadedPieceSource, ThePiecesAfterOnesTheFormatCannotSplitAreReadSeriall
   // block size, between pieces that could be split.
   const std::string middle =
       Zstd() ? std::string(std::size_t{65} << 20, 'a') + Text(1000, 5) : Text(300000, 5);
-  std::string file = pieces.file;
-  if (Zstd()) {
-    file += ZstdFrame(middle, {true, false, 1});
-  } else {
-    std::string member(compressBound(static_cast<uLong>(middle.size())) + 32, '\0');
-    z_stream z{};
-    deflateInit2(&z, 6, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(middle.data()));
-    z.avail_in = static_cast<uInt>(middle.size());
-    z.next_out = reinterpret_cast<Bytef*>(member.data());
-    z.avail_out = static_cast<uInt>(member.size());
-    deflate(&z, Z_FINISH);
-    member.resize(z.total_out);
-    deflateEnd(&z);
-    file += member;
-  }
-  file += pieces.file;
+  const std::string file =
+      pieces.file
+      + (Zstd() ? ZstdFrame(middle, {true, false, 1}) : Deflated(middle, 16 + MAX_WBITS))
+      + pieces.file;
   Opened opened(file, 2);
   const std::string all = opened.ReadAll(1 << 16);
   EXPECT_TRUE(all == pieces.content + middle + pieces.content);
