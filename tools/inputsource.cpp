@@ -356,6 +356,7 @@ class PieceSource : public ByteSource {
  public:
   PieceSource(Compression compression, DescriptorReader in, unsigned threads, bool readAhead)
       : _compression(compression),
+        _path(in.Path()),
         _in(std::move(in)),
         _readAhead(readAhead),
         _threads(threads),
@@ -424,8 +425,9 @@ class PieceSource : public ByteSource {
       }
       if (batch.empty()) return;
       if (!_pool) _pool = std::make_unique<OrderedPool>(_threads);
-      _pool->Submit([batch = std::move(batch), bound, compression = _compression,
-                     path = _in.Path()] { return Decompressed(batch, bound, compression, path); });
+      _pool->Submit([batch = std::move(batch), bound, compression = _compression, path = _path] {
+        return Decompressed(batch, bound, compression, path);
+      });
       _bounds.push_back(bound);
       _inFlight += bound;
     }
@@ -496,7 +498,8 @@ class PieceSource : public ByteSource {
   }
 
   Compression _compression;
-  DescriptorReader _in;
+  std::string _path;
+  DescriptorReader _in;  // until the rest is left to the serial source
   bool _readAhead;
   unsigned _threads;
   std::uint64_t _inFlightMost;
@@ -504,9 +507,9 @@ class PieceSource : public ByteSource {
   std::size_t _start = 0;
   bool _split = false;                // no more pieces for the pool
   std::optional<Piece> _next;         // split off, waiting for room in the pool
-  std::deque<std::uint64_t> _bounds;  // content bounds of the pieces in the pool, in order
+  std::deque<std::uint64_t> _bounds;  // content bounds of the batches in the pool, in order
   std::uint64_t _inFlight = 0;        // their sum, and that of the content handed out
-  std::string _content;               // that of the piece handed out
+  std::string _content;               // that of the batch handed out
   std::uint64_t _contentBound = 0;
   std::size_t _taken = 0;
   std::exception_ptr _failed;

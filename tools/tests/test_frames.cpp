@@ -261,6 +261,9 @@ TEST_P(ThreadedPieceSource, ACorruptMiddlePieceFailsAfterThePiecesBeforeIt) {
     if (i < 7) before += content;
     file += piece;
   }
+  // Bytes after the last piece leave the rest to the serial path while the
+  // pieces before are still in the pool.
+  file += "trailing";
   for (unsigned threads : {2u, 3u}) {
     Opened opened(file, threads);
     std::string error;
