@@ -160,6 +160,7 @@ class StatProblem : public vorel::ProblemBase {
   // Line number in the file of a line a thread found.
   std::uint64_t LineNumber(const ChunkLine& where) const {
     std::uint64_t line = _reader.HeaderLine() + 1 + where.lineInChunk;
+    if (_options.linesFromFileStart) line += _reader.LineEndsBeforeFirstChunk();
     for (std::uint64_t k = 0; k < where.chunkIndex; ++k)
       line += _lineCounts[k];
     return line;
