@@ -368,16 +368,7 @@ class StatWorker : public vorel::WorkerBase {
   void UpdateExtremes() {
     const unsigned n = _batch.NRows();
     for (unsigned c = 0; c < _batch.NColumns(); ++c) {
-      const double* x = _batch.Column(c);
-      figures::Range range = _totals.ranges[c];
-      std::uint64_t count = 0;
-      for (unsigned r = 0; r < n; ++r) {
-        if (!Present(x[r])) continue;
-        ++count;
-        range.Include(x[r]);
-      }
-      _totals.ranges[c] = range;
-      _totals.counts[c] += count;
+      _totals.counts[c] += _totals.ranges[c].IncludeAllBut(_batch.Column(c), n, _missingCode);
     }
   }
 
