@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "batchcapacity.h"
 #include "errors.h"
 
 namespace vorelstat {
@@ -60,7 +61,7 @@ class GroupRows {
   GroupRows(unsigned nValues, unsigned capacity)
       : _nValues(nValues),
         _capacity(capacity),
-        _batch(nValues, capacity, &_weight, nullptr, nullptr),
+        _batch(nValues, BatchCapacity(capacity), &_weight, nullptr, nullptr),
         _moved(nValues),
         _means(nValues),
         _cscp(figures::TriangleSize(nValues)) {
@@ -203,7 +204,7 @@ class StatWorker : public vorel::WorkerBase {
         _batchRows(_tree ? kBlockBatchRows : problem._options.batchRows),
         _missingCode(problem._rules.missingCode),
         _parser(problem._layout, problem._rules),
-        _batch(problem._layout.NValues(), _batchRows,
+        _batch(problem._layout.NValues(), BatchCapacity(_batchRows),
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
         _result(problem._shape),
