@@ -158,10 +158,12 @@ const char* NextLineEndOutsideQuotes(const char* from, const char* end, char del
   }
 }
 
-ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine)
+ChunkReader::ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine,
+                         unsigned decompressionThreads)
     : _path(path),
       _readSize(std::max<std::size_t>(readSize, 1)),
       _maxLine(std::max<std::size_t>(maxLine, 1)),
+      _decompressionThreads(std::max(decompressionThreads, 1u)),
       _blockBytes(_readSize) {
   if (path == "-") {
     _fd = STDIN_FILENO;
@@ -197,7 +199,7 @@ ChunkReader::~ChunkReader() {
 }
 
 void ChunkReader::OpenInput() {
-  OpenedSource opened = OpenByteSource(_fd, _path, _regularFile);
+  OpenedSource opened = OpenByteSource(_fd, _path, _regularFile, _decompressionThreads);
   _compression = opened.compression;
   // Compressed input is read as a stream, whatever holds it.
   if (_compression != Compression::kNone) _fileSize.reset();

@@ -118,7 +118,10 @@ class ChunkReader {
   // empty or cannot be read.
   static constexpr std::size_t kDefaultMaxLine = std::size_t{16} << 20;
 
-  ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine = kDefaultMaxLine);
+  // Compressed input is decompressed on `decompressionThreads` threads where
+  // its format allows.
+  ChunkReader(const std::string& path, std::size_t readSize, std::size_t maxLine = kDefaultMaxLine,
+              unsigned decompressionThreads = 1);
   ~ChunkReader();
   ChunkReader(const ChunkReader&) = delete;
   ChunkReader& operator=(const ChunkReader&) = delete;
@@ -221,6 +224,7 @@ class ChunkReader {
   bool _ownsFd = false;
   std::size_t _readSize;
   std::size_t _maxLine;
+  unsigned _decompressionThreads;
   std::optional<std::uint64_t> _fileSize;
   std::string _header;
   std::uint64_t _headerLine = 1;

@@ -5,7 +5,6 @@
 #include <zstd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -517,8 +516,6 @@ class PieceSource : public ByteSource {
   std::unique_ptr<OrderedPool> _pool;   // made at the first piece; last, joined first
 };
 
-std::atomic<unsigned> gDecompressionThreads{1};
-
 }  // namespace
 
 Compression CompressionOf(std::string_view head) {
@@ -537,15 +534,6 @@ const char* CompressionName(Compression compression) {
       break;
   }
   return "";
-}
-
-void SetDecompressionThreads(unsigned threads) {
-  gDecompressionThreads =
-      threads != 0 ? threads : std::max(1u, std::thread::hardware_concurrency());
-}
-
-OpenedSource OpenByteSource(int fd, std::string path, bool readAhead) {
-  return OpenByteSource(fd, std::move(path), readAhead, gDecompressionThreads);
 }
 
 OpenedSource OpenByteSource(int fd, std::string path, bool readAhead, unsigned threads) {

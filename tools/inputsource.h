@@ -50,20 +50,14 @@ struct OpenedSource {
   std::unique_ptr<ByteSource> source;
 };
 
-// How many threads decompress the input of the sources opened from now on,
-// where the format allows (1: serial); 0 for the host's count. The tool
-// sets it from its --threads.
-void SetDecompressionThreads(unsigned threads);
-
 // Reads the first bytes of the open descriptor `fd` to tell its compression,
 // and makes the source that hands out its bytes from there on, those first
 // bytes included: plain for kNone, else decompressed on `threads` threads
-// (by default those set above). With `readAhead`, compressed input that is
+// where the format allows (1: serially). With `readAhead`, compressed input that is
 // decompressed serially is decompressed ahead on a thread of its own, a few
 // megabytes at most; only for descriptors whose reads always come back (a
 // regular file). Does not own `fd`. Throws DataError naming `path` on a read
 // error.
-OpenedSource OpenByteSource(int fd, std::string path, bool readAhead);
 OpenedSource OpenByteSource(int fd, std::string path, bool readAhead, unsigned threads);
 // The bytes of `fd` from where it stands, as they are, whatever they look like.
 std::unique_ptr<ByteSource> OpenPlainSource(int fd, std::string path);

@@ -14,7 +14,6 @@
 #include "atomicfile.h"
 #include "chunkreader.h"
 #include "errors.h"
-#include "inputsource.h"
 #include "passstate.h"
 #include "progress.h"
 #include "report.h"
@@ -280,14 +279,19 @@ std::string Megabytes(double bytes) {
 
 // Refuses a run whose figures cannot fit in this machine's memory, before it
 // starts: they grow as the square of the columns, for every thread.
+// The threads a pass runs on: --threads, or the host's count.
+unsigned ThreadCount(const Options& o) {
+  return o.threads > 0 ? static_cast<unsigned>(o.threads)
+                       : std::max(1u, std::thread::hardware_concurrency());
+}
+
 void CheckSize(const RowLayout& layout, const Options& o, const std::string& path) {
   const std::size_t k = layout.NValues();
   if (k > kMostColumns) {
     throw UsageError(path + ": " + std::to_string(k) + " columns to analyse; vorelstat analyses "
                      "at most " + std::to_string(kMostColumns) + " at once: name fewer with --columns");
   }
-  const double threads =
-      o.threads > 0 ? o.threads : std::max(1u, std::thread::hardware_concurrency());
+  const double threads = ThreadCount(o);
   const double cells = static_cast<double>(k) * (static_cast<double>(k) + 1.0) / 2.0;
   // A listwise matrix is a triangle of doubles, and each worker makes a second
   // one per batch; a pairwise matrix holds a record of 64 bytes per pair, and
@@ -376,8 +380,6 @@ PassOptions PassOptionsOf(const Options& o) {
 
 ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
   CheckConventions(o);
-  // zstd frames and BGZF members are decompressed on as many threads as parse.
-  SetDecompressionThreads(static_cast<unsigned>(std::max(o.threads, 0)));
   const CellRules rules = MakeCellRules(o);
   const char delimiterOption = DelimiterOption(o.delimiter);
   // Columns of the tool's choice found to hold text; each pass that finds
@@ -386,7 +388,8 @@ ToolRun RunPasses(const Options& o, bool progress, const PassRunner& runPass) {
   // Whether a pass found a chunk cut inside quotes: the next cuts outside them.
   bool cutOutsideQuotes = false;
   for (bool looked = false;; looked = true) {
-    ChunkReader reader(o.path, o.readSize, o.maxLineLength);
+    // zstd frames and BGZF members are decompressed on as many threads as parse.
+    ChunkReader reader(o.path, o.readSize, o.maxLineLength, ThreadCount(o));
     const char delimiter = PassDelimiter(delimiterOption, reader.Header(), rules.decimalPoint);
     RowLayout layout;
     std::vector<SkippedColumn> skipped;
