@@ -56,6 +56,10 @@ const char* FindLast(const char* from, std::size_t count, char c) {
   return count == 0 ? nullptr : static_cast<const char*>(::memrchr(from, c, count));
 }
 
+std::uint64_t LineEnds(std::string_view text) {
+  return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
 // The one place that says where a line ends: the first line end in
 // [from, from + count), or null.
 const char* FindLineEnd(const char* from, std::size_t count) {
@@ -441,6 +445,7 @@ std::uint64_t ChunkReader::RecordStartStream(std::uint64_t offset) {
 void ChunkReader::DropBefore(std::uint64_t offset) {
   while (_handedOut + _carry.Size() + 1 < offset && !_eof) {
     if (_quoteDelimiter) FollowQuotesTo(_handedOut + _carry.Size());
+    _lineEndsDropped += LineEnds(_carry.View());
     _handedOut += _carry.Size();
     _carry.Resize(0);
     ReadMore(_carry,
@@ -461,6 +466,7 @@ std::uint64_t ChunkReader::FirstRecordStartFile(std::uint64_t offset) {
   ReadAsStreamFrom(_handedOut);
   DropBefore(offset);
   const std::uint64_t start = RecordStartStream(offset);
+  _lineEndsBeforeFirst = LineEndsDroppedTo(start);
   _source.reset();
   _carry.Resize(0);
   return start;
@@ -495,6 +501,8 @@ bool ChunkReader::Next(Chunk& chunk) {
     const std::uint64_t first = Boundary(_nextBlock);
     const bool followQuotes = _quoteDelimiter && first > _dataStart && first < *_fileSize;
     _handedOut = followQuotes ? FirstRecordStartFile(first) : LineStartFile(first);
+    if (_handedOut == _dataStart) _lineEndsBeforeFirst = 0;
+    _firstChunkStart = _handedOut;
     _started = true;
   }
   const std::uint64_t endBlock = std::min(ChunkEndBlock(), BlocksUpTo(*_fileSize));
@@ -520,6 +528,8 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
     const std::uint64_t first = Boundary(_nextBlock);
     DropBefore(first);
     const std::uint64_t start = LineStartStream(first);
+    _lineEndsBeforeFirst = LineEndsDroppedTo(start);
+    _firstChunkStart = start;
     const std::string rest(_carry.View().substr(static_cast<std::size_t>(start - _handedOut)));
     _carry.Assign(rest);
     _handedOut = start;
@@ -538,6 +548,25 @@ bool ChunkReader::NextFromStream(Chunk& chunk) {
   chunk.loaded = true;
   chunk.cutGuessed = false;
   return true;
+}
+
+std::uint64_t ChunkReader::LineEndsDroppedTo(std::uint64_t start) const {
+  return _lineEndsDropped
+         + LineEnds(_carry.View().substr(0, static_cast<std::size_t>(start - _handedOut)));
+}
+
+std::uint64_t ChunkReader::LineEndsBeforeFirstChunk() {
+  if (!_lineEndsBeforeFirst) {
+    std::uint64_t count = 0;
+    for (std::uint64_t at = _dataStart; at < _firstChunkStart; at += _readSize) {
+      ReadAt(at,
+             static_cast<std::size_t>(std::min<std::uint64_t>(_readSize, _firstChunkStart - at)),
+             _window);
+      count += LineEnds(_window.View());
+    }
+    _lineEndsBeforeFirst = count;
+  }
+  return *_lineEndsBeforeFirst;
 }
 
 }  // namespace vorelstat

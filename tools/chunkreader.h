@@ -162,6 +162,13 @@ class ChunkReader {
   // DataError on a read error or when the file shrank.
   void Load(Chunk& chunk) const;
 
+  // The line ends between the header and the first chunk: those of the
+  // blocks before a part, so that a part names lines as the whole file does.
+  // A stream counts them as they pass; a regular file reads them again only
+  // when asked (a bad line or a text column needs them), once. Call it after
+  // the first Next.
+  std::uint64_t LineEndsBeforeFirstChunk();
+
   // Bytes handed out in chunks so far, the header included.
   std::uint64_t BytesRead() const { return _handedOut; }
   // Size of a regular file; nothing for a pipe or terminal.
@@ -206,6 +213,8 @@ class ChunkReader {
   // `quoted`: the line holds a quote, which may be one left open.
   [[noreturn]] void LineTooLong(std::uint64_t offset, bool quoted = false) const;
   bool NextFromStream(Chunk& chunk);
+  // Stream input: the line ends dropped so far and those in _carry before `start`.
+  std::uint64_t LineEndsDroppedTo(std::uint64_t start) const;
 
   std::string _path;
   int _fd = -1;
@@ -235,6 +244,9 @@ class ChunkReader {
   std::unique_ptr<ByteSource> _source;
   bool _eof = false;
   TextBuffer _carry;  // bytes read but not yet handed out
+  std::uint64_t _firstChunkStart = 0;
+  std::uint64_t _lineEndsDropped = 0;                 // by DropBefore
+  std::optional<std::uint64_t> _lineEndsBeforeFirst;  // known once counted
 };
 
 }  // namespace vorelstat

@@ -1,12 +1,27 @@
 #include "figures.h"
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 
 namespace vorelstat::figures {
 namespace {
 
 // -0 below +0; otherwise the usual order. NaN is never below anything.
 bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
+
+// A double's bits as a signed integer, the bits below the sign flipped for
+// negative values: integers then order as the doubles do, -0 below +0 (NaN
+// aside). The map is its own inverse.
+std::int64_t OrderKey(double x) {
+  const auto bits = std::bit_cast<std::int64_t>(x);
+  return bits ^ ((bits >> 63) & std::numeric_limits<std::int64_t>::max());
+}
+
+double FromOrderKey(std::int64_t key) {
+  return std::bit_cast<double>(OrderKey(std::bit_cast<double>(key)));
+}
 
 }  // namespace
 
@@ -19,6 +34,22 @@ double Divisor(double weight, double weightSquares, double ddof, WeightKind kind
 void Range::Include(double x) {
   if (Below(x, min)) min = x;
   if (Below(max, x)) max = x;
+}
+
+std::uint64_t Range::IncludeAllBut(const double* x, std::size_t n, double missing) {
+  std::uint64_t present = 0;
+  std::int64_t low = OrderKey(min), high = OrderKey(max);
+  for (std::size_t r = 0; r < n; ++r) {
+    const bool there = x[r] != missing;
+    const bool ordered = there && x[r] == x[r];  // NaN takes no place in the order
+    const std::int64_t key = OrderKey(x[r]);
+    present += there;
+    low = ordered && key < low ? key : low;
+    high = ordered && key > high ? key : high;
+  }
+  min = FromOrderKey(low);
+  max = FromOrderKey(high);
+  return present;
 }
 
 void Range::Include(const Range& other) {

@@ -63,6 +63,10 @@ struct Range {
 
   void Include(double x);
   void Include(const Range& other);
+  // Includes the cells x[0, n) that are not `missing`, in the order above,
+  // and returns how many there were. For the pass's every cell: no branch
+  // per cell.
+  std::uint64_t IncludeAllBut(const double* x, std::size_t n, double missing);
   bool Empty() const { return min > max; }
   // Smallest equals largest, and finite.
   bool Constant() const;

@@ -367,6 +367,8 @@ class MpiRun {
         dataBytes / passOptions.blockBytes + (dataBytes % passOptions.blockBytes != 0 ? 1 : 0);
     std::tie(passOptions.firstBlock, passOptions.endBlock) = ShareOfBlocks(blocks, _rank, _size);
     passOptions.keepForest = true;
+    // The ranks before add their lines when the outcomes join.
+    passOptions.linesFromFileStart = false;
     Outcome mine;
     try {
       PassResult pass = RunPass(reader, layout, rules, passOptions);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "batchcapacity.h"
 #include "errors.h"
 
 namespace vorelstat {
@@ -60,7 +61,7 @@ class GroupRows {
   GroupRows(unsigned nValues, unsigned capacity)
       : _nValues(nValues),
         _capacity(capacity),
-        _batch(nValues, capacity, &_weight, nullptr, nullptr),
+        _batch(nValues, BatchCapacity(capacity), &_weight, nullptr, nullptr),
         _moved(nValues),
         _means(nValues),
         _cscp(figures::TriangleSize(nValues)) {
@@ -160,6 +161,7 @@ class StatProblem : public vorel::ProblemBase {
   // Line number in the file of a line a thread found.
   std::uint64_t LineNumber(const ChunkLine& where) const {
     std::uint64_t line = _reader.HeaderLine() + 1 + where.lineInChunk;
+    if (_options.linesFromFileStart) line += _reader.LineEndsBeforeFirstChunk();
     for (std::uint64_t k = 0; k < where.chunkIndex; ++k)
       line += _lineCounts[k];
     return line;
@@ -202,7 +204,7 @@ class StatWorker : public vorel::WorkerBase {
         _batchRows(_tree ? kBlockBatchRows : problem._options.batchRows),
         _missingCode(problem._rules.missingCode),
         _parser(problem._layout, problem._rules),
-        _batch(problem._layout.NValues(), _batchRows,
+        _batch(problem._layout.NValues(), BatchCapacity(_batchRows),
                problem._layout.weightField ? &_weight : nullptr,
                problem._layout.regWeightField ? &_regWeight : nullptr, nullptr),
         _result(problem._shape),
@@ -367,16 +369,7 @@ class StatWorker : public vorel::WorkerBase {
   void UpdateExtremes() {
     const unsigned n = _batch.NRows();
     for (unsigned c = 0; c < _batch.NColumns(); ++c) {
-      const double* x = _batch.Column(c);
-      figures::Range range = _totals.ranges[c];
-      std::uint64_t count = 0;
-      for (unsigned r = 0; r < n; ++r) {
-        if (!Present(x[r])) continue;
-        ++count;
-        range.Include(x[r]);
-      }
-      _totals.ranges[c] = range;
-      _totals.counts[c] += count;
+      _totals.counts[c] += _totals.ranges[c].IncludeAllBut(_batch.Column(c), n, _missingCode);
     }
   }
 

@@ -84,6 +84,9 @@ struct PassOptions {
   // The blocks of the grid to read: a part of the input, or all of it.
   std::uint64_t firstBlock = 0;
   std::uint64_t endBlock = ChunkReader::kNoEnd;
+  // Lines are numbered from the start of the file, also in a part; without
+  // it from the part's first line, for a caller that adds the lines before.
+  bool linesFromFileStart = true;
   // The plain pass: merges in the order the threads finish.
   bool finishOrder = false;
   unsigned batchRows = kBlockBatchRows;  // with finishOrder only

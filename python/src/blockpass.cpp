@@ -10,6 +10,8 @@
 #include <optional>
 #include <utility>
 
+#include "batchcapacity.h"
+
 namespace vorelpy {
 namespace {
 
@@ -24,10 +26,10 @@ class BlockReducer {
         _settings(settings),
         _blockRows(BlockRows(settings.nColumns)),
         _reader(table),
-        _batch(settings.nColumns, static_cast<unsigned>(_blockRows),
+        _batch(settings.nColumns, vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
                table.weights ? &_weight : nullptr, settings.regWeights ? &_regWeight : nullptr,
                nullptr),
-        _whole(settings.nColumns, static_cast<unsigned>(_blockRows),
+        _whole(settings.nColumns, vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
                table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
         _incomplete(_blockRows),
@@ -39,7 +41,8 @@ class BlockReducer {
       _whole.AddRow(_marked.data());
     // Regression weights play no part in the group tables.
     if (settings.grouped)
-      _groupBatch.emplace(settings.nColumns, static_cast<unsigned>(_blockRows),
+      _groupBatch.emplace(settings.nColumns,
+                          vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
                           table.weights ? &_weight : nullptr, nullptr, nullptr);
   }
 
@@ -85,7 +88,8 @@ class BlockReducer {
     if (weights && std::find(weights, weights + _blockRows, 0.0) != weights + _blockRows)
       return false;
     const unsigned k = _settings.nColumns;
-    _reader.ToColumns(_blockRows, _whole.Column(0), _blockRows);
+    _reader.ToColumns(_blockRows, _whole.Column(0),
+                      vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)));
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
     if (!_settings.pairwise && _table.missing.nan) {
       // Listwise, one missing cell sends the block row by row; a NaN cell is

@@ -7,7 +7,7 @@ import os
 import tempfile
 import unittest
 
-from common import SAMPLE, run
+from common import SAMPLE, TempCsv, run
 
 SETTINGS = list(itertools.product(("1", "2", "3", "8"), ("1", "7", "10000"), ("256", "1M")))
 
@@ -89,6 +89,28 @@ class SplitInvariance(unittest.TestCase):
 
     def test_decimal_comma(self):
         self.check("-p", "-w", "weight", "-g", "household", "--decimal", ",", source=self.comma)
+
+    def test_a_part_names_lines_as_the_whole_file_does(self):
+        # Quoted line ends before the bad line, which lies in the part's
+        # third block; a pipe drops the blocks before the part as they come.
+        rows = [f'{k % 7},{k % 5},"note\n{k}"' if k % 50 == 0 else f"{k % 7},{k % 5},plain"
+                for k in range(1, 2000)]
+        rows[1500] = "1,2x,plain"
+        text = "a,b,c\n" + "\n".join(rows) + "\n"
+        line = text[:text.index("2x")].count("\n") + 1
+        expected = f'line {line}, column 2 ("b"): cell "2x" is not a number'
+        with TempCsv(text) as path:
+            for blocks in ("0:", "2:", "3:"):
+                for source, stdin in ((path, None), ("-", text)):
+                    with self.subTest(blocks=blocks, source=source):
+                        done = run(source, "--columns", "a,b", "--block-size", "4k", "--blocks",
+                                   blocks, stdin=stdin)
+                        self.assertEqual(done.returncode, 1)
+                        self.assertIn(expected, done.stderr)
+            # A column the part finds text in is named with the same line.
+            done = run(path, "--block-size", "4k", "--blocks", "3:", "-f", "json")
+            self.assertEqual(done.returncode, 0, done.stderr)
+            self.assertIn(f"line {line}: cell", done.stdout)
 
 
 if __name__ == "__main__":
