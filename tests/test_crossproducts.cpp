@@ -5,6 +5,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kernel_levels.h"
@@ -296,6 +297,55 @@ MaskedPairsJob MaskedJob(const double* w, const double* rw, std::vector<double>&
   return job;
 }
 
+const PairFigures kUntouchedPair{kSentinel, kSentinel, kSentinel, kSentinel,
+                                 kSentinel, kSentinel, kSentinel, kSentinel};
+const ColumnFigures kUntouchedColumn{kSentinel, kSentinel, kSentinel, kSentinel, kSentinel};
+
+using Pairs = std::vector<std::pair<int, int>>;
+
+// The pairs of a job's records in their order: the triangle of p columns (the
+// later one first), or `rows` against `cols`.
+Pairs TrianglePairs(int p) {
+  Pairs pairs;
+  for (int c = 0; c < p; ++c)
+    for (int d = 0; d < c; ++d)
+      pairs.emplace_back(c, d);
+  return pairs;
+}
+Pairs RectanglePairs(const std::vector<int>& rows, const std::vector<int>& cols) {
+  Pairs pairs;
+  for (int r : rows)
+    for (int c : cols)
+      pairs.emplace_back(r, c);
+  return pairs;
+}
+
+// Runs the masked job into records that hold sentinels, and checks the record
+// of each of `pairs` against want(c, d) and, where `columns` is not empty, the
+// columns' own records against want(c, c).
+template <class Want>
+void ExpectMaskedRecords(MaskedPairsJob job, const Pairs& pairs, const std::vector<int>& columns,
+                         Want want) {
+  std::vector<PairFigures> got(pairs.size(), kUntouchedPair);
+  std::vector<ColumnFigures> own(columns.size(), kUntouchedColumn);
+  job.out = got.data();
+  job.columns = columns.empty() ? nullptr : own.data();
+  MaskedPairs(job);
+  for (std::size_t k = 0; k < pairs.size(); ++k) {
+    const auto [c, d] = pairs[k];
+    EXPECT_PRED2(SameFields, Fields(got[k]), want(c, d)) << c << "," << d;
+  }
+  for (std::size_t k = 0; k < columns.size(); ++k)
+    EXPECT_PRED2(SameFields, Fields(own[k]), want(columns[k], columns[k])) << columns[k];
+}
+
+std::vector<int> Indices(int from, int to) {
+  std::vector<int> indices;
+  for (int j = from; j < to; ++j)
+    indices.push_back(j);
+  return indices;
+}
+
 // Pairs side by side in masked lanes, and columns alone, against the per-pair
 // reduction: every weighting, runs at the start of the kept cells, a column
 // missing throughout, NaN cells, and a NaN missing code. Cells missing
@@ -303,9 +353,6 @@ MaskedPairsJob MaskedJob(const double* w, const double* rw, std::vector<double>&
 // the pairs of two complete columns (and such columns) left to the caller,
 // who then finds them untouched.
 TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
-  const PairFigures untouchedPair{kSentinel, kSentinel, kSentinel, kSentinel,
-                                  kSentinel, kSentinel, kSentinel, kSentinel};
-  const ColumnFigures untouchedColumn{kSentinel, kSentinel, kSentinel, kSentinel, kSentinel};
   for (const Shape s : kShapes) {
     if (s.p < 2) continue;
     for (int weighting = 0; weighting < 4; ++weighting) {
@@ -332,41 +379,20 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
         const double* wp = weighting & 1 ? w.data() : nullptr;
         const double* rwp = weighting & 2 ? rw.data() : nullptr;
         std::vector<double> combined;
-        // What the job gives for a pair (or a column, c == d), or leaves to
-        // the caller untouched: with a NaN code no cell is missing.
-        const auto leftOut = [&](bool completePairs, double code, int c, int d) {
-          return !completePairs && (std::isnan(code) || (!missing[c] && !missing[d]));
-        };
-        const auto wantPair = [&](bool completePairs, double code, int c, int d) {
-          return leftOut(completePairs, code, c, d)
-                     ? Fields(untouchedPair)
-                     : PairFields(RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n));
-        };
-        const auto wantColumn = [&](bool completePairs, double code, int c) {
-          return leftOut(completePairs, code, c, c)
-                     ? Fields(untouchedColumn)
-                     : VarFields(RefInit(b.Column(c), b.Column(c), wp, rwp, code, s.n));
-        };
-
         for (const double code : {kCode, kNaN}) {
           for (const bool completePairs : {true, false}) {
+            // What the job gives for a pair (or a column, c == d), or leaves
+            // to the caller untouched: with a NaN code no cell is missing.
+            const auto want = [&](int c, int d) {
+              if (!completePairs && (std::isnan(code) || (!missing[c] && !missing[d])))
+                return c == d ? Fields(kUntouchedColumn) : Fields(kUntouchedPair);
+              const auto ref = RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
+              return c == d ? VarFields(ref) : PairFields(ref);
+            };
             MaskedPairsJob job = MaskedJob(wp, rwp, combined, code, s.n);
             job.first = b.View();
             job.completePairs = completePairs;
-            std::vector<PairFigures> got(static_cast<std::size_t>(s.p) * (s.p - 1) / 2,
-                                         untouchedPair);
-            std::vector<ColumnFigures> columns(static_cast<std::size_t>(s.p), untouchedColumn);
-            job.out = got.data();
-            job.columns = columns.data();
-            MaskedPairs(job);
-            std::size_t k = 0;
-            for (int c = 0; c < s.p; ++c) {
-              EXPECT_PRED2(SameFields, Fields(columns[c]), wantColumn(completePairs, code, c)) << c;
-              for (int d = 0; d < c; ++d, ++k) {
-                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, c, d))
-                    << c << "," << d;
-              }
-            }
+            ExpectMaskedRecords(job, TrianglePairs(s.p), Indices(0, s.p), want);
 
             // A rectangle: the first columns against the others.
             const int split = s.p / 2;
@@ -376,21 +402,8 @@ TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
             job.triangle = false;
             job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
             job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
-            got.assign(static_cast<std::size_t>(split) * (s.p - split), untouchedPair);
-            columns.assign(static_cast<std::size_t>(s.p - split), untouchedColumn);
-            job.out = got.data();
-            MaskedPairs(job);
-            k = 0;
-            for (int r = 0; r < split; ++r)
-              for (int c = split; c < s.p; ++c, ++k) {
-                EXPECT_PRED2(SameFields, Fields(got[k]), wantPair(completePairs, code, r, c))
-                    << r << "," << c;
-              }
-            for (int c = split; c < s.p; ++c) {
-              EXPECT_PRED2(SameFields, Fields(columns[c - split]),
-                           wantColumn(completePairs, code, c))
-                  << c;
-            }
+            ExpectMaskedRecords(job, RectanglePairs(Indices(0, split), Indices(split, s.p)),
+                                Indices(split, s.p), want);
           }
         }
       }
@@ -442,33 +455,24 @@ TEST_P(AtEveryLevel, MaskedPairsAcrossChunks) {
       all.push_back(c.data());
     for (int j = 0; j < p; ++j)
       (j % 2 ? odd : even).push_back(all[j]);
-    const auto want = [&](int c, int d) { return RefInit(all[c], all[d], wp, rwp, kCode, n); };
+    const auto want = [&](int c, int d) {
+      const auto ref = RefInit(all[c], all[d], wp, rwp, kCode, n);
+      return c == d ? VarFields(ref) : PairFields(ref);
+    };
 
     // The triangle with the columns' own figures.
     MaskedPairsJob job = MaskedJob(wp, rwp, combined, kCode, n);
     job.first = ColumnBlock{nullptr, 0, p, all.data()};
-    std::vector<PairFigures> got(p * (p - 1) / 2);
-    std::vector<ColumnFigures> own(p);
-    job.out = got.data();
-    job.columns = own.data();
-    MaskedPairs(job);
-    for (int c = 0, k = 0; c < p; ++c) {
-      EXPECT_PRED2(SameFields, Fields(own[c]), VarFields(want(c, c))) << c;
-      for (int d = 0; d < c; ++d, ++k)
-        EXPECT_PRED2(SameFields, Fields(got[k]), PairFields(want(c, d))) << c << "," << d;
-    }
-    // A rectangle: the odd columns against the even ones.
+    ExpectMaskedRecords(job, TrianglePairs(p), Indices(0, p), want);
+    // A rectangle, without the columns' figures: the odd columns against the
+    // even ones.
+    std::vector<int> oddIndices, evenIndices;
+    for (int j = 0; j < p; ++j)
+      (j % 2 ? oddIndices : evenIndices).push_back(j);
     job.triangle = false;
     job.first = ColumnBlock{nullptr, 0, p / 2, odd.data()};
     job.second = ColumnBlock{nullptr, 0, p / 2, even.data()};
-    job.columns = nullptr;
-    got.assign(p * p / 4, PairFigures{});
-    job.out = got.data();
-    MaskedPairs(job);
-    for (int r = 0, k = 0; r < p / 2; ++r)
-      for (int c = 0; c < p / 2; ++c, ++k)
-        EXPECT_PRED2(SameFields, Fields(got[k]), PairFields(want(2 * r + 1, 2 * c)))
-            << 2 * r + 1 << "," << 2 * c;
+    ExpectMaskedRecords(job, RectanglePairs(oddIndices, evenIndices), {}, want);
   }
 }
 

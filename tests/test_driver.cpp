@@ -33,12 +33,15 @@ using vorelhost::ScopedHostHooks;
 
 enum class Stage { Create, Read, Process, Merge };
 
+struct RecordingProblem;
+
 struct Plan {
   long batches = 10;  // ReadBatch returns true this many times in all; -1: endless
   Stage faultStage = Stage::Read;
   std::function<void()> fault = {};       // thrown by faultyWorkers at their first faultStage call
   std::set<unsigned> faultyWorkers = {};  // by index, the order of CreateWorker
-  std::function<void(unsigned)> beforeCreate = {}, inFirstProcess = {};  // by index
+  // Called with the problem and the worker's index.
+  std::function<void(RecordingProblem&, unsigned)> beforeCreate = {}, inFirstProcess = {};
 };
 
 struct WorkerLog {
@@ -124,7 +127,7 @@ class RecordingWorker : public WorkerBase {
   }
   void ProcessBatch() override {
     CheckThread();
-    if (++_log.processes == 1 && _p.plan.inFirstProcess) _p.plan.inFirstProcess(_index);
+    if (++_log.processes == 1 && _p.plan.inFirstProcess) _p.plan.inFirstProcess(_p, _index);
     MaybeThrow(Stage::Process, _log.processes);
   }
   void MergeResult() override {
@@ -165,7 +168,7 @@ class RecordingWorker : public WorkerBase {
 WorkerBase* RecordingProblem::CreateWorker() {
   if (std::this_thread::get_id() != callerThread) Violation("CreateWorker off the caller's thread");
   const auto index = static_cast<unsigned>(logs.size());
-  if (plan.beforeCreate) plan.beforeCreate(index);
+  if (plan.beforeCreate) plan.beforeCreate(*this, index);
   if (plan.faultStage == Stage::Create && plan.faultyWorkers.count(index) != 0) Fault();
   logs.emplace_back().cacheBytes = _cacheBytes;
   auto* worker = new RecordingWorker(*this, index);
@@ -174,10 +177,10 @@ WorkerBase* RecordingProblem::CreateWorker() {
 }
 
 // Waits up to 10 s for `ready`; a violation if it never came.
-void WaitFor(RecordingProblem* p, const std::function<bool()>& ready, const char* what) {
+void WaitFor(RecordingProblem& p, const std::function<bool()>& ready, const char* what) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   for (; !ready(); std::this_thread::yield())
-    if (std::chrono::steady_clock::now() > deadline) return p->Violation(what);
+    if (std::chrono::steady_clock::now() > deadline) return p.Violation(what);
 }
 
 const std::function<void()> kHostError = [] { throw QuorGoToCaller(); };
@@ -246,21 +249,19 @@ TEST(DriverHost, ThreadCountFromTheArgumentOrTheHostAndCacheBytesIn32Bits) {
 // ProcessBatch of worker 0 waits for worker 1 to read, and CreateWorker for
 // worker 1 waits until worker 0 is already reading.
 TEST(DriverConcurrency, TasksRunWhileLaterOnesAreMadeAndProcessOutsideTheLock) {
-  RecordingProblem* self = nullptr;
   Plan plan{50};
-  plan.beforeCreate = [&self](unsigned index) {
+  plan.beforeCreate = [](RecordingProblem& p, unsigned index) {
     if (index != 1) return;
     WaitFor(
-        self, [&] { return self->totalReads > 0; }, "worker 1 made before worker 0 read");
+        p, [&] { return p.totalReads > 0; }, "worker 1 made before worker 0 read");
   };
-  plan.inFirstProcess = [&self](unsigned index) {
+  plan.inFirstProcess = [](RecordingProblem& p, unsigned index) {
     if (index != 0) return;
     WaitFor(
-        self, [&] { return self->created == 2 && self->logs[1].reads > 0; },
+        p, [&] { return p.created == 2 && p.logs[1].reads > 0; },
         "worker 1 could not read while worker 0 processed");
   };
   RecordingProblem problem(plan);
-  self = &problem;
   Driver(&problem, 2);
   problem.ExpectCleanEnd(2);
 }
@@ -273,17 +274,15 @@ class DriverHostError
 TEST_P(DriverHostError, OneResumeOnTheCallerHoweverManyThreadsStop) {
   const auto [stage, faulty, n] = GetParam();
   ResumeCounter resume;
-  RecordingProblem* self = nullptr;
   Plan plan{stage == Stage::Merge ? 20 : -1, stage, kHostError, faulty};
-  plan.inFirstProcess = [&self, stage = stage](unsigned index) {
-    if (stage != Stage::Process || self->plan.faultyWorkers.count(index) == 0) return;
-    ++self->metInProcess;
+  plan.inFirstProcess = [stage = stage](RecordingProblem& p, unsigned index) {
+    if (stage != Stage::Process || p.plan.faultyWorkers.count(index) == 0) return;
+    ++p.metInProcess;
     WaitFor(
-        self, [&] { return self->metInProcess >= self->plan.faultyWorkers.size(); },
+        p, [&] { return p.metInProcess >= p.plan.faultyWorkers.size(); },
         "faulty workers did not meet");
   };
   RecordingProblem problem(plan);
-  self = &problem;
   Driver(&problem, n);
   problem.ExpectCleanEnd(n);
   EXPECT_EQ(resume.calls, 1);
@@ -333,16 +332,14 @@ INSTANTIATE_TEST_SUITE_P(Stages, DriverWorkerException,
 // must be stopped, or the pool's destructor would wait for ever.
 TEST(DriverWorkerException, CreateWorkerFailureStopsTheStartedTasks) {
   ResumeCounter resume;
-  RecordingProblem* self = nullptr;
   Plan plan{-1, Stage::Create, [] { throw std::length_error("vector<T> too long"); }, {2}};
-  plan.beforeCreate = [&self](unsigned index) {
+  plan.beforeCreate = [](RecordingProblem& p, unsigned index) {
     if (index != 2) return;
     WaitFor(
-        self, [&] { return self->logs[0].reads > 0 && self->logs[1].reads > 0; },
+        p, [&] { return p.logs[0].reads > 0 && p.logs[1].reads > 0; },
         "tasks 0 and 1 did not start");
   };
   RecordingProblem problem(plan);
-  self = &problem;
   EXPECT_THROW(Driver(&problem, 4), std::length_error);
   EXPECT_EQ(resume.calls, 0);
   problem.ExpectCleanEnd(2);

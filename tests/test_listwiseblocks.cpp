@@ -434,8 +434,8 @@ TEST(SMatrixListwise, ShapeAndBounds) {
   auto firstBatch = [&](SMatrixListwise block) { AddRows(block, t, 0, 3); };
   EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(1, 0)), "_col0 == 0 && _col1 == 0", kSSource);
   EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(-1, 3)), "_col0==_col1 && _col0>=0", kSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(2, 8)), "_col2 <= nCols && _col2>_col0", kSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(SMatrixListwise(3, 3)), "_col2 <= nCols && _col2>_col0", kSSource);
+  for (const SMatrixListwise& beyond : {SMatrixListwise(2, 8), SMatrixListwise(3, 3)})
+    EXPECT_VOREL_ASSERT(firstBatch(beyond), "_col2 <= nCols && _col2>_col0", kSSource);
   firstBatch(SMatrixListwise(6, 7));  // the last column alone is a block
 
   // A later batch that lacks the block's columns is refused too.
@@ -456,10 +456,8 @@ TEST(NSMatrixListwise, ShapeAndBounds) {
   EXPECT_VOREL_ASSERT(m.CCP(2, 1), "lo < _my->_col1 && hi >= _my->_col1", kNSSource);
 
   auto firstBatch = [&](NSMatrixListwise block) { AddRows(block, t, 0, 3); };
-  EXPECT_VOREL_ASSERT(firstBatch(NSMatrixListwise(0, 0, 3)), "_col0<_col1 && _col1<_col2",
-                      kNSSource);
-  EXPECT_VOREL_ASSERT(firstBatch(NSMatrixListwise(1, 3, 3)), "_col0<_col1 && _col1<_col2",
-                      kNSSource);
+  for (const NSMatrixListwise& disordered : {NSMatrixListwise(0, 0, 3), NSMatrixListwise(1, 3, 3)})
+    EXPECT_VOREL_ASSERT(firstBatch(disordered), "_col0<_col1 && _col1<_col2", kNSSource);
   EXPECT_VOREL_ASSERT(firstBatch(NSMatrixListwise(1, 3, 7)), "_col2 <= (int)data.NColumns()",
                       kNSSource);
   firstBatch(NSMatrixListwise(4, 5, 6));  // one cell and two sums of squares

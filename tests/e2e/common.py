@@ -6,6 +6,7 @@ import json
 import os
 import subprocess
 import tempfile
+import unittest
 
 BINARY = os.environ.get("VORELSTAT", "vorelstat")
 DATA = os.environ.get("VORELSTAT_DATA", os.path.join(os.path.dirname(__file__), "..", "..", "data"))
@@ -41,3 +42,22 @@ class TempCsv:
 
     def __exit__(self, *exc):
         os.unlink(self.path)
+
+
+class CsvCase(unittest.TestCase):
+    """Tests that share one file holding the class's `text`, at `path`."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.csv = TempCsv(cls.text)
+        cls.path = cls.csv.__enter__()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.csv.__exit__(None, None, None)
+
+
+def matrix(report, key):
+    """A matrix of the JSON report as floats, NaN where the report says null."""
+    import numpy as np  # only the suites that compare matrices need NumPy
+    return np.array([[np.nan if v is None else v for v in row] for row in report[key]], dtype=float)

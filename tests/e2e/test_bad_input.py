@@ -23,12 +23,10 @@ class BadInput(unittest.TestCase):
         with TempCsv(text) as path:
             return self.expect_failure([path, *args], BAD_DATA, path, *fragments)
 
-    def test_missing_file(self):
+    def test_missing_file_or_a_directory(self):
         self.expect_failure(["/nonexistent/data.csv"], BAD_USAGE, "/nonexistent/data.csv",
                             "No such file")
-
-    def test_empty_file(self):
-        self.expect_data_error("", [], "is empty")
+        self.expect_failure([os.path.dirname(SAMPLE)], BAD_USAGE, "directory")
 
     def test_header_without_the_named_column(self):
         for option in ("--columns", "--weight", "--reg-weight", "--group"):
@@ -36,10 +34,23 @@ class BadInput(unittest.TestCase):
                 self.expect_failure([SAMPLE, option, "salary"], BAD_USAGE, SAMPLE,
                                     'no column "salary"', "income")
 
-    def test_row_with_a_wrong_field_count(self):
-        # The blank line 3 still counts.
-        self.expect_data_error("a,b,c\n1,2,3\n\n4,5,6\n7,8,9,10\n", [], "line 5:",
-                               "4 fields, the header has 3")
+    def test_data_errors_name_the_line_and_the_column(self):
+        cases = [
+            ("", [], "is empty"),
+            # The blank line 3 still counts.
+            ("a,b,c\n1,2,3\n\n4,5,6\n7,8,9,10\n", [], "line 5:", "4 fields, the header has 3"),
+            ('a,b\n1,"2\n3,4\n', [], "line 2", "no closing quote"),
+            ("x,w\n1,1\n2,-3\n", ["-w", "w"], 'line 3, column 2 ("w")', "is negative",
+             "unchanged into every sum"),
+            ("x,w\n1,1\n2,NaN\n", ["-w", "w", "--missing-text", "empty"], "line 3", "not a number"),
+            ("x,g\n1,1\n2,5\n", ["-g", "g", "--group-range", "1:4"], 'line 3, column 2 ("g")',
+             "group 5 is outside the group range 1..4"),
+            ("x,g\n1,1\n2,1.5\n", ["-g", "g", "--group-range", "0:9"], "line 3",
+             "not a whole number"),
+        ]
+        for text, args, *fragments in cases:
+            with self.subTest(fragments[-1]):
+                self.expect_data_error(text, args, *fragments)
 
     def test_cell_that_is_not_a_number(self):
         text = "a;b;c\n1;2;3\n4;five;6\n7;8;x\n"
@@ -51,42 +62,20 @@ class BadInput(unittest.TestCase):
         self.assertIn('"cells_not_numeric": 2', done.stdout)
         self.assertIn('"used": 1', done.stdout)
 
-    def test_weight_negative_or_not_a_number(self):
-        self.expect_data_error("x,w\n1,1\n2,-3\n", ["-w", "w"], 'line 3, column 2 ("w")',
-                               "is negative", "unchanged into every sum")
-        self.expect_data_error("x,w\n1,1\n2,NaN\n", ["-w", "w", "--missing-text", "empty"],
-                               "line 3", "not a number")
-
-    def test_group_outside_the_range(self):
-        self.expect_data_error("x,g\n1,1\n2,5\n", ["-g", "g", "--group-range", "1:4"],
-                               'line 3, column 2 ("g")', "group 5 is outside the group range 1..4")
-        self.expect_data_error("x,g\n1,1\n2,1.5\n", ["-g", "g", "--group-range", "0:9"], "line 3",
-                               "not a whole number")
-
-    def test_unterminated_quote(self):
-        self.expect_data_error('a,b\n1,"2\n3,4\n', [], "line 2", "no closing quote")
-
     def test_bad_usage(self):
+        self.expect_failure([], BAD_USAGE)
         cases = [
-            [],
-            [SAMPLE, "--threads", "-1"],
-            [SAMPLE, "--format", "xml"],
-            [SAMPLE, "--batch-size", "0"],
-            [SAMPLE, "--no-such-option"],
-            [SAMPLE, "--group-range", "5:1"],
-            [SAMPLE, "--group-range", "a:b"],
-            [SAMPLE, "--pairwise", "--listwise"],
-            [SAMPLE, "--delimiter", "ab"],
-            [SAMPLE, "--missing-code", "minus nine"],
-            [SAMPLE, "--columns", "income,income"],
-            [SAMPLE, "--weight", "weight", "--columns", "weight"],
-            [SAMPLE, "--columns", "household"],  # text is no usage error: see below
+            ["--threads", "-1"], ["--format", "xml"], ["--batch-size", "0"], ["--no-such-option"],
+            ["--group-range", "5:1"], ["--group-range", "a:b"], ["--pairwise", "--listwise"],
+            ["--delimiter", "ab"], ["--missing-code", "minus nine"], ["--columns", "income,income"],
+            ["--weight", "weight", "--columns", "weight"],
         ]
-        for args in cases[:-1]:
+        for args in cases:
             with self.subTest(args=args):
-                self.expect_failure(args, BAD_USAGE)
+                self.expect_failure([SAMPLE, *args], BAD_USAGE)
         # Naming a text column is allowed; its first cell is what fails.
-        self.expect_failure(cases[-1], BAD_DATA, 'line 2, column 1 ("household")')
+        self.expect_failure([SAMPLE, "--columns", "household"], BAD_DATA,
+                            'line 2, column 1 ("household")')
 
     def test_help_and_version_succeed(self):
         for flag in ("--help", "--version"):
@@ -100,9 +89,6 @@ class BadInput(unittest.TestCase):
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertIn("column,,b,,mean,3.5", done.stdout)
         self.expect_failure(["-"], BAD_DATA, "empty", stdin="")
-
-    def test_directory(self):
-        self.expect_failure([os.path.dirname(SAMPLE)], BAD_USAGE, "directory")
 
 
 if __name__ == "__main__":

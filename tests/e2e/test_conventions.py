@@ -1,11 +1,12 @@
 """The divisor conventions (--ddof, --weight-kind), --exclude and --sections
-against NumPy on data generated here."""
+against NumPy on data generated here: weighted means, weight sums and
+covariances, listwise and of each pair."""
 import unittest
 
 import numpy as np
 import pandas as pd
 
-from common import TempCsv, run, run_json
+from common import CsvCase, TempCsv, matrix, run, run_json
 
 COLUMNS = ["a", "b", "c"]
 SEED = 20261124
@@ -28,10 +29,6 @@ def make_frame(rows=400, missing=0.1):
     return frame
 
 
-def matrix(report, key):
-    return np.array([[np.nan if v is None else v for v in row] for row in report[key]], dtype=float)
-
-
 def numpy_cov(values, weights, kind, ddof):
     key = "fweights" if kind == "frequency" else "aweights"
     return np.cov(values, rowvar=False, ddof=ddof, **{key: weights})
@@ -41,16 +38,9 @@ def weight_column(kind):
     return "f" if kind == "frequency" else "r"
 
 
-class Conventions(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.frame = make_frame()
-        cls.csv = TempCsv(cls.frame.to_csv(index=False, float_format="%.17g"))
-        cls.path = cls.csv.__enter__()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.csv.__exit__(None, None, None)
+class Conventions(CsvCase):
+    frame = make_frame()
+    text = frame.to_csv(index=False, float_format="%.17g")
 
     def assertClose(self, actual, expected, msg=""):
         np.testing.assert_allclose(np.asarray(actual, dtype=float), np.asarray(expected, dtype=float),
@@ -69,6 +59,11 @@ class Conventions(unittest.TestCase):
                 report = run_json(self.path, "-c", ",".join(COLUMNS), "-w", w, "--weight-kind", kind,
                                   "--ddof", str(ddof))
                 self.assertEqual((report["weight_kind"], report["ddof"]), (kind, ddof))
+                # Whole frequency weights add up exactly, in any order.
+                exact = self.assertEqual if kind == "frequency" else self.assertClose
+                exact(report["weight_sum"], complete[w].sum())
+                means = np.average(complete[COLUMNS], axis=0, weights=complete[w])
+                self.assertClose([c["mean"] for c in report["columns"]], means)
                 cov = numpy_cov(complete[COLUMNS].to_numpy(), complete[w].to_numpy(), kind, ddof)
                 self.assertClose(matrix(report, "covariance"), cov)
                 self.assertClose([c["sd"] for c in report["columns"]], np.sqrt(np.diag(cov)))
@@ -80,11 +75,13 @@ class Conventions(unittest.TestCase):
             w = weight_column(kind)
             report = run_json(self.path, "-p", "-c", ",".join(COLUMNS), "-w", w, "--weight-kind", kind,
                               "--ddof", str(ddof))
-            cov = matrix(report, "covariance")
+            cov, weights = matrix(report, "covariance"), matrix(report, "pair_weights")
+            exact = self.assertEqual if kind == "frequency" else self.assertClose
             for i, x in enumerate(COLUMNS):
                 for j, y in enumerate(COLUMNS):
                     with self.subTest(kind=kind, ddof=ddof, pair=(x, y)):
                         both = self.frame.dropna(subset=[x, y])
+                        exact(weights[i, j], both[w].sum())
                         expected = numpy_cov(both[[x, y]].to_numpy(), both[w].to_numpy(), kind, ddof)
                         self.assertClose(cov[i, j], expected[0, 1 if i != j else 0])
 
@@ -128,15 +125,8 @@ class Conventions(unittest.TestCase):
         self.assertIn("divisor     W (analytic weights, ddof 0)", analytic.stdout)
 
 
-class ColumnsAndSections(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.csv = TempCsv(make_frame(rows=60).to_csv(index=False))
-        cls.path = cls.csv.__enter__()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.csv.__exit__(None, None, None)
+class ColumnsAndSections(CsvCase):
+    text = make_frame(rows=60).to_csv(index=False)
 
     def test_exclude_leaves_columns_out_of_either_choice(self):
         chosen = run_json(self.path, "--exclude", "f,r,g")

@@ -1,15 +1,12 @@
-"""vorelstat's figures on the sample data against pandas and NumPy."""
+"""vorelstat's figures on the sample data against pandas and NumPy. (Weights
+against NumPy, listwise and by pair: test_conventions.)"""
 import io
 import unittest
 
 import numpy as np
 import pandas as pd
 
-from common import NUMERIC, SAMPLE, TempCsv, run, run_json
-
-
-def matrix(report, key):
-    return np.array([[np.nan if v is None else v for v in row] for row in report[key]], dtype=float)
+from common import NUMERIC, SAMPLE, TempCsv, matrix, run, run_json
 
 
 class OracleCase(unittest.TestCase):
@@ -39,20 +36,6 @@ class Listwise(OracleCase):
         self.assertClose(matrix(report, "covariance"), complete.cov().to_numpy())
         self.assertClose(matrix(report, "correlation"), complete.corr().to_numpy())
 
-    def test_frequency_weights_against_numpy(self):
-        report = run_json(SAMPLE, "--weight", "weight", "--columns", ",".join(NUMERIC))
-        complete = self.frame.dropna(subset=NUMERIC)
-        weights = complete["weight"].to_numpy()
-        values = complete[NUMERIC].to_numpy()
-        self.assertEqual(report["weight_sum"], weights.sum())
-        means = np.average(values, axis=0, weights=weights)
-        self.assertClose([c["mean"] for c in report["columns"]], means)
-        cov = np.cov(values, rowvar=False, fweights=weights)
-        self.assertClose(matrix(report, "covariance"), cov)
-        self.assertClose([c["sd"] for c in report["columns"]], np.sqrt(np.diag(cov)))
-        sd = np.sqrt(np.diag(cov))
-        self.assertClose(matrix(report, "correlation"), cov / np.outer(sd, sd))
-
 
 class Pairwise(OracleCase):
     def test_unweighted_against_pandas(self):
@@ -67,18 +50,6 @@ class Pairwise(OracleCase):
         self.assertEqual([c["min"] for c in report["columns"]], values.min().tolist())
         self.assertClose(matrix(report, "covariance"), values.cov().to_numpy())
         self.assertClose(matrix(report, "correlation"), values.corr().to_numpy())
-
-    def test_frequency_weights_against_numpy(self):
-        report = run_json(SAMPLE, "--pairwise", "-w", "weight", "-c", ",".join(NUMERIC))
-        cov = matrix(report, "covariance")
-        weights = matrix(report, "pair_weights")
-        for i, a in enumerate(NUMERIC):
-            for j, b in enumerate(NUMERIC):
-                both = self.frame.dropna(subset=[a, b])
-                w = both["weight"].to_numpy()
-                self.assertEqual(weights[i, j], w.sum(), f"{a}, {b}")
-                expected = np.cov(both[[a, b]].to_numpy(), rowvar=False, fweights=w)[0, 1 if i != j else 0]
-                self.assertClose(cov[i, j], expected, msg=f"{a}, {b}")
 
 
 class Groups(OracleCase):

@@ -7,13 +7,9 @@ import unittest
 import numpy as np
 import pandas as pd
 
-from common import TempCsv, run, run_json
+from common import TempCsv, matrix, run, run_json
 
 BAD_DATA, BAD_USAGE = 1, 2
-
-
-def matrix(report, key):
-    return np.array([[np.nan if v is None else v for v in row] for row in report[key]], dtype=float)
 
 
 def sample_frame(rows, seed, missing_share):

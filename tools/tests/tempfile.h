@@ -1,7 +1,9 @@
-// Inputs for the tests: a regular file, or a named pipe fed by a thread.
+// Inputs for the tests: a regular file, or a named pipe fed by a thread; and
+// the message of an error a test expects.
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,18 @@
 #include <thread>
 
 namespace vorelstat::testing {
+
+// The message of the E that f throws; a failure, and "", if it throws none.
+template <class E, class F>
+std::string MessageOf(F&& f) {
+  try {
+    f();
+  } catch (const E& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "nothing thrown";
+  return "";
+}
 
 inline void WriteAll(int fd, const std::string& contents) {
   std::size_t written = 0;

@@ -15,6 +15,7 @@
 
 #include "atomicfile.h"
 #include "errors.h"
+#include "tempfile.h"
 
 namespace vorelstat {
 namespace {
@@ -82,15 +83,11 @@ TEST(AtomicFile, AWriteFailingHalfWayLeavesTheOldFile) {
     written += n;
     return ::write(fd, data, n);
   };
-  try {
-    WriteFileAtomically(path, fresh, halfThenFull);
-    ADD_FAILURE() << "no UsageError";
-  } catch (const UsageError& e) {
-    const std::string what = e.what();
-    EXPECT_NE(what.find(path), std::string::npos) << what;
-    EXPECT_NE(what.find("after 500 bytes"), std::string::npos) << what;
-    EXPECT_NE(what.find(std::strerror(ENOSPC)), std::string::npos) << what;
-  }
+  const std::string what =
+      testing::MessageOf<UsageError>([&] { WriteFileAtomically(path, fresh, halfThenFull); });
+  EXPECT_NE(what.find(path), std::string::npos) << what;
+  EXPECT_NE(what.find("after 500 bytes"), std::string::npos) << what;
+  EXPECT_NE(what.find(std::strerror(ENOSPC)), std::string::npos) << what;
   EXPECT_EQ(ReadWholeFile(path), BytesOf("good old state"));
   EXPECT_EQ(folder.Entries(), std::vector<std::string>{"a.state"});
 }

@@ -26,6 +26,7 @@
 namespace vorelstat {
 namespace {
 
+using testing::MessageOf;
 using testing::TempFile;
 using testing::TempPipe;
 
@@ -229,12 +230,8 @@ TEST(StateMerge, PartsMissingOrGivenTwiceAreNamed) {
   const Bytes first = StateOf(text, s, options, {}, 0, 10);
   const Bytes second = StateOf(text, s, options, {}, 10, ChunkReader::kNoEnd);
   const auto fails = [](const std::function<void()>& merge, const std::string& says) {
-    try {
-      merge();
-      ADD_FAILURE() << "accepted; expected: " << says;
-    } catch (const DataError& e) {
-      EXPECT_NE(std::string(e.what()).find(says), std::string::npos) << e.what();
-    }
+    const std::string what = MessageOf<DataError>(merge);
+    EXPECT_NE(what.find(says), std::string::npos) << what << "; expected: " << says;
   };
   fails([&] { ReportOfState(Travelled(second)); }, "the state of a part is missing");
   fails(
@@ -288,14 +285,9 @@ TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
   };
   for (const Case& c : cases) {
     PassState merged = Travelled(base);
-    try {
-      MergeState(merged, Travelled(StateOf(text, c.setup, c.options, {}, 0, ChunkReader::kNoEnd)),
-                 "b.state");
-      ADD_FAILURE() << "accepted: " << c.says;
-    } catch (const UsageError& e) {
-      EXPECT_EQ(std::string(e.what()),
-                std::string("b.state does not fit the states before it: ") + c.says);
-    }
+    const Bytes other = StateOf(text, c.setup, c.options, {}, 0, ChunkReader::kNoEnd);
+    EXPECT_EQ(MessageOf<UsageError>([&] { MergeState(merged, Travelled(other), "b.state"); }),
+              std::string("b.state does not fit the states before it: ") + c.says);
   }
 }
 
@@ -305,14 +297,9 @@ TEST(StateLoad, DamagedBytesAreRefused) {
   const Columns s;
   const Bytes good = StateOf(text, s, Options(true), {}, 0, ChunkReader::kNoEnd);
   const auto refused = [](std::vector<std::byte> bytes, const std::string& says) {
-    try {
-      LoadState(bytes, "x.state");
-      ADD_FAILURE() << "accepted; expected: " << says;
-    } catch (const DataError& e) {
-      const std::string what = e.what();
-      EXPECT_EQ(what.rfind("x.state: not a usable vorelstat state: vorel state: ", 0), 0u) << what;
-      EXPECT_NE(what.find(says), std::string::npos) << what;
-    }
+    const std::string what = MessageOf<DataError>([&] { LoadState(bytes, "x.state"); });
+    EXPECT_EQ(what.rfind("x.state: not a usable vorelstat state: vorel state: ", 0), 0u) << what;
+    EXPECT_NE(what.find(says), std::string::npos) << what;
   };
   for (std::size_t length :
        {std::size_t{0}, std::size_t{10}, std::size_t{30}, good.size() / 2, good.size() - 1})

@@ -5,6 +5,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "errors.h"
@@ -25,11 +26,15 @@ CellRules Rules(bool lenient = false) {
   return rules;
 }
 
-// Header "id,g,w,x,y" with y analysed before x, so that slots differ from fields.
+// A parser of lines under `header`; by default the header "id,g,w,x,y" with y
+// analysed before x, so that slots differ from fields.
 struct Fixture {
   explicit Fixture(bool lenient = false)
-      : rules(Rules(lenient)),
-        layout(MakeLayout({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"})),
+      : Fixture({"id", "g", "w", "x", "y"}, ',', {{"y", "x"}, "w", "", "g"}, Rules(lenient)) {}
+  Fixture(std::vector<std::string> header, char delimiter, const ColumnChoice& choice,
+          const CellRules& cellRules)
+      : rules(cellRules),
+        layout(MakeLayout(std::move(header), delimiter, choice)),
         parser(layout, rules) {}
 
   bool Parse(const std::string& line) { return parser.Parse(line, row, error); }
@@ -120,43 +125,33 @@ TEST(RowParser, TheToolsOwnMissingCodeIsRefusedAsData) {
   CellRules rules = Rules();
   rules.missingCode = std::numeric_limits<double>::lowest();
   rules.userMissingCode = false;
-  const RowLayout layout = MakeLayout({"x"}, ',', {{"x"}, "", "", ""});
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  EXPECT_FALSE(parser.Parse("-1.7976931348623157e308", row, error));
-  EXPECT_NE(error.message.find("--missing-code"), std::string::npos);
+  Fixture f({"x"}, ',', {{"x"}, "", "", ""}, rules);
+  EXPECT_FALSE(f.Parse("-1.7976931348623157e308"));
+  EXPECT_NE(f.error.message.find("--missing-code"), std::string::npos);
 }
 
 // In columns the tool chose, text marks the column instead of failing the row.
 TEST(RowParser, TextInColumnsChosenByContent) {
-  const CellRules rules = Rules();
-  const RowLayout layout = MakeLayout({"id", "x", "w"}, ',', {{}, "w", "", ""});
-  ASSERT_TRUE(layout.typedByContent);
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  ASSERT_TRUE(parser.Parse("A7,NA,2", row, error)) << error.message;
-  ASSERT_EQ(row.texts.size(), 1u);
-  EXPECT_EQ(row.texts[0].slot, 0u);
-  EXPECT_EQ(row.texts[0].text, "A7");
-  EXPECT_EQ(row.nMissing, 2u);
-  ASSERT_TRUE(parser.Parse("8,1.5,2", row, error));
-  EXPECT_TRUE(row.texts.empty());
-  EXPECT_FALSE(parser.Parse("8,1e400,2", row, error)) << "out of range is no text";
-  EXPECT_FALSE(parser.Parse("8,1,two", row, error)) << "a weight is never text";
+  Fixture f({"id", "x", "w"}, ',', {{}, "w", "", ""}, Rules());
+  ASSERT_TRUE(f.layout.typedByContent);
+  ASSERT_TRUE(f.Parse("A7,NA,2")) << f.error.message;
+  ASSERT_EQ(f.row.texts.size(), 1u);
+  EXPECT_EQ(f.row.texts[0].slot, 0u);
+  EXPECT_EQ(f.row.texts[0].text, "A7");
+  EXPECT_EQ(f.row.nMissing, 2u);
+  ASSERT_TRUE(f.Parse("8,1.5,2"));
+  EXPECT_TRUE(f.row.texts.empty());
+  EXPECT_FALSE(f.Parse("8,1e400,2")) << "out of range is no text";
+  EXPECT_FALSE(f.Parse("8,1,two")) << "a weight is never text";
 }
 
 TEST(RowParser, MissingTextsThatLookLikeNumbers) {
   CellRules rules = Rules();
   rules.missingTexts = {".", "-", "-9"};
-  const RowLayout layout = MakeLayout({"a", "b", "c", "d"}, ',', {});
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  ASSERT_TRUE(parser.Parse(".,-,-9,-9.5", row, error)) << error.message;
-  EXPECT_EQ(row.nMissing, 3u);
-  EXPECT_EQ(row.values[3], -9.5);
+  Fixture f({"a", "b", "c", "d"}, ',', {}, rules);
+  ASSERT_TRUE(f.Parse(".,-,-9,-9.5")) << f.error.message;
+  EXPECT_EQ(f.row.nMissing, 3u);
+  EXPECT_EQ(f.row.values[3], -9.5);
 }
 
 TEST(RowParser, BadCellNamesItsField) {
@@ -173,12 +168,9 @@ TEST(RowParser, BadCellNamesItsField) {
 TEST(RowParser, EmptyCellIsAnErrorWhenItDoesNotCountAsMissing) {
   CellRules rules = Rules();
   rules.missingTexts = {"NA"};
-  const RowLayout layout = MakeLayout({"x"}, ',', {{"x"}, "", "", ""});
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  EXPECT_FALSE(parser.Parse(" ", row, error));
-  EXPECT_EQ(error.field, 0u);
+  Fixture f({"x"}, ',', {{"x"}, "", "", ""}, rules);
+  EXPECT_FALSE(f.Parse(" "));
+  EXPECT_EQ(f.error.field, 0u);
 }
 
 TEST(RowParser, LenientModeCountsBadCellsAsMissing) {
@@ -273,12 +265,6 @@ TEST(MakeLayout, RefusesNamesThatDoNotFit) {
   EXPECT_THROW(MakeLayout({"a", "a"}, ',', {{"a"}, "", "", ""}), DataError);
 }
 
-}  // namespace
-}  // namespace vorelstat
-
-namespace vorelstat {
-namespace {
-
 // What a parse gave, for comparing two parses of the same cells.
 std::string Outcome(bool parsed, const ParsedRow& row, const LineError& error) {
   if (!parsed) return "error " + std::to_string(error.field) + ": " + error.message;
@@ -302,34 +288,13 @@ std::string Outcome(bool parsed, const ParsedRow& row, const LineError& error) {
 // cursor path: random rows read both ways must agree cell for cell, error
 // for error.
 TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
-  const std::vector<std::string> cells = {"1.5",
-                                          "-368.9202",
-                                          "12345678901234567890",
-                                          "1e5",
-                                          "-0",
-                                          "+7",
-                                          ".5",
-                                          "5.",
-                                          " 2.25",
-                                          "3 ",
-                                          "",
-                                          " ",
-                                          "NA",
-                                          "NaN",
-                                          "nan",
-                                          "inf",
-                                          "-inf",
-                                          "-999",
-                                          "abc",
-                                          "1.5x",
-                                          "1e400",
-                                          "-2",
-                                          "0x10",
-                                          "1;5",
-                                          "4.9e-324",
-                                          "1e-400",
-                                          "99999999999999999999.5",
-                                          "-1.7976931348623157e308"};
+  std::vector<std::string> cells = {
+      "1.5",  "-368.9202", "1e5", "-0",   "+7",  ".5",       "5.",    " 2.25", "3 ",
+      "",     " ",         "NA",  "NaN",  "nan", "inf",      "-inf",  "-999",  "abc",
+      "1.5x", "1e400",     "-2",  "0x10", "1;5", "4.9e-324", "1e-400"};
+  for (const char* wide :
+       {"12345678901234567890", "99999999999999999999.5", "-1.7976931348623157e308"})
+    cells.push_back(wide);
   const std::vector<std::string> groups = {"0",      "1",     "2.0", "+3", "2.5",
                                            "setosa", " a b ", "",    "NA"};
   std::mt19937_64 random(7);
@@ -367,10 +332,9 @@ TEST(RowParser, TheCursorPathReadsAsTheFieldPath) {
 }
 
 TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
-  const RowLayout layout = MakeLayout({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"});
   CellRules rules = Rules();
   rules.checkGroupRange = false;
-  RowParser parser(layout, rules);
+  Fixture f({"note", "g", "x", "y"}, ',', {{"x", "y"}, "", "", "g"}, rules);
   const std::string text =
       "\"two\nlines\",\"a,\nb\",1,2\r\n"
       "\r\n"
@@ -390,15 +354,13 @@ TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
   const char* p = text.data();
   const char* end = p + text.size();
   for (const auto& want : expected) {
-    ParsedRow row;
-    LineError error;
     RecordEnd record;
-    ASSERT_TRUE(parser.ParseRecord(p, end, row, error, record)) << error.message;
+    ASSERT_TRUE(f.parser.ParseRecord(p, end, f.row, f.error, record)) << f.error.message;
     EXPECT_EQ(record.blank, want.blank);
     EXPECT_EQ(record.lineEndsInside, want.lineEndsInside);
     if (!want.blank) {
-      EXPECT_EQ(row.values, want.values);
-      EXPECT_EQ(row.group.Display(), want.group);
+      EXPECT_EQ(f.row.values, want.values);
+      EXPECT_EQ(f.row.group.Display(), want.group);
     }
     p = record.next;
   }
@@ -408,9 +370,7 @@ TEST(RowParser, RecordsWithLineEndsInsideQuotes) {
 // A quote still open at the end of the text is told apart from other faults:
 // at a guessed chunk cut it means the cut was wrong, not the data.
 TEST(RowParser, AnOpenQuoteAtTheEndIsFlagged) {
-  const RowLayout layout = MakeLayout({"note", "x"}, ',', {{"x"}, "", "", ""});
-  const CellRules rules = Rules();
-  RowParser parser(layout, rules);
+  Fixture f({"note", "x"}, ',', {{"x"}, "", "", ""}, Rules());
   const struct {
     std::string text;
     bool openQuote;
@@ -423,13 +383,12 @@ TEST(RowParser, AnOpenQuoteAtTheEndIsFlagged) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    ParsedRow row;
-    LineError error;
+    f.error = {};
     RecordEnd record;
     const char* end = c.text.data() + c.text.size();
-    EXPECT_FALSE(parser.ParseRecord(c.text.data(), end, row, error, record));
-    EXPECT_EQ(error.openQuote, c.openQuote);
-    EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+    EXPECT_FALSE(f.parser.ParseRecord(c.text.data(), end, f.row, f.error, record));
+    EXPECT_EQ(f.error.openQuote, c.openQuote);
+    EXPECT_NE(f.error.message.find(c.message), std::string::npos) << f.error.message;
     if (c.openQuote) {
       EXPECT_EQ(record.next, end);
     }
@@ -439,15 +398,12 @@ TEST(RowParser, AnOpenQuoteAtTheEndIsFlagged) {
 TEST(RowParser, DecimalComma) {
   CellRules rules = Rules();
   rules.decimalPoint = ',';
-  const RowLayout layout = MakeLayout({"x", "y", "z"}, ';', {{"x", "y", "z"}, "", "", ""});
-  RowParser parser(layout, rules);
-  ParsedRow row;
-  LineError error;
-  ASSERT_TRUE(parser.Parse("1,5;-0,25;\"3\"", row, error)) << error.message;
-  EXPECT_EQ(row.values, (std::vector<double>{1.5, -0.25, 3.0}));
-  EXPECT_FALSE(parser.Parse("1,5;2.5;3", row, error));
-  EXPECT_EQ(error.field, 1u);
-  EXPECT_EQ(error.message,
+  Fixture f({"x", "y", "z"}, ';', {{"x", "y", "z"}, "", "", ""}, rules);
+  ASSERT_TRUE(f.Parse("1,5;-0,25;\"3\"")) << f.error.message;
+  EXPECT_EQ(f.row.values, (std::vector<double>{1.5, -0.25, 3.0}));
+  EXPECT_FALSE(f.Parse("1,5;2.5;3"));
+  EXPECT_EQ(f.error.field, 1u);
+  EXPECT_EQ(f.error.message,
             "cell \"2.5\" is not a number (a decimal point? with --decimal , numbers are read "
             "with a decimal comma)");
 }
@@ -458,8 +414,7 @@ TEST(RowParser, DecimalCommaGroupLabels) {
   CellRules rules = Rules();
   rules.decimalPoint = ',';
   rules.checkGroupRange = false;
-  const RowLayout layout = MakeLayout({"g", "x"}, ';', {{"x"}, "", "", "g"});
-  RowParser parser(layout, rules);
+  Fixture f({"g", "x"}, ';', {{"x"}, "", "", "g"}, rules);
   const struct {
     const char* line;
     GroupLabel::Kind kind;
@@ -471,13 +426,11 @@ TEST(RowParser, DecimalCommaGroupLabels) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
-    ParsedRow row;
-    LineError error;
-    const bool parsed = parser.Parse(c.line, row, error);
-    ASSERT_EQ(parsed, *c.shown != '\0') << error.message;
+    const bool parsed = f.Parse(c.line);
+    ASSERT_EQ(parsed, *c.shown != '\0') << f.error.message;
     if (parsed) {
-      EXPECT_EQ(row.group.GetKind(), c.kind);
-      EXPECT_EQ(row.group.Display(), c.shown);
+      EXPECT_EQ(f.row.group.GetKind(), c.kind);
+      EXPECT_EQ(f.row.group.Display(), c.shown);
     }
   }
 }
