@@ -95,11 +95,13 @@ TEST_P(BlockedMatrices, DiscriminantTablesMatchTheirFormulas) {
 
 // The pairwise classes take complete columns and pairs from the blocked pass
 // and the others from the masked pass over all pairs or, when only a few pairs
-// have missing cells (one column of 27), from their own reduction; every way
-// the records are those of the per-column and per-pair reduction, bit for bit.
+// have missing cells (one column, in the larger set of a lopsided block),
+// from their own reduction; every way the records are those of the
+// per-column and per-pair reduction, bit for bit.
 // Column c has missing cells when c % 3 == 1 (at row 0, at the last row, at
-// one row inside or a run in the middle), or with `few` only the last column
-// has some.
+// one row inside or a run in the middle), or with `few` only one column has
+// some: the last, the first variable of each of its pairs, or the first, the
+// second variable of each of its pairs.
 TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
   using namespace testing::pairwise;
   for (int p : {5, 14, 27}) {
@@ -111,7 +113,8 @@ TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
                                         << (few ? ", one column with missing cells" : ""));
       Table t = WideRows(p, n, static_cast<unsigned>(p + 200));
       if (!regWeights) t.rw.clear();
-      for (int c = few ? p - 1 : 1; c < p; c += 3)
+      const int fewColumn = regWeights ? 0 : p - 1;
+      for (int c = few ? fewColumn : 1; c < p; c += few ? p : 3)
         for (int i = 0; i < n; ++i)
           if (c % 4 == 0   ? i == 0
               : c % 4 == 1 ? i == n - 1
@@ -122,16 +125,22 @@ TEST_P(BlockedMatrices, PairwiseClassesMatchThePerPairPath) {
       MatrixPairwise m(kMissing);
       SMatrixPairwise s(kMissing, 1, p);
       NSMatrixPairwise ns(kMissing, 0, p / 2, p);
+      // Lopsided sets, the column with missing cells in the larger: so few
+      // pairs have missing cells that they take the per-pair path.
+      const int split = fewColumn == 0 ? p - 2 : 2;
+      NSMatrixPairwise lopsided(kMissing, 0, split, p);
       m += batch;
       s += batch;
       ns += batch;
+      lopsided += batch;
       RefBlock refM = SBlock(kMissing, 0, p), refS = SBlock(kMissing, 1, p),
-               refNS = NSBlock(kMissing, 0, p / 2, p);
-      for (RefBlock* ref : {&refM, &refS, &refNS})
+               refNS = NSBlock(kMissing, 0, p / 2, p), refLopsided = NSBlock(kMissing, 0, split, p);
+      for (RefBlock* ref : {&refM, &refS, &refNS, &refLopsided})
         ref->Add(batch);
       ExpectSameBlock(m, refM);
       ExpectSameBlock(s, refS);
       ExpectSameBlock(ns, refNS);
+      ExpectSameBlock(lopsided, refLopsided);
     }
   }
 }
