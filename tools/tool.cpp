@@ -277,14 +277,14 @@ std::string Megabytes(double bytes) {
   return std::to_string(static_cast<long long>(bytes / 1e6)) + " MB";
 }
 
-// Refuses a run whose figures cannot fit in this machine's memory, before it
-// starts: they grow as the square of the columns, for every thread.
 // The threads a pass runs on: --threads, or the host's count.
 unsigned ThreadCount(const Options& o) {
   return o.threads > 0 ? static_cast<unsigned>(o.threads)
                        : std::max(1u, std::thread::hardware_concurrency());
 }
 
+// Refuses a run whose figures cannot fit in this machine's memory, before it
+// starts: they grow as the square of the columns, for every thread.
 void CheckSize(const RowLayout& layout, const Options& o, const std::string& path) {
   const std::size_t k = layout.NValues();
   if (k > kMostColumns) {
