@@ -1,8 +1,15 @@
 """Shared helpers of the vorel module's tests: seeded data and reference figures
 written out with NumPy."""
 
+import os
+import sys
+
 import numpy as np
 import pytest
+
+# The checksum of saved states, as docs/state-format.md gives it.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples"))
+from crc32c import crc32c  # noqa: E402,F401
 
 
 @pytest.fixture

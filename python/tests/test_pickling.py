@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import vorel
-from conftest import bits
+from conftest import bits, crc32c
 
 KINDS = {
     "listwise": lambda: vorel.Listwise(),
@@ -80,15 +80,6 @@ def test_accumulators_from_worker_processes_merge_to_the_bits_made_here(rng, kin
 
 
 # ---------------------------------------------------------------- damaged pickles
-
-
-def crc32c(data):
-    crc = 0xFFFFFFFF
-    for byte in data:
-        crc ^= byte
-        for _ in range(8):
-            crc = (crc >> 1) ^ 0x82F63B78 if crc & 1 else crc >> 1
-    return crc ^ 0xFFFFFFFF
 
 
 def with_field(state, offset, fmt, value):

@@ -5,12 +5,17 @@ CTest sets VORELSTAT (the binary) and VORELSTAT_DATA (the data/ directory).
 import json
 import os
 import subprocess
+import sys
 import tempfile
 import unittest
 
 BINARY = os.environ.get("VORELSTAT", "vorelstat")
 DATA = os.environ.get("VORELSTAT_DATA", os.path.join(os.path.dirname(__file__), "..", "..", "data"))
 SAMPLE = os.path.join(DATA, "households.csv")
+
+# The checksum of saved states, as docs/state-format.md gives it.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples"))
+from crc32c import crc32c  # noqa: E402
 NUMERIC = ["members", "age", "income", "rent", "rooms", "commute"]
 
 

@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from common import BINARY, run
+from common import BINARY, crc32c, run
 
 
 def group_label(rng, row, rows):
@@ -50,15 +50,6 @@ def write_csv(path, rows, seed, decimal="."):
                 label = '"' + label.replace('"', '""') + '"'
             out.write(delimiter.join([number(big), number(mixed), tiny, number(weight), label])
                       + "\n")
-
-
-def crc32c(data):
-    crc = 0xFFFFFFFF
-    for b in data:
-        crc ^= b
-        for _ in range(8):
-            crc = (crc >> 1) ^ 0x82F63B78 if crc & 1 else crc >> 1
-    return crc ^ 0xFFFFFFFF
 
 
 def with_checksum(body):
