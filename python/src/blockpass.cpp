@@ -25,12 +25,11 @@ class BlockReducer {
       : _table(table),
         _settings(settings),
         _blockRows(BlockRows(settings.nColumns)),
+        _capacity(vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows))),
         _reader(table),
-        _batch(settings.nColumns, vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
-               table.weights ? &_weight : nullptr, settings.regWeights ? &_regWeight : nullptr,
-               nullptr),
-        _whole(settings.nColumns, vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
-               table.weights ? &_weight : nullptr, nullptr, nullptr),
+        _batch(settings.nColumns, _capacity, table.weights ? &_weight : nullptr,
+               settings.regWeights ? &_regWeight : nullptr, nullptr),
+        _whole(settings.nColumns, _capacity, table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
         _incomplete(_blockRows),
         _partMeans(settings.nColumns),
@@ -41,9 +40,8 @@ class BlockReducer {
       _whole.AddRow(_marked.data());
     // Regression weights play no part in the group tables.
     if (settings.grouped)
-      _groupBatch.emplace(settings.nColumns,
-                          vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)),
-                          table.weights ? &_weight : nullptr, nullptr, nullptr);
+      _groupBatch.emplace(settings.nColumns, _capacity, table.weights ? &_weight : nullptr, nullptr,
+                          nullptr);
   }
 
   // The tally of rows [first, first + n), n at most _blockRows.
@@ -88,8 +86,7 @@ class BlockReducer {
     if (weights && std::find(weights, weights + _blockRows, 0.0) != weights + _blockRows)
       return false;
     const unsigned k = _settings.nColumns;
-    _reader.ToColumns(_blockRows, _whole.Column(0),
-                      vorelstat::BatchCapacity(static_cast<unsigned>(_blockRows)));
+    _reader.ToColumns(_blockRows, _whole.Column(0), _capacity);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
     if (!_settings.pairwise && _table.missing.nan) {
       // Listwise, one missing cell sends the block row by row; a NaN cell is
@@ -253,6 +250,7 @@ class BlockReducer {
   const Table& _table;
   const Settings& _settings;
   const std::size_t _blockRows;
+  const unsigned _capacity;  // of every batch: their columns' stride
   RowReader _reader;
   // The current row's weights, read by AddRow.
   double _weight = 1.0;
