@@ -1,24 +1,20 @@
-// The matrices that run on the blocked kernels, at every kernel level, against
-// the plain-loop references: wide blocks (past the narrow kernel's eight
-// columns and the tile edges), narrow ones, weights and regression weights,
-// several chunks of rows. One batch each, so every figure is defined to the bit.
-#include <vorel/DiscriminantMatrix.h>
-#include <vorel/DscIndividualMatrix.h>
+// The pairwise classes, which run on the blocked kernels and on the masked
+// pair kernel, at every kernel level, against the plain-loop reference: wide
+// blocks (past the narrow kernel's eight columns and the tile edges), narrow
+// ones, weights and regression weights, several chunks of rows. One batch
+// each, so every figure is defined to the bit. (The kernels themselves are
+// held to the plain loops at every level in test_crossproducts; the listwise
+// and discriminant classes to their formulas in their own suites.)
 #include <vorel/databatch.h>
-#include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
-#include <vorel/nsmatrixlistwise.h>
 #include <vorel/nsmatrixpairwise.h>
-#include <vorel/smatrixlistwise.h>
 #include <vorel/smatrixpairwise.h>
 
 #include <cmath>
 #include <random>
 #include <vector>
 
-#include "discriminant_support.h"
 #include "kernel_levels.h"
-#include "listwise_block_reference.h"
 #include "pairwise_reference.h"
 #include "table_support.h"
 #include "test_support.h"
@@ -30,12 +26,11 @@ using namespace internal;
 
 using testing::tables::MakeBatch;
 using testing::tables::Table;
-constexpr unsigned kGroups = 3;
 constexpr double kMissing = -99.0;
 
 // Rows of p cells of many magnitudes with signed zeros, subnormals and
 // leading runs (column c starts with c % 4 equal cells), with weights (one
-// row in 37 weighs 0), regression weights and groups.
+// row in 37 weighs 0) and regression weights.
 Table WideRows(int p, std::size_t n, unsigned seed) {
   Table t = testing::tables::RandomTable(seed, static_cast<unsigned>(p), n, true, true);
   std::mt19937_64 rng(seed);
@@ -49,49 +44,11 @@ Table WideRows(int p, std::size_t n, unsigned seed) {
                                               : std::ldexp(x, scale(rng)) + 0.5 * c;
     }
     if (i % 37 == 5) t.w[i] = 0.0;
-    t.groups.push_back(static_cast<unsigned>(rng() % kGroups));
   }
   return t;
 }
 
 class BlockedMatrices : public testing::AtEveryKernelLevel {};
-
-// The whole table, a symmetric block that leaves a column on either side, and
-// a rectangle split off the vector boundaries.
-TEST_P(BlockedMatrices, ListwiseClassesMatchTheirFormulas) {
-  using namespace testing::listwise;
-  for (int p : {6, 13, 29}) {
-    SCOPED_TRACE(::testing::Message() << "seed " << p << ", p " << p);
-    const Table t = WideRows(p, 701, static_cast<unsigned>(p));
-    const auto reduce = [&](int col0, int col2) { return ReduceRows(t, 0, 701, col0, col2); };
-    MatrixListwise m;
-    SMatrixListwise s(1, p - 1);
-    NSMatrixListwise ns(1, p / 2 + 1, p);
-    DataBatch forM = MakeBatch(t, 0, 701), forS = forM, forNS = forM;  // each centres its own
-    m += forM;
-    s += forS;
-    ns += forNS;
-    ExpectSameBits(m, reduce(0, p), 0);
-    ExpectSameBits(s, reduce(1, p - 1), 1);
-    ExpectSameBits(ns, reduce(1, p), 1, static_cast<std::size_t>(p / 2));
-  }
-}
-
-// Both tables, plain batches for the totals and grouped ones by group.
-TEST_P(BlockedMatrices, DiscriminantTablesMatchTheirFormulas) {
-  using namespace testing::discriminant;
-  for (int p : {5, 7, 8, 13, 29}) {
-    SCOPED_TRACE(::testing::Message() << "seed " << p + 100 << ", p " << p);
-    Table t = WideRows(p, 611, static_cast<unsigned>(p + 100));
-    t.rw.clear();
-    DiscriminantMatrix d(static_cast<int>(kGroups), p);
-    DiscIndividualMatrix di(static_cast<int>(kGroups), p);
-    const Sums sums = AddInBatches(d, t, 0, 611, 611);
-    AddInBatches(di, t, 0, 611, 611);
-    ExpectSums(d, sums);
-    ExpectSums(di, sums);
-  }
-}
 
 // The pairwise classes take complete columns and pairs from the blocked pass
 // and the others from the masked pass over all pairs or, when only a few pairs

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kernels/columnkernels.h"
+#include "pairwise_reference.h"
 #include "test_support.h"
 
 namespace vorel::internal {
@@ -36,17 +37,10 @@ double PlainSum(const double* x, int n) {
   return s;
 }
 
+// StableMean as the pairwise reference writes it out; no weights are ones.
 double PlainStableMean(const double* x, const double* w, double total, int n) {
-  if (n == 0) return 0.0;
-  double run = 0.0;
-  int p = 0;
-  while (p < n && x[p] == x[0])
-    run = run + (w ? w[p] : 1.0), ++p;
-  if (p == n) return x[0];
-  double rest = 0.0;
-  for (int i = p; i < n; ++i)
-    rest = rest + (w ? x[i] * w[i] : x[i]);
-  return (rest + x[0] * run) / total;
+  return testing::pairwise::RefStableMean(
+      {x, x + n}, w ? std::vector<double>(w, w + n) : std::vector<double>(n, 1.0), total);
 }
 
 class KernelsAgainstPlainLoops : public ::testing::TestWithParam<int> {};

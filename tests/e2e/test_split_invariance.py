@@ -18,13 +18,13 @@ def without_file(report):
             if not line.startswith("file ") and not line.startswith('  "file":')]
 
 
-def rewrite_sample(path, delimiter, cell):
+def rewrite_sample(path, delimiter, cell, line_end="\n"):
     """The sample with each cell as `cell(column, text)` makes it, quoted where
     a cell holds the delimiter, a quote or a line end."""
     with open(SAMPLE, newline="") as source, open(path, "w", newline="") as out:
         rows = csv.reader(source)
         header = next(rows)
-        writer = csv.writer(out, delimiter=delimiter, lineterminator="\n")
+        writer = csv.writer(out, delimiter=delimiter, lineterminator=line_end)
         writer.writerow(header)
         for row in rows:
             writer.writerow([cell(name, text) for name, text in zip(header, row)])
@@ -41,9 +41,10 @@ class SplitInvariance(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-split-")
-        # Records whose quoted labels run over several lines, cut anywhere.
+        # Records whose quoted labels run over several lines, cut anywhere;
+        # the records end in CR LF, the lines inside the quotes in LF.
         cls.quoted = os.path.join(cls.scratch.name, "quoted.csv")
-        rewrite_sample(cls.quoted, ",", noted)
+        rewrite_sample(cls.quoted, ",", noted, "\r\n")
         # As R's write.csv2 writes: semicolons and decimal commas.
         cls.comma = os.path.join(cls.scratch.name, "comma.csv")
         rewrite_sample(cls.comma, ";", lambda name, text: noted(name, text).replace(".", ","))
@@ -67,7 +68,7 @@ class SplitInvariance(unittest.TestCase):
                     self.assertEqual(
                         self.report(source, *shape, "-j", threads, "-b", batch, "--read-size", read),
                         base)
-            with open(source) as handle:
+            with open(source, newline="") as handle:
                 piped = self.report("-", *shape, "-j", "2", "--read-size", "300", stdin=handle.read())
             self.assertEqual(without_file(piped), without_file(base))
 

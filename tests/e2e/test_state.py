@@ -190,6 +190,7 @@ class States(unittest.TestCase):
             (["-w", "w", "-g", "g", "--ddof", "0"], "--ddof: 1 against 0"),
             (["-w", "w", "-g", "g", "--group-order", "first"], "--group-order: sorted against first"),
             (["-w", "w", "-g", "g", "--max-groups", "50"], "--max-groups: 100000 against 50"),
+            (["-w", "w", "-g", "g", "--group-covariance"], "--group-covariance: off against on"),
             (["-w", "w", "-g", "g", "--missing-text", "empty,NA"], "missing texts: "),
         ]
         for args, says in cases:

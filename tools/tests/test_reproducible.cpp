@@ -1,8 +1,8 @@
 // The report's bytes whatever the threads, the read size, the batch size, the
 // way of reading and the timing; parts cut on the grid and merged through
-// saved states; damaged and mismatched states refused.
+// saved states, and parts missing or given twice named. (Damaged and
+// mismatched states: the end-to-end state suite, and the library's.)
 #include <gtest/gtest.h>
-#include <vorel/matrixlistwise.h>
 
 #include <chrono>
 #include <csignal>
@@ -249,69 +249,6 @@ TEST(StateMerge, PartsMissingOrGivenTwiceAreNamed) {
         MergeState(merged, Travelled(second), "d.state");
       },
       "d.state holds blocks 10 to");
-}
-
-TEST(StateMerge, StatesOfOtherColumnsOrOptionsNameTheDifference) {
-  const std::string text = MakeText(3, 300);
-  const Columns s;
-  const Bytes base = StateOf(text, s, Options(false), {}, 0, ChunkReader::kNoEnd);
-  struct Case {
-    Columns setup;
-    PassOptions options;
-    const char* says;
-  };
-  PassOptions otherBlock = Options(false);
-  otherBlock.blockBytes = 1000;
-  PassOptions noGroupCovariance = Options(false);
-  noGroupCovariance.groupCovariance = false;
-  PassOptions frequency = Options(false);
-  frequency.weightSquares = false;
-  PassOptions sorted = Options(false);
-  sorted.groupsInFileOrder = false;
-  Columns otherColumns;
-  otherColumns.layout =
-      MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',', {{"big", "tiny"}, "w", "", "g"});
-  Columns otherMissing;
-  otherMissing.rules.missingTexts = {"", "NA"};
-  const Case cases[] = {
-      {s, Options(true), "deletion: listwise against pairwise"},
-      {s, otherBlock, "block size: 4096 against 1000"},
-      {s, noGroupCovariance, "--group-covariance: on against off"},
-      {s, frequency, "--weight-kind: analytic against frequency"},
-      {s, sorted, "--group-order: first against sorted"},
-      {Columns(false, true), Options(false, false), "weight column: w against (none)"},
-      {otherColumns, Options(false), "value columns: big,mixed,tiny against big,tiny"},
-      {otherMissing, Options(false), "missing texts: \"\" against \"\", \"NA\""},
-  };
-  for (const Case& c : cases) {
-    PassState merged = Travelled(base);
-    const Bytes other = StateOf(text, c.setup, c.options, {}, 0, ChunkReader::kNoEnd);
-    EXPECT_EQ(MessageOf<UsageError>([&] { MergeState(merged, Travelled(other), "b.state"); }),
-              std::string("b.state does not fit the states before it: ") + c.says);
-  }
-}
-
-// Every damaged byte string is refused with what is wrong; none crashes.
-TEST(StateLoad, DamagedBytesAreRefused) {
-  const std::string text = MakeText(3, 500);
-  const Columns s;
-  const Bytes good = StateOf(text, s, Options(true), {}, 0, ChunkReader::kNoEnd);
-  const auto refused = [](std::vector<std::byte> bytes, const std::string& says) {
-    const std::string what = MessageOf<DataError>([&] { LoadState(bytes, "x.state"); });
-    EXPECT_EQ(what.rfind("x.state: not a usable vorelstat state: vorel state: ", 0), 0u) << what;
-    EXPECT_NE(what.find(says), std::string::npos) << what;
-  };
-  for (std::size_t length :
-       {std::size_t{0}, std::size_t{10}, std::size_t{30}, good.size() / 2, good.size() - 1})
-    refused({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length)}, "truncated");
-  for (std::size_t at : {std::size_t{40}, good.size() / 3, good.size() - 5}) {
-    std::vector<std::byte> flipped = good;
-    flipped[at] ^= std::byte{0x10};
-    refused(flipped, "checksum mismatch");
-  }
-  vorel::MatrixListwise matrix;
-  refused(matrix.SaveState(), "the state holds a MatrixListwise, not a vorelstat pass");
-  EXPECT_NO_THROW(LoadState(good, "x.state"));
 }
 
 }  // namespace

@@ -281,7 +281,7 @@ TEST(StatPassError, LastLineWithoutLineEnd) {
 
 // A pass over `text` and its report, which holds on to the pass.
 struct Reported {
-  Reported(const std::string& text, bool pairwise, std::uint64_t blockBytes = kDefaultBlockBytes) {
+  Reported(const std::string& text, bool pairwise) {
     TempFile file(text);
     CellRules rules;
     rules.missingTexts = {"", "NA"};
@@ -291,13 +291,11 @@ struct Reported {
     const std::vector<std::string> header = SplitLine(text.substr(0, text.find('\n')), ',');
     ColumnChoice choice;
     if (header.back() == "g") choice.group = "g";
-    if (header.back() == "w") choice.weight = "w";
     layout = MakeLayout(header, ',', choice);
     ChunkReader reader(file.Path(), 1 << 20);
     PassOptions options;
     options.pairwise = pairwise;
     options.threads = 2;
-    options.blockBytes = blockBytes;
     pass = RunPass(reader, layout, rules, options);
     report.emplace(file.Path(), layout, pass, std::vector<SkippedColumn>{}, false);
   }
@@ -308,27 +306,11 @@ struct Reported {
 
 class StatReport : public ::testing::TestWithParam<bool> {};
 
-TEST_P(StatReport, FiguresThatAreNotDefinedAreNaN) {
+// A pass without rows reports counts of 0 and nothing else. (What each
+// figure gives when it is not defined: the definitions' own tests, and
+// end to end.)
+TEST_P(StatReport, NoRowsReportNoFigures) {
   const bool pairwise = GetParam();
-  // A constant column has its value as mean, sd 0 and no correlation, exactly,
-  // whatever rounding the accumulation went through.
-  // Blocks of 4 bytes, about one a row: many merges.
-  const Reported constant("a,b\n0.1,1\n0.1,2\n0.1,4\n0.1,4\n0.1,5\n", pairwise, 4);
-  const Report& c = *constant.report;
-  EXPECT_EQ(c.columns[0].mean, 0.1);
-  EXPECT_EQ(c.columns[0].sd, 0.0);
-  EXPECT_EQ(c.Covariance(0, 1), 0.0);
-  EXPECT_TRUE(std::isnan(c.Correlation(0, 1)));
-  EXPECT_TRUE(std::isnan(c.Correlation(0, 0)));
-  EXPECT_EQ(c.Correlation(1, 1), 1.0);
-  // One row: a mean, but no spread, and a note that says why.
-  const Reported single("a,b\n5,1\n", pairwise);
-  EXPECT_EQ(single.report->columns[1].mean, 1.0);
-  EXPECT_TRUE(std::isnan(single.report->columns[1].sd));
-  EXPECT_TRUE(std::isnan(single.report->Covariance(0, 1)));
-  ASSERT_FALSE(single.report->notes.empty());
-  EXPECT_NE(single.report->notes[0].find("divisor W - 1"), std::string::npos);
-  // No rows: counts 0, nothing else.
   const Reported none("a,b,g\nNA,1,0\n", pairwise);
   EXPECT_EQ(none.pass.rows.read, 1u);
   EXPECT_EQ(none.report->columns[0].moments.n, 0u);
@@ -340,48 +322,7 @@ TEST_P(StatReport, FiguresThatAreNotDefinedAreNaN) {
   EXPECT_TRUE(std::isnan(empty.report->Covariance(0, 0)));
 }
 
-// Rows of weight 0 are not there, whichever batch they fall in.
-TEST_P(StatReport, RowsOfWeightZeroAreAbsent) {
-  const bool pairwise = GetParam();
-  const Reported zero("x,y,w\n1,5,0\n2,3,0\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
-  const Reported absent("x,y,w\n3,4,1\n4,9,1\n5,1,1\n", pairwise);
-  EXPECT_EQ(zero.pass.rows.zeroWeight, 2u);
-  EXPECT_EQ(FormatJson(*zero.report).substr(FormatJson(*zero.report).find("\"weight_sum\"")),
-            FormatJson(*absent.report).substr(FormatJson(*absent.report).find("\"weight_sum\"")));
-}
-
-// Infinite values show as extremes; -0 and +0 order the same way every run.
-TEST_P(StatReport, InfinityAndSignedZeroAreExtremes) {
-  const bool pairwise = GetParam();
-  const Reported data("a,b\n1,0\ninf,-0\n2,0\n-inf,-0\n", pairwise);
-  const Report& r = *data.report;
-  EXPECT_EQ(r.columns[0].max, INFINITY);
-  EXPECT_EQ(r.columns[0].min, -INFINITY);
-  EXPECT_TRUE(std::isnan(r.columns[0].sd));
-  EXPECT_TRUE(std::signbit(r.columns[1].min));
-  EXPECT_FALSE(std::signbit(r.columns[1].max));
-  EXPECT_EQ(r.columns[1].mean, 0.0) << "a column of zeros is constant";
-  EXPECT_NE(FormatJson(r).find("\"max\": 1e999"), std::string::npos);
-}
-
 INSTANTIATE_TEST_SUITE_P(Deletion, StatReport, ::testing::Bool());
-
-TEST(StatReportGroups, PooledCovarianceOfTwoGroups) {
-  // Two groups with means (3, 4) and (8, 4); within-group sums 16, 12, 28 on 7 - 2 = 5.
-  const Reported data("x0,x1,g\n1,2,0\n3,6,0\n5,4,0\n6,1,1\n8,3,1\n10,5,1\n8,7,1\n", false);
-  const Report& report = *data.report;
-  ASSERT_EQ(report.NGroups(), 2u);
-  EXPECT_EQ(report.Group(0).Mean(0), 3.0);
-  EXPECT_EQ(report.Group(0).Mean(1), 4.0);
-  EXPECT_EQ(report.Group(1).Mean(0), 8.0);
-  EXPECT_EQ(report.Group(1).Mean(1), 4.0);
-  EXPECT_EQ(report.Group(1).Rows(), 4u);
-  EXPECT_EQ(report.PooledDivisor(), 5.0);
-  EXPECT_DOUBLE_EQ(report.PooledCovariance(0, 0), 3.2);
-  EXPECT_DOUBLE_EQ(report.PooledCovariance(0, 1), 2.4);
-  EXPECT_DOUBLE_EQ(report.PooledCovariance(1, 0), 2.4);
-  EXPECT_DOUBLE_EQ(report.PooledCovariance(1, 1), 5.6);
-}
 
 }  // namespace
 }  // namespace vorelstat
