@@ -69,14 +69,13 @@ void LaneExtremes(const double* x, unsigned n, double code, double (&lanesLo)[kL
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
   const double code = skip ? *skip : kInf;
-  const bool skipping = skip.has_value();
   double lo[kLanes], hi[kLanes], nans[kLanes];
   for (unsigned l = 0; l < kLanes; ++l) {
     lo[l] = minima[c];
     hi[l] = maxima[c];
     nans[l] = 0.0;
   }
-  if (skipping) {
+  if (skip) {
     LaneExtremes<true>(x, n, code, lo, hi, nans);
   } else {
     LaneExtremes<false>(x, n, code, lo, hi, nans);
@@ -87,11 +86,16 @@ void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<
     high = hi[l] > high ? hi[l] : high;
     nan[c] |= nans[l] != 0.0;
   }
+  Include(c, low, high, x, n, skip);
+}
+
+void Extremes::Include(unsigned c, double low, double high, const double* x, unsigned n,
+                       const std::optional<double>& skip) {
   // Zeros compare equal: -0 is the minimum if any cell is -0, +0 the maximum
   // if any is +0, whatever the order of the cells.
   if (low == 0.0 || high == 0.0) {
     for (unsigned k = 0; k < n; ++k) {
-      if (x[k] != 0.0 || (skipping && x[k] == code)) continue;
+      if (x[k] != 0.0 || (skip && x[k] == *skip)) continue;
       if (low == 0.0 && std::signbit(x[k])) low = -0.0;
       if (high == 0.0 && !std::signbit(x[k])) high = 0.0;
     }

@@ -51,6 +51,10 @@ struct Extremes {
   Extremes(unsigned nColumns, bool pairwise);
   // Folds in n cells of column c, skipping those equal to skip when given.
   void Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip);
+  // Folds in the extremes low and high of those cells, found by comparisons
+  // that NaN cells lose (so not among them), settling which zero is which.
+  void Include(unsigned c, double low, double high, const double* x, unsigned n,
+               const std::optional<double>& skip);
   // Folds in the pairs of a batch whose missing cells equal code.
   void AddPairs(const vorel::DataBatch& batch, double code);
   // Folds in other, whose pairs, if it has none, are left as they are.

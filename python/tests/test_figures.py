@@ -247,6 +247,10 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     if case == "weights":
         args["weights"] = rng.integers(1, 4, size=n)
     if case.startswith("pairwise"):
+        # Zeros of both signs and infinities: the extremes of a block swept
+        # two cells at a time must be those of the cells one by one.
+        x[:, 5] = np.where(rng.random(n) < 0.5, -0.0, 0.0)
+        x[[9, n - 2], 6] = [np.inf, -np.inf]
         x[rng.random(x.shape) < 0.05] = -5.0 if case == "pairwise code" else np.nan
         args.update(deletion="pairwise", missing=-5.0 if case == "pairwise code" else np.nan)
     if case == "groups":
@@ -260,6 +264,8 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     finally:
         vorel._core._use_whole_blocks(True)
     assert whole == by_row
+    assert (np.signbit(whole.min) == np.signbit(by_row.min)).all()
+    assert (np.signbit(whole.max) == np.signbit(by_row.max)).all()
 
 
 def test_wide_table_on_more_threads_than_blocks(rng):
