@@ -145,7 +145,7 @@ class BlockReducer {
     const ColumnSweep found =
         _table.missing.nan
             ? SweepColumn<Sweep::kMarkNaN>(x, _blockRows, code, _incomplete.data(), x)
-            : SweepColumn<Sweep::kSkipCode>(x, _blockRows, code, _incomplete.data());
+            : SweepColumn<Sweep::kFlagCode>(x, _blockRows, code, _incomplete.data());
     if (_table.missing.nan) _sawStandIn |= found.sawCode;
     _measured->nan[c] = found.sawNaN;
     _measured->Include(c, found.low, found.high, x, static_cast<unsigned>(_blockRows), code);

@@ -42,6 +42,7 @@ template <Sweep kHow>
 ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned char* missingRows,
                         double* marked) {
   constexpr bool kNaN = kHow == Sweep::kMarkNaN;
+  constexpr bool kSkips = kHow == Sweep::kSkipCode || kHow == Sweep::kFlagCode;
   ColumnSweep found;
   std::size_t r = 0;
 #if defined(__SSE2__)
@@ -53,15 +54,15 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
     const __m128d equal = _mm_cmpeq_pd(v, c);
     const __m128d nan = _mm_cmpunord_pd(v, v);
     // minpd and maxpd give their second operand when the first is NaN.
-    lo = _mm_min_pd(kNaN ? v : Blend(equal, up, v), lo);
-    hi = _mm_max_pd(kNaN ? v : Blend(equal, down, v), hi);
+    lo = _mm_min_pd(kSkips ? Blend(equal, up, v) : v, lo);
+    hi = _mm_max_pd(kSkips ? Blend(equal, down, v) : v, hi);
     if constexpr (kNaN) {
       seenCode = _mm_or_pd(seenCode, equal);
       _mm_storeu_pd(marked + r, Blend(nan, c, v));
     } else {
       seenNaN = _mm_or_pd(seenNaN, nan);
     }
-    if constexpr (kHow != Sweep::kExtremes) {
+    if constexpr (kHow == Sweep::kFlagCode || kNaN) {
       const int bits = _mm_movemask_pd(kNaN ? nan : equal);
       missingRows[r] |= static_cast<unsigned char>(bits & 1);
       missingRows[r + 1] |= static_cast<unsigned char>(bits >> 1);
@@ -78,8 +79,9 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
   for (; r < n; ++r) {
     const double v = x[r];
     // Compared exactly, on purpose: equality with the code makes a cell missing.
-    const bool missing = kNaN ? v != v : v == code;
-    if constexpr (kHow != Sweep::kExtremes) missingRows[r] |= static_cast<unsigned char>(missing);
+    const bool missing = kNaN ? v != v : kSkips && v == code;
+    if constexpr (kHow == Sweep::kFlagCode || kNaN)
+      missingRows[r] |= static_cast<unsigned char>(missing);
     if constexpr (kNaN) {
       found.sawCode |= v == code;
       marked[r] = missing ? code : v;
@@ -93,17 +95,18 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
   return found;
 }
 
-template ColumnSweep SweepColumn<Sweep::kExtremes>(const double*, std::size_t, double,
-                                                   unsigned char*, double*);
+template ColumnSweep SweepColumn<Sweep::kAll>(const double*, std::size_t, double, unsigned char*,
+                                              double*);
 template ColumnSweep SweepColumn<Sweep::kSkipCode>(const double*, std::size_t, double,
+                                                   unsigned char*, double*);
+template ColumnSweep SweepColumn<Sweep::kFlagCode>(const double*, std::size_t, double,
                                                    unsigned char*, double*);
 template ColumnSweep SweepColumn<Sweep::kMarkNaN>(const double*, std::size_t, double,
                                                   unsigned char*, double*);
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
-  // Nothing equals NaN: without a code to skip, every cell counts.
   const ColumnSweep found =
-      SweepColumn<Sweep::kExtremes>(x, n, skip ? *skip : std::numeric_limits<double>::quiet_NaN());
+      skip ? SweepColumn<Sweep::kSkipCode>(x, n, *skip) : SweepColumn<Sweep::kAll>(x, n, 0.0);
   nan[c] |= static_cast<char>(found.sawNaN);
   Include(c, found.low, found.high, x, n, skip);
 }

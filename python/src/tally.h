@@ -38,10 +38,10 @@ struct RowCounts {
   void Add(const RowCounts& other);
 };
 
-// How a column is swept: for its extremes only, skipping cells equal to a
-// code; likewise, flagging the rows where a cell is missing; or with NaN
-// cells missing, flagged, and given the code in their place.
-enum class Sweep { kExtremes, kSkipCode, kMarkNaN };
+// How a column is swept: for the extremes of all its cells; of those not
+// equal to a code; likewise, flagging the rows where a cell equals the code;
+// or with NaN cells missing, flagged, and given the code in their place.
+enum class Sweep { kAll, kSkipCode, kFlagCode, kMarkNaN };
 
 // What a sweep found: the extremes of the cells that count (by comparisons a
 // NaN cell loses, so never NaN), whether a cell equals the code (kMarkNaN)
@@ -55,9 +55,9 @@ struct ColumnSweep {
 
 // One sweep of the n cells of column x, two cells at a time in vector
 // registers where the machine has them: only comparisons and copies, so the
-// same as cell by cell. missingRows[r] is set where cell r is missing (not
-// with kExtremes); with kMarkNaN the column is written to marked, which may be
-// x itself.
+// same as cell by cell. missingRows[r] is set where cell r is missing (with
+// kFlagCode and kMarkNaN); with kMarkNaN the column is written to marked,
+// which may be x itself.
 template <Sweep kHow>
 ColumnSweep SweepColumn(const double* x, std::size_t n, double code,
                         unsigned char* missingRows = nullptr, double* marked = nullptr);
