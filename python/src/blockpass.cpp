@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cmath>
+#include <numeric>
 #include <optional>
 #include <utility>
 
@@ -31,7 +33,7 @@ class BlockReducer {
                settings.regWeights ? &_regWeight : nullptr, nullptr),
         _whole(settings.nColumns, _capacity, table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
-        _incomplete(_blockRows),
+        _incomplete(WordsForRows(_blockRows)),
         _partMeans(settings.nColumns),
         _partCscp(vorelstat::figures::TriangleSize(settings.nColumns)) {
     // A batch held full for good: a whole block is written into its columns
@@ -107,8 +109,9 @@ class BlockReducer {
     }
     for (unsigned c = 0; c < k && !_measured; ++c)
       if (HasMissing(_whole.Column(c))) return false;
-    const auto nIncomplete =
-        static_cast<std::uint64_t>(std::count(_incomplete.begin(), _incomplete.end(), 1));
+    const auto nIncomplete = std::accumulate(
+        _incomplete.begin(), _incomplete.end(), std::uint64_t{0},
+        [](std::uint64_t sum, std::uint64_t word) { return sum + std::popcount(word); });
     if (weights) std::copy(weights, weights + _blockRows, _whole.Weights());
     counts.rows += _blockRows;
     counts.incomplete += nIncomplete;
@@ -117,7 +120,7 @@ class BlockReducer {
       const std::int64_t group = _table.groups ? _table.groups[first + r] : -1;
       if (group < 0) {
         ++counts.withoutGroup;
-      } else if (_incomplete[r] == 0) {
+      } else if (!RowFlagged(_incomplete, r)) {
         _groupRows.emplace_back(group, static_cast<unsigned>(r));
       }
     }
@@ -249,7 +252,7 @@ class BlockReducer {
   std::optional<vorel::DataBatch> _groupBatch;
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
-  std::vector<unsigned char> _incomplete;                     // per row of _whole
+  std::vector<std::uint64_t> _incomplete;                     // flags of the rows of _whole
   std::optional<Extremes> _measured;          // of _whole, when taking it found them
   std::vector<double> _partMeans, _partCscp;  // a group part's centred results
   bool _sawStandIn = false;

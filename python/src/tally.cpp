@@ -39,16 +39,19 @@ __m128d Blend(__m128d mask, __m128d a, __m128d b) {
 #endif
 
 template <Sweep kHow>
-ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned char* missingRows,
+ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64_t* missingRows,
                         double* marked) {
   constexpr bool kNaN = kHow == Sweep::kMarkNaN;
   constexpr bool kSkips = kHow == Sweep::kSkipCode || kHow == Sweep::kFlagCode;
+  constexpr bool kFlags = kHow == Sweep::kFlagCode || kNaN;
+  constexpr std::size_t kWord = kRowsPerWord;
   ColumnSweep found;
   std::size_t r = 0;
 #if defined(__SSE2__)
   const __m128d c = _mm_set1_pd(code);
   const __m128d up = _mm_set1_pd(kInf), down = _mm_set1_pd(-kInf);
   __m128d lo = up, hi = down, seenCode = _mm_setzero_pd(), seenNaN = _mm_setzero_pd();
+  std::uint64_t word = 0;  // the flags of the rows from the last whole word on
   for (; r + 2 <= n; r += 2) {
     const __m128d v = _mm_loadu_pd(x + r);
     const __m128d equal = _mm_cmpeq_pd(v, c);
@@ -62,11 +65,16 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
     } else {
       seenNaN = _mm_or_pd(seenNaN, nan);
     }
-    if constexpr (kHow == Sweep::kFlagCode || kNaN) {
-      const int bits = _mm_movemask_pd(kNaN ? nan : equal);
-      missingRows[r] |= static_cast<unsigned char>(bits & 1);
-      missingRows[r + 1] |= static_cast<unsigned char>(bits >> 1);
+    if constexpr (kFlags) {
+      word |= static_cast<std::uint64_t>(_mm_movemask_pd(kNaN ? nan : equal)) << (r % kWord);
+      if ((r + 2) % kWord == 0) {
+        missingRows[r / kWord] |= word;
+        word = 0;
+      }
     }
+  }
+  if constexpr (kFlags) {
+    if (r % kWord != 0) missingRows[r / kWord] |= word;
   }
   double lanes[2];
   _mm_storeu_pd(lanes, lo);
@@ -80,8 +88,7 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
     const double v = x[r];
     // Compared exactly, on purpose: equality with the code makes a cell missing.
     const bool missing = kNaN ? v != v : kSkips && v == code;
-    if constexpr (kHow == Sweep::kFlagCode || kNaN)
-      missingRows[r] |= static_cast<unsigned char>(missing);
+    if constexpr (kFlags) missingRows[r / kWord] |= std::uint64_t{missing} << (r % kWord);
     if constexpr (kNaN) {
       found.sawCode |= v == code;
       marked[r] = missing ? code : v;
@@ -95,14 +102,14 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, unsigned ch
   return found;
 }
 
-template ColumnSweep SweepColumn<Sweep::kAll>(const double*, std::size_t, double, unsigned char*,
+template ColumnSweep SweepColumn<Sweep::kAll>(const double*, std::size_t, double, std::uint64_t*,
                                               double*);
 template ColumnSweep SweepColumn<Sweep::kSkipCode>(const double*, std::size_t, double,
-                                                   unsigned char*, double*);
+                                                   std::uint64_t*, double*);
 template ColumnSweep SweepColumn<Sweep::kFlagCode>(const double*, std::size_t, double,
-                                                   unsigned char*, double*);
+                                                   std::uint64_t*, double*);
 template ColumnSweep SweepColumn<Sweep::kMarkNaN>(const double*, std::size_t, double,
-                                                  unsigned char*, double*);
+                                                  std::uint64_t*, double*);
 
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
   const ColumnSweep found =

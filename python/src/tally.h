@@ -53,14 +53,24 @@ struct ColumnSweep {
   bool sawNaN = false;
 };
 
+// Flags of rows, a bit each: row r is bit r % kRowsPerWord of word
+// r / kRowsPerWord.
+constexpr std::size_t kRowsPerWord = 64;
+inline std::size_t WordsForRows(std::size_t rows) {
+  return (rows + kRowsPerWord - 1) / kRowsPerWord;
+}
+inline bool RowFlagged(const std::vector<std::uint64_t>& words, std::size_t r) {
+  return ((words[r / kRowsPerWord] >> (r % kRowsPerWord)) & 1u) != 0;
+}
+
 // One sweep of the n cells of column x, two cells at a time in vector
 // registers where the machine has them: only comparisons and copies, so the
-// same as cell by cell. missingRows[r] is set where cell r is missing (with
-// kFlagCode and kMarkNaN); with kMarkNaN the column is written to marked,
-// which may be x itself.
+// same as cell by cell. With kFlagCode and kMarkNaN, row r of missingRows
+// is flagged where cell r is missing; with kMarkNaN the column is written to
+// marked, which may be x itself.
 template <Sweep kHow>
 ColumnSweep SweepColumn(const double* x, std::size_t n, double code,
-                        unsigned char* missingRows = nullptr, double* marked = nullptr);
+                        std::uint64_t* missingRows = nullptr, double* marked = nullptr);
 
 // Smallest and largest value of each column over the cells that count; NaN
 // cells are passed over (they make the column's mean NaN instead), and noted,

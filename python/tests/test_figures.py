@@ -268,6 +268,24 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     assert (np.signbit(whole.max) == np.signbit(by_row.max)).all()
 
 
+def test_whole_blocks_of_an_odd_number_of_rows(rng):
+    # Rows flagged as incomplete a bit each, 64 to a word: a block that ends
+    # within a word, after a last cell swept on its own.
+    k = 139
+    rows = vorel._core.block_rows(k)
+    assert rows % 2 == 1
+    x = rng.normal(size=(2 * rows + 5, k))
+    x[rng.random(x.shape) < 0.01] = np.nan
+    args = {"deletion": "pairwise", "groups": rng.integers(0, 3, size=len(x)), "threads": 2}
+    try:
+        whole = vorel.describe(x, **args)
+        vorel._core._use_whole_blocks(False)
+        by_row = vorel.describe(x, **args)
+    finally:
+        vorel._core._use_whole_blocks(True)
+    assert whole == by_row and whole.group_n.sum() == np.isfinite(x).all(axis=1).sum()
+
+
 def test_wide_table_on_more_threads_than_blocks(rng):
     x = rng.normal(size=(700, 1200))
     assert vorel._core.block_rows(1200) < 700  # two blocks, and a batch of a few MB
