@@ -6,14 +6,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cmath>
-#include <limits>
+#include <numeric>
 #include <optional>
 #include <utility>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include "batchcapacity.h"
 
@@ -21,81 +18,6 @@ namespace vorelpy {
 namespace {
 
 std::atomic<bool> wholeBlocks{true};
-
-// What one sweep of a column under pairwise deletion found: the extremes of
-// the cells that are there (by comparisons a NaN cell loses), and whether a
-// cell equals the code, or is NaN.
-struct ColumnSweep {
-  double low = std::numeric_limits<double>::infinity();
-  double high = -std::numeric_limits<double>::infinity();
-  bool sawCode = false;
-  bool sawNaN = false;
-};
-
-#if defined(__SSE2__)
-// a in the lanes of mask, b in the others.
-__m128d Blend(__m128d mask, __m128d a, __m128d b) {
-  return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
-}
-#endif
-
-// One column of a block under pairwise deletion, in one sweep instead of
-// three: its extremes, the rows where it is missing (flagged in incomplete)
-// and, when NaN is the missing mark (kNaN), its NaN cells given the pairwise
-// matrix's stand-in code; otherwise a cell equal to code is missing. Only
-// comparisons and copies, so two cells at a time in vector registers find
-// what the loop cell by cell finds.
-template <bool kNaN>
-ColumnSweep SweepColumn(double* x, std::size_t n, double code, unsigned char* incomplete) {
-  ColumnSweep found;
-  std::size_t r = 0;
-#if defined(__SSE2__)
-  const __m128d c = _mm_set1_pd(code);
-  const __m128d up = _mm_set1_pd(found.low), down = _mm_set1_pd(found.high);
-  __m128d lo = up, hi = down, seenCode = _mm_setzero_pd(), seenNaN = _mm_setzero_pd();
-  for (; r + 2 <= n; r += 2) {
-    const __m128d v = _mm_loadu_pd(x + r);
-    const __m128d equal = _mm_cmpeq_pd(v, c);
-    const __m128d nan = _mm_cmpunord_pd(v, v);
-    const __m128d missing = kNaN ? nan : equal;
-    // minpd and maxpd give their second operand when the first is NaN.
-    lo = _mm_min_pd(kNaN ? v : Blend(equal, up, v), lo);
-    hi = _mm_max_pd(kNaN ? v : Blend(equal, down, v), hi);
-    if constexpr (kNaN) {
-      seenCode = _mm_or_pd(seenCode, equal);
-      _mm_storeu_pd(x + r, Blend(nan, c, v));
-    } else {
-      seenNaN = _mm_or_pd(seenNaN, nan);
-    }
-    const int bits = _mm_movemask_pd(missing);
-    incomplete[r] |= static_cast<unsigned char>(bits & 1);
-    incomplete[r + 1] |= static_cast<unsigned char>(bits >> 1);
-  }
-  double lanes[2];
-  _mm_storeu_pd(lanes, lo);
-  found.low = lanes[1] < lanes[0] ? lanes[1] : lanes[0];
-  _mm_storeu_pd(lanes, hi);
-  found.high = lanes[1] > lanes[0] ? lanes[1] : lanes[0];
-  found.sawCode = _mm_movemask_pd(seenCode) != 0;
-  found.sawNaN = _mm_movemask_pd(seenNaN) != 0;
-#endif
-  for (; r < n; ++r) {
-    const double v = x[r];
-    // Compared exactly, on purpose: equality with the code makes a cell missing.
-    const bool missing = kNaN ? v != v : v == code;
-    incomplete[r] |= static_cast<unsigned char>(missing);
-    if constexpr (kNaN) {
-      found.sawCode |= v == code;
-      x[r] = missing ? code : v;
-    } else {
-      found.sawNaN |= v != v;
-    }
-    if (missing) continue;
-    found.low = v < found.low ? v : found.low;
-    found.high = v > found.high ? v : found.high;
-  }
-  return found;
-}
 
 // Turns the rows of one block into batches and reduces them to a tally. One
 // per worker; its batches and buffers are reused from block to block.
@@ -111,7 +33,7 @@ class BlockReducer {
                settings.regWeights ? &_regWeight : nullptr, nullptr),
         _whole(settings.nColumns, _capacity, table.weights ? &_weight : nullptr, nullptr, nullptr),
         _marked(settings.nColumns, 0.0),
-        _incomplete(_blockRows),
+        _incomplete(WordsForRows(_blockRows)),
         _partMeans(settings.nColumns),
         _partCscp(vorelstat::figures::TriangleSize(settings.nColumns)) {
     // A batch held full for good: a whole block is written into its columns
@@ -187,8 +109,9 @@ class BlockReducer {
     }
     for (unsigned c = 0; c < k && !_measured; ++c)
       if (HasMissing(_whole.Column(c))) return false;
-    const auto nIncomplete =
-        static_cast<std::uint64_t>(std::count(_incomplete.begin(), _incomplete.end(), 1));
+    const auto nIncomplete = std::accumulate(
+        _incomplete.begin(), _incomplete.end(), std::uint64_t{0},
+        [](std::uint64_t sum, std::uint64_t word) { return sum + std::popcount(word); });
     if (weights) std::copy(weights, weights + _blockRows, _whole.Weights());
     counts.rows += _blockRows;
     counts.incomplete += nIncomplete;
@@ -197,7 +120,7 @@ class BlockReducer {
       const std::int64_t group = _table.groups ? _table.groups[first + r] : -1;
       if (group < 0) {
         ++counts.withoutGroup;
-      } else if (_incomplete[r] == 0) {
+      } else if (!RowFlagged(_incomplete, r)) {
         _groupRows.emplace_back(group, static_cast<unsigned>(r));
       }
     }
@@ -222,9 +145,10 @@ class BlockReducer {
   void SweepWholeColumn(unsigned c) {
     double* x = _whole.Column(c);
     const double code = _settings.pairwiseCode;
-    const ColumnSweep found = _table.missing.nan
-                                  ? SweepColumn<true>(x, _blockRows, code, _incomplete.data())
-                                  : SweepColumn<false>(x, _blockRows, code, _incomplete.data());
+    const ColumnSweep found =
+        _table.missing.nan
+            ? SweepColumn<Sweep::kMarkNaN>(x, _blockRows, code, _incomplete.data(), x)
+            : SweepColumn<Sweep::kFlagCode>(x, _blockRows, code, _incomplete.data());
     if (_table.missing.nan) _sawStandIn |= found.sawCode;
     _measured->nan[c] = found.sawNaN;
     _measured->Include(c, found.low, found.high, x, static_cast<unsigned>(_blockRows), code);
@@ -328,7 +252,7 @@ class BlockReducer {
   std::optional<vorel::DataBatch> _groupBatch;
   std::vector<std::pair<std::int64_t, unsigned>> _groupRows;  // group, row of _batch
   std::vector<double> _marked;                                // one row of scratch
-  std::vector<unsigned char> _incomplete;                     // per row of _whole
+  std::vector<std::uint64_t> _incomplete;                     // flags of the rows of _whole
   std::optional<Extremes> _measured;          // of _whole, when taking it found them
   std::vector<double> _partMeans, _partCscp;  // a group part's centred results
   bool _sawStandIn = false;

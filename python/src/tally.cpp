@@ -3,6 +3,10 @@
 #include <cmath>
 #include <limits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace vorelpy {
 namespace {
 
@@ -27,66 +31,91 @@ Extremes::Extremes(unsigned nColumns, bool pairwise)
       nan(nColumns, 0),
       pairs(pairwise ? std::size_t{nColumns} * nColumns : 0) {}
 
-constexpr unsigned kLanes = 8;
+#if defined(__SSE2__)
+// a in the lanes of mask, b in the others.
+__m128d Blend(__m128d mask, __m128d a, __m128d b) {
+  return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
+}
+#endif
 
-// Running extremes of x in kLanes lanes that the compiler keeps in vector
-// registers: plain comparisons, which a NaN cell loses (it is noted instead);
-// with kSkip a cell equal to code is replaced by a value that cannot win.
-template <bool kSkip>
-void LaneExtremes(const double* x, unsigned n, double code, double (&lanesLo)[kLanes],
-                  double (&lanesHi)[kLanes], double (&lanesNaN)[kLanes]) {
-  double lo[kLanes], hi[kLanes], nans[kLanes];
-  for (unsigned l = 0; l < kLanes; ++l) {
-    lo[l] = lanesLo[l];
-    hi[l] = lanesHi[l];
-    nans[l] = lanesNaN[l];
-  }
-  unsigned r = 0;
-  for (; r + kLanes <= n; r += kLanes) {
-    for (unsigned l = 0; l < kLanes; ++l) {
-      const double v = x[r + l];
-      // Compared exactly, on purpose: equality with the code makes a cell missing.
-      const double forMin = kSkip && v == code ? kInf : v;
-      const double forMax = kSkip && v == code ? -kInf : v;
-      lo[l] = forMin < lo[l] ? forMin : lo[l];
-      hi[l] = forMax > hi[l] ? forMax : hi[l];
-      nans[l] = v != v ? 1.0 : nans[l];
+template <Sweep kHow>
+ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64_t* missingRows,
+                        double* marked) {
+  constexpr bool kNaN = kHow == Sweep::kMarkNaN;
+  constexpr bool kSkips = kHow == Sweep::kSkipCode || kHow == Sweep::kFlagCode;
+  constexpr bool kFlags = kHow == Sweep::kFlagCode || kNaN;
+  constexpr std::size_t kWord = kRowsPerWord;
+  ColumnSweep found;
+  std::size_t r = 0;
+#if defined(__SSE2__)
+  const __m128d c = _mm_set1_pd(code);
+  const __m128d up = _mm_set1_pd(kInf), down = _mm_set1_pd(-kInf);
+  __m128d lo = up, hi = down, seenCode = _mm_setzero_pd(), seenNaN = _mm_setzero_pd();
+  std::uint64_t word = 0;  // the flags of the rows from the last whole word on
+  for (; r + 2 <= n; r += 2) {
+    const __m128d v = _mm_loadu_pd(x + r);
+    const __m128d equal = _mm_cmpeq_pd(v, c);
+    const __m128d nan = _mm_cmpunord_pd(v, v);
+    // minpd and maxpd give their second operand when the first is NaN.
+    lo = _mm_min_pd(kSkips ? Blend(equal, up, v) : v, lo);
+    hi = _mm_max_pd(kSkips ? Blend(equal, down, v) : v, hi);
+    if constexpr (kNaN) {
+      seenCode = _mm_or_pd(seenCode, equal);
+      _mm_storeu_pd(marked + r, Blend(nan, c, v));
+    } else {
+      seenNaN = _mm_or_pd(seenNaN, nan);
+    }
+    if constexpr (kFlags) {
+      word |= static_cast<std::uint64_t>(_mm_movemask_pd(kNaN ? nan : equal)) << (r % kWord);
+      if ((r + 2) % kWord == 0) {
+        missingRows[r / kWord] |= word;
+        word = 0;
+      }
     }
   }
+  if constexpr (kFlags) {
+    if (r % kWord != 0) missingRows[r / kWord] |= word;
+  }
+  double lanes[2];
+  _mm_storeu_pd(lanes, lo);
+  found.low = lanes[1] < lanes[0] ? lanes[1] : lanes[0];
+  _mm_storeu_pd(lanes, hi);
+  found.high = lanes[1] > lanes[0] ? lanes[1] : lanes[0];
+  found.sawCode = _mm_movemask_pd(seenCode) != 0;
+  found.sawNaN = _mm_movemask_pd(seenNaN) != 0;
+#endif
   for (; r < n; ++r) {
     const double v = x[r];
-    if (kSkip && v == code) continue;
-    lo[0] = v < lo[0] ? v : lo[0];
-    hi[0] = v > hi[0] ? v : hi[0];
-    nans[0] = v != v ? 1.0 : nans[0];
+    // Compared exactly, on purpose: equality with the code makes a cell missing.
+    const bool missing = kNaN ? v != v : kSkips && v == code;
+    if constexpr (kFlags) missingRows[r / kWord] |= std::uint64_t{missing} << (r % kWord);
+    if constexpr (kNaN) {
+      found.sawCode |= v == code;
+      marked[r] = missing ? code : v;
+    } else {
+      found.sawNaN |= v != v;
+    }
+    if (missing) continue;
+    found.low = v < found.low ? v : found.low;
+    found.high = v > found.high ? v : found.high;
   }
-  for (unsigned l = 0; l < kLanes; ++l) {
-    lanesLo[l] = lo[l];
-    lanesHi[l] = hi[l];
-    lanesNaN[l] = nans[l];
-  }
+  return found;
 }
 
+template ColumnSweep SweepColumn<Sweep::kAll>(const double*, std::size_t, double, std::uint64_t*,
+                                              double*);
+template ColumnSweep SweepColumn<Sweep::kSkipCode>(const double*, std::size_t, double,
+                                                   std::uint64_t*, double*);
+template ColumnSweep SweepColumn<Sweep::kFlagCode>(const double*, std::size_t, double,
+                                                   std::uint64_t*, double*);
+template ColumnSweep SweepColumn<Sweep::kMarkNaN>(const double*, std::size_t, double,
+                                                  std::uint64_t*, double*);
+
 void Extremes::Add(unsigned c, const double* x, unsigned n, const std::optional<double>& skip) {
-  const double code = skip ? *skip : kInf;
-  double lo[kLanes], hi[kLanes], nans[kLanes];
-  for (unsigned l = 0; l < kLanes; ++l) {
-    lo[l] = minima[c];
-    hi[l] = maxima[c];
-    nans[l] = 0.0;
-  }
-  if (skip) {
-    LaneExtremes<true>(x, n, code, lo, hi, nans);
-  } else {
-    LaneExtremes<false>(x, n, code, lo, hi, nans);
-  }
-  double low = lo[0], high = hi[0];
-  for (unsigned l = 0; l < kLanes; ++l) {
-    low = lo[l] < low ? lo[l] : low;
-    high = hi[l] > high ? hi[l] : high;
-    nan[c] |= nans[l] != 0.0;
-  }
-  Include(c, low, high, x, n, skip);
+  const ColumnSweep found =
+      skip ? SweepColumn<Sweep::kSkipCode>(x, n, *skip) : SweepColumn<Sweep::kAll>(x, n, 0.0);
+  nan[c] |= static_cast<char>(found.sawNaN);
+  Include(c, found.low, found.high, x, n, skip);
 }
 
 void Extremes::Include(unsigned c, double low, double high, const double* x, unsigned n,

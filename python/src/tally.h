@@ -8,7 +8,9 @@
 #include <vorel/matrixlistwise.h>
 #include <vorel/matrixpairwise.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -35,6 +37,40 @@ struct RowCounts {
 
   void Add(const RowCounts& other);
 };
+
+// How a column is swept: for the extremes of all its cells; of those not
+// equal to a code; likewise, flagging the rows where a cell equals the code;
+// or with NaN cells missing, flagged, and given the code in their place.
+enum class Sweep { kAll, kSkipCode, kFlagCode, kMarkNaN };
+
+// What a sweep found: the extremes of the cells that count (by comparisons a
+// NaN cell loses, so never NaN), whether a cell equals the code (kMarkNaN)
+// and whether one is NaN (otherwise).
+struct ColumnSweep {
+  double low = std::numeric_limits<double>::infinity();
+  double high = -std::numeric_limits<double>::infinity();
+  bool sawCode = false;
+  bool sawNaN = false;
+};
+
+// Flags of rows, a bit each: row r is bit r % kRowsPerWord of word
+// r / kRowsPerWord.
+constexpr std::size_t kRowsPerWord = 64;
+inline std::size_t WordsForRows(std::size_t rows) {
+  return (rows + kRowsPerWord - 1) / kRowsPerWord;
+}
+inline bool RowFlagged(const std::vector<std::uint64_t>& words, std::size_t r) {
+  return ((words[r / kRowsPerWord] >> (r % kRowsPerWord)) & 1u) != 0;
+}
+
+// One sweep of the n cells of column x, two cells at a time in vector
+// registers where the machine has them: only comparisons and copies, so the
+// same as cell by cell. With kFlagCode and kMarkNaN, row r of missingRows
+// is flagged where cell r is missing; with kMarkNaN the column is written to
+// marked, which may be x itself.
+template <Sweep kHow>
+ColumnSweep SweepColumn(const double* x, std::size_t n, double code,
+                        std::uint64_t* missingRows = nullptr, double* marked = nullptr);
 
 // Smallest and largest value of each column over the cells that count; NaN
 // cells are passed over (they make the column's mean NaN instead), and noted,

@@ -228,6 +228,17 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
     assert frames["columns"].loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
 
 
+def whole_blocks_and_rows(x, args):
+    """describe(x, **args) with whole blocks written column by column, and
+    with every row added one at a time."""
+    try:
+        whole = vorel.describe(x, **args)
+        vorel._core._use_whole_blocks(False)
+        return whole, vorel.describe(x, **args)
+    finally:
+        vorel._core._use_whole_blocks(True)
+
+
 @pytest.mark.parametrize("case", ["C", "F", "frame", "frame block", "weights", "listwise NaN",
                                   "pairwise NaN", "pairwise code", "groups"])
 def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
@@ -257,15 +268,23 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
         args["groups"] = rng.integers(-1, 4, size=n)
     if case == "listwise NaN":  # one block goes row by row, the others whole
         x[n // 2, 3] = np.nan
-    try:
-        whole = vorel.describe(x, **args)
-        vorel._core._use_whole_blocks(False)
-        by_row = vorel.describe(x, **args)
-    finally:
-        vorel._core._use_whole_blocks(True)
+    whole, by_row = whole_blocks_and_rows(x, args)
     assert whole == by_row
     assert (np.signbit(whole.min) == np.signbit(by_row.min)).all()
     assert (np.signbit(whole.max) == np.signbit(by_row.max)).all()
+
+
+def test_whole_blocks_of_an_odd_number_of_rows(rng):
+    # Rows flagged as incomplete a bit each, 64 to a word: a block that ends
+    # within a word, after a last cell swept on its own.
+    k = 139
+    rows = vorel._core.block_rows(k)
+    assert rows % 2 == 1
+    x = rng.normal(size=(2 * rows + 5, k))
+    x[rng.random(x.shape) < 0.01] = np.nan
+    args = {"deletion": "pairwise", "groups": rng.integers(0, 3, size=len(x)), "threads": 2}
+    whole, by_row = whole_blocks_and_rows(x, args)
+    assert whole == by_row and whole.group_n.sum() == np.isfinite(x).all(axis=1).sum()
 
 
 def test_wide_table_on_more_threads_than_blocks(rng):
