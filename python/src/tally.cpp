@@ -16,6 +16,13 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 // a NaN is below nothing and nothing is below it.
 bool Below(double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); }
 
+#if defined(__SSE2__)
+// a in the lanes of mask, b in the others.
+__m128d Blend(__m128d mask, __m128d a, __m128d b) {
+  return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
+}
+#endif
+
 }  // namespace
 
 void RowCounts::Add(const RowCounts& other) {
@@ -30,13 +37,6 @@ Extremes::Extremes(unsigned nColumns, bool pairwise)
       maxima(nColumns, -kInf),
       nan(nColumns, 0),
       pairs(pairwise ? std::size_t{nColumns} * nColumns : 0) {}
-
-#if defined(__SSE2__)
-// a in the lanes of mask, b in the others.
-__m128d Blend(__m128d mask, __m128d a, __m128d b) {
-  return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
-}
-#endif
 
 template <Sweep kHow>
 ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64_t* missingRows,
