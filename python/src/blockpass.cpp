@@ -90,25 +90,13 @@ class BlockReducer {
     const unsigned k = _settings.nColumns;
     _reader.ToColumns(_blockRows, _whole.Column(0), _capacity);
     std::fill(_incomplete.begin(), _incomplete.end(), 0);
-    if (!_settings.pairwise && _table.missing.nan) {
-      // Listwise, one missing cell sends the block row by row; a NaN cell is
-      // one, and the pass for the extremes notes it anyway.
-      _measured.emplace(k, false);
-      for (unsigned c = 0; c < k; ++c) {
-        _measured->Add(c, _whole.Column(c), static_cast<unsigned>(_blockRows), std::nullopt);
-        if (_measured->nan[c]) {
-          _measured.reset();
-          return false;
-        }
+    _measured.emplace(k, false);
+    for (unsigned c = 0; c < k; ++c) {
+      if (!SweepWholeColumn(c)) {
+        _measured.reset();
+        return false;
       }
     }
-    if (_settings.pairwise) {
-      _measured.emplace(k, false);
-      for (unsigned c = 0; c < k; ++c)
-        SweepWholeColumn(c);
-    }
-    for (unsigned c = 0; c < k && !_measured; ++c)
-      if (HasMissing(_whole.Column(c))) return false;
     const auto nIncomplete = std::accumulate(
         _incomplete.begin(), _incomplete.end(), std::uint64_t{0},
         [](std::uint64_t sum, std::uint64_t word) { return sum + std::popcount(word); });
@@ -127,31 +115,30 @@ class BlockReducer {
     return true;
   }
 
-  bool HasMissing(const double* x) const {
-    bool missing = false;
-    if (_table.missing.nan) {
-      for (std::size_t r = 0; r < _blockRows; ++r)
-        missing |= x[r] != x[r];
-    } else {
-      for (std::size_t r = 0; r < _blockRows; ++r)
-        missing |= x[r] == _table.missing.code;
-    }
-    return missing;
-  }
-
   // Column c of _whole, swept once: its extremes into _measured, its rows
-  // with a missing cell noted and, with NaN as the missing mark, the pairwise
-  // matrix's stand-in code in its NaN cells (which must not occur as a value).
-  void SweepWholeColumn(unsigned c) {
+  // with a missing cell flagged and, pairwise with NaN as the missing mark,
+  // the pairwise matrix's stand-in code in its NaN cells (which must not occur
+  // as a value). False when listwise deletion has to leave a row out.
+  bool SweepWholeColumn(unsigned c) {
     double* x = _whole.Column(c);
-    const double code = _settings.pairwiseCode;
-    const ColumnSweep found =
-        _table.missing.nan
-            ? SweepColumn<Sweep::kMarkNaN>(x, _blockRows, code, _incomplete.data(), x)
-            : SweepColumn<Sweep::kFlagCode>(x, _blockRows, code, _incomplete.data());
-    if (_table.missing.nan) _sawStandIn |= found.sawCode;
-    _measured->nan[c] = found.sawNaN;
-    _measured->Include(c, found.low, found.high, x, static_cast<unsigned>(_blockRows), code);
+    const auto n = static_cast<unsigned>(_blockRows);
+    const bool nan = _table.missing.nan;
+    const double code = _settings.pairwise ? _settings.pairwiseCode : _table.missing.code;
+    ColumnSweep found;
+    if (nan && _settings.pairwise) {
+      found = SweepColumn<Sweep::kMarkNaN>(x, n, code, _incomplete.data(), x);
+      _sawStandIn |= found.sawCode;
+    } else if (nan) {
+      found = SweepColumn<Sweep::kAll>(x, n, code);
+    } else {
+      found = SweepColumn<Sweep::kFlagCode>(x, n, code, _incomplete.data());
+    }
+    if (!_settings.pairwise && (nan ? found.sawNaN : found.sawCode)) return false;
+    _measured->nan[c] = static_cast<char>(found.sawNaN);
+    std::optional<double> skip;
+    if (_settings.pairwise) skip = code;
+    _measured->Include(c, found.low, found.high, x, n, skip);
+    return true;
   }
 
   void TakeRow(std::size_t row, const double* cells, RowCounts& counts) {

@@ -59,8 +59,8 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64
     // minpd and maxpd give their second operand when the first is NaN.
     lo = _mm_min_pd(kSkips ? Blend(equal, up, v) : v, lo);
     hi = _mm_max_pd(kSkips ? Blend(equal, down, v) : v, hi);
+    if constexpr (kFlags) seenCode = _mm_or_pd(seenCode, equal);
     if constexpr (kNaN) {
-      seenCode = _mm_or_pd(seenCode, equal);
       _mm_storeu_pd(marked + r, Blend(nan, c, v));
     } else {
       seenNaN = _mm_or_pd(seenNaN, nan);
@@ -89,8 +89,8 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64
     // Compared exactly, on purpose: equality with the code makes a cell missing.
     const bool missing = kNaN ? v != v : kSkips && v == code;
     if constexpr (kFlags) missingRows[r / kWord] |= std::uint64_t{missing} << (r % kWord);
+    if constexpr (kFlags) found.sawCode |= v == code;
     if constexpr (kNaN) {
-      found.sawCode |= v == code;
       marked[r] = missing ? code : v;
     } else {
       found.sawNaN |= v != v;

@@ -44,8 +44,8 @@ struct RowCounts {
 enum class Sweep { kAll, kSkipCode, kFlagCode, kMarkNaN };
 
 // What a sweep found: the extremes of the cells that count (by comparisons a
-// NaN cell loses, so never NaN), whether a cell equals the code (kMarkNaN)
-// and whether one is NaN (otherwise).
+// NaN cell loses, so never NaN), whether a cell equals the code (kFlagCode,
+// kMarkNaN) and whether one is NaN (but with kMarkNaN).
 struct ColumnSweep {
   double low = std::numeric_limits<double>::infinity();
   double high = -std::numeric_limits<double>::infinity();

@@ -240,7 +240,7 @@ def whole_blocks_and_rows(x, args):
 
 
 @pytest.mark.parametrize("case", ["C", "F", "frame", "frame block", "weights", "listwise NaN",
-                                  "pairwise NaN", "pairwise code", "groups"])
+                                  "listwise code", "pairwise NaN", "pairwise code", "groups"])
 def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
     # Blocks whose rows all count are written into the batch column by column;
     # the figures must be those of adding the same rows one at a time.
@@ -266,8 +266,11 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
         args.update(deletion="pairwise", missing=-5.0 if case == "pairwise code" else np.nan)
     if case == "groups":
         args["groups"] = rng.integers(-1, 4, size=n)
-    if case == "listwise NaN":  # one block goes row by row, the others whole
-        x[n // 2, 3] = np.nan
+    if case.startswith("listwise"):  # one block goes row by row, the others whole
+        x[n // 2, 3] = np.nan if case == "listwise NaN" else -5.0
+        if case == "listwise code":
+            x[n // 3, 4] = np.nan  # a value here, which only makes the column's mean NaN
+            args["missing"] = -5.0
     whole, by_row = whole_blocks_and_rows(x, args)
     assert whole == by_row
     assert (np.signbit(whole.min) == np.signbit(by_row.min)).all()
