@@ -28,7 +28,6 @@ namespace {
 
 using testing::MessageOf;
 using testing::TempFile;
-using testing::TempPipe;
 
 constexpr std::uint64_t kBlock = 4096;
 
@@ -87,10 +86,8 @@ struct Way {
 };
 
 PassResult Pass(const std::string& text, const Columns& s, PassOptions options, const Way& way) {
-  std::optional<TempFile> file;
-  std::optional<TempPipe> fifo;
-  const std::string& path = way.pipe ? fifo.emplace(text).Path() : file.emplace(text).Path();
-  ChunkReader reader(path, way.readSize);
+  const TempFile input(text, way.pipe);
+  ChunkReader reader(input.Path(), way.readSize);
   options.threads = way.threads;
   options.batchRows = way.batchRows;
   return RunPass(reader, s.layout, s.rules, options);
