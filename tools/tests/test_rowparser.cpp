@@ -222,12 +222,9 @@ TEST(MakeLayout, DefaultColumnsAreTheNamedOnesNotSkipped) {
   std::vector<SkippedColumn> skipped;
   const RowLayout layout = MakeLayout({"id", "g", "w", "x", "", "y"}, ',', {{}, "w", "", "g"},
                                       {{0, "holds text"}}, &skipped);
-  ASSERT_EQ(layout.NValues(), 2u);
-  EXPECT_EQ(layout.names[layout.valueFields[0]], "x");
-  EXPECT_EQ(layout.names[layout.valueFields[1]], "y");
-  EXPECT_EQ(layout.roles[0], FieldRole::kSkip);
-  EXPECT_EQ(layout.roles[1], FieldRole::kGroup);
-  EXPECT_EQ(layout.roles[2], FieldRole::kWeight);
+  EXPECT_EQ(layout.valueFields, (std::vector<std::size_t>{3, 5}));
+  using enum FieldRole;
+  EXPECT_EQ(layout.roles, (std::vector<FieldRole>{kSkip, kGroup, kWeight, kValue, kSkip, kValue}));
   ASSERT_EQ(skipped.size(), 1u);
   EXPECT_EQ(skipped[0].field, 4u);
   EXPECT_EQ(skipped[0].reason, "the header gives it no name");

@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
-#include <limits>
 #include <random>
 #include <string>
 #include <thread>
