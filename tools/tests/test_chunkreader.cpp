@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -39,76 +38,27 @@ ReadBack ReadAll(ChunkReader& reader) {
   return back;
 }
 
-const std::vector<std::string> kBodies = {
-    "1,2\n3,4\n5,6\n",
-    "1,2\r\n3,4\r\n",
-    "1,2\n3,4",                                                          // no line end at the end
-    "1,2\n\n\n3,4\n",                                                    // blank lines
-    "1," + std::string(9000, '7') + "\n2,3\n4," + std::string(90, '8'),  // lines longer than a read
-    "",                                                                  // header only
-};
-
-// A regular file is cut by the serial stage and read by the threads; a pipe
-// is read by the serial stage. Both must give the same chunks' text.
-class ChunkReaderSplit
-    : public ::testing::TestWithParam<std::tuple<bool, std::size_t, std::size_t>> {};
-
-// Whatever the read size, the chunks put back together are the file behind
-// the header, each chunk lies where its offset says, only the last chunk may
-// end without a line end, and each chunk holds the lines that start in its
-// blocks of the grid (the read size here), which follow each other.
-TEST_P(ChunkReaderSplit, ChunksAreWholeLinesThatRebuildTheFile) {
-  const auto [pipe, bodyIndex, readSize] = GetParam();
-  const std::string& body = kBodies[bodyIndex];
-  const std::string header = "a,b\n";
-  const TempFile input(header + body, pipe);
-  ChunkReader reader(input.Path(), readSize);
-  const ReadBack back = ReadAll(reader);
-  EXPECT_EQ(back.header, "a,b");
-  EXPECT_EQ(back.joined, body);
-  std::uint64_t offset = header.size();
-  std::uint64_t block = 0;
-  for (std::size_t k = 0; k < back.chunks.size(); ++k) {
-    const Chunk& chunk = back.chunks[k];
-    SCOPED_TRACE("chunk " + std::to_string(k));
-    EXPECT_EQ(chunk.index, k);
-    EXPECT_EQ(chunk.offset, offset);
-    EXPECT_EQ(chunk.firstBlock, block);
-    EXPECT_LT(chunk.firstBlock, chunk.endBlock);
-    block = chunk.endBlock;
-    const std::string_view text = chunk.text.View();
-    for (std::size_t start = 0; start < text.size(); start = text.find('\n', start) + 1) {
-      const std::uint64_t at = offset + start - header.size();
-      EXPECT_GE(at, chunk.firstBlock * readSize);
-      EXPECT_LT(at, chunk.endBlock * readSize);
-      if (text.find('\n', start) == std::string_view::npos) break;
-    }
-    if (!text.empty() && offset + text.size() < header.size() + body.size()) {
-      EXPECT_EQ(text.back(), '\n');
-    }
-    offset += chunk.text.Size();
-  }
-  const std::uint64_t blocks = (body.size() + readSize - 1) / readSize;
-  EXPECT_EQ(block, blocks) << "every block of the body, and no more";
-}
-
-// Where each record of `body` starts, following the quotes.
-std::vector<std::size_t> RecordStarts(const std::string& body) {
+// Where each record of `body` starts: after each line end, or after each one
+// outside quotes.
+std::vector<std::size_t> RecordStarts(const std::string& body, bool quotes) {
   std::vector<std::size_t> starts;
   QuoteState state;
   const char* begin = body.data();
   const char* end = begin + body.size();
-  for (const char* p = begin; p != end; p = NextLineEndOutsideQuotes(p, end, ',', state) + 1) {
+  for (const char* p = begin; p != end;) {
     starts.push_back(static_cast<std::size_t>(p - begin));
     if (std::find(p, end, '\n') == end) break;
+    p = (quotes ? NextLineEndOutsideQuotes(p, end, ',', state) : std::find(p, end, '\n')) + 1;
   }
   return starts;
 }
 
 // A part of the grid: the records that start in blocks [first, end), quoted
-// line ends included, from a file cut at guesses, a file cut outside quotes
-// and a pipe alike. A guessed cut is the record start that following the
-// quotes gives, or else it is marked as a guess, which the pass finds out.
+// line ends included where the reader follows quotes, from a file cut at
+// line ends, at guesses or outside quotes and from a pipe alike, each chunk
+// the blocks after the one before. A guessed cut is the record start that
+// following the quotes gives, or else it is marked as a guess, which the
+// pass finds out.
 TEST(ChunkReader, PartsOfTheGridHoldTheirRecords) {
   std::string lines, quoted;
   for (int i = 0; i < 200; ++i)
@@ -118,37 +68,67 @@ TEST(ChunkReader, PartsOfTheGridHoldTheirRecords) {
     quoted += std::to_string(i) + ",\"note " + std::to_string(i) + "\nsays \"\"hi\"\",\n\",";
     quoted += (i % 7 == 0 ? "\"\n\n\"" : std::to_string(i * 3)) + "\r\n";
   }
-  enum class Way { kFileGuessing, kFileOutsideQuotes, kPipe };
+  const std::string bodies[] = {
+      lines,
+      quoted,
+      "1,2\r\n3,4\r\n",
+      "1,2\n3,4",        // no line end at the end
+      "1,2\n\n\n3,4\n",  // blank lines
+      "1," + std::string(9000, '7') + "\n2,3\n4,"
+          + std::string(90, '8'),  // lines longer than a read
+      "",                          // header only
+  };
+  enum class Way { kFile, kPipe, kFileGuessing, kFileOutsideQuotes, kPipeFollowingQuotes };
   const std::string header = "a,b,c\n";
-  for (const std::string& body : {lines, quoted}) {
-    const std::vector<std::size_t> starts = RecordStarts(body);
-    // The first record start at or after `offset`.
-    const auto startFrom = [&](std::uint64_t offset) -> std::uint64_t {
-      const auto it = std::lower_bound(starts.begin(), starts.end(), offset);
-      return it == starts.end() ? body.size() : *it;
-    };
-    for (Way way : {Way::kFileGuessing, Way::kFileOutsideQuotes, Way::kPipe}) {
-      for (auto [blockBytes, readSize] :
-           {std::pair<std::uint64_t, std::size_t>{50, 120}, {1, 1}, {7, 5}, {16, 1000}}) {
+  constexpr std::uint64_t kNoEnd = ChunkReader::kNoEnd;
+  for (const std::string& body : bodies) {
+    for (Way way : {Way::kFile, Way::kPipe, Way::kFileGuessing, Way::kFileOutsideQuotes,
+                    Way::kPipeFollowingQuotes}) {
+      const bool quotes = way != Way::kFile && way != Way::kPipe;
+      const std::vector<std::size_t> starts = RecordStarts(body, quotes);
+      // The first record start at or after `offset`.
+      const auto startFrom = [&](std::uint64_t offset) -> std::uint64_t {
+        const auto it = std::lower_bound(starts.begin(), starts.end(), offset);
+        return it == starts.end() ? body.size() : *it;
+      };
+      for (auto [blockBytes, readSize] : {std::pair<std::uint64_t, std::size_t>{50, 120},
+                                          {1, 1},
+                                          {7, 5},
+                                          {16, 1000},
+                                          {3, 2},
+                                          {64, 64},
+                                          {5000, 7},
+                                          {1 << 20, 1 << 20}}) {
         for (auto [first, end] :
-             {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, ChunkReader::kNoEnd}}) {
-          SCOPED_TRACE("way " + std::to_string(static_cast<int>(way)) + ", block bytes "
+             {std::pair<std::uint64_t, std::uint64_t>{0, 3}, {5, 9}, {60, kNoEnd}, {0, kNoEnd}}) {
+          SCOPED_TRACE("body " + body.substr(0, 10) + ", way "
+                       + std::to_string(static_cast<int>(way)) + ", block bytes "
                        + std::to_string(blockBytes) + ", read size " + std::to_string(readSize)
-                       + ", blocks from " + std::to_string(first));
-          const TempFile input(header + body, way == Way::kPipe);
+                       + ", blocks " + std::to_string(first) + " to " + std::to_string(end));
+          const TempFile input(header + body,
+                               way == Way::kPipe || way == Way::kPipeFollowingQuotes);
           ChunkReader reader(input.Path(), readSize);
           if (way == Way::kFileOutsideQuotes) {
             reader.CutOutsideQuotes(',');
-          } else {
+          } else if (quotes) {
             reader.FollowQuotes(',');
           }
-          reader.SetGrid(blockBytes, first, end);
+          // Unset, the grid is the read size and the part the whole input.
+          if (first != 0 || end != kNoEnd || blockBytes != readSize)
+            reader.SetGrid(blockBytes, first, end);
           const ReadBack back = ReadAll(reader);
+          EXPECT_EQ(back.header, "a,b,c");
           const auto boundary = [&, bytes = blockBytes](std::uint64_t block) {
             return block >= body.size() / bytes + 1 ? body.size() : block * bytes;
           };
           std::uint64_t offset = startFrom(boundary(first));
-          for (const Chunk& chunk : back.chunks) {
+          std::uint64_t block = first;
+          for (std::size_t k = 0; k < back.chunks.size(); ++k) {
+            const Chunk& chunk = back.chunks[k];
+            EXPECT_EQ(chunk.index, k);
+            EXPECT_EQ(chunk.firstBlock, block);
+            EXPECT_LT(chunk.firstBlock, chunk.endBlock);
+            block = chunk.endBlock;
             ASSERT_EQ(chunk.offset, header.size() + offset);
             const std::uint64_t cut = chunk.offset + chunk.text.Size() - header.size();
             if (cut != startFrom(boundary(chunk.endBlock))) {
@@ -158,19 +138,17 @@ TEST(ChunkReader, PartsOfTheGridHoldTheirRecords) {
             }
             offset = cut;
           }
-          if (way != Way::kFileGuessing) {
-            const std::uint64_t from = startFrom(boundary(first));
-            EXPECT_EQ(back.joined, body.substr(from, startFrom(boundary(end)) - from));
-          }
+          if (way == Way::kFileGuessing) continue;
+          const std::uint64_t blocks = (body.size() + blockBytes - 1) / blockBytes;
+          EXPECT_EQ(block, std::max(first, std::min(end, blocks)))
+              << "every block of the part, and no more";
+          const std::uint64_t from = startFrom(boundary(first));
+          EXPECT_EQ(back.joined, body.substr(from, startFrom(boundary(end)) - from));
         }
       }
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(BodiesAndReadSizes, ChunkReaderSplit,
-                         ::testing::Combine(::testing::Bool(), ::testing::Range<std::size_t>(0, 6),
-                                            ::testing::Values(1, 2, 3, 7, 64, 5000, 1 << 20)));
 
 // The header: blank lines before it skipped and counted, a byte order mark
 // and a carriage return taken off, longer than a read window whole, and
