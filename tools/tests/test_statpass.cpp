@@ -20,6 +20,7 @@
 
 #include "chunkreader.h"
 #include "errors.h"
+#include "oracle.h"
 #include "passstate.h"
 #include "report.h"
 #include "rowparser.h"
@@ -29,7 +30,12 @@
 namespace vorelstat {
 namespace {
 
+using testing::Gather;
+using testing::kVars;
 using testing::MessageOf;
+using testing::Moments;
+using testing::Real;
+using testing::Row;
 using testing::TempFile;
 
 constexpr std::uint64_t kBlock = 4096;
@@ -54,15 +60,6 @@ PassResult Pass(const std::string& text, const Columns& s, PassOptions options,
   options.threads = way.threads;
   return RunPass(reader, s.layout, s.rules, options);
 }
-
-constexpr unsigned kVars = 3;
-
-struct Row {
-  std::optional<double> x[kVars];
-  std::optional<double> weight;
-  double regWeight;
-  std::optional<int> group;
-};
 
 std::string Cell(const std::optional<double>& value) {
   if (!value) return "NA";
@@ -120,39 +117,6 @@ Columns OracleColumns(bool regWeight) {
   return s;
 }
 
-using Real = long double;
-
-// Weighted sums of one set of rows, in long double.
-struct Moments {
-  Real w = 0, v = 0;  // frequency weight, combined weight
-  Real sum[kVars] = {};
-  Real css[kVars][kVars] = {};
-  Real mean(unsigned i) const { return sum[i] / v; }
-};
-
-Moments Gather(const std::vector<const Row*>& rows, bool regWeight) {
-  Moments m;
-  for (const Row* row : rows) {
-    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
-    m.w += static_cast<Real>(*row->weight);
-    m.v += v;
-    for (unsigned i = 0; i < kVars; ++i)
-      m.sum[i] += v * static_cast<Real>(row->x[i].value_or(0.0));
-  }
-  for (const Row* row : rows) {
-    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
-    for (unsigned i = 0; i < kVars; ++i) {
-      for (unsigned j = 0; j < kVars; ++j) {
-        if (!row->x[i] || !row->x[j]) continue;
-        const Real xi = static_cast<Real>(row->x[i].value());
-        const Real xj = static_cast<Real>(row->x[j].value());
-        m.css[i][j] += v * (xi - m.mean(i)) * (xj - m.mean(j));
-      }
-    }
-  }
-  return m;
-}
-
 void ExpectClose(double actual, Real expected, double relative, const std::string& what) {
   const double tolerance =
       relative * std::max<double>(1.0, std::fabs(static_cast<double>(expected)));
@@ -176,13 +140,13 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   const PassResult pass = Pass(data.text, s, options, {threads, readSize});
   const Report report("data.csv", s.layout, pass, {}, true);
 
-  std::vector<const Row*> weighted, complete, grouped[3];
+  std::vector<Row> weighted, complete, grouped[3];
   for (const Row& row : data.rows) {
     if (!row.weight) continue;
-    weighted.push_back(&row);
+    weighted.push_back(row);
     const bool full = row.x[0] && row.x[1] && row.x[2];
-    if (full) complete.push_back(&row);
-    if (full && row.group) grouped[*row.group - 1].push_back(&row);
+    if (full) complete.push_back(row);
+    if (full && row.group) grouped[*row.group - 1].push_back(row);
   }
   EXPECT_EQ(pass.blockBytes, options.finishOrder ? 0 : options.blockBytes);
   EXPECT_EQ(pass.rows.read, data.rows.size());
@@ -193,9 +157,9 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
     for (unsigned j = 0; j < kVars; ++j) {
       SCOPED_TRACE("pair " + std::to_string(i) + "," + std::to_string(j));
       // The rows where both cells are present; for j = i, the column's own.
-      std::vector<const Row*> both;
-      for (const Row* row : pairwise ? weighted : complete) {
-        if (row->x[i] && row->x[j]) both.push_back(row);
+      std::vector<Row> both;
+      for (const Row& row : pairwise ? weighted : complete) {
+        if (row.x[i] && row.x[j]) both.push_back(row);
       }
       const Moments p = Gather(both, regWeight);
       ExpectClose(report.Covariance(i, j), p.css[i][j] / (p.w - 1), 1e-10, "covariance");
@@ -206,12 +170,11 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
         EXPECT_EQ(report.PairWeight(i, j), static_cast<double>(p.w));
       }
       if (j != i) continue;
-      const auto [lo, hi] =
-          std::minmax_element(both.begin(), both.end(),
-                              [i](const Row* a, const Row* b) { return *a->x[i] < *b->x[i]; });
+      const auto [lo, hi] = std::minmax_element(
+          both.begin(), both.end(), [i](const Row& a, const Row& b) { return *a.x[i] < *b.x[i]; });
       EXPECT_EQ(report.columns[i].moments.n, both.size());
-      EXPECT_EQ(report.columns[i].min, *(*lo)->x[i]);
-      EXPECT_EQ(report.columns[i].max, *(*hi)->x[i]);
+      EXPECT_EQ(report.columns[i].min, *lo->x[i]);
+      EXPECT_EQ(report.columns[i].max, *hi->x[i]);
       EXPECT_EQ(report.columns[i].moments.weight, static_cast<double>(p.w));
       ExpectClose(report.columns[i].mean, p.mean(i), 1e-13, "mean");
       ExpectClose(report.columns[i].sd, std::sqrt(p.css[i][i] / (p.w - 1)), 1e-11, "sd");
