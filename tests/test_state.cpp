@@ -147,53 +147,42 @@ TYPED_TEST(StateRoundTrip, CopiesMovesAndForeignMerges) {
 
 // ---------------------------------------------------------------- another process
 
-// States written here and read in a fresh process of this same test binary:
-// the child loads each file as its class, and its object saves the same
-// bytes and merges with the parent's rows to the parent's merge. The child's
-// half runs only when the parent hands it the folder.
+// States written here and read in a fresh process of this same test binary,
+// which makes the same objects from the same rows: their bytes are the
+// parent's, and the parent's object loaded there saves those bytes and merges
+// as the child's own. The child's half runs only when the parent hands it the
+// folder.
 constexpr const char* kStateFolderVariable = "VOREL_TEST_STATE_FOLDER";
 
-Bytes ReadFile(const std::filesystem::path& path) {
-  Bytes bytes(std::filesystem::file_size(path));
+template <class T>
+void StateAcrossProcesses(const std::filesystem::path& folder, bool child) {
+  const std::filesystem::path path = folder / ::testing::internal::GetTypeName<T>();
+  SCOPED_TRACE(path);
+  T a = Filled<T>(41, {true, true}), b = Filled<T>(42, {true, true});
+  Bytes bytes = a.SaveState();
+  if (!child) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+    return;
+  }
+  bytes.assign(std::filesystem::file_size(path), std::byte{0});
   std::ifstream(path, std::ios::binary)
       .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
-}
-
-void WriteFile(const std::filesystem::path& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
-
-template <class T>
-void WriteStates(const std::filesystem::path& folder) {
-  const std::string name = ::testing::internal::GetTypeName<T>();
-  T a = Filled<T>(41, {true, true});
-  T b = Filled<T>(42, {true, true});
-  WriteFile(folder / (name + ".a"), a.SaveState());
-  WriteFile(folder / (name + ".b"), b.SaveState());
-  a += b;
-  WriteFile(folder / (name + ".merged"), a.SaveState());
-}
-
-template <class T>
-void CheckStates(const std::filesystem::path& folder) {
-  const std::string name = ::testing::internal::GetTypeName<T>();
-  SCOPED_TRACE(name);
-  const Bytes a = ReadFile(folder / (name + ".a"));
-  T loaded = T::LoadState(a);
-  EXPECT_TRUE(loaded.SaveState() == a);
-  T b = T::LoadState(ReadFile(folder / (name + ".b")));
+  EXPECT_TRUE(SameState(bytes, a.SaveState()));
+  T loaded = T::LoadState(bytes);
+  EXPECT_TRUE(SameState(loaded.SaveState(), bytes));
   loaded += b;
-  EXPECT_TRUE(loaded.SaveState() == ReadFile(folder / (name + ".merged")));
+  a += b;
+  EXPECT_TRUE(SameState(loaded.SaveState(), a.SaveState()));
 }
 
 TEST(StateFreshProcess, ChildReadsTheStates) {
   const char* folder = std::getenv(kStateFolderVariable);
   if (folder == nullptr) GTEST_SKIP() << "runs in the child of WritesStatesForAChild only";
-  ForEachClass(ResultClasses(),
-               [&](auto type) { CheckStates<typename decltype(type)::type>(folder); });
+  ForEachClass(ResultClasses(), [&](auto type) {
+    StateAcrossProcesses<typename decltype(type)::type>(folder, true);
+  });
 }
 
 TEST(StateFreshProcess, WritesStatesForAChild) {
@@ -202,8 +191,9 @@ TEST(StateFreshProcess, WritesStatesForAChild) {
   const std::filesystem::path folder =
       std::filesystem::temp_directory_path() / ("vorel-state-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
-  ForEachClass(ResultClasses(),
-               [&](auto type) { WriteStates<typename decltype(type)::type>(folder); });
+  ForEachClass(ResultClasses(), [&](auto type) {
+    StateAcrossProcesses<typename decltype(type)::type>(folder, false);
+  });
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   const std::string command = "timeout 60 env " + std::string(kStateFolderVariable) + "='"
                               + folder.string() + "' '" + self
@@ -238,10 +228,7 @@ void Reseal(Bytes& b) {
 // weights, byte for byte as the format describes it.
 TEST(StateFormat, TestVectorOfTheFormatDescription) {
   MatrixListwise m;
-  DataBatch batch(2, 2, nullptr, nullptr, nullptr);
-  const double rows[2][2] = {{1, 2}, {3, 4}};
-  batch.AddRow(rows[0]);
-  batch.AddRow(rows[1]);
+  DataBatch batch = tables::MakeBatch(Table{{{1, 2}, {3, 4}}}, 0, 2);
   m += batch;
   const Bytes b = m.SaveState();
   ASSERT_EQ(b.size(), 24u + 4 + 8 + 8 + 8 + 2 * 8 + 3 * 8 + 4);
