@@ -193,13 +193,17 @@ void WaitFor(RecordingProblem& p, const std::function<bool()>& ready, const char
 const std::function<void()> kHostError = [] { throw QuorGoToCaller(); };
 const std::function<void()> kBadAlloc = [] { throw std::bad_alloc(); };
 
-// Counts the host's resume calls and checks their thread.
+// Counts the host's resume calls and checks their thread; a host that unwinds
+// from its resume throws Unwind there.
 struct ResumeCounter {
-  explicit ResumeCounter(HostHooks hooks = {}) : scope(Install(std::move(hooks))) {}
-  HostHooks Install(HostHooks hooks) {
-    hooks.resumeCaller = [this] {
+  struct Unwind {};
+  explicit ResumeCounter(HostHooks hooks = {}, bool unwinds = false)
+      : scope(Install(std::move(hooks), unwinds)) {}
+  HostHooks Install(HostHooks hooks, bool unwinds) {
+    hooks.resumeCaller = [this, unwinds] {
       ++calls;
       onCaller = std::this_thread::get_id() == caller;
+      if (unwinds) throw Unwind();
     };
     return hooks;
   }
@@ -313,17 +317,10 @@ INSTANTIATE_TEST_SUITE_P(
                        ::testing::Values(3, 4), ::testing::Bool()));
 
 TEST(DriverFault, ResumeThatThrowsLeavesAfterTheTeardown) {
-  struct HostUnwind {};
-  HostHooks hooks;
-  bool onCaller = false;
-  hooks.resumeCaller = [&onCaller, caller = std::this_thread::get_id()] {
-    onCaller = std::this_thread::get_id() == caller;
-    throw HostUnwind{};
-  };
-  ScopedHostHooks scope(hooks);
+  ResumeCounter resume({}, true);
   RecordingProblem problem(Plan{-1, Stage::Process, kHostError, {1}});
-  EXPECT_THROW(Driver(&problem, 3), HostUnwind);
-  EXPECT_TRUE(onCaller);
+  EXPECT_THROW(Driver(&problem, 3), ResumeCounter::Unwind);
+  EXPECT_TRUE(resume.onCaller);
   problem.ExpectCleanEnd(3);
 }
 
