@@ -8,6 +8,7 @@
 #include <bit>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <random>
 #include <thread>
@@ -184,40 +185,35 @@ TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
     }
 }
 
-// A listwise matrix that counts the live results: those made by the factory
-// and not yet destroyed (a moved-from shell no longer counts).
+// A listwise matrix on the heap that counts the live results: those made by
+// the factory and not yet destroyed. A move hands the same matrix over, and
+// the moved-from shell no longer counts.
 struct Counted {
   static inline std::atomic<long> live{0}, peak{0};
-
-  Counted() {
-    const long now = ++live;
-    long seen = peak.load();
-    while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+  struct Release {
+    void operator()(MatrixListwise* m) const {
+      --live;
+      delete m;
     }
+  };
+  static MatrixListwise* Made() {
+    const long now = ++live;
+    for (long seen = peak.load(); now > seen && !peak.compare_exchange_weak(seen, now);) {
+    }
+    return new MatrixListwise();
   }
-  Counted(Counted&& other) noexcept
-      : matrix(std::move(other.matrix)), counts(std::exchange(other.counts, false)) {}
-  Counted& operator=(Counted&& other) noexcept {
-    if (counts) --live;
-    matrix = std::move(other.matrix);
-    counts = std::exchange(other.counts, false);
-    return *this;
-  }
-  ~Counted() {
-    if (counts) --live;
-  }
+
   Counted& operator+=(DataBatch& batch) {
-    matrix += batch;
+    *matrix += batch;
     return *this;
   }
   Counted& operator+=(Counted& other) {
-    matrix += other.matrix;
+    *matrix += *other.matrix;
     return *this;
   }
-  State SaveState() const { return matrix.SaveState(); }
+  State SaveState() const { return matrix->SaveState(); }
 
-  MatrixListwise matrix;
-  bool counts = true;
+  std::unique_ptr<MatrixListwise, Release> matrix{Made()};
 };
 
 // 1,500 blocks on 8 threads: the results alive at any one time stay within
