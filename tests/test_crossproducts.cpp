@@ -75,22 +75,14 @@ double PlainCell(const double* a, const double* b, const double* w, int n) {
   return sum;
 }
 
-// The triangle (with or without the diagonal) and the rectangle of columns
-// given by column(j), by the plain loop.
+// The cells of a block's keys (a triangle: SBlock, a rectangle: NSBlock), in
+// their order, with or without the diagonal, by the plain loop over column(j).
 template <class Column>
-std::vector<double> PlainTriangle(Column column, int p, const double* w, int n, bool diagonal) {
+std::vector<double> PlainCells(Column column, const RefBlock& block, bool diagonal, const double* w,
+                               int n) {
   std::vector<double> cells;
-  for (int c = 0; c < p; ++c)
-    for (int k = 0; k < c + diagonal; ++k)
-      cells.push_back(PlainCell(column(c), column(k), w, n));
-  return cells;
-}
-template <class Column>
-std::vector<double> PlainRectangle(Column column, int split, int p, const double* w, int n) {
-  std::vector<double> cells;
-  for (int r = 0; r < split; ++r)
-    for (int c = split; c < p; ++c)
-      cells.push_back(PlainCell(column(r), column(c), w, n));
+  for (const auto& [c, k] : block.keys)
+    if (c != k || diagonal) cells.push_back(PlainCell(column(c), column(k), w, n));
   return cells;
 }
 
@@ -98,7 +90,7 @@ std::vector<double> PlainRectangle(Column column, int split, int p, const double
 // it, and the diagonal beside it, against the plain loop over column(j).
 template <class Column>
 void ExpectRectangle(CrossProductJob job, Column column, int split, int p, const double* w, int n) {
-  const std::vector<double> want = PlainRectangle(column, split, p, w, n);
+  const std::vector<double> want = PlainCells(column, NSBlock(0, 0, split, p), false, w, n);
   std::vector<double> rect(want.size(), kSentinel), diag(p, kSentinel), wantDiag;
   for (int j = 0; j < p; ++j)
     wantDiag.push_back(PlainCell(column(j), column(j), w, n));
@@ -151,12 +143,12 @@ TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
     const auto column = [&](int j) { return j == s.p ? ones.data() : b.Column(j); };
     const Block before = b;
 
-    const std::vector<double> want = PlainTriangle(column, s.p, wp, s.n, true);
+    const std::vector<double> want = PlainCells(column, SBlock(0, 0, s.p), true, wp, s.n);
     std::vector<double> got(want.size(), kSentinel);
     CrossProductTriangle(b.View(), wp, s.n, got.data());
     EXPECT_TRUE(SameFields(got, want));
 
-    const std::vector<double> below = PlainTriangle(column, s.p, wp, s.n, false);
+    const std::vector<double> below = PlainCells(column, SBlock(0, 0, s.p), false, wp, s.n);
     std::vector<double> strided(below.size() * 3, kSentinel), picked;
     CrossProducts({.cols = b.View(),
                    .weights = wp,
@@ -170,7 +162,7 @@ TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
     }
     EXPECT_TRUE(SameFields(picked, below));
 
-    const std::vector<double> withOnes = PlainTriangle(column, s.p + 1, wp, s.n, true);
+    const std::vector<double> withOnes = PlainCells(column, SBlock(0, 0, s.p + 1), true, wp, s.n);
     got.assign(withOnes.size(), kSentinel);
     CrossProducts(
         {.cols = b.View(), .withOnes = true, .weights = wp, .nRows = s.n, .triangle = got.data()});
@@ -209,7 +201,7 @@ TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
     const auto column = [&](int j) { return centred[j].data(); };
 
     const Block before = b;
-    std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
+    std::vector<double> want = PlainCells(column, SBlock(0, 0, m), true, wp, s.n);
     std::vector<double> got(want.size(), kSentinel);
     CrossProductJob job{.cols = {nullptr, 0, m, list.data()},
                         .weights = wp,
@@ -232,7 +224,7 @@ TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
       for (int i = 0; i < s.n; ++i)
         shifted.Column(j)[i] = b.Column(j)[i] - means[j];
     }
-    want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
+    want = PlainCells([&](int j) { return shifted.Column(j); }, SBlock(0, 0, s.p), true, wp, s.n);
     got.assign(want.size(), kSentinel);
     CrossProducts({.cols = b.View(),
                    .weights = wp,
