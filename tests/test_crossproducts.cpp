@@ -447,7 +447,8 @@ TEST(ColumnKernels, EdgeCases) {
 // side by side give each column's own bits, across the groups of columns
 // taken together; no rows leave the tables as they were.
 TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {
-  constexpr int n = 1003, kGroups = 5, kMost = 2 * kScatterColumns - 1;
+  constexpr int kGroups = 5, kMost = 2 * kScatterColumns - 1;
+  const int n = 1003;
   std::mt19937_64 rng(77);
   Block b = RandomBlock(rng, kMost, n, false);
   const std::vector<double> w = RandomWeights(rng, n);
