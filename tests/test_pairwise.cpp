@@ -3,7 +3,6 @@
 // matrices against the plain-loop reference, bit for bit: in merges, and at
 // every kernel level on wide blocks.
 #include <vorel/databatch.h>
-#include <vorel/initialextremes.h>
 #include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixpairwise.h>
