@@ -15,10 +15,13 @@ namespace vorel::testing::listwise {
 
 using tables::Table;
 
-// Every column of a block, and for every ordered pair (a, b) of block
-// positions cross[a][b] = sum (v * x_a) * x_b of the centred columns. The S
-// and NS stores each use the cells of the order they compute.
+// Every column of a block from batch column col0 on, and for every ordered
+// pair (a, b) of block positions cross[a][b] = sum (v * x_a) * x_b of the
+// centred columns. nFirst = 0: a triangle; otherwise the first set's size.
+// The S and NS stores each use the cells of the order they compute.
 struct RefBlock {
+  int col0 = 0;
+  std::size_t nFirst = 0;
   double weightSum = 0.0, regWeightSum = 0.0;
   std::uint64_t nRows = 0;
   std::vector<double> means = {}, mins = {}, maxs = {};
@@ -26,13 +29,14 @@ struct RefBlock {
 };
 
 // Rows [begin, end) of t in one batch, block columns [col0, col2).
-inline RefBlock ReduceRows(const Table& t, std::size_t begin, std::size_t end, int col0, int col2) {
+inline RefBlock ReduceRows(const Table& t, std::size_t begin, std::size_t end, int col0, int col2,
+                           std::size_t nFirst) {
   const double* w = t.w.empty() ? nullptr : &t.w[begin];
   const double* rw = t.rw.empty() ? nullptr : &t.rw[begin];
   std::vector<std::vector<double>> x;
   for (int c = col0; c < col2; ++c)
     x.push_back(t.Column(static_cast<unsigned>(c), begin, end));
-  RefBlock b{0.0, 0.0, end - begin};
+  RefBlock b{col0, nFirst, 0.0, 0.0, end - begin};
   b.cross.assign(x.size(), std::vector<double>(x.size()));
   for (std::size_t a = 0; a < x.size(); ++a)
     for (std::size_t c = 0; c < x.size(); ++c) {
@@ -51,15 +55,16 @@ inline RefBlock ReduceRows(const Table& t, std::size_t begin, std::size_t end, i
 }
 
 // t gathers d: an empty t takes d whole, a d whose weights total 0 is left
-// out. nFirst = 0 is the symmetric update of the lower triangle (diagonal
+// out. A triangle takes the symmetric update of the lower triangle (diagonal
 // included); otherwise the non-symmetric one: sums of squares on the
 // diagonal, and the cells of first-set position r < nFirst with second-set
 // position c >= nFirst.
-inline void Merge(RefBlock& t, const RefBlock& d, std::size_t nFirst = 0) {
+inline void Merge(RefBlock& t, const RefBlock& d) {
   if (t.nRows == 0 || d.nRows == 0 || d.weightSum == 0.0) {
     if (t.nRows == 0) t = d;
     return;
   }
+  const std::size_t nFirst = t.nFirst;
   const double a = t.regWeightSum, b = d.regWeightSum;
   const std::size_t n = t.means.size();
   std::vector<double> m(n);
@@ -98,12 +103,13 @@ inline void Merge(RefBlock& t, const RefBlock& d, std::size_t nFirst = 0) {
   t.nRows += d.nRows;
 }
 
-// Every figure of a listwise matrix over columns [col0, col0 + size) against
-// the reference, bit for bit, each cell read in both orders: the triangle
-// (nFirst = 0), or the diagonal and the cells of a first-set column with a
-// second-set one. Extremes where the matrix keeps them.
+// Every figure of a listwise matrix against the reference, bit for bit, each
+// cell read in both orders: the triangle, or the diagonal and the cells of a
+// first-set column with a second-set one. Extremes where the matrix keeps them.
 template <class Matrix>
-void ExpectSameBits(const Matrix& m, const RefBlock& ref, int col0, std::size_t nFirst = 0) {
+void ExpectSameBits(const Matrix& m, const RefBlock& ref) {
+  const int col0 = ref.col0;
+  const std::size_t nFirst = ref.nFirst;
   ASSERT_EQ(static_cast<std::size_t>(m.NColumns()), ref.means.size());
   EXPECT_EQ(static_cast<std::uint64_t>(m.NRows()), ref.nRows);
   EXPECT_PRED2(SameBits, m.WeightSum(), ref.weightSum);

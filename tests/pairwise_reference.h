@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <ios>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -169,17 +170,28 @@ std::vector<double> PairFields(const P& p) {
   const auto n = static_cast<double>(p.NRows());
   return {n, p.WeightSum(), p.RegWeightSum(), p.Mean0(), p.Mean1(), p.CSS0(), p.CSS1(), p.CSCP()};
 }
+// The same of a plain record of fields (the reference's, or a kernel's).
+template <class P>
+requires requires(P p) { p.cscp; }
+std::vector<double> PairFields(const P& p) {
+  const auto n = static_cast<double>(p.nRows);
+  return {n, p.weightSum, p.regWeightSum, p.mean0, p.mean1, p.css0, p.css1, p.cscp};
+}
 inline std::vector<double> VarFields(const RefRecord& r) {
   const auto n = static_cast<double>(r.nRows);
   return {n, r.weightSum, r.regWeightSum, r.mean0, r.css0, r.min, r.max};
 }
-inline std::vector<double> PairFields(const RefRecord& r) {
-  const auto n = static_cast<double>(r.nRows);
-  return {n, r.weightSum, r.regWeightSum, r.mean0, r.mean1, r.css0, r.css1, r.cscp};
-}
-// Bit for bit, over the fields the library's record has.
-inline bool SameFields(const std::vector<double>& lib, const std::vector<double>& ref) {
-  return lib.size() <= ref.size() && std::equal(lib.begin(), lib.end(), ref.begin(), SameBits);
+// Bit for bit, over the fields (or cells) the library gives: want may go on
+// with fields the library's record does not keep.
+inline ::testing::AssertionResult SameFields(const std::vector<double>& got,
+                                             const std::vector<double>& want) {
+  if (got.size() > want.size())
+    return ::testing::AssertionFailure() << got.size() << " fields, want " << want.size();
+  for (std::size_t i = 0; i < got.size(); ++i)
+    if (!SameBits(got[i], want[i]))
+      return ::testing::AssertionFailure()
+             << "field " << i << ": " << std::hexfloat << got[i] << ", want " << want[i];
+  return ::testing::AssertionSuccess();
 }
 
 // Every total and record of a pairwise matrix against the reference; a pair

@@ -1,11 +1,9 @@
-// The blocked kernels against the plain per-cell loops, bit for bit, at every
-// instruction-set level the CPU has.
+// The kernels against the plain loops, bit for bit: the column kernels, and
+// the blocked kernels at every instruction-set level the CPU has.
+#include <algorithm>
 #include <cmath>
-#include <ios>
 #include <limits>
 #include <random>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "kernel_levels.h"
@@ -17,11 +15,8 @@
 namespace vorel::internal {
 namespace {
 
+using namespace testing::pairwise;
 using testing::SameBits;
-using testing::pairwise::PairFields;
-using testing::pairwise::RefInit;
-using testing::pairwise::SameFields;
-using testing::pairwise::VarFields;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -80,52 +75,22 @@ double PlainCell(const double* a, const double* b, const double* w, int n) {
   return sum;
 }
 
-::testing::AssertionResult SameCells(const std::vector<double>& got,
-                                     const std::vector<double>& want) {
-  if (got.size() != want.size())
-    return ::testing::AssertionFailure() << got.size() << " cells, want " << want.size();
-  for (std::size_t i = 0; i < got.size(); ++i)
-    if (!SameBits(got[i], want[i]))
-      return ::testing::AssertionFailure()
-             << "cell " << i << ": " << std::hexfloat << got[i] << ", want " << want[i];
-  return ::testing::AssertionSuccess();
-}
-
-// The triangle (with or without the diagonal) and the rectangle of columns
-// given by column(j), by the plain loop.
+// The cells of a block's keys (a triangle: SBlock, a rectangle: NSBlock), in
+// their order, with or without the diagonal, by the plain loop over column(j).
 template <class Column>
-std::vector<double> PlainTriangle(Column column, int p, const double* w, int n, bool diagonal) {
+std::vector<double> PlainCells(Column column, const RefBlock& block, bool diagonal, const double* w,
+                               int n) {
   std::vector<double> cells;
-  for (int c = 0; c < p; ++c)
-    for (int k = 0; k < c + diagonal; ++k)
-      cells.push_back(PlainCell(column(c), column(k), w, n));
+  for (const auto& [c, k] : block.keys)
+    if (c != k || diagonal) cells.push_back(PlainCell(column(c), column(k), w, n));
   return cells;
-}
-template <class Column>
-std::vector<double> PlainRectangle(Column column, int split, int p, const double* w, int n) {
-  std::vector<double> cells;
-  for (int r = 0; r < split; ++r)
-    for (int c = split; c < p; ++c)
-      cells.push_back(PlainCell(column(r), column(c), w, n));
-  return cells;
-}
-
-// A job over n rows of cols, without outputs yet.
-CrossProductJob Job(const ColumnBlock& cols, const double* w, int n,
-                    const double* centre = nullptr) {
-  CrossProductJob job;
-  job.cols = cols;
-  job.weights = w;
-  job.nRows = n;
-  job.centre = centre;
-  return job;
 }
 
 // The job run with a rectangle of the columns before split against those from
 // it, and the diagonal beside it, against the plain loop over column(j).
 template <class Column>
 void ExpectRectangle(CrossProductJob job, Column column, int split, int p, const double* w, int n) {
-  const std::vector<double> want = PlainRectangle(column, split, p, w, n);
+  const std::vector<double> want = PlainCells(column, NSBlock(0, 0, split, p), false, w, n);
   std::vector<double> rect(want.size(), kSentinel), diag(p, kSentinel), wantDiag;
   for (int j = 0; j < p; ++j)
     wantDiag.push_back(PlainCell(column(j), column(j), w, n));
@@ -133,8 +98,8 @@ void ExpectRectangle(CrossProductJob job, Column column, int split, int p, const
   job.split = split;
   job.diagonal = diag.data();
   CrossProducts(job);
-  EXPECT_TRUE(SameCells(rect, want)) << "split " << split;
-  EXPECT_TRUE(SameCells(diag, wantDiag)) << "split " << split;
+  EXPECT_TRUE(SameFields(rect, want)) << "split " << split;
+  EXPECT_TRUE(SameFields(diag, wantDiag)) << "split " << split;
 }
 
 class AtEveryLevel : public testing::AtEveryKernelLevel {};
@@ -150,76 +115,65 @@ const Shape kShapes[] = {{0, 9},    {1, 0},    {1, 1},     {3, 5},     {4, 4},  
                          {16, 31},  {17, 9},   {23, 77},   {25, 130},  {33, 41},  {40, 260},
                          {2, 4099}, {5, 2051}, {11, 4103}, {61, 1201}, {40, 3000}};
 
-// The triangle through its shorthand, strictly below the diagonal into every
-// third cell, with a column of ones behind, and rectangles with diagonals at
-// several splits: every output of a job that only reads its columns.
-TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
+// Calls body(shape, variant, rng) for every shape and every variant from 0 to
+// variants - 1, with rng seeded by seedOf(shape) + variant.
+template <class Body>
+void ForEachShape(unsigned (*seedOf)(Shape), int variants, Body body) {
   for (const Shape s : kShapes) {
-    for (bool specials : {false, true}) {
-      for (bool weighted : {false, true}) {
-        const unsigned seed =
-            static_cast<unsigned>(s.p * 7919 + s.n * 31 + weighted + 2 * specials);
-        SCOPED_TRACE(::testing::Message()
-                     << "seed " << seed << ", p " << s.p << ", n " << s.n
-                     << (weighted ? ", weighted" : "") << (specials ? ", specials" : ""));
-        std::mt19937_64 rng(seed);
-        Block b = RandomBlock(rng, s.p, s.n, specials);
-        const std::vector<double> w = RandomWeights(rng, s.n), ones(s.n, 1.0);
-        const double* wp = weighted ? w.data() : nullptr;
-        const auto column = [&](int j) { return j == s.p ? ones.data() : b.Column(j); };
-        const Block before = b;
-
-        const std::vector<double> want = PlainTriangle(column, s.p, wp, s.n, true);
-        std::vector<double> got(want.size(), kSentinel);
-        CrossProductTriangle(b.View(), wp, s.n, got.data());
-        EXPECT_TRUE(SameCells(got, want));
-
-        const std::vector<double> below = PlainTriangle(column, s.p, wp, s.n, false);
-        std::vector<double> strided(below.size() * 3, kSentinel), picked;
-        CrossProductJob job = Job(b.View(), wp, s.n);
-        job.triangle = strided.data();
-        job.triangleStride = 3;
-        job.triangleDiagonal = false;
-        CrossProducts(job);
-        for (std::size_t i = 0; i < below.size(); ++i) {
-          picked.push_back(strided[3 * i]);
-          EXPECT_EQ(strided[3 * i + 1], kSentinel);
-        }
-        EXPECT_TRUE(SameCells(picked, below));
-
-        const std::vector<double> withOnes = PlainTriangle(column, s.p + 1, wp, s.n, true);
-        got.assign(withOnes.size(), kSentinel);
-        job = Job(b.View(), wp, s.n);
-        job.withOnes = true;
-        job.triangle = got.data();
-        CrossProducts(job);
-        EXPECT_TRUE(SameCells(got, withOnes));
-
-        for (int split : {1, s.p / 2, (s.p * 2) / 3, s.p - 1})
-          if (split >= 1 && split < s.p)
-            ExpectRectangle(Job(b.View(), wp, s.n), column, split, s.p, wp, s.n);
-        EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
-      }
+    for (int variant = 0; variant < variants; ++variant) {
+      const unsigned seed = seedOf(s) + static_cast<unsigned>(variant);
+      SCOPED_TRACE(::testing::Message()
+                   << "seed " << seed << ", p " << s.p << ", n " << s.n << ", variant " << variant);
+      std::mt19937_64 rng(seed);
+      body(s, variant, rng);
     }
   }
 }
 
-// Calls body(shape, block, weights or null) for every shape, unweighted and
-// weighted, on a random block with specials and random weights drawn with
-// the seed seedOf(shape) + weighted.
-template <class Body>
-void ForEachShapeAndWeighting(unsigned (*seedOf)(Shape), Body body) {
-  for (const Shape s : kShapes) {
-    for (bool weighted : {false, true}) {
-      const unsigned seed = seedOf(s) + weighted;
-      SCOPED_TRACE(::testing::Message() << "seed " << seed << ", p " << s.p << ", n " << s.n
-                                        << (weighted ? ", weighted" : ""));
-      std::mt19937_64 rng(seed);
-      Block b = RandomBlock(rng, s.p, s.n, true);
-      const std::vector<double> w = RandomWeights(rng, s.n);
-      body(s, b, weighted ? w.data() : nullptr);
+// The triangle through its shorthand, strictly below the diagonal into every
+// third cell, with a column of ones behind, and rectangles with diagonals at
+// several splits: every output of a job that only reads its columns.
+// Variants: weighted (bit 0), with specials (bit 1).
+TEST_P(AtEveryLevel, ProductsMatchThePlainLoop) {
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 7919 + s.n * 31); };
+  ForEachShape(seedOf, 4, [](const Shape s, int variant, std::mt19937_64& rng) {
+    Block b = RandomBlock(rng, s.p, s.n, variant & 2);
+    const std::vector<double> w = RandomWeights(rng, s.n), ones(s.n, 1.0);
+    const double* wp = variant & 1 ? w.data() : nullptr;
+    const auto column = [&](int j) { return j == s.p ? ones.data() : b.Column(j); };
+    const Block before = b;
+
+    const std::vector<double> want = PlainCells(column, SBlock(0, 0, s.p), true, wp, s.n);
+    std::vector<double> got(want.size(), kSentinel);
+    CrossProductTriangle(b.View(), wp, s.n, got.data());
+    EXPECT_TRUE(SameFields(got, want));
+
+    const std::vector<double> below = PlainCells(column, SBlock(0, 0, s.p), false, wp, s.n);
+    std::vector<double> strided(below.size() * 3, kSentinel), picked;
+    CrossProducts({.cols = b.View(),
+                   .weights = wp,
+                   .nRows = s.n,
+                   .triangle = strided.data(),
+                   .triangleStride = 3,
+                   .triangleDiagonal = false});
+    for (std::size_t i = 0; i < below.size(); ++i) {
+      picked.push_back(strided[3 * i]);
+      EXPECT_EQ(strided[3 * i + 1], kSentinel);
     }
-  }
+    EXPECT_TRUE(SameFields(picked, below));
+
+    const std::vector<double> withOnes = PlainCells(column, SBlock(0, 0, s.p + 1), true, wp, s.n);
+    got.assign(withOnes.size(), kSentinel);
+    CrossProducts(
+        {.cols = b.View(), .withOnes = true, .weights = wp, .nRows = s.n, .triangle = got.data()});
+    EXPECT_TRUE(SameFields(got, withOnes));
+
+    for (int split : {1, s.p / 2, (s.p * 2) / 3, s.p - 1})
+      if (split >= 1 && split < s.p)
+        ExpectRectangle({.cols = b.View(), .weights = wp, .nRows = s.n}, column, split, s.p, wp,
+                        s.n);
+    EXPECT_TRUE(SameFields(b.cells, before.cells));  // only read
+  });
 }
 
 // Columns named one by one, in any order, centred in the kernel's copies only
@@ -228,7 +182,10 @@ void ForEachShapeAndWeighting(unsigned (*seedOf)(Shape), Body body) {
 // of the centred columns either way.
 TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
   const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 577 + s.n); };
-  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+  ForEachShape(seedOf, 2, [](const Shape s, int weighted, std::mt19937_64& rng) {
+    Block b = RandomBlock(rng, s.p, s.n, true);
+    const std::vector<double> w = RandomWeights(rng, s.n);
+    const double* wp = weighted ? w.data() : nullptr;
     // Every other column of the block, last first.
     std::vector<double*> list;
     std::vector<double> means;
@@ -244,18 +201,21 @@ TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
     const auto column = [&](int j) { return centred[j].data(); };
 
     const Block before = b;
-    CrossProductJob job = Job(ColumnBlock{nullptr, 0, m, list.data()}, wp, s.n, means.data());
-    job.keepColumns = true;
-    std::vector<double> want = PlainTriangle(column, m, wp, s.n, true);
+    std::vector<double> want = PlainCells(column, SBlock(0, 0, m), true, wp, s.n);
     std::vector<double> got(want.size(), kSentinel);
-    job.triangle = got.data();
+    CrossProductJob job{.cols = {nullptr, 0, m, list.data()},
+                        .weights = wp,
+                        .nRows = s.n,
+                        .centre = means.data(),
+                        .keepColumns = true,
+                        .triangle = got.data()};
     CrossProducts(job);
-    EXPECT_TRUE(SameCells(got, want));
+    EXPECT_TRUE(SameFields(got, want));
     if (m >= 2) {
       job.triangle = nullptr;
       ExpectRectangle(job, column, m / 2, m, wp, s.n);
     }
-    EXPECT_TRUE(SameCells(b.cells, before.cells));
+    EXPECT_TRUE(SameFields(b.cells, before.cells));
     // The whole block centred in place.
     means.resize(static_cast<std::size_t>(s.p));
     Block shifted = b;
@@ -264,87 +224,45 @@ TEST_P(AtEveryLevel, CentredProductsInCopiesOrInPlace) {
       for (int i = 0; i < s.n; ++i)
         shifted.Column(j)[i] = b.Column(j)[i] - means[j];
     }
-    want = PlainTriangle([&](int j) { return shifted.Column(j); }, s.p, wp, s.n, true);
+    want = PlainCells([&](int j) { return shifted.Column(j); }, SBlock(0, 0, s.p), true, wp, s.n);
     got.assign(want.size(), kSentinel);
-    job = Job(b.View(), wp, s.n, means.data());
-    job.triangle = got.data();
-    CrossProducts(job);
-    EXPECT_TRUE(SameCells(got, want));
-    EXPECT_TRUE(SameCells(b.cells, shifted.cells));
+    CrossProducts({.cols = b.View(),
+                   .weights = wp,
+                   .nRows = s.n,
+                   .centre = means.data(),
+                   .triangle = got.data()});
+    EXPECT_TRUE(SameFields(got, want));
+    EXPECT_TRUE(SameFields(b.cells, shifted.cells));
   });
 }
 
-std::vector<double> Fields(const PairFigures& f) {
-  return {f.nRows, f.weightSum, f.regWeightSum, f.mean0, f.mean1, f.css0, f.css1, f.cscp};
-}
-
-std::vector<double> Fields(const ColumnFigures& f) {
+std::vector<double> ColumnFields(const ColumnFigures& f) {
   return {f.nRows, f.weightSum, f.regWeightSum, f.mean, f.css};
-}
-
-// A masked job over n rows with weights w and regression weights rw (either
-// may be null), their products kept in `combined`; no columns or outputs yet.
-MaskedPairsJob MaskedJob(const double* w, const double* rw, std::vector<double>& combined,
-                         double code, int n) {
-  combined.clear();
-  for (int i = 0; i < n; ++i)
-    combined.push_back(w && rw ? w[i] * rw[i] : w ? w[i] : rw ? rw[i] : 0.0);
-  MaskedPairsJob job;
-  job.weights = w;
-  job.combined = w || rw ? combined.data() : nullptr;
-  job.hasRegWeights = rw != nullptr;
-  job.missingCode = code;
-  job.nRows = n;
-  return job;
 }
 
 const PairFigures kUntouchedPair{kSentinel, kSentinel, kSentinel, kSentinel,
                                  kSentinel, kSentinel, kSentinel, kSentinel};
 const ColumnFigures kUntouchedColumn{kSentinel, kSentinel, kSentinel, kSentinel, kSentinel};
 
-using Pairs = std::vector<std::pair<int, int>>;
-
-// The pairs of a job's records in their order: the triangle of p columns (the
-// later one first), or `rows` against `cols`.
-Pairs TrianglePairs(int p) {
-  Pairs pairs;
-  for (int c = 0; c < p; ++c)
-    for (int d = 0; d < c; ++d)
-      pairs.emplace_back(c, d);
-  return pairs;
-}
-Pairs RectanglePairs(const std::vector<int>& rows, const std::vector<int>& cols) {
-  Pairs pairs;
-  for (int r : rows)
-    for (int c : cols)
-      pairs.emplace_back(r, c);
-  return pairs;
-}
-
 // Runs the masked job into records that hold sentinels, and checks the record
-// of each of `pairs` against want(c, d) and, where `columns` is not empty, the
-// columns' own records against want(c, c).
+// of each pair of `block` (whose keys are in the job's order of records)
+// against want(c, d) and, unless firstColumn is -1, the own records of the
+// block's columns from firstColumn on against want(c, c).
 template <class Want>
-void ExpectMaskedRecords(MaskedPairsJob job, const Pairs& pairs, const std::vector<int>& columns,
-                         Want want) {
-  std::vector<PairFigures> got(pairs.size(), kUntouchedPair);
-  std::vector<ColumnFigures> own(columns.size(), kUntouchedColumn);
-  job.out = got.data();
-  job.columns = columns.empty() ? nullptr : own.data();
+void ExpectMaskedRecords(MaskedPairsJob job, const RefBlock& block, int firstColumn, Want want) {
+  std::vector<PairFigures> pairs(block.keys.size(), kUntouchedPair);
+  std::vector<ColumnFigures> columns(block.keys.size(), kUntouchedColumn);
+  job.out = pairs.data();
+  job.columns = firstColumn >= 0 ? columns.data() : nullptr;
   MaskedPairs(job);
-  for (std::size_t k = 0; k < pairs.size(); ++k) {
-    const auto [c, d] = pairs[k];
-    EXPECT_PRED2(SameFields, Fields(got[k]), want(c, d)) << c << "," << d;
+  std::size_t pair = 0;
+  for (const auto& [c, d] : block.keys) {
+    if (c != d) {
+      EXPECT_PRED2(SameFields, PairFields(pairs[pair++]), want(c, d)) << c << "," << d;
+    } else if (firstColumn >= 0 && c >= firstColumn) {
+      EXPECT_PRED2(SameFields, ColumnFields(columns[c - firstColumn]), want(c, c)) << c;
+    }
   }
-  for (std::size_t k = 0; k < columns.size(); ++k)
-    EXPECT_PRED2(SameFields, Fields(own[k]), want(columns[k], columns[k])) << columns[k];
-}
-
-std::vector<int> Indices(int from, int to) {
-  std::vector<int> indices;
-  for (int j = from; j < to; ++j)
-    indices.push_back(j);
-  return indices;
 }
 
 // Pairs side by side in masked lanes, and columns alone, against the per-pair
@@ -357,75 +275,78 @@ std::vector<int> Indices(int from, int to) {
 // last three rows, and leading runs of one value that outlast a chunk or
 // never end. The rectangle leaves the columns' own figures out when the
 // complete pairs are the caller's.
+// Variants: weights (bit 0), regression weights (bit 1), cells missing in
+// every fifth column only (bit 2).
 TEST_P(AtEveryLevel, MaskedPairsMatchThePerPairReduction) {
-  for (const Shape s : kShapes) {
-    if (s.p < 2) continue;
-    for (int weighting = 0; weighting < 4; ++weighting) {
-      for (const bool everywhere : {true, false}) {
-        const unsigned seed =
-            static_cast<unsigned>(s.p * 31 + s.n * 7 + weighting * 3 + everywhere);
-        SCOPED_TRACE(::testing::Message()
-                     << "seed " << seed << ", p " << s.p << ", n " << s.n << ", weighting "
-                     << weighting << ", missing " << (everywhere ? "everywhere" : "in a fifth"));
-        std::mt19937_64 rng(seed);
-        Block b = RandomBlock(rng, s.p, s.n, true);
-        const std::vector<double> w = RandomWeights(rng, s.n), rw = RandomWeights(rng, s.n);
-        std::vector<bool> missing(static_cast<std::size_t>(s.p), false);
-        for (int j = 0; j < s.p; ++j) {
-          double* x = b.Column(j);
-          const bool may = everywhere || j % 5 == 1;
-          for (int i = 0; i < s.n; ++i) {
-            if (j % 8 == 7 && (j % 16 == 15 || i < s.n / 2)) x[i] = 2.5;  // a long leading run
-            if (may && rng() % (everywhere ? 20 : 2) == 0) x[i] = kCode;
-            if (j % 4 == 2 && i < 5) x[i] = i == 1 && may ? kCode : 6.5;  // a run across a gap
-            if (j == 3 % s.p && s.p > 3 && may) x[i] = kCode;             // missing throughout
-            if (may && (j % 8 == 0 ? i < s.n * 3 / 8 : j % 8 == 5 && i < s.n - 3))
-              x[i] = kCode;  // the first kept rows late
-            missing[j] = missing[j] || x[i] == kCode;
-          }
-        }
-        const double* wp = weighting & 1 ? w.data() : nullptr;
-        const double* rwp = weighting & 2 ? rw.data() : nullptr;
-        std::vector<double> combined;
-        for (const double code : {kCode, kNaN}) {
-          // The shape of several chunks is there for the state carried over.
-          if (s.n == 3000 && (std::isnan(code) || !everywhere)) continue;
-          for (const bool completePairs : {true, false}) {
-            // What the job gives for a pair (or a column, c == d), or leaves
-            // to the caller untouched: with a NaN code no cell is missing.
-            const auto want = [&](int c, int d) {
-              if (!completePairs && (std::isnan(code) || (!missing[c] && !missing[d])))
-                return c == d ? Fields(kUntouchedColumn) : Fields(kUntouchedPair);
-              const auto ref = RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
-              return c == d ? VarFields(ref) : PairFields(ref);
-            };
-            MaskedPairsJob job = MaskedJob(wp, rwp, combined, code, s.n);
-            job.first = b.View();
-            job.completePairs = completePairs;
-            ExpectMaskedRecords(job, TrianglePairs(s.p), Indices(0, s.p), want);
-
-            // A rectangle: the first columns against the others.
-            const int split = s.p / 2;
-            std::vector<double*> firsts, seconds;
-            for (int j = 0; j < s.p; ++j)
-              (j < split ? firsts : seconds).push_back(b.Column(j));
-            job.triangle = false;
-            job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
-            job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
-            ExpectMaskedRecords(job, RectanglePairs(Indices(0, split), Indices(split, s.p)),
-                                completePairs ? Indices(split, s.p) : std::vector<int>{}, want);
-          }
-        }
+  const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 31 + s.n * 7); };
+  ForEachShape(seedOf, 8, [](const Shape s, int variant, std::mt19937_64& rng) {
+    if (s.p < 2) return;
+    const bool everywhere = !(variant & 4);
+    Block b = RandomBlock(rng, s.p, s.n, true);
+    const std::vector<double> w = RandomWeights(rng, s.n), rw = RandomWeights(rng, s.n);
+    std::vector<double> combined(s.n);
+    for (int i = 0; i < s.n; ++i)
+      combined[i] = variant & 1 ? (variant & 2 ? w[i] * rw[i] : w[i]) : rw[i];
+    std::vector<bool> missing(static_cast<std::size_t>(s.p), false);
+    for (int j = 0; j < s.p; ++j) {
+      double* x = b.Column(j);
+      const bool may = everywhere || j % 5 == 1;
+      for (int i = 0; i < s.n; ++i) {
+        if (j % 8 == 7 && (j % 16 == 15 || i < s.n / 2)) x[i] = 2.5;  // a long leading run
+        if (may && rng() % (everywhere ? 20 : 2) == 0) x[i] = kCode;
+        if (j % 4 == 2 && i < 5) x[i] = i == 1 && may ? kCode : 6.5;  // a run across a gap
+        if (j == 3 % s.p && s.p > 3 && may) x[i] = kCode;             // missing throughout
+        if (may && (j % 8 == 0 ? i < s.n * 3 / 8 : j % 8 == 5 && i < s.n - 3))
+          x[i] = kCode;  // the first kept rows late
+        missing[j] = missing[j] || x[i] == kCode;
       }
     }
-  }
+    const double* wp = variant & 1 ? w.data() : nullptr;
+    const double* rwp = variant & 2 ? rw.data() : nullptr;
+    for (const double code : {kCode, kNaN}) {
+      // The shape of several chunks is there for the state carried over.
+      if (s.n == 3000 && (std::isnan(code) || !everywhere)) continue;
+      for (const bool completePairs : {true, false}) {
+        // What the job gives for a pair (or a column, c == d), or leaves
+        // to the caller untouched: with a NaN code no cell is missing.
+        const auto want = [&](int c, int d) {
+          if (!completePairs && (std::isnan(code) || (!missing[c] && !missing[d])))
+            return c == d ? ColumnFields(kUntouchedColumn) : PairFields(kUntouchedPair);
+          const auto ref = RefInit(b.Column(c), b.Column(d), wp, rwp, code, s.n);
+          return c == d ? VarFields(ref) : PairFields(ref);
+        };
+        MaskedPairsJob job{.first = b.View(),
+                           .second = {},
+                           .weights = wp,
+                           .combined = wp || rwp ? combined.data() : nullptr,
+                           .hasRegWeights = rwp != nullptr,
+                           .missingCode = code,
+                           .nRows = s.n,
+                           .completePairs = completePairs};
+        ExpectMaskedRecords(job, SBlock(code, 0, s.p), 0, want);
+
+        // A rectangle: the first columns against the others.
+        const int split = s.p / 2;
+        std::vector<double*> firsts, seconds;
+        for (int j = 0; j < s.p; ++j)
+          (j < split ? firsts : seconds).push_back(b.Column(j));
+        job.triangle = false;
+        job.first = ColumnBlock{nullptr, 0, split, firsts.data()};
+        job.second = ColumnBlock{nullptr, 0, s.p - split, seconds.data()};
+        ExpectMaskedRecords(job, NSBlock(code, 0, split, s.p), completePairs ? split : -1, want);
+      }
+    }
+  });
 }
 
 // The column pass against StableMean, MinValue and MaxValue, which the column
 // kernel tests hold to the plain loops.
 TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
   const auto seedOf = [](Shape s) { return static_cast<unsigned>(s.p * 3 + s.n * 11); };
-  ForEachShapeAndWeighting(seedOf, [](const Shape s, Block& b, const double* wp) {
+  ForEachShape(seedOf, 2, [](const Shape s, int weighted, std::mt19937_64& rng) {
+    Block b = RandomBlock(rng, s.p, s.n, true);
+    const std::vector<double> w = RandomWeights(rng, s.n);
+    const double* wp = weighted ? w.data() : nullptr;
     // Columns that start with runs of every length, a constant one, one that
     // starts with NaN, one of zeros of both signs, one with its maximum at
     // zero after negative values.
@@ -449,35 +370,144 @@ TEST_P(AtEveryLevel, ColumnPassMatchesTheColumnKernels) {
       EXPECT_TRUE(SameBits(mins[j], MinValue(x, s.n))) << j;
       EXPECT_TRUE(SameBits(maxs[j], MaxValue(x, s.n))) << j;
     }
-    EXPECT_TRUE(SameCells(b.cells, before.cells));  // only read
-    std::vector<double> only(s.p, kSentinel);       // means alone, without the extremes
+    EXPECT_TRUE(SameFields(b.cells, before.cells));  // only read
+    std::vector<double> only(s.p, kSentinel);        // means alone, without the extremes
     ColumnPass(b.View(), wp, total, s.n, only.data(), nullptr, nullptr);
-    EXPECT_TRUE(SameCells(only, means));
+    EXPECT_TRUE(SameFields(only, means));
     std::vector<double*> list;  // the columns named one by one
     for (int j = 0; j < s.p; ++j)
       list.push_back(b.Column(j));
     only.assign(s.p, kSentinel);
     ColumnPass(ColumnBlock{nullptr, 0, s.p, list.data()}, wp, total, s.n, only.data(), nullptr,
                nullptr);
-    EXPECT_TRUE(SameCells(only, means));
+    EXPECT_TRUE(SameFields(only, means));
   });
 }
 
 VOREL_AT_EVERY_KERNEL_LEVEL(AtEveryLevel);
 
+// Lengths around the four-row turns, and leading runs of every length up to
+// past one.
+TEST(ColumnKernels, MatchThePlainLoops) {
+  for (int n : {0, 1, 3, 4, 5, 8, 9, 1000, 1003}) {
+    std::mt19937_64 rng(0x5eed + n);
+    SCOPED_TRACE(::testing::Message() << "seed " << 0x5eed + n << ", n " << n);
+    Block b = RandomBlock(rng, 2, n, false);
+    const std::vector<double> w = RandomWeights(rng, n), ones(n, 1.0);
+    const double *x = b.Column(0), *y = b.Column(1);
+    const double sum = PlainCell(x, ones.data(), nullptr, n), dot = PlainCell(x, y, nullptr, n);
+    const double triple = PlainCell(x, y, w.data(), n);
+    EXPECT_PRED2(SameBits, SumValues(x, n), sum);
+    EXPECT_PRED2(SameBits, DotProduct(x, y, n), dot);
+    EXPECT_PRED2(SameBits, TripleProduct(w.data(), x, y, n), triple);
+    EXPECT_PRED2(SameBits, WeightedDotProduct(x, y, w.data(), n), triple);
+    EXPECT_PRED2(SameBits, WeightedDotProduct(x, y, nullptr, n), dot);
+    EXPECT_PRED2(SameBits, SumOrDot({x, x + n}, {y, y + n}), dot);
+    EXPECT_PRED2(SameBits, SumOrDot({x, x + n}, {}), sum);
+    for (int run = 0; run <= std::min(n, 9); ++run) {
+      std::fill(b.Column(0), b.Column(0) + run, 3.3);
+      const std::vector<double> r(x, x + n);
+      const double total = 17.0;
+      EXPECT_PRED2(SameBits, StableMean(x, w.data(), &total, n), RefStableMean(r, w, total))
+          << "run " << run;
+      EXPECT_PRED2(SameBits, StableMean(x, nullptr, &total, n), RefStableMean(r, ones, total))
+          << "run " << run;
+    }
+  }
+}
+
+// Empty columns, constant ones, NaN, ties of signed zeros, and parts whose
+// weights cancel.
+TEST(ColumnKernels, EdgeCases) {
+  EXPECT_EQ(StableMean(nullptr, nullptr, nullptr, 0), 0.0);  // reads neither x nor total
+  EXPECT_EQ(MaxValue(nullptr, 0), MaxInitial);
+  EXPECT_EQ(MinValue(nullptr, 0), MinInitial);
+  // A constant column gives its value whatever the weights and the total.
+  const double x[3] = {3.3, 3.3, 3.3}, w[3] = {0.1, 0.7, 0.2};
+  for (double total : {3.0, 0.0, kNaN})
+    EXPECT_EQ(StableMean(x, w, &total, 3), 3.3);
+  // Long enough for the four-row turns, and -0.0 joins a run of +0.0.
+  std::vector<double> zeros(11, 0.0);
+  zeros[6] = -0.0;
+  EXPECT_PRED2(SameBits, StableMean(zeros, {}, 0.0), 0.0);
+  // A NaN in row 0 poisons the mean and the extremes; a later one never
+  // replaces the running extreme. Of equal values the earliest stays.
+  const double nanFirst[4] = {kNaN, 1, 2, 3}, nanLater[4] = {2, kNaN, -1, 5}, z[2] = {0.0, -0.0};
+  const double four = 4;
+  EXPECT_TRUE(std::isnan(StableMean(nanFirst, nullptr, &four, 4)));
+  EXPECT_TRUE(std::isnan(MaxValue(nanFirst, 4)) && std::isnan(MinValue(nanFirst, 4)));
+  EXPECT_EQ(MaxValue(nanLater, 4), 5.0);
+  EXPECT_EQ(MinValue(nanLater, 4), -1.0);
+  EXPECT_FALSE(std::signbit(MinValue(z, 2)) || std::signbit(MaxValue(z, 2)));
+  // Weights that cancel move no mean.
+  EXPECT_PRED2(SameBits, MeanShift(1.0, 2.0, 5.0, -2.0), 0.0);
+}
+
+// Sums by group add to what the tables hold, in row order; several columns
+// side by side give each column's own bits, across the groups of columns
+// taken together; no rows leave the tables as they were.
+TEST(ColumnKernels, ScatterKernelsAddInRowOrder) {
+  constexpr int kGroups = 5, kMost = 2 * kScatterColumns - 1;
+  const int n = 1003;
+  std::mt19937_64 rng(77);
+  Block b = RandomBlock(rng, kMost, n, false);
+  const std::vector<double> w = RandomWeights(rng, n);
+  const double* x = b.Column(0);
+  std::vector<unsigned> g(n);
+  for (auto& v : g)
+    v = static_cast<unsigned>(rng() % kGroups);
+  for (const double* wp : {w.data(), static_cast<const double*>(nullptr)}) {
+    std::vector<double> sum(kGroups, 1.0), sumSq(kGroups, 2.0), sumW(kGroups, 0.5);
+    std::vector<double> refSum = sum, refSq = sumSq, refW = sumW;
+    double total = 0.5, refTotal = 0.5;
+    ScatterWeightedSums(x, g.data(), wp, sum.data(), sumSq.data(), n);
+    ScatterWeights(g.data(), wp, sumW, &total, n);
+    for (int i = 0; i < n; ++i) {
+      const double t = wp ? x[i] * wp[i] : x[i];
+      refSum[g[i]] = refSum[g[i]] + t;
+      refSq[g[i]] = refSq[g[i]] + t * x[i];
+      refW[g[i]] = refW[g[i]] + (wp ? wp[i] : 1.0);
+      refTotal = refTotal + (wp ? wp[i] : 1.0);
+    }
+    EXPECT_TRUE(SameFields(sum, refSum));
+    EXPECT_TRUE(SameFields(sumSq, refSq));
+    EXPECT_TRUE(SameFields(sumW, refW));
+    EXPECT_PRED2(SameBits, total, refTotal);
+    std::vector<double*> xs;
+    for (int c = 0; c < kMost; ++c)
+      xs.push_back(b.Column(c));
+    for (int count = 1; count <= kMost; ++count) {
+      std::vector<double> many(kGroups * count, 1.5), manySq(kGroups * count, -2.0), one, oneSq;
+      ScatterWeightedSumsOfColumns(xs.data(), count, g.data(), wp, many.data(), manySq.data(),
+                                   kGroups, n);
+      for (int c = 0; c < count; ++c) {
+        one.assign(kGroups, 1.5);
+        oneSq.assign(kGroups, -2.0);
+        ScatterWeightedSums(xs[c], g.data(), wp, one.data(), oneSq.data(), n);
+        EXPECT_TRUE(SameFields({many.begin() + kGroups * c, many.begin() + kGroups * (c + 1)}, one))
+            << count << " columns, " << c;
+        EXPECT_TRUE(
+            SameFields({manySq.begin() + kGroups * c, manySq.begin() + kGroups * (c + 1)}, oneSq))
+            << count << " columns, " << c;
+      }
+    }
+    ScatterWeights(g.data(), wp, sumW, &total, 0);
+    ScatterSums(x, g.data(), sum.data(), sumSq.data(), 0);
+    EXPECT_PRED2(SameBits, total, refTotal);
+    EXPECT_TRUE(SameFields(sum, refSum));
+  }
+}
+
+// The suites above trust that a forced level is the one in use.
 TEST(KernelDispatch, LevelsCanBeForcedOnlyWhenSupported) {
   EXPECT_TRUE(KernelLevelSupported(KernelLevel::Plain));
-  const KernelLevel best = BestKernelLevel();
-  EXPECT_TRUE(KernelLevelSupported(best));
-  EXPECT_EQ(ActiveKernelLevel(), best);
   for (KernelLevel level : KernelLevels()) {
     EXPECT_EQ(SetKernelLevel(level), KernelLevelSupported(level));
-    if (!KernelLevelSupported(level)) continue;
-    EXPECT_EQ(ActiveKernelLevel(), level);
-    // The best level is at least as wide as every supported one.
-    EXPECT_GE(static_cast<int>(best), static_cast<int>(level));
+    if (KernelLevelSupported(level)) {
+      EXPECT_EQ(ActiveKernelLevel(), level);
+    }
   }
-  SetKernelLevel(best);
+  SetKernelLevel(BestKernelLevel());
 }
 
 #if defined(__x86_64__) && defined(__GNUC__)

@@ -23,21 +23,23 @@ namespace vorel {
 namespace {
 
 using testing::SameBits;
+using testing::listwise::ExpectSameBits;
+using testing::listwise::Merge;
 using testing::listwise::RefBlock;
 using testing::tables::MakeBatch;
 using testing::tables::Table;
 constexpr double kEps = std::numeric_limits<double>::epsilon();
 
-enum class Weighting { kNone, kWeights, kRegWeights, kBoth };
+// Weightings: bit 0 frequency weights, bit 1 regression weights.
+constexpr int kNone = 0, kRegWeights = 2, kBoth = 3;
 
 // nRows rows of nColumns values far from 0 (so that centring matters), column
-// 1 constant, with the weights the layout asks for; `dyadic`: see
+// 1 constant, with the weights of the weighting; `dyadic`: see
 // tables::RandomTable.
-Table RandomTable(unsigned seed, std::size_t nRows, unsigned nColumns, Weighting weighting,
+Table RandomTable(unsigned seed, std::size_t nRows, unsigned nColumns, int weighting,
                   bool dyadic = false) {
-  const bool w = weighting == Weighting::kWeights || weighting == Weighting::kBoth;
-  const bool rw = weighting == Weighting::kRegWeights || weighting == Weighting::kBoth;
-  Table t = testing::tables::RandomTable(seed, nColumns, nRows, w, rw, 0.0, 1e3, dyadic);
+  Table t = testing::tables::RandomTable(seed, nColumns, nRows, weighting & 1, weighting & 2, 0.0,
+                                         1e3, dyadic);
   for (std::vector<double>& row : t.rows)
     row[1] = 0.1;
   return t;
@@ -101,15 +103,9 @@ class ListwiseBlock : public ::testing::Test {
     for (std::size_t start = first; start < last; start += batchRows) {
       const std::size_t end = std::min(last, start + batchRows);
       AddRows(m, t, start, end);
-      Merge(ref, testing::listwise::ReduceRows(t, start, end, kCol0, kCol2));
+      Merge(ref, testing::listwise::ReduceRows(t, start, end, kCol0, kCol2, Kind::kFirst));
     }
     return ref;
-  }
-  static void Merge(RefBlock& t, const RefBlock& d) {
-    testing::listwise::Merge(t, d, Kind::kFirst);
-  }
-  static void ExpectSameBits(const Matrix& m, const RefBlock& ref) {
-    testing::listwise::ExpectSameBits(m, ref, kCol0, Kind::kFirst);
   }
   // Merges through MatrixBase& where the class has it.
   static void MergeInto(Matrix& into, Matrix& other) {
@@ -147,22 +143,21 @@ TYPED_TEST_SUITE(ListwiseBlock, Kinds);
 // and weight, as the cells are centred on means held to their last place),
 // and exactly in the constant column.
 TYPED_TEST(ListwiseBlock, BitForBitWithTheWrittenOutFormulas) {
-  for (Weighting weighting :
-       {Weighting::kNone, Weighting::kWeights, Weighting::kRegWeights, Weighting::kBoth}) {
+  for (int weighting = kNone; weighting <= kBoth; ++weighting) {
     for (std::size_t batchRows : {1u, 4u, 13u, 40u}) {
       const unsigned seed =
           7001u + 31u * static_cast<unsigned>(weighting) + static_cast<unsigned>(batchRows);
       SCOPED_TRACE(::testing::Message() << "seed " << seed << " batch " << batchRows);
       const Table t = RandomTable(seed, 40, 7, weighting);
       auto whole = TypeParam::Make();
-      this->ExpectSameBits(whole, this->AddInBatches(whole, t, 0, 40, batchRows));
+      ExpectSameBits(whole, this->AddInBatches(whole, t, 0, 40, batchRows));
 
       auto first = TypeParam::Make(), second = TypeParam::Make();
       RefBlock ref = this->AddInBatches(first, t, 0, 17, batchRows);
       const RefBlock other = this->AddInBatches(second, t, 17, 40, batchRows);
       this->MergeInto(first, second);
-      this->Merge(ref, other);
-      this->ExpectSameBits(first, ref);
+      Merge(ref, other);
+      ExpectSameBits(first, ref);
       EXPECT_EQ(Rows(second), 23u);
 
       auto one = TypeParam::Make();
@@ -187,7 +182,7 @@ TYPED_TEST(ListwiseBlock, BitForBitWithTheWrittenOutFormulas) {
 // A batch is spent: its block columns centred on the batch's means, its
 // weights combined, its regression weights and other columns as they were.
 TYPED_TEST(ListwiseBlock, TheBatchIsSpentOnTheBlockOnly) {
-  const Table t = RandomTable(21, 5, 7, Weighting::kBoth);
+  const Table t = RandomTable(21, 5, 7, kBoth);
   DataBatch batch = MakeBatch(t, 0, 5);
   auto m = TypeParam::Make();
   m += batch;
@@ -217,7 +212,7 @@ TYPED_TEST(ListwiseBlock, ZeroWeightSums) {
   // Rows 1 and 2 have frequency weights totalling 0 but combined weights
   // totalling -1: the frequency weights decide. Row 3's combined weight
   // cancels row 0's.
-  Table t = RandomTable(5, 4, 7, Weighting::kBoth);
+  Table t = RandomTable(5, 4, 7, kBoth);
   t.w = {2.0, 1.0, -1.0, 1.0};
   t.rw = {1.0, 1.0, 2.0, -2.0};
   const double column3[] = {5.0, 9.0, 4.0, 7.0};
@@ -258,7 +253,7 @@ TYPED_TEST(ListwiseBlock, ZeroWeightSums) {
 // same rows twice, or a matrix merged into itself, double every sum exactly
 // and keep the means; a NaN extreme of another part is no extreme.
 TYPED_TEST(ListwiseBlock, MergesIntoEmptyAndIntoItself) {
-  const Table t = RandomTable(99, 8, 7, Weighting::kRegWeights, true);
+  const Table t = RandomTable(99, 8, 7, kRegWeights, true);
   auto filled = TypeParam::Make();
   AddRows(filled, t, 0, 8);
   const std::vector<double> once = this->Cells(filled);
@@ -317,8 +312,6 @@ TEST(MatrixListwise, WorkedExamplesAndPreconditions) {
   EXPECT_VOREL_ASSERT(m.Mean(0), "col < NColumns()", kSource);
   EXPECT_VOREL_ASSERT(m.CCP(0, 0), "row < NColumns()", kSource);
   AddRows(m, t, 0, 3);
-  EXPECT_EQ(m.Mean(0), 2.0);
-  EXPECT_EQ(m.CCP(0, 0), 2.0);
   AddRows(m, t, 3, 5);
   // The decimal figures are rounded: 23.2 comes out one unit in the last place above.
   EXPECT_NEAR(m.CCP(0, 0), 23.2, 4 * kEps * 23.2);
@@ -344,42 +337,6 @@ TEST(MatrixListwise, WorkedExamplesAndPreconditions) {
   EXPECT_EQ(m.NRows(), std::uint64_t{5} << 32);
 }
 
-// Values near 1e9 with spread near 1: the textbook formula loses every digit,
-// the centred sums keep all but a few.
-TEST(MatrixListwise, LargeOffsetKeepsAccuracy) {
-  static_assert(std::numeric_limits<long double>::digits >= 64, "needs an extended oracle");
-  const Table t = testing::tables::RandomTable(4242, 2, 1000, true, false, 0.0, 1e9);
-  MatrixListwise m;
-  for (DataBatch& batch : testing::tables::Split(t, 100))
-    m += batch;
-  long double total = 0, sum0 = 0, sum1 = 0, css = 0, cp = 0;
-  double rawSum = 0, rawSq = 0;
-  for (std::size_t i = 0; i < 1000; ++i) {
-    total += static_cast<long double>(t.w[i]);
-    sum0 += static_cast<long double>(t.w[i]) * static_cast<long double>(t.rows[i][0]);
-    sum1 += static_cast<long double>(t.w[i]) * static_cast<long double>(t.rows[i][1]);
-    rawSum += t.w[i] * t.rows[i][0];
-    rawSq += t.w[i] * t.rows[i][0] * t.rows[i][0];
-  }
-  const long double mean0 = sum0 / total, mean1 = sum1 / total;
-  for (std::size_t i = 0; i < 1000; ++i) {
-    const auto w = static_cast<long double>(t.w[i]);
-    const auto x0 = static_cast<long double>(t.rows[i][0]);
-    const auto x1 = static_cast<long double>(t.rows[i][1]);
-    css += w * (x0 - mean0) * (x0 - mean0);
-    cp += w * (x0 - mean0) * (x1 - mean1);
-  }
-  const double textbook = rawSq - rawSum * rawSum / static_cast<double>(total);
-  EXPECT_GT(std::fabs(textbook - static_cast<double>(css)), static_cast<double>(css));
-  // Each merge moves means near 1e9, exact to a unit in their last place; the
-  // between-means terms scale that by about sqrt(CSS x weight).
-  const double tolerance = std::sqrt(static_cast<double>(css * total)) * kEps * 1e9;
-  EXPECT_LT(tolerance, 1e-6 * static_cast<double>(css));
-  EXPECT_NEAR(m.CCP(0, 0), static_cast<double>(css), tolerance);
-  EXPECT_NEAR(m.CCP(1, 0), static_cast<double>(cp), tolerance);
-  EXPECT_NEAR(m.Mean(0), static_cast<double>(mean0), 4 * kEps * 1e9);
-}
-
 // The preconditions the two blocks share, each reported by its own source.
 template <class Kind>
 class ListwiseBlockOnly : public ::testing::Test {};
@@ -387,8 +344,8 @@ using BlockKinds = ::testing::Types<SKind, NSKind>;
 TYPED_TEST_SUITE(ListwiseBlockOnly, BlockKinds);
 
 TYPED_TEST(ListwiseBlockOnly, AccessorAndMergePreconditions) {
-  const Table t = RandomTable(3, 4, 7, Weighting::kNone);
-  const Table tw = RandomTable(3, 4, 7, Weighting::kBoth);
+  const Table t = RandomTable(3, 4, 7, kNone);
+  const Table tw = RandomTable(3, 4, 7, kBoth);
   auto filled = [](typename TypeParam::Matrix m, const Table& table) {
     AddRows(m, table, 0, 4);
     return m;
@@ -414,7 +371,7 @@ constexpr const char* kSSource = SKind::kSource;
 constexpr const char* kNSSource = NSKind::kSource;
 
 TEST(SMatrixListwise, ShapeAndBounds) {
-  Table t = RandomTable(5, 6, 7, Weighting::kNone);
+  Table t = RandomTable(5, 6, 7, kNone);
   t.rows[3][2] = -1e9;
   SMatrixListwise m(2, 5);
   AddRows(m, t, 0, 6);
@@ -439,13 +396,13 @@ TEST(SMatrixListwise, ShapeAndBounds) {
   firstBatch(SMatrixListwise(6, 7));  // the last column alone is a block
 
   // A later batch that lacks the block's columns is refused too.
-  const Table narrow = RandomTable(6, 3, 4, Weighting::kNone);
+  const Table narrow = RandomTable(6, 3, 4, kNone);
   EXPECT_VOREL_ASSERT(AddRows(m, narrow, 0, 3), "_col2 <= nCols && _col2>_col0", kSSource);
   EXPECT_EQ(m.NRows(), 6);
 }
 
 TEST(NSMatrixListwise, ShapeAndBounds) {
-  Table t = RandomTable(12, 7, 6, Weighting::kNone);
+  Table t = RandomTable(12, 7, 6, kNone);
   t.rows[4][5] = 1e7;
   NSMatrixListwise m(1, 3, 6);
   AddRows(m, t, 0, 7);

@@ -1,9 +1,8 @@
 // The pairwise-deletion family: VarStat and PairStat, MatrixPairwise,
 // SMatrixPairwise and NSMatrixPairwise on hand-worked cases, and the three
-// matrices against the plain-loop reference, bit for bit, in merges, copies
-// and passes through Driver.
+// matrices against the plain-loop reference, bit for bit: in merges, and at
+// every kernel level on wide blocks.
 #include <vorel/databatch.h>
-#include <vorel/initialextremes.h>
 #include <vorel/matrixpairwise.h>
 #include <vorel/nsmatrixpairwise.h>
 #include <vorel/smatrixpairwise.h>
@@ -14,10 +13,12 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <random>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "kernel_levels.h"
 #include "pairwise_reference.h"
 #include "table_support.h"
 #include "test_support.h"
@@ -34,34 +35,6 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr const char* kPairwise = "backend/vorel/matrixpairwise";
 constexpr const char* kS = "backend/vorel/smatrixpairwise";
 constexpr const char* kNS = "backend/vorel/nsmatrixpairwise";
-
-TEST(VarStat, WorkedExamples) {
-  EXPECT_EQ(VarFields(VarStat()), (Values{0, 0, 0, 0, 0, 1.79e308, -1.79e308}));
-  WorkArea work;
-  const double x[] = {2, 4}, w[] = {1, 3};
-  VarStat s, t;
-  s.Init(x, w, nullptr, work, 2);
-  EXPECT_EQ(VarFields(s), (Values{2, 4, 4, 3.5, 3, 2, 4}));
-  s.Init(x, nullptr, w, work, 2);  // the same figures as regression weights
-  EXPECT_EQ(VarFields(s), (Values{2, 2, 4, 3.5, 3, 2, 4}));
-
-  // Halves 1, 3 and 5, 7: ((2*2*2 + 2) + 2*2*2) + 2 = 20, no rounding anywhere;
-  // by itself the sums double and the mean stays.
-  const double a[] = {1, 3}, b[] = {5, 7};
-  s.Init(a, nullptr, nullptr, work, 2);
-  t.Init(b, nullptr, nullptr, work, 2);
-  s.Update(t);
-  EXPECT_EQ(VarFields(s), (Values{4, 4, 4, 4, 20, 1, 7}));
-  s.Update(s);
-  EXPECT_EQ(VarFields(s), (Values{8, 8, 8, 4, 40, 1, 7}));
-
-  // A row where only the second cell is missing leaves the pair for both.
-  work.missingCode = -9;
-  const double p0[] = {1, 2, 3}, p1[] = {5, -9, 7};
-  PairStat p;
-  p.Init(p0, p1, nullptr, nullptr, work, 3);
-  EXPECT_EQ(PairFields(p), (Values{2, 2, 2, 2, 6, 2, 2, 2}));
-}
 
 // Missing cells, zero weights and NaN; batches of them merged into records
 // are checked bit for bit through the matrices below.
@@ -92,6 +65,12 @@ TEST(VarStat, MissingZeroWeightAndNaNRules) {
   work.missingCode = 0.0;
   z.Init(zeroes, nullptr, nullptr, work, 3);
   EXPECT_EQ(z.NRows(), 1);
+  // A row where only the second cell is missing leaves the pair for both.
+  work.missingCode = -9;
+  const double p0[] = {1, 2, 3}, p1[] = {5, -9, 7};
+  PairStat p;
+  p.Init(p0, p1, nullptr, nullptr, work, 3);
+  EXPECT_EQ(PairFields(p), (Values{2, 2, 2, 2, 6, 2, 2, 2}));
 }
 
 TEST(StatRecords, HandlesOwnTheirRecords) {
@@ -152,18 +131,11 @@ TEST(MatrixPairwise, WorkedExamplesAndDeletionRules) {
   EXPECT_NEAR(w.Var(0).Mean(), 3.2, 2 * kEps * 3.2);
   EXPECT_NEAR(w.Var(0).CSS(), 4.8, 4 * kEps * 4.8);
 
-  // Column 1 missing throughout; row 2 missing everywhere; a NaN cell in
-  // column 2, whose pair with column 0 loses only that column's figures.
-  const Table d{{{1, -99, 5}, {3, -99, kNaN}, {-99, -99, -99}, {5, -99, 7}, {-99, 2, 2}},
-                {1, 1, 4, 2, 1}};
+  // Column 1 missing throughout until the last row; row 2 missing everywhere.
+  const Table d{{{1, -99, 5}, {3, -99, 6}, {-99, -99, -99}, {5, -99, 7}, {-99, 2, 2}}};
   MatrixPairwise m = Accumulated(d, 0, 4);
-  EXPECT_EQ(m.NRows(), 4u);
-  EXPECT_EQ(m.WeightSum(), 8.0);
-  EXPECT_EQ(VarFields(m.Var(0)), (Values{3, 4, 4, 3.5, 11}));
   const VarStats gone = m.Var(1);
   EXPECT_EQ(VarFields(gone), Values(5, 0.0));
-  EXPECT_TRUE(std::isnan(m.Var(2).Mean()));
-  EXPECT_PRED2(SameFields, PairFields(m.Pair(0, 2)), (Values{3, 4, 4, kNaN, 3.5, kNaN, 11, kNaN}));
   DataBatch batch = MakeBatch(d, 4, 5);
   m += batch;
   EXPECT_EQ(gone.NRows(), 1u);  // a view shows what later batches add
@@ -172,8 +144,6 @@ TEST(MatrixPairwise, WorkedExamplesAndDeletionRules) {
   EXPECT_EQ(m.NRows(), std::uint64_t{5} << 32);
   EXPECT_EQ(m.Var(0).NRows(), std::uint64_t{3} << 32);
   EXPECT_EQ(m.Pair(1, 2).NRows(), std::uint64_t{1} << 32);
-  // One column has no pairs.
-  EXPECT_VOREL_ASSERT(Accumulated(Table{{{2}}}, 0, 1).Pair(0, 0), "row != col", kPairwise);
 }
 
 TEST(MatrixPairwise, ZeroWeightRules) {
@@ -214,11 +184,9 @@ TEST(SMatrixPairwise, BoundsPairsAndPreconditions) {
   EXPECT_VOREL_ASSERT(s += wider, "_varStats.size() == d._varStats.size()", kS);
   ExpectVectorTooLong([&] { backwards += five; });  // a block of negative size
   EXPECT_EQ(backwards.NColumns(), 0);
-  // A block of one column has no pairs.
-  SMatrixPairwise one(-1.0, 1, 2);
+  SMatrixPairwise one(-1.0, 1, 2);  // a block of one column
   one += five;
   EXPECT_EQ(one.NColumns(), 1);
-  EXPECT_VOREL_ASSERT(one.Pair(1, 2), "col < _my->_col2 && col >= _my->_col0", kS);
 }
 
 TEST(NSMatrixPairwise, WorkedRectangleAndPreconditions) {
@@ -266,33 +234,18 @@ class PairwiseMatrices : public ::testing::Test {};
 using PairwiseTypes = ::testing::Types<MatrixPairwise, SMatrixPairwise, NSMatrixPairwise>;
 TYPED_TEST_SUITE(PairwiseMatrices, PairwiseTypes);
 
-// A batch without rows changes nothing; columns missing throughout keep the
-// empty record. Regression weights must be in every batch and merge or none.
-TYPED_TEST(PairwiseMatrices, WorkedTableAndRegressionWeights) {
+// A batch without rows changes nothing. Regression weights must be in every
+// batch and merge or none.
+TYPED_TEST(PairwiseMatrices, EmptyBatchesAndRegressionWeights) {
   using K = Kind<TypeParam>;
-  TypeParam m = K::Make(-99), rw = K::Make(-99), rwOther = K::Make(-99);
+  TypeParam m = K::Make(-99), rw = K::Make(-99);
   DataBatch empty(3, 1, nullptr, nullptr, nullptr);
   m += empty;
   EXPECT_EQ(m.NColumns(), 0);
-  DataBatch batch = MakeBatch(Table{{{1, 4, -99}, {2, -99, -99}, {-99, 8, -99}}}, 0, 3);
-  m += batch;
-  EXPECT_EQ(m.WeightSum(), 3.0);
-  EXPECT_EQ(m.RegWeightSum(), 3.0);
-  EXPECT_PRED2(SameFields, VarFields(m.Var(0)), (Values{2, 2, 2, 1.5, 0.5, 1, 2}));
-  EXPECT_PRED2(SameFields, VarFields(m.Var(1)), (Values{2, 2, 2, 6, 8, 4, 8}));
-  EXPECT_PRED2(SameFields, VarFields(m.Var(2)), (Values{0, 0, 0, 0, 0, MinInitial, MaxInitial}));
-  EXPECT_EQ(PairFields(m.Pair(0, 2)), Values(8, 0.0));
-  // Batches of 3 rows with regression weight 2 and no weights: 3 and 6 each.
-  const Table ones{{Values(3, 1.0), Values(3, 2.0), Values(3, 6.0)}, {}, Values(3, 2.0)};
-  for (TypeParam* target : {&rw, &rw, &rwOther}) {
-    DataBatch b = MakeBatch(ones, 0, 3);
-    *target += b;
-  }
-  EXPECT_EQ(rw.WeightSum(), 6.0);
-  EXPECT_EQ(rw.RegWeightSum(), 12.0);
-  rw += rwOther;
-  EXPECT_PRED2(SameFields, VarFields(rw.Var(1)), (Values{9, 9, 18, 3, 84, 1, 6}));
-  DataBatch weighted = MakeBatch(ones, 0, 1);
+  DataBatch plain = MakeBatch(Table{{{1, 4, -99}}}, 0, 1);
+  DataBatch weighted = MakeBatch(Table{{Values(3, 1.0)}, {}, {2.0}}, 0, 1);
+  m += plain;
+  rw += weighted;
   EXPECT_VOREL_ASSERT(m += weighted, "_hasRegWeights == data.HasRegWeights()", K::kSource);
   EXPECT_VOREL_ASSERT(m += rw, "_hasRegWeights == d._hasRegWeights", K::kSource);
 }
@@ -367,6 +320,80 @@ TYPED_TEST(PairwiseMatrices, MergesMatchTheReference) {
     }
   }
 }
+
+// Rows of p cells of many magnitudes with signed zeros, subnormals and
+// leading runs (column c starts with c % 4 equal cells), with weights (one
+// row in 37 weighs 0) and regression weights.
+Table WideRows(int p, std::size_t n, unsigned seed) {
+  Table t = RandomTable(seed, static_cast<unsigned>(p), n, true, true);
+  std::mt19937_64 rng(seed);
+  std::uniform_int_distribution<int> kind(0, 99), scale(-12, 12);
+  for (std::size_t i = 0; i < n; ++i) {
+    for (int c = 0; c < p; ++c) {
+      const int k = kind(rng);
+      double& x = t.rows[i][c];
+      x = i < static_cast<std::size_t>(c % 4) ? 1.75
+          : k < 2                             ? (k == 0 ? -0.0 : 3e-312)
+                                              : std::ldexp(x, scale(rng)) + 0.5 * c;
+    }
+    if (i % 37 == 5) t.w[i] = 0.0;
+  }
+  return t;
+}
+
+class WideBlocks : public testing::AtEveryKernelLevel {};
+
+// The classes take complete columns and pairs from the blocked pass and the
+// others from the masked pass over all pairs or, when only a few pairs have
+// missing cells (one column, in the larger set of a lopsided block), from
+// their own reduction; every way the records are the reference's, bit for
+// bit, past the narrow kernel's eight columns and the tile edges, over
+// several chunks of rows. Column c has missing cells when c % 3 == 1 (at row
+// 0, at the last row, at one row inside or a run in the middle), or with
+// `few` only one column has some: the last, the first variable of each of
+// its pairs, or the first, the second variable of each of its pairs.
+TEST_P(WideBlocks, EveryPathMatchesThePerPairReference) {
+  for (int p : {5, 14, 27}) {
+    for (int variant = 0; variant < 4; ++variant) {
+      const bool regWeights = variant % 2 == 1, few = variant >= 2;
+      const int n = 517;
+      SCOPED_TRACE(::testing::Message() << "seed " << p + 200 << ", p " << p
+                                        << (regWeights ? ", regression weights" : "")
+                                        << (few ? ", one column with missing cells" : ""));
+      Table t = WideRows(p, n, static_cast<unsigned>(p + 200));
+      if (!regWeights) t.rw.clear();
+      const int fewColumn = regWeights ? 0 : p - 1;
+      for (int c = few ? fewColumn : 1; c < p; c += few ? p : 3)
+        for (int i = 0; i < n; ++i)
+          if (c % 4 == 0   ? i == 0
+              : c % 4 == 1 ? i == n - 1
+              : c % 4 == 2 ? i == 200 + c % 8
+                           : i >= n / 3 && i < n / 3 + 9)
+            t.rows[i][c] = kCode;
+      DataBatch batch = MakeBatch(t, 0, t.rows.size());
+      // Lopsided sets, the column with missing cells in the larger: so few
+      // pairs have missing cells that they take the per-pair path.
+      const int split = fewColumn == 0 ? p - 2 : 2;
+      MatrixPairwise m(kCode);
+      SMatrixPairwise s(kCode, 1, p);
+      NSMatrixPairwise ns(kCode, 0, p / 2, p), lopsided(kCode, 0, split, p);
+      RefBlock refM = SBlock(kCode, 0, p), refS = SBlock(kCode, 1, p),
+               refNS = NSBlock(kCode, 0, p / 2, p), refLopsided = NSBlock(kCode, 0, split, p);
+      m += batch;
+      s += batch;
+      ns += batch;
+      lopsided += batch;
+      for (RefBlock* ref : {&refM, &refS, &refNS, &refLopsided})
+        ref->Add(batch);
+      ExpectSameBlock(m, refM);
+      ExpectSameBlock(s, refS);
+      ExpectSameBlock(ns, refNS);
+      ExpectSameBlock(lopsided, refLopsided);
+    }
+  }
+}
+
+VOREL_AT_EVERY_KERNEL_LEVEL(WideBlocks);
 
 }  // namespace
 }  // namespace vorel

@@ -39,18 +39,15 @@ TEST(HostRuntime, MachineDefaultsAndScopedHooks) {
   EXPECT_EQ(HostThreadCount(), defaultThreads);
 }
 
-std::vector<unsigned> CpusOf(const cpu_set_t& set) {
-  std::vector<unsigned> cpus;
-  for (unsigned cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-    if (CPU_ISSET(cpu, &set)) cpus.push_back(cpu);
-  return cpus;
-}
-
+// The CPUs the calling thread may run on.
 std::vector<unsigned> OwnCpus() {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (pthread_getaffinity_np(pthread_self(), sizeof set, &set) != 0) return {};
-  return CpusOf(set);
+  std::vector<unsigned> cpus;
+  if (pthread_getaffinity_np(pthread_self(), sizeof set, &set) != 0) return cpus;
+  for (unsigned cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+    if (CPU_ISSET(cpu, &set)) cpus.push_back(cpu);
+  return cpus;
 }
 
 // Asks for cpu until the thread is seen running there: the scheduler may move
