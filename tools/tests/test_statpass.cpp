@@ -247,18 +247,18 @@ INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
                          ::testing::Combine(::testing::Values(1, 2, 8), ::testing::Values(1u, 70u),
                                             ::testing::Values(5, 64, 1 << 20)));
 
-TEST(StatPassError, LastLineWithoutLineEnd) {
+TEST(StatPassEndThreaded, LastLineWithoutLineEnd) {
   const Columns s{{}, MakeLayout({"a", "b"}, ',', {})};
   const std::string what = MessageOf<DataError>([&] { Pass("a,b\n1,2\n3,4\n5", s, {}, {2, 3}); });
   EXPECT_TRUE(what.ends_with(", line 4: the line has 1 fields, the header has 2")) << what;
 }
 
-class StatReport : public ::testing::TestWithParam<bool> {};
+class StatReportThreaded : public ::testing::TestWithParam<bool> {};
 
 // A pass without rows reports counts of 0 and nothing else. (What each
 // figure gives when it is not defined: the definitions' own tests, and
 // end to end.)
-TEST_P(StatReport, NoRowsReportNoFigures) {
+TEST_P(StatReportThreaded, NoRowsReportNoFigures) {
   PassOptions options;
   options.pairwise = GetParam();
   Columns s{{}, MakeLayout({"a", "b", "g"}, ',', {{}, "", "", "g"})};
@@ -277,7 +277,7 @@ TEST_P(StatReport, NoRowsReportNoFigures) {
   EXPECT_TRUE(std::isnan(Report("data.csv", s.layout, empty, {}, false).Covariance(0, 0)));
 }
 
-INSTANTIATE_TEST_SUITE_P(Deletion, StatReport, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Deletion, StatReportThreaded, ::testing::Bool());
 
 // A group label of every kind: whole numbers (1, 1.0 and +1 being one group),
 // another number and texts; "late" first shows past the first third of the
