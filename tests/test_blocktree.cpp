@@ -1,13 +1,17 @@
 // The reproducible reduction: every result class gives the bits of the fixed
 // tree for any arrival order, thread count and split of the blocks into
-// parts, where the arrival order of plain merging shows in the last bits.
+// parts, where the order of plain merging shows in the last bits.
 #include <vorel/blocktree.h>
 
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <random>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,10 +19,6 @@
 
 namespace vorel::testing::blocktree {
 namespace {
-
-using ResultTypes = ::testing::Types<MatrixListwise, MatrixPairwise, SMatrixListwise,
-                                     NSMatrixListwise, SMatrixPairwise, NSMatrixPairwise,
-                                     DiscriminantMatrix, DiscIndividualMatrix, ListwiseBlocks>;
 
 // 45 blocks (binary 101101, so the final sum adds four runs), the last one
 // short.
@@ -50,36 +50,26 @@ std::vector<std::pair<unsigned, std::uint64_t>> WholePassKeys(std::uint64_t n) {
   return keys;
 }
 
-// Cuts [0, n) at the given points: parts [cut[i], cut[i + 1]), some maybe empty.
-std::vector<std::pair<std::uint64_t, std::uint64_t>> Parts(std::vector<std::uint64_t> cuts,
-                                                           std::uint64_t n) {
-  cuts.push_back(0);
-  cuts.push_back(n);
-  std::sort(cuts.begin(), cuts.end());
-  std::vector<std::pair<std::uint64_t, std::uint64_t>> parts;
-  for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
-    parts.emplace_back(cuts[i], cuts[i + 1]);
-  return parts;
-}
-
-// Every cut in two, and random cuts into up to seven parts of uneven sizes.
-std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> Splits(std::uint64_t n) {
-  std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> splits;
+// Every cut of [0, n) in two, and random cuts into up to seven parts of
+// uneven sizes, some maybe empty: the parts [cut[i], cut[i + 1]).
+std::vector<std::vector<std::uint64_t>> Splits(std::uint64_t n) {
+  std::vector<std::vector<std::uint64_t>> splits;
   for (std::uint64_t cut = 0; cut <= n; ++cut)
-    splits.push_back(Parts({cut}, n));
+    splits.push_back({0, cut, n});
   std::mt19937 engine(7);
   for (unsigned trial = 0; trial < 12; ++trial) {
-    std::vector<std::uint64_t> cuts(2 + trial % 5);
-    for (std::uint64_t& cut : cuts)
-      cut = engine() % (n + 1);
-    splits.push_back(Parts(cuts, n));
+    std::vector<std::uint64_t> cuts{0, n};
+    for (unsigned k = 0; k < 2 + trial % 5; ++k)
+      cuts.push_back(engine() % (n + 1));
+    std::sort(cuts.begin(), cuts.end());
+    splits.push_back(cuts);
   }
   return splits;
 }
 
 // One part reduced on its own, as another process would: its tree starts at
 // the part's first block and takes its blocks in a shuffled order. The forest
-// comes back through a loop over its nodes, as from a saved state.
+// comes back node by node from the saved states of its results.
 template <class R>
 BlockForest<R> PartForest(const Grid& grid, std::uint64_t first, std::uint64_t end, unsigned seed) {
   BlockTree<R> tree(Fresh<R>, first);
@@ -89,34 +79,37 @@ BlockForest<R> PartForest(const Grid& grid, std::uint64_t first, std::uint64_t e
   std::shuffle(blocks.begin(), blocks.end(), std::mt19937(seed));
   for (const std::uint64_t block : blocks)
     tree.AddBlock(block, ReduceBlock<R>(grid, block));
-  BlockForest<R> forest = tree.TakeForest();
+  const BlockForest<R> forest = tree.TakeForest();
   BlockForest<R> reloaded;
   for (const auto& node : forest.Nodes())
-    reloaded.Insert({node.level, node.index, R(node.result)});
-  EXPECT_EQ(Keys(reloaded), Keys(forest));
+    reloaded.Insert({node.level, node.index, R::LoadState(node.result.SaveState())});
   return reloaded;
 }
 
 template <class R>
 class BlockForestSplit : public ::testing::Test {};
-TYPED_TEST_SUITE(BlockForestSplit, ResultTypes);
+TYPED_TEST_SUITE(BlockForestSplit, ResultClasses);
 
 // Parts cut on the block grid, reduced apart with their blocks in any order
 // and combined in any order, make the forest and the bits of one pass (one
-// part of every block is a whole pass in a shuffled order).
+// part of every block is a whole pass in a shuffled order). The blocks merged
+// one after another give other bits: the rows show a wrong order.
 TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
   using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
   const State reference = TreeReference<R>(grid);
+  R inBlockOrder = Fresh<R>();
+  for (std::uint64_t block = 0; block < grid.Blocks(); ++block) {
+    R reduced = ReduceBlock<R>(grid, block);
+    inBlockOrder += reduced;
+  }
+  ASSERT_NE(inBlockOrder.SaveState(), reference) << "the rows do not feel the order of merges";
   unsigned seed = 0;
-  for (const auto& parts : Splits(grid.Blocks())) {
-    ::testing::Message trace;
-    for (const auto& [first, end] : parts)
-      trace << "[" << first << ", " << end << ") ";
-    SCOPED_TRACE(trace);
+  for (const std::vector<std::uint64_t>& cuts : Splits(grid.Blocks())) {
+    SCOPED_TRACE(::testing::PrintToString(cuts));
     std::vector<BlockForest<R>> forests;
-    for (const auto& [first, end] : parts)
-      forests.push_back(PartForest<R>(grid, first, end, ++seed));
+    for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
+      forests.push_back(PartForest<R>(grid, cuts[i], cuts[i + 1], ++seed));
     std::shuffle(forests.begin(), forests.end(), std::mt19937(seed));
     BlockForest<R> whole;
     for (BlockForest<R>& forest : forests)
@@ -124,88 +117,108 @@ TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
     EXPECT_EQ(Keys(whole), WholePassKeys(grid.Blocks()));
     R total = Fresh<R>();
     whole.AddTo(total);
-    EXPECT_TRUE(SameState(StateOf(total), reference));
+    EXPECT_TRUE(SameState(total.SaveState(), reference));
   }
+}
+
+// One Driver pass over the grid through a BlockTree: ReadBatch takes the next
+// block's index and rows under the read lock; ProcessBatch reduces them with
+// no lock into a fresh result for the tree, with random pauses before and
+// after, so that the threads finish their blocks in ever different orders.
+template <class R>
+struct TreePass : ProblemBase {
+  struct Worker : WorkerBase {
+    using Batch = decltype(BlockBatch<R>(std::declval<const Table&>(), 0, 1));
+    explicit Worker(TreePass& pass) : p(pass) {}
+    bool ReadBatch() override {
+      if (p.blocksRead == p.grid.Blocks()) return false;
+      ++p.blocksRead;
+      block = p.tree.NextBlock();
+      batch.emplace(BlockBatch<R>(p.grid.t, p.grid.Begin(block), p.grid.End(block)));
+      return true;
+    }
+    void ProcessBatch() override {
+      Pause();
+      R result = p.tree.NewResult();
+      result += *batch;
+      Pause();
+      p.tree.AddBlock(block, std::move(result));
+    }
+    void MergeResult() override {}
+    void Pause() {
+      if (engine() % 2 == 0) std::this_thread::sleep_for(std::chrono::microseconds(engine() % 300));
+    }
+    TreePass& p;
+    std::optional<Batch> batch;
+    std::uint64_t block = 0;
+    std::mt19937 engine{std::random_device{}()};
+  };
+
+  explicit TreePass(const Grid& g) : grid(g), tree(Fresh<R>) {}
+  WorkerBase* CreateWorker() override { return new Worker(*this); }
+
+  const Grid& grid;
+  BlockTree<R> tree;
+  std::uint64_t blocksRead = 0;  // read lock
+};
+
+template <class R>
+R DriverPass(const Grid& grid, int threads) {
+  TreePass<R> pass(grid);
+  Driver(&pass, threads);
+  return pass.tree.Finish();
 }
 
 template <class R>
 class BlockTreeThreaded : public ::testing::Test {};
-TYPED_TEST_SUITE(BlockTreeThreaded, ResultTypes);
+TYPED_TEST_SUITE(BlockTreeThreaded, ResultClasses);
 
-// Driver passes on 1, 2, 3 and 8 threads, each run again, with random pauses
-// in the workers: always the tree's bits.
+// Driver passes on 1, 2, 3 and 8 threads, each run again: always the tree's
+// bits.
 TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
-  using R = TypeParam;
   const Grid grid{Rows(), kBlockRows};
-  const State reference = TreeReference<R>(grid);
+  const State reference = TreeReference<TypeParam>(grid);
   for (const int threads : {1, 2, 3, 8})
     for (int run = 0; run < 3; ++run) {
       SCOPED_TRACE(::testing::Message() << threads << " threads, run " << run);
-      PassOptions options;
-      options.threads = threads;
-      options.delays = true;
-      EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, options)), reference));
+      EXPECT_TRUE(SameState(DriverPass<TypeParam>(grid, threads).SaveState(), reference));
     }
 }
 
-// One schedule forced on two threads: the worker that holds block 0 waits
-// until the other has done every other block. Driver's arrival order then
-// gives other bits than one thread; the tree gives its own bits.
-TYPED_TEST(BlockTreeThreaded, FirstBlockArrivingLast) {
-  using R = TypeParam;
-  const Grid grid{Rows(), kBlockRows};
-  PassOptions plain;
-  plain.reproducible = false;
-  const State oneThread = StateOf(DriverPass<R>(grid, plain));
-  LastBlockGate plainGate, treeGate;
-  plain.threads = 2;
-  plain.gate = &plainGate;
-  EXPECT_NE(StateOf(DriverPass<R>(grid, plain)), oneThread) << "arrival order left no trace";
-  PassOptions tree;
-  tree.threads = 2;
-  tree.gate = &treeGate;
-  EXPECT_TRUE(SameState(StateOf(DriverPass<R>(grid, tree)), TreeReference<R>(grid)));
-}
-
-// A listwise matrix that counts the live results: those made by the factory
-// and not yet destroyed (a moved-from shell no longer counts).
+// A listwise matrix on the heap that counts the live results: those made by
+// the factory and not yet destroyed. A move hands the same matrix over, and
+// the moved-from shell no longer counts.
 struct Counted {
   static inline std::atomic<long> live{0}, peak{0};
-
-  Counted() {
-    const long now = ++live;
-    long seen = peak.load();
-    while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+  struct Release {
+    void operator()(MatrixListwise* m) const {
+      --live;
+      delete m;
     }
+  };
+  static MatrixListwise* Made() {
+    const long now = ++live;
+    for (long seen = peak.load(); now > seen && !peak.compare_exchange_weak(seen, now);) {
+    }
+    return new MatrixListwise();
   }
-  Counted(Counted&& other) noexcept
-      : matrix(std::move(other.matrix)), counts(std::exchange(other.counts, false)) {}
-  Counted& operator=(Counted&& other) noexcept {
-    if (counts) --live;
-    matrix = std::move(other.matrix);
-    counts = std::exchange(other.counts, false);
-    return *this;
-  }
-  ~Counted() {
-    if (counts) --live;
-  }
+
   Counted& operator+=(DataBatch& batch) {
-    matrix += batch;
+    *matrix += batch;
     return *this;
   }
   Counted& operator+=(Counted& other) {
-    matrix += other.matrix;
+    *matrix += *other.matrix;
     return *this;
   }
+  State SaveState() const { return matrix->SaveState(); }
 
-  MatrixListwise matrix;
-  bool counts = true;
+  std::unique_ptr<MatrixListwise, Release> matrix{Made()};
 };
-State StateOf(const Counted& c) { return c.matrix.SaveState(); }
 
-// 1,500 blocks on 8 threads with random pauses: the results alive at any one
-// time stay within 2 (threads + 1) (log2 blocks + 1) nodes plus two in the
-// hands of each thread, far below one per block.
+// 1,500 blocks on 8 threads: the results alive at any one time stay within
+// 2 (threads + 1) (log2 blocks + 1) nodes plus two in the hands of each
+// thread, far below one per block.
 TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   constexpr int kThreads = 8;
   const Table t = OrderSensitiveTable(11, 3000);
@@ -213,10 +226,7 @@ TEST(BlockTreeMemoryThreaded, LiveResultsStayLogarithmic) {
   const State reference = TreeReference<Counted>(grid);
   ASSERT_EQ(Counted::live.load(), 0);
   Counted::peak = 0;
-  PassOptions options;
-  options.threads = kThreads;
-  options.delays = true;
-  EXPECT_TRUE(SameState(StateOf(DriverPass<Counted>(grid, options)), reference));
+  EXPECT_TRUE(SameState(DriverPass<Counted>(grid, kThreads).SaveState(), reference));
   EXPECT_EQ(Counted::live.load(), 0);
   const long logBlocks = std::bit_width(grid.Blocks());  // ceil(log2(blocks + 1))
   const long bound = 2 * (kThreads + 1) * (logBlocks + 1) + 2 * kThreads;

@@ -50,6 +50,7 @@ struct WorkerLog {
   int processes = 0, merges = 0;
   bool threw = false, destroyed = false;
   std::int32_t cacheBytes = 0;
+  long cpu = -1;  // asked for by the thread that merged, -1 for none
 };
 
 // The row source is plain fields: only the read lock keeps them safe, and
@@ -101,6 +102,11 @@ struct RecordingProblem : ProblemBase {
   std::atomic<unsigned> metInProcess{0};
 };
 
+// The CPU a task asked for, kept per thread by a placement observer and taken
+// by the task's MergeResult (every task merges), so that a pool thread serving
+// two tasks cannot mix them.
+thread_local long lastRequestedCpu = -1;
+
 class RecordingWorker : public WorkerBase {
  public:
   RecordingWorker(RecordingProblem& problem, unsigned index)
@@ -135,6 +141,7 @@ class RecordingWorker : public WorkerBase {
     Occupy occupy(_p, _p.inResultLock, "two MergeResult at once");
     MaybeThrow(Stage::Merge, 1);
     ++_log.merges;
+    _log.cpu = std::exchange(lastRequestedCpu, -1);
   }
 
  private:
@@ -186,13 +193,17 @@ void WaitFor(RecordingProblem& p, const std::function<bool()>& ready, const char
 const std::function<void()> kHostError = [] { throw QuorGoToCaller(); };
 const std::function<void()> kBadAlloc = [] { throw std::bad_alloc(); };
 
-// Counts the host's resume calls and checks their thread.
+// Counts the host's resume calls and checks their thread; a host that unwinds
+// from its resume throws Unwind there.
 struct ResumeCounter {
-  explicit ResumeCounter(HostHooks hooks = {}) : scope(Install(std::move(hooks))) {}
-  HostHooks Install(HostHooks hooks) {
-    hooks.resumeCaller = [this] {
+  struct Unwind {};
+  explicit ResumeCounter(HostHooks hooks = {}, bool unwinds = false)
+      : scope(Install(std::move(hooks), unwinds)) {}
+  HostHooks Install(HostHooks hooks, bool unwinds) {
+    hooks.resumeCaller = [this, unwinds] {
       ++calls;
       onCaller = std::this_thread::get_id() == caller;
+      if (unwinds) throw Unwind();
     };
     return hooks;
   }
@@ -267,14 +278,16 @@ TEST(DriverConcurrency, TasksRunWhileLaterOnesAreMadeAndProcessOutsideTheLock) {
 }
 
 // Faulty workers meet in their first ProcessBatch, so that all of them throw
-// there before any of them can stop the others.
-class DriverHostError
-    : public ::testing::TestWithParam<std::tuple<Stage, std::set<unsigned>, int>> {};
+// there before any of them can stop the others. With endless data, a task
+// that never signalled would hang the run, and one that missed the stop ends
+// with a violation.
+class DriverFault
+    : public ::testing::TestWithParam<std::tuple<Stage, std::set<unsigned>, int, bool>> {};
 
-TEST_P(DriverHostError, OneResumeOnTheCallerHoweverManyThreadsStop) {
-  const auto [stage, faulty, n] = GetParam();
+TEST_P(DriverFault, HostErrorResumesOnceOnTheCallerAndAnExceptionReachesIt) {
+  const auto [stage, faulty, n, hostError] = GetParam();
   ResumeCounter resume;
-  Plan plan{stage == Stage::Merge ? 20 : -1, stage, kHostError, faulty};
+  Plan plan{stage == Stage::Merge ? 20 : -1, stage, hostError ? kHostError : kBadAlloc, faulty};
   plan.inFirstProcess = [stage = stage](RecordingProblem& p, unsigned index) {
     if (stage != Stage::Process || p.plan.faultyWorkers.count(index) == 0) return;
     ++p.metInProcess;
@@ -283,54 +296,37 @@ TEST_P(DriverHostError, OneResumeOnTheCallerHoweverManyThreadsStop) {
         "faulty workers did not meet");
   };
   RecordingProblem problem(plan);
-  Driver(&problem, n);
+  if (hostError) {
+    Driver(&problem, n);
+  } else {
+    EXPECT_THROW(Driver(&problem, n), std::bad_alloc);
+  }
   problem.ExpectCleanEnd(n);
-  EXPECT_EQ(resume.calls, 1);
-  EXPECT_TRUE(resume.onCaller);
+  EXPECT_EQ(resume.calls, hostError ? 1 : 0);
+  EXPECT_EQ(resume.onCaller, hostError);
   // A worker meant to fault in ReadBatch may find the run stopped before it reads.
   for (unsigned i : faulty)
     EXPECT_TRUE(problem.logs[i].threw || stage == Stage::Read) << i;
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Stages, DriverHostError,
+    Stages, DriverFault,
     ::testing::Combine(::testing::Values(Stage::Read, Stage::Process, Stage::Merge),
                        ::testing::Values(std::set<unsigned>{0}, std::set<unsigned>{1},
                                          std::set<unsigned>{0, 2}),
-                       ::testing::Values(3, 4)));
+                       ::testing::Values(3, 4), ::testing::Bool()));
 
-TEST(DriverHostError, ResumeThatThrowsLeavesAfterTheTeardown) {
-  struct HostUnwind {};
-  HostHooks hooks;
-  bool onCaller = false;
-  hooks.resumeCaller = [&onCaller, caller = std::this_thread::get_id()] {
-    onCaller = std::this_thread::get_id() == caller;
-    throw HostUnwind{};
-  };
-  ScopedHostHooks scope(hooks);
+TEST(DriverFault, ResumeThatThrowsLeavesAfterTheTeardown) {
+  ResumeCounter resume({}, true);
   RecordingProblem problem(Plan{-1, Stage::Process, kHostError, {1}});
-  EXPECT_THROW(Driver(&problem, 3), HostUnwind);
-  EXPECT_TRUE(onCaller);
+  EXPECT_THROW(Driver(&problem, 3), ResumeCounter::Unwind);
+  EXPECT_TRUE(resume.onCaller);
   problem.ExpectCleanEnd(3);
 }
 
-// With endless data, a task that never signalled would hang the run.
-class DriverWorkerException : public ::testing::TestWithParam<Stage> {};
-
-TEST_P(DriverWorkerException, ReachesTheCallerWithoutHangOrResume) {
-  ResumeCounter resume;
-  RecordingProblem problem(Plan{GetParam() == Stage::Merge ? 20 : -1, GetParam(), kBadAlloc, {1}});
-  EXPECT_THROW(Driver(&problem, 4), std::bad_alloc);
-  EXPECT_EQ(resume.calls, 0);
-  problem.ExpectCleanEnd(4);
-}
-
-INSTANTIATE_TEST_SUITE_P(Stages, DriverWorkerException,
-                         ::testing::Values(Stage::Read, Stage::Process, Stage::Merge));
-
 // Tasks 0 and 1 are reading endless data when CreateWorker fails for 2: they
 // must be stopped, or the pool's destructor would wait for ever.
-TEST(DriverWorkerException, CreateWorkerFailureStopsTheStartedTasks) {
+TEST(DriverFault, CreateWorkerFailureStopsTheStartedTasks) {
   ResumeCounter resume;
   Plan plan{-1, Stage::Create, [] { throw std::length_error("vector<T> too long"); }, {2}};
   plan.beforeCreate = [](RecordingProblem& p, unsigned index) {
@@ -344,23 +340,6 @@ TEST(DriverWorkerException, CreateWorkerFailureStopsTheStartedTasks) {
   EXPECT_EQ(resume.calls, 0);
   problem.ExpectCleanEnd(2);
 }
-
-// The CPU a task asked for, kept per thread by the observer and taken by the
-// task's MergeResult (every task merges), so that a pool thread serving two
-// tasks cannot mix them.
-thread_local long lastRequestedCpu = -1;
-
-struct PlacedProblem : ProblemBase {
-  struct Worker : WorkerBase {
-    explicit Worker(long& cpu) : _cpu(cpu) {}
-    bool ReadBatch() override { return false; }
-    void ProcessBatch() override {}
-    void MergeResult() override { _cpu = std::exchange(lastRequestedCpu, -1); }
-    long& _cpu;
-  };
-  WorkerBase* CreateWorker() override { return new Worker(cpus.emplace_back(-2)); }
-  std::deque<long> cpus;
-};
 
 class DriverPlacement
     : public ::testing::TestWithParam<std::pair<std::array<int, 3>, std::vector<long>>> {};
@@ -376,9 +355,13 @@ TEST_P(DriverPlacement, BitReversedIndexBelowTheCpuCount) {
     EXPECT_TRUE(thread == vorelhost::GetCurrentThread());
     lastRequestedCpu = cpu;
   });
-  PlacedProblem problem;
+  RecordingProblem problem(Plan{0});
   Driver(&problem, 8);
-  EXPECT_EQ(std::vector<long>(problem.cpus.begin(), problem.cpus.end()), expected);
+  problem.ExpectCleanEnd(8);
+  std::vector<long> cpus;
+  for (const WorkerLog& log : problem.logs)
+    cpus.push_back(log.cpu);
+  EXPECT_EQ(cpus, expected);
 }
 
 // The three factors of c, then the CPU asked for by indices 0..7 (-1: none).

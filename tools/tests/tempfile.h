@@ -1,7 +1,8 @@
-// Inputs for the tests: a regular file, or a named pipe fed by a thread; and
-// the message of an error a test expects.
+// Inputs for the tests: a regular file, or a named pipe fed by a thread, in a
+// folder of their own; and the message of an error a test expects.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace vorelstat::testing {
 
@@ -27,65 +29,72 @@ std::string MessageOf(F&& f) {
   return "";
 }
 
-inline void WriteAll(int fd, const std::string& contents) {
-  std::size_t written = 0;
-  while (written < contents.size()) {
-    const ssize_t n = ::write(fd, contents.data() + written, contents.size() - written);
-    if (n <= 0) break;
-    written += static_cast<std::size_t>(n);
+// A fresh folder, removed with what it holds when the object goes.
+class TempFolder {
+ public:
+  TempFolder() {
+    char name[] = "/tmp/vorelstat-test-XXXXXX";
+    if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+    _path = name;
   }
-}
+  ~TempFolder() {
+    for (const std::string& entry : Entries())
+      ::unlink((*this / entry).c_str());
+    ::rmdir(_path.c_str());
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
 
-// A file with given contents that lives as long as the object.
+  std::vector<std::string> Entries() const {
+    std::vector<std::string> names;
+    if (DIR* dir = ::opendir(_path.c_str())) {
+      while (const dirent* e = ::readdir(dir))
+        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..")
+          names.push_back(e->d_name);
+      ::closedir(dir);
+    }
+    return names;
+  }
+  std::string operator/(const std::string& name) const { return _path + "/" + name; }
+
+ private:
+  std::string _path;
+};
+
+// A file with given contents that lives as long as the object; or, as a
+// pipe, a named pipe that a thread fills once a reader opens it (the reader
+// must open it before the object goes).
 class TempFile {
  public:
-  explicit TempFile(const std::string& contents) {
-    char name[] = "/tmp/vorelstat-test-XXXXXX";
-    const int fd = ::mkstemp(name);
-    if (fd < 0) throw std::runtime_error("mkstemp failed");
-    _path = name;
-    WriteAll(fd, contents);
-    ::close(fd);
+  explicit TempFile(const std::string& contents, bool pipe = false) : _path(_folder / "input") {
+    if (pipe && ::mkfifo(_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
+    const auto write = [path = _path, contents] {
+      const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+      if (fd < 0) return;
+      for (std::size_t done = 0; done < contents.size();) {
+        const ssize_t n = ::write(fd, contents.data() + done, contents.size() - done);
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+      }
+      ::close(fd);
+    };
+    if (pipe) {
+      _writer = std::thread(write);
+    } else {
+      write();
+    }
   }
-  ~TempFile() { ::unlink(_path.c_str()); }
+  ~TempFile() {
+    if (_writer.joinable()) _writer.join();
+  }
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
 
   const std::string& Path() const { return _path; }
 
  private:
+  TempFolder _folder;
   std::string _path;
-};
-
-// A named pipe that a thread fills with `contents` once a reader opens it.
-// The reader must open the path before the object goes.
-class TempPipe {
- public:
-  explicit TempPipe(const std::string& contents) {
-    char dir[] = "/tmp/vorelstat-pipe-XXXXXX";
-    if (::mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
-    _dir = dir;
-    _path = _dir + "/input";
-    if (::mkfifo(_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
-    _writer = std::thread([path = _path, contents] {
-      const int fd = ::open(path.c_str(), O_WRONLY);
-      if (fd < 0) return;
-      WriteAll(fd, contents);
-      ::close(fd);
-    });
-  }
-  ~TempPipe() {
-    _writer.join();
-    ::unlink(_path.c_str());
-    ::rmdir(_dir.c_str());
-  }
-  TempPipe(const TempPipe&) = delete;
-  TempPipe& operator=(const TempPipe&) = delete;
-
-  const std::string& Path() const { return _path; }
-
- private:
-  std::string _dir, _path;
   std::thread _writer;
 };
 

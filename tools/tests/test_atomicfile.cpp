@@ -1,15 +1,12 @@
 // State files are replaced whole or not at all.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -27,37 +24,8 @@ std::vector<std::byte> BytesOf(const std::string& text) {
   return bytes;
 }
 
-// A fresh folder, removed with what it holds.
-class Folder {
- public:
-  Folder() {
-    char name[] = "/tmp/vorelstat-atomic-XXXXXX";
-    if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
-    _path = name;
-  }
-  ~Folder() {
-    for (const std::string& entry : Entries())
-      ::unlink((_path + "/" + entry).c_str());
-    ::rmdir(_path.c_str());
-  }
-  std::vector<std::string> Entries() const {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(_path.c_str())) {
-      while (const dirent* e = ::readdir(dir))
-        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..")
-          names.push_back(e->d_name);
-      ::closedir(dir);
-    }
-    return names;
-  }
-  std::string operator/(const std::string& name) const { return _path + "/" + name; }
-
- private:
-  std::string _path;
-};
-
 TEST(AtomicFile, WritesAndReplacesWholeFiles) {
-  Folder folder;
+  testing::TempFolder folder;
   const std::string path = folder / "a.state";
   WriteFileAtomically(path, BytesOf("first"));
   EXPECT_EQ(ReadWholeFile(path), BytesOf("first"));
@@ -69,7 +37,7 @@ TEST(AtomicFile, WritesAndReplacesWholeFiles) {
 // A write that stops half way (a full disk) leaves the old file as it was
 // and no temporary file behind.
 TEST(AtomicFile, AWriteFailingHalfWayLeavesTheOldFile) {
-  Folder folder;
+  testing::TempFolder folder;
   const std::string path = folder / "a.state";
   WriteFileAtomically(path, BytesOf("good old state"));
   const std::vector<std::byte> fresh(1000, std::byte{7});

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "figures.h"
+#include "oracle.h"
 
 namespace vorelstat::figures {
 namespace {
@@ -103,42 +104,22 @@ TEST(Definitions, WhatIsNotDefinedAndWhatIsExact) {
   EXPECT_TRUE(std::isnan(PooledCovariance(6.0, 2.0, 2)));
 }
 
-using Real = long double;
-constexpr std::size_t kCols = 3;
+using testing::Row;
+constexpr std::size_t kCols = testing::kVars;
 
-struct Part {
-  std::vector<std::vector<double>> rows;
-  std::vector<double> weights;
-};
-
-// Means relative to `origin` and the cross-product triangle of a part, two-pass
-// in long double and rounded once.
-void Reduce(const Part& part, const std::vector<double>& origin, std::vector<double>& means,
-            std::vector<double>& cscp, double& weight) {
-  Real w = 0, sum[kCols] = {};
-  for (std::size_t r = 0; r < part.rows.size(); ++r) {
-    const auto rowWeight = static_cast<Real>(part.weights[r]);
-    w += rowWeight;
-    for (std::size_t i = 0; i < kCols; ++i)
-      sum[i] += rowWeight * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]));
-  }
-  Real cp[kCols][kCols] = {};
-  for (std::size_t r = 0; r < part.rows.size(); ++r) {
-    for (std::size_t i = 0; i < kCols; ++i) {
-      for (std::size_t j = 0; j <= i; ++j)
-        cp[i][j] +=
-            static_cast<Real>(part.weights[r])
-            * (static_cast<Real>(part.rows[r][i]) - static_cast<Real>(origin[i]) - sum[i] / w)
-            * (static_cast<Real>(part.rows[r][j]) - static_cast<Real>(origin[j]) - sum[j] / w);
-    }
-  }
-  weight = static_cast<double>(w);
+// The means of `rows` relative to `origin` and their cross-product triangle,
+// from the reference rounded once.
+void Reduce(const std::vector<Row>& rows, const std::vector<double>& origin,
+            std::vector<double>& means, std::vector<double>& cscp, double& weight) {
+  const testing::Moments m = testing::Gather(rows, false);
+  weight = static_cast<double>(m.w);
   means.resize(kCols);
   cscp.resize(TriangleSize(kCols));
   for (std::size_t i = 0; i < kCols; ++i) {
-    means[i] = static_cast<double>(sum[i] / w);
+    means[i] = static_cast<double>(m.mean(static_cast<unsigned>(i))
+                                   - static_cast<testing::Real>(origin[i]));
     for (std::size_t j = 0; j <= i; ++j)
-      cscp[TriangleIndex(i, j)] = static_cast<double>(cp[i][j]);
+      cscp[TriangleIndex(i, j)] = static_cast<double>(m.css[i][j]);
   }
 }
 
@@ -168,18 +149,17 @@ TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
   std::mt19937 random(GetParam());
   std::normal_distribution<double> normal;
   std::uniform_int_distribution<int> partSize(1, 9);
-  std::vector<Part> parts;
-  Part whole;
-  for (int p = 0; p < 40; ++p) {
-    Part part;
+  std::vector<std::vector<Row>> parts(40);
+  std::vector<Row> whole;
+  for (std::vector<Row>& part : parts) {
     for (int n = partSize(random); n > 0; --n) {
       const double f = normal(random);
-      part.rows.push_back({1.7e9 + 1000.0 * f, f + normal(random), 0.3});
-      part.weights.push_back(static_cast<double>(1 + random() % 4));
-      whole.rows.push_back(part.rows.back());
-      whole.weights.push_back(part.weights.back());
+      part.push_back({{1.7e9 + 1000.0 * f, f + normal(random), 0.3},
+                      static_cast<double>(1 + random() % 4),
+                      1.0,
+                      {}});
+      whole.push_back(part.back());
     }
-    parts.push_back(part);
   }
   std::vector<double> pooledA(TriangleSize(kCols), 0.0), pooledB(pooledA);
   GroupMoments a(kCols, true), b(kCols, true);
@@ -187,13 +167,15 @@ TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
   for (std::size_t p = 0; p < parts.size(); ++p) {
     std::vector<double> means, cscp;
     double weight = 0.0, squares = 0.0;
-    for (double w : parts[p].weights)
-      squares += w * w;
+    for (const Row& row : parts[p])
+      squares += *row.weight * *row.weight;
     allSquares += squares;
-    const std::vector<double> origin = OriginOf(parts[p].rows.front().data(), kCols);
+    const Row& front = parts[p].front();
+    const std::vector<double> origin =
+        OriginOf(std::vector<double>{*front.x[0], *front.x[1], *front.x[2]}.data(), kCols);
     Reduce(parts[p], origin, means, cscp, weight);
     (p % 3 == 0 ? a : b)
-        .Join(parts[p].rows.size(), weight, origin.data(), means.data(), cscp.data(),
+        .Join(parts[p].size(), weight, origin.data(), means.data(), cscp.data(),
               p % 3 == 0 ? pooledA : pooledB, squares);
   }
   GroupMoments joined(kCols, true);
@@ -207,7 +189,7 @@ TEST_P(GroupJoin, PartsJoinAsTheWholeGroup) {
   double weight = 0.0;
   const std::vector<double> zero(kCols, 0.0);
   Reduce(whole, zero, means, cscp, weight);
-  EXPECT_EQ(joined.Rows(), whole.rows.size());
+  EXPECT_EQ(joined.Rows(), whole.size());
   EXPECT_EQ(joined.Weight(), weight);
   EXPECT_EQ(joined.WeightSquares(), allSquares);
   EXPECT_EQ(joined.Divisor(), weight - 1.0);

@@ -18,7 +18,6 @@ namespace vorelstat {
 namespace {
 
 using testing::TempFile;
-using testing::TempPipe;
 
 // Text that compresses as data files do, different for every seed.
 std::string Text(std::size_t size, unsigned seed) {
@@ -160,11 +159,11 @@ TEST(FrameFindingOther, BgzfMembersAndOtherGzip) {
   EXPECT_EQ(FindBgzfMember(otherField).kind, PieceExtent::kUnknown);
 }
 
-// An input file opened as the tool opens it, with `threads` threads.
+// An input file, or pipe, opened as the tool opens it, with `threads` threads.
 class Opened {
  public:
-  Opened(const std::string& bytes, unsigned threads, bool readAhead = true)
-      : _file(bytes), _fd(::open(_file.Path().c_str(), O_RDONLY | O_CLOEXEC)) {
+  Opened(const std::string& bytes, unsigned threads, bool readAhead = true, bool pipe = false)
+      : _file(bytes, pipe), _fd(::open(_file.Path().c_str(), O_RDONLY | O_CLOEXEC)) {
     source = OpenByteSource(_fd, _file.Path(), readAhead, threads).source;
   }
   ~Opened() {
@@ -236,18 +235,8 @@ TEST_P(ThreadedPieceSource, ManyPiecesComeOutInOrderForEveryThreadCountAndReadSi
       EXPECT_EQ(opened.ReadAll(readSize), pieces.content) << threads << " " << readSize;
     }
   }
-  TempPipe pipe(pieces.file);
-  const int fd = ::open(pipe.Path().c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(fd, 0);
-  std::string all;
-  {
-    const std::unique_ptr<ByteSource> source = OpenByteSource(fd, pipe.Path(), false, 3).source;
-    char buffer[4096];
-    for (std::size_t n; (n = source->Read(buffer, sizeof buffer)) != 0;)
-      all.append(buffer, n);
-  }
-  ::close(fd);
-  EXPECT_EQ(all, pieces.content);
+  Opened pipe(pieces.file, 3, false, true);
+  EXPECT_EQ(pipe.ReadAll(4096), pieces.content);
 }
 
 TEST_P(ThreadedPieceSource, ACorruptMiddlePieceFailsAfterThePiecesBeforeIt) {

@@ -19,22 +19,6 @@
 namespace vorelstat {
 namespace {
 
-struct Oracle {
-  bool wholeText = false;  // strtod took every character
-  bool overflow = false;
-  double value = 0.0;
-};
-
-Oracle Strtod(const std::string& text) {
-  Oracle oracle;
-  char* stop = nullptr;
-  errno = 0;
-  oracle.value = std::strtod(text.c_str(), &stop);
-  oracle.wholeText = !text.empty() && *stop == '\0';
-  oracle.overflow = errno == ERANGE && std::isinf(oracle.value);
-  return oracle;
-}
-
 bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 bool IsHexadecimal(const std::string& text) {
@@ -47,7 +31,11 @@ bool IsHexadecimal(const std::string& text) {
 // so that both the short-text and the in-line readings are exercised.
 void ExpectAgreesWithStrtod(const std::string& text) {
   SCOPED_TRACE("text \"" + text + "\"");
-  const Oracle oracle = Strtod(text);
+  char* stop = nullptr;
+  errno = 0;
+  const double expected = std::strtod(text.c_str(), &stop);
+  const bool wholeText = !text.empty() && *stop == '\0';  // strtod took every character
+  const bool overflow = errno == ERANGE && std::isinf(expected);
   double alone = 0.0;
   const NumberText kind = ReadNumberText(text, '.', alone);
   const std::string line = text + ",12.5,-3,7.25,100,1e3,0.001,42\n";
@@ -58,18 +46,18 @@ void ExpectAgreesWithStrtod(const std::string& text) {
   ASSERT_EQ(inLineKind, kind) << "read alone and read in a line differ";
   switch (kind) {
     case NumberText::kNumber:
-      ASSERT_TRUE(oracle.wholeText);
-      ASSERT_FALSE(oracle.overflow);
-      ASSERT_TRUE(SameBits(alone, oracle.value)) << alone << " against " << oracle.value;
-      ASSERT_TRUE(SameBits(inLine, oracle.value)) << inLine << " against " << oracle.value;
+      ASSERT_TRUE(wholeText);
+      ASSERT_FALSE(overflow);
+      ASSERT_TRUE(SameBits(alone, expected)) << alone << " against " << expected;
+      ASSERT_TRUE(SameBits(inLine, expected)) << inLine << " against " << expected;
       break;
     case NumberText::kTooLarge:
-      ASSERT_TRUE(oracle.wholeText);
-      ASSERT_TRUE(oracle.overflow);
+      ASSERT_TRUE(wholeText);
+      ASSERT_TRUE(overflow);
       break;
     case NumberText::kNotANumber:
-      ASSERT_TRUE(!oracle.wholeText || std::isnan(oracle.value) || IsHexadecimal(text))
-          << "strtod reads it as " << oracle.value;
+      ASSERT_TRUE(!wholeText || std::isnan(expected) || IsHexadecimal(text))
+          << "strtod reads it as " << expected;
       break;
   }
   // With a decimal comma the same text, comma for point, reads the same.
@@ -86,32 +74,29 @@ void ExpectAgreesWithStrtod(const std::string& text) {
 }
 
 TEST(NumberText, HostileTexts) {
-  const std::vector<std::vector<std::string>> groups = {
+  const std::vector<std::string> texts = {
       // halfway cases and the edges of the double range
-      {"9007199254740993", "9007199254740992", "9007199254740991", "9007199254740993.0", "1e-400",
-       "-1e-400", "1e-324", "1e309", "-1e999", "1e2147483648", "1e-2147483649", "0.5e-323"},
-      {"2.2250738585072011e-308", "2.2250738585072014e-308", "4.9406564584124654e-324",
-       "2.4703282292062327e-324", "2.4703282292062328e-324", "1.7976931348623157e308",
-       "1.7976931348623158e308", "1.7976931348623159e308", "7.2057594037927933e16"},
-      {"123456789012345678901234567890", "0.1000000000000000055511151231257827"},
-      {"0.10000000000000000555111512312578270211815834045410156250000000001",
-       "1.00000000000000011102230246251565404236316680908203125",
-       "1.00000000000000011102230246251565404236316680908203124",
-       "1.00000000000000011102230246251565404236316680908203126"},
+      "9007199254740993", "9007199254740992", "9007199254740991", "9007199254740993.0", "1e-400",
+      "-1e-400", "1e-324", "1e309", "-1e999", "1e2147483648", "1e-2147483649", "0.5e-323",
+      "2.2250738585072011e-308", "2.2250738585072014e-308", "4.9406564584124654e-324",
+      "2.4703282292062327e-324", "2.4703282292062328e-324", "1.7976931348623157e308",
+      "1.7976931348623158e308", "1.7976931348623159e308", "7.2057594037927933e16",
+      "123456789012345678901234567890", "0.1000000000000000055511151231257827",
+      "0.10000000000000000555111512312578270211815834045410156250000000001",
+      "1.00000000000000011102230246251565404236316680908203125",
+      "1.00000000000000011102230246251565404236316680908203124",
+      "1.00000000000000011102230246251565404236316680908203126",
       // plain decimals at the limits of the exact path
-      {"9007199254740992.5", "900719925474099.25", "0.0000000000000000000001",
-       "1234567890123456789", "12345678901234567890", "1.234567890123456789", "-0", "-0.0",
-       "0000000000000000000000000001.5", "00000.00000", "1.", ".5", "-.5", "+.5", "5.e3"},
+      "9007199254740992.5", "900719925474099.25", "0.0000000000000000000001", "1234567890123456789",
+      "12345678901234567890", "1.234567890123456789", "-0", "-0.0",
+      "0000000000000000000000000001.5", "00000.00000", "1.", ".5", "-.5", "+.5", "5.e3",
       // signs, words and junk
-      {"+7",       "+-1",  "-+1", "++1",   "--1",  "+",        "-",        ".",
-       "-.",       "e5",   "1e",  "1e+",   "1e-",  "1e+5",     "1E5",      "1.5.2",
-       "1..2",     "1,5",  "inf", "-inf",  "+inf", "INF",      "Infinity", "-infinity",
-       "infinit",  "infx", "nan", "-nan",  "NaN",  "nan(123)", "0x10",     "0x1p3",
-       "-0x1.8p1", "0X",   "0x",  "1_000", "1 2",  "12abc",    "١٢",       ""},
-  };
-  for (const std::vector<std::string>& texts : groups)
-    for (const std::string& text : texts)
-      ExpectAgreesWithStrtod(text);
+      "+7", "+-1", "-+1", "++1", "--1", "+", "-", ".", "-.", "e5", "1e", "1e+", "1e-", "1e+5",
+      "1E5", "1.5.2", "1..2", "1,5", "inf", "-inf", "+inf", "INF", "Infinity", "-infinity",
+      "infinit", "infx", "nan", "-nan", "NaN", "nan(123)", "0x10", "0x1p3", "-0x1.8p1", "0X", "0x",
+      "1_000", "1 2", "12abc", "١٢", ""};
+  for (const std::string& text : texts)
+    ExpectAgreesWithStrtod(text);
 }
 
 // Random doubles written as a program would write them, random digit strings

@@ -1,17 +1,27 @@
-// The pass and the report against long double oracles written out here, over
-// thread counts, batch sizes and read sizes; and where bad data is reported.
+// The pass and the report: against long double oracles written out here,
+// over thread counts, batch sizes and read sizes; the same bytes whatever the
+// threads, the read size, the way of reading and the timing; parts cut on the
+// grid and merged through saved states, and parts missing or given twice
+// named; and where bad data is reported. (Damaged and mismatched states: the
+// end-to-end state suite, and the library's.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
-#include <limits>
-#include <optional>
+#include <csignal>
+#include <cstdio>
+#include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "chunkreader.h"
 #include "errors.h"
+#include "oracle.h"
+#include "passstate.h"
 #include "report.h"
 #include "rowparser.h"
 #include "statpass.h"
@@ -20,17 +30,36 @@
 namespace vorelstat {
 namespace {
 
+using testing::Gather;
+using testing::kVars;
 using testing::MessageOf;
+using testing::Moments;
+using testing::Real;
+using testing::Row;
 using testing::TempFile;
 
-constexpr unsigned kVars = 3;
+constexpr std::uint64_t kBlock = 4096;
 
-struct Row {
-  std::optional<double> x[kVars];
-  std::optional<double> weight;
-  double regWeight;
-  std::optional<int> group;
+// The columns a pass reads and the rules for their cells.
+struct Columns {
+  CellRules rules;
+  RowLayout layout;
 };
+
+// How a pass reads its input.
+struct Way {
+  int threads = 1;
+  std::size_t readSize = kBlock;
+  bool pipe = false;
+};
+
+PassResult Pass(const std::string& text, const Columns& s, PassOptions options,
+                const Way& way = {}) {
+  const TempFile input(text, way.pipe);
+  ChunkReader reader(input.Path(), way.readSize);
+  options.threads = way.threads;
+  return RunPass(reader, s.layout, s.rules, options);
+}
 
 std::string Cell(const std::optional<double>& value) {
   if (!value) return "NA";
@@ -77,13 +106,8 @@ DataSet MakeData(unsigned seed, int nRows) {
   return data;
 }
 
-struct PassSetup {
-  CellRules rules;
-  RowLayout layout;
-};
-
-PassSetup MakeSetup(bool regWeight) {
-  PassSetup s;
+Columns OracleColumns(bool regWeight) {
+  Columns s;
   s.rules.missingTexts = {"", "NA"};
   s.rules.missingCode = -1e300;
   s.rules.groupLo = 1;
@@ -91,39 +115,6 @@ PassSetup MakeSetup(bool regWeight) {
   s.layout = MakeLayout({"id", "x", "w", "g", "y", "rw", "z"}, ',',
                         {{"x", "y", "z"}, "w", regWeight ? "rw" : "", "g"});
   return s;
-}
-
-using Real = long double;
-
-// Weighted sums of one set of rows, in long double.
-struct Moments {
-  Real w = 0, v = 0;  // frequency weight, combined weight
-  Real sum[kVars] = {};
-  Real css[kVars][kVars] = {};
-  Real mean(unsigned i) const { return sum[i] / v; }
-};
-
-Moments Gather(const std::vector<const Row*>& rows, bool regWeight) {
-  Moments m;
-  for (const Row* row : rows) {
-    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
-    m.w += static_cast<Real>(*row->weight);
-    m.v += v;
-    for (unsigned i = 0; i < kVars; ++i)
-      m.sum[i] += v * static_cast<Real>(row->x[i].value_or(0.0));
-  }
-  for (const Row* row : rows) {
-    const Real v = static_cast<Real>(*row->weight * (regWeight ? row->regWeight : 1.0));
-    for (unsigned i = 0; i < kVars; ++i) {
-      for (unsigned j = 0; j < kVars; ++j) {
-        if (!row->x[i] || !row->x[j]) continue;
-        const Real xi = static_cast<Real>(row->x[i].value());
-        const Real xj = static_cast<Real>(row->x[j].value());
-        m.css[i][j] += v * (xi - m.mean(i)) * (xj - m.mean(j));
-      }
-    }
-  }
-  return m;
 }
 
 void ExpectClose(double actual, Real expected, double relative, const std::string& what) {
@@ -139,26 +130,23 @@ class StatPassThreaded
 TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   const auto [threads, blockBytes, readSize, pairwise, regWeight] = GetParam();
   const DataSet data = MakeData(4242, 300);
-  TempFile file(data.text);
-  const PassSetup s = MakeSetup(regWeight);
-  ChunkReader reader(file.Path(), readSize);
+  const Columns s = OracleColumns(regWeight);
   PassOptions options;
   options.pairwise = pairwise;
-  options.threads = threads;
   options.finishOrder = blockBytes == 0;
   options.batchRows = 7;
   if (blockBytes != 0) options.blockBytes = blockBytes;
   options.groupCovariance = true;
-  const PassResult pass = RunPass(reader, s.layout, s.rules, options);
-  const Report report(file.Path(), s.layout, pass, {}, true);
+  const PassResult pass = Pass(data.text, s, options, {threads, readSize});
+  const Report report("data.csv", s.layout, pass, {}, true);
 
-  std::vector<const Row*> weighted, complete, grouped[3];
+  std::vector<Row> weighted, complete, grouped[3];
   for (const Row& row : data.rows) {
     if (!row.weight) continue;
-    weighted.push_back(&row);
+    weighted.push_back(row);
     const bool full = row.x[0] && row.x[1] && row.x[2];
-    if (full) complete.push_back(&row);
-    if (full && row.group) grouped[*row.group - 1].push_back(&row);
+    if (full) complete.push_back(row);
+    if (full && row.group) grouped[*row.group - 1].push_back(row);
   }
   EXPECT_EQ(pass.blockBytes, options.finishOrder ? 0 : options.blockBytes);
   EXPECT_EQ(pass.rows.read, data.rows.size());
@@ -166,37 +154,30 @@ TEST_P(StatPassThreaded, AgreesWithTheOracle) {
   EXPECT_EQ(pass.rows.used, pairwise ? weighted.size() : complete.size());
 
   for (unsigned i = 0; i < kVars; ++i) {
-    SCOPED_TRACE("column " + std::to_string(i));
-    std::vector<const Row*> present;
-    for (const Row* row : pairwise ? weighted : complete) {
-      if (row->x[i]) present.push_back(row);
-    }
-    const Moments m = Gather(present, regWeight);
-    double lo = std::numeric_limits<double>::infinity(), hi = -lo;
-    for (const Row* row : present) {
-      lo = std::min(lo, *row->x[i]);
-      hi = std::max(hi, *row->x[i]);
-    }
-    EXPECT_EQ(report.columns[i].moments.n, present.size());
-    EXPECT_EQ(report.columns[i].min, lo);
-    EXPECT_EQ(report.columns[i].max, hi);
-    EXPECT_EQ(report.columns[i].moments.weight, static_cast<double>(m.w));
-    ExpectClose(report.columns[i].mean, m.mean(i), 1e-13, "mean");
-    ExpectClose(report.columns[i].sd, std::sqrt(m.css[i][i] / (m.w - 1)), 1e-11, "sd");
     for (unsigned j = 0; j < kVars; ++j) {
-      std::vector<const Row*> both;
-      for (const Row* row : present) {
-        if (row->x[j]) both.push_back(row);
+      SCOPED_TRACE("pair " + std::to_string(i) + "," + std::to_string(j));
+      // The rows where both cells are present; for j = i, the column's own.
+      std::vector<Row> both;
+      for (const Row& row : pairwise ? weighted : complete) {
+        if (row.x[i] && row.x[j]) both.push_back(row);
       }
       const Moments p = Gather(both, regWeight);
-      const std::string pair = "pair " + std::to_string(i) + "," + std::to_string(j);
-      ExpectClose(report.Covariance(i, j), p.css[i][j] / (p.w - 1), 1e-10, "covariance " + pair);
+      ExpectClose(report.Covariance(i, j), p.css[i][j] / (p.w - 1), 1e-10, "covariance");
       ExpectClose(report.Correlation(i, j), p.css[i][j] / std::sqrt(p.css[i][i] * p.css[j][j]),
-                  1e-12, "correlation " + pair);
+                  1e-12, "correlation");
       if (pairwise) {
-        EXPECT_EQ(report.PairRows(i, j), both.size()) << pair;
-        EXPECT_EQ(report.PairWeight(i, j), static_cast<double>(p.w)) << pair;
+        EXPECT_EQ(report.PairRows(i, j), both.size());
+        EXPECT_EQ(report.PairWeight(i, j), static_cast<double>(p.w));
       }
+      if (j != i) continue;
+      const auto [lo, hi] = std::minmax_element(
+          both.begin(), both.end(), [i](const Row& a, const Row& b) { return *a.x[i] < *b.x[i]; });
+      EXPECT_EQ(report.columns[i].moments.n, both.size());
+      EXPECT_EQ(report.columns[i].min, *lo->x[i]);
+      EXPECT_EQ(report.columns[i].max, *hi->x[i]);
+      EXPECT_EQ(report.columns[i].moments.weight, static_cast<double>(p.w));
+      ExpectClose(report.columns[i].mean, p.mean(i), 1e-13, "mean");
+      ExpectClose(report.columns[i].sd, std::sqrt(p.css[i][i] / (p.w - 1)), 1e-11, "sd");
     }
   }
 
@@ -252,16 +233,14 @@ TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
       text += std::to_string(line) + ";" + std::to_string(line % 7) + "\r\n";
     }
   }
-  TempFile file(text);
-  CellRules rules;
-  rules.missingTexts = {""};
-  const RowLayout layout = MakeLayout({"a", "b"}, ';', {{"a", "b"}, "", "", ""});
-  ChunkReader reader(file.Path(), readSize);
+  Columns s{{}, MakeLayout({"a", "b"}, ';', {{"a", "b"}, "", "", ""})};
+  s.rules.missingTexts = {""};
   PassOptions options;
-  options.threads = threads;
   options.blockBytes = blockBytes;
-  EXPECT_EQ(MessageOf<DataError>([&] { RunPass(reader, layout, rules, options); }),
-            file.Path() + ", line 123, column 2 (\"b\"): cell \"x1\" is not a number");
+  const std::string what = MessageOf<DataError>([&] {
+    Pass(text, s, options, {threads, readSize});
+  });
+  EXPECT_TRUE(what.ends_with(", line 123, column 2 (\"b\"): cell \"x1\" is not a number")) << what;
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
@@ -269,40 +248,10 @@ INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
                                             ::testing::Values(5, 64, 1 << 20)));
 
 TEST(StatPassError, LastLineWithoutLineEnd) {
-  TempFile file("a,b\n1,2\n3,4\n5");
-  CellRules rules;
-  const RowLayout layout = MakeLayout({"a", "b"}, ',', {});
-  ChunkReader reader(file.Path(), 3);
-  PassOptions options;
-  options.threads = 2;
-  EXPECT_EQ(MessageOf<DataError>([&] { RunPass(reader, layout, rules, options); }),
-            file.Path() + ", line 4: the line has 1 fields, the header has 2");
+  const Columns s{{}, MakeLayout({"a", "b"}, ',', {})};
+  const std::string what = MessageOf<DataError>([&] { Pass("a,b\n1,2\n3,4\n5", s, {}, {2, 3}); });
+  EXPECT_TRUE(what.ends_with(", line 4: the line has 1 fields, the header has 2")) << what;
 }
-
-// A pass over `text` and its report, which holds on to the pass.
-struct Reported {
-  Reported(const std::string& text, bool pairwise) {
-    TempFile file(text);
-    CellRules rules;
-    rules.missingTexts = {"", "NA"};
-    rules.missingCode = -1e300;
-    rules.groupLo = 0;
-    rules.groupHi = 9;
-    const std::vector<std::string> header = SplitLine(text.substr(0, text.find('\n')), ',');
-    ColumnChoice choice;
-    if (header.back() == "g") choice.group = "g";
-    layout = MakeLayout(header, ',', choice);
-    ChunkReader reader(file.Path(), 1 << 20);
-    PassOptions options;
-    options.pairwise = pairwise;
-    options.threads = 2;
-    pass = RunPass(reader, layout, rules, options);
-    report.emplace(file.Path(), layout, pass, std::vector<SkippedColumn>{}, false);
-  }
-  RowLayout layout;
-  PassResult pass;
-  std::optional<Report> report;
-};
 
 class StatReport : public ::testing::TestWithParam<bool> {};
 
@@ -310,19 +259,223 @@ class StatReport : public ::testing::TestWithParam<bool> {};
 // figure gives when it is not defined: the definitions' own tests, and
 // end to end.)
 TEST_P(StatReport, NoRowsReportNoFigures) {
-  const bool pairwise = GetParam();
-  const Reported none("a,b,g\nNA,1,0\n", pairwise);
-  EXPECT_EQ(none.pass.rows.read, 1u);
-  EXPECT_EQ(none.report->columns[0].moments.n, 0u);
-  EXPECT_TRUE(std::isnan(none.report->columns[0].mean));
-  EXPECT_TRUE(std::isnan(none.report->columns[0].min));
-  EXPECT_EQ(none.report->NGroups(), 0u);
-  const Reported empty("a,b\n", pairwise);
-  EXPECT_EQ(empty.pass.rows.read, 0u);
-  EXPECT_TRUE(std::isnan(empty.report->Covariance(0, 0)));
+  PassOptions options;
+  options.pairwise = GetParam();
+  Columns s{{}, MakeLayout({"a", "b", "g"}, ',', {{}, "", "", "g"})};
+  s.rules.missingTexts = {"NA"};
+  s.rules.groupLo = 0;
+  const PassResult none = Pass("a,b,g\nNA,1,0\n", s, options, {2});
+  const Report noneReport("data.csv", s.layout, none, {}, false);
+  EXPECT_EQ(none.rows.read, 1u);
+  EXPECT_EQ(noneReport.columns[0].moments.n, 0u);
+  EXPECT_TRUE(std::isnan(noneReport.columns[0].mean));
+  EXPECT_TRUE(std::isnan(noneReport.columns[0].min));
+  EXPECT_EQ(noneReport.NGroups(), 0u);
+  s.layout = MakeLayout({"a", "b"}, ',', {});
+  const PassResult empty = Pass("a,b\n", s, options, {2});
+  EXPECT_EQ(empty.rows.read, 0u);
+  EXPECT_TRUE(std::isnan(Report("data.csv", s.layout, empty, {}, false).Covariance(0, 0)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Deletion, StatReport, ::testing::Bool());
+
+// A group label of every kind: whole numbers (1, 1.0 and +1 being one group),
+// another number and texts; "late" first shows past the first third of the
+// rows and "z" in the last quarter, so that the order of first appearance
+// differs from the sorted order and is decided in later blocks.
+std::string GroupCell(std::mt19937_64& random, int row, int rows) {
+  static const char* const kEarly[] = {"north", "1", "2.5", "1.0", "-3", "+1", "south"};
+  const int pick = static_cast<int>(random() % 100);
+  if (row > rows / 3 && pick < 6) return "late";
+  if (row > 3 * rows / 4 && pick < 9) return "z";
+  return kEarly[pick % 7];
+}
+
+// Values where the order of the sums shows in the last bits: a column far
+// from zero with a small spread, one of mixed magnitudes, one tiny; weights
+// of mixed size (their squares count with analytic weights), group labels of
+// every kind and missing cells.
+std::string MakeText(unsigned seed, int rows) {
+  std::mt19937_64 random(seed);
+  std::normal_distribution<double> normal;
+  std::uniform_int_distribution<int> pick(0, 99);
+  std::string text = "big,mixed,tiny,w,g\n";
+  char line[160];
+  for (int i = 0; i < rows; ++i) {
+    const double big = 3.0e9 + 1e-3 * normal(random);
+    const double mixed = normal(random) * (pick(random) < 10 ? 1e8 : 1e-2);
+    const double tiny = 1e-9 * normal(random) + 1e-7;
+    const double weight = 0.1 * (1 + pick(random) % 37);
+    std::snprintf(line, sizeof line, "%.17g,%.17g,%s,%.17g,%s\n", big, mixed,
+                  pick(random) < 8 ? "" : std::to_string(tiny).c_str(), weight,
+                  GroupCell(random, i, rows).c_str());
+    text += line;
+  }
+  return text;
+}
+
+// The columns of MakeText, all analysed, with or without the weight and group.
+Columns BigMixedTiny(bool weighted = true, bool grouped = true) {
+  Columns s;
+  s.rules.missingTexts = {""};
+  s.rules.missingCode = -1e300;
+  s.rules.checkGroupRange = false;
+  s.layout = MakeLayout({"big", "mixed", "tiny", "w", "g"}, ',',
+                        {{"big", "mixed", "tiny"}, weighted ? "w" : "", "", grouped ? "g" : ""});
+  return s;
+}
+
+// How the report defines its figures for a pass run with `options`.
+ReportOptions FiguresOf(const PassOptions& options) {
+  ReportOptions figures;
+  figures.groupCovariance = options.groupCovariance;
+  figures.weightKind =
+      options.weightSquares ? figures::WeightKind::kAnalytic : figures::WeightKind::kFrequency;
+  return figures;
+}
+
+std::string Json(const PassResult& pass, const Columns& s, const PassOptions& options) {
+  return FormatJson(Report("data.csv", s.layout, pass, {}, FiguresOf(options)));
+}
+
+// Analytic weights where there are weights; the groups in order of first
+// appearance under listwise deletion and sorted under pairwise.
+PassOptions Options(bool pairwise, bool weighted = true) {
+  PassOptions options;
+  options.pairwise = pairwise;
+  options.groupCovariance = true;
+  options.blockBytes = kBlock;
+  options.weightSquares = weighted;
+  options.groupsInFileOrder = !pairwise;
+  return options;
+}
+
+class ReproducibleThreaded : public ::testing::TestWithParam<std::tuple<bool, bool>> {};
+
+TEST_P(ReproducibleThreaded, SameBytesForAnyThreadsReadsBatchesAndInput) {
+  const auto [pairwise, weightedAndGrouped] = GetParam();
+  const std::string text = MakeText(7, 6000);
+  const Columns s = BigMixedTiny(weightedAndGrouped, weightedAndGrouped);
+  const PassOptions options = Options(pairwise, weightedAndGrouped);
+  const std::string base = Json(Pass(text, s, options, {}), s, options);
+  for (int threads : {1, 2, 3, 8}) {
+    for (std::size_t readSize : {std::size_t{1}, 3 * kBlock + 5, std::size_t{1} << 20}) {
+      for (bool pipe : {false, true}) {
+        SCOPED_TRACE(std::to_string(threads) + " threads, read size " + std::to_string(readSize)
+                     + (pipe ? ", pipe" : ", file"));
+        EXPECT_EQ(Json(Pass(text, s, options, {threads, readSize, pipe}), s, options), base);
+      }
+    }
+  }
+  // The data is such that the order of the sums shows: another grid rounds
+  // otherwise.
+  PassOptions otherGrid = options;
+  otherGrid.blockBytes = 3 * kBlock;
+  EXPECT_NE(Json(Pass(text, s, otherGrid, {}), s, otherGrid), base);
+}
+
+INSTANTIATE_TEST_SUITE_P(Deletion, ReproducibleThreaded,
+                         ::testing::Combine(::testing::Bool(), ::testing::Bool()));
+
+// Workers that pause at random before each chunk finish in a new order every
+// time; the bits stay.
+TEST(ReproducibleThreaded, RandomDelaysInTheWorkersChangeNoBit) {
+  const std::string text = MakeText(11, 3000);
+  const Columns s = BigMixedTiny();
+  const PassOptions options = Options(false);
+  const std::string base = Json(Pass(text, s, options, {1, kBlock}), s, options);
+  std::mt19937 seeds(5);
+  for (int run = 0; run < 8; ++run) {
+    const auto seed = static_cast<std::uint32_t>(seeds());
+    SetChunkHookForTests([seed] {
+      thread_local std::mt19937 random(
+          seed
+          ^ static_cast<std::uint32_t>(std::hash<std::thread::id>()(std::this_thread::get_id())));
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+    });
+    EXPECT_EQ(Json(Pass(text, s, options, {4, kBlock}), s, options), base) << "run " << run;
+  }
+  SetChunkHookForTests({});
+}
+
+using Bytes = std::vector<std::byte>;
+
+// A state saved, as it travels to another process.
+Bytes StateOf(const std::string& text, const Columns& s, PassOptions options, const Way& way,
+              std::uint64_t first, std::uint64_t end) {
+  options.firstBlock = first;
+  options.endBlock = end;
+  options.keepForest = true;
+  PassResult pass = Pass(text, s, options, way);
+  return SaveState(
+      StateOfPass("data.csv", s.layout, s.rules, options, FiguresOf(options), {}, {}, pass));
+}
+
+PassState Travelled(const Bytes& bytes) { return LoadState(bytes, "a state"); }
+
+std::string MergedJson(const std::vector<Bytes>& states) {
+  PassState merged = Travelled(states.front());
+  for (std::size_t k = 1; k < states.size(); ++k)
+    MergeState(merged, Travelled(states[k]), "state " + std::to_string(k));
+  const ReportOptions figures = ReportOptionsOf(merged);
+  StateReport report = ReportOfState(std::move(merged));
+  return FormatJson(Report("data.csv", report.layout, report.pass, report.skipped, figures));
+}
+
+class StatePartsThreaded : public ::testing::TestWithParam<bool> {};
+
+TEST_P(StatePartsThreaded, PartsOnTheGridMergeToTheOnePassBytes) {
+  const bool pairwise = GetParam();
+  // A part read from a pipe stops reading at its end, as `head` does; the
+  // thread that feeds the pipe is then told so by EPIPE, not killed.
+  std::signal(SIGPIPE, SIG_IGN);
+  const std::string text = MakeText(3, 5000);
+  const Columns s = BigMixedTiny();
+  const PassOptions options = Options(pairwise);
+  const std::string whole = Json(Pass(text, s, options, {2, kBlock}), s, options);
+  constexpr std::uint64_t kEnd = ChunkReader::kNoEnd;
+  EXPECT_EQ(MergedJson({StateOf(text, s, options, {1, kBlock}, 0, kEnd)}), whole);
+  // Cuts at odd blocks, so that the parts' forests have siblings to merge.
+  EXPECT_EQ(MergedJson({StateOf(text, s, options, {2, kBlock}, 0, 13),
+                        StateOf(text, s, options, {3, 2 * kBlock, true}, 13, 21),
+                        StateOf(text, s, options, {1, kBlock}, 21, kEnd)}),
+            whole);
+  // A part that holds no block, past the end, changes nothing.
+  EXPECT_EQ(MergedJson({StateOf(text, s, options, {2, kBlock}, 0, 40),
+                        StateOf(text, s, options, {2, kBlock}, 40, kEnd),
+                        StateOf(text, s, options, {2, kBlock}, 5000, kEnd)}),
+            whole);
+}
+
+INSTANTIATE_TEST_SUITE_P(Deletion, StatePartsThreaded, ::testing::Bool());
+
+TEST(StateMerge, PartsMissingOrGivenTwiceAreNamed) {
+  const std::string text = MakeText(3, 2000);
+  const Columns s = BigMixedTiny();
+  const PassOptions options = Options(false);
+  const Bytes first = StateOf(text, s, options, {}, 0, 10);
+  const Bytes second = StateOf(text, s, options, {}, 10, ChunkReader::kNoEnd);
+  const auto fails = [](const std::function<void()>& merge, const std::string& says) {
+    const std::string what = MessageOf<DataError>(merge);
+    EXPECT_NE(what.find(says), std::string::npos) << what << "; expected: " << says;
+  };
+  fails([&] { ReportOfState(Travelled(second)); }, "the state of a part is missing");
+  fails(
+      [&] {
+        PassState merged = Travelled(first);
+        MergeState(merged, Travelled(second), "b.state");
+        MergeState(merged, Travelled(second), "c.state");
+      },
+      "c.state holds blocks 10 to ");
+  fails(
+      [&] {
+        PassState merged = Travelled(first);
+        MergeState(merged, Travelled(first), "b.state");
+        MergeState(merged, Travelled(second), "c.state");
+        MergeState(merged, Travelled(second), "d.state");
+      },
+      "d.state holds blocks 10 to");
+}
 
 }  // namespace
 }  // namespace vorelstat

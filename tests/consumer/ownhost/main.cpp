@@ -18,27 +18,24 @@
 
 namespace {
 
-// Sums 1 to kRows, one row a batch; a worker may be told to fail in its
+// Sums 1 to kRows, one number a batch; a worker may be told to fail in its
 // first ProcessBatch by throwing what `fail` throws.
 constexpr int kRows = 1000;
 
 struct SumProblem : vorel::ProblemBase {
   struct Worker : vorel::WorkerBase {
-    explicit Worker(SumProblem& p) : problem(p), batch(1, 1, nullptr, nullptr, nullptr) {}
+    explicit Worker(SumProblem& p) : problem(p) {}
     bool ReadBatch() override {
-      if (problem.next > kRows) return false;
-      batch.Clear();
-      const double row = problem.next++;
-      batch.AddRow(&row);
-      return true;
+      row = problem.next++;
+      return row <= kRows;
     }
     void ProcessBatch() override {
       if (problem.fail) problem.fail();
-      sum += batch.Column(0)[0];
+      sum += row;
     }
     void MergeResult() override { problem.total += sum; }
     SumProblem& problem;
-    vorel::DataBatch batch;
+    int row = 0;
     double sum = 0.0;
   };
   vorel::WorkerBase* CreateWorker() override {
