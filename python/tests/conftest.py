@@ -20,6 +20,19 @@ def rng(request):
     return np.random.default_rng(seed)
 
 
+# Group labels of several kinds, which do not compare; None marks no group.
+LABELS = np.array(["north", ("s", 1), 7, None], dtype=object)
+
+
+def table(rng, n, k):
+    """Rows of k columns far from zero with 4 % of their cells missing and
+    column 1 constant, frequency weights 0 to 3, and group labels."""
+    x = rng.normal(1e3, 3.0, size=(n, k))
+    x[rng.random(x.shape) < 0.04] = np.nan
+    x[:, 1] = 2.5
+    return x, rng.integers(0, 4, size=n).astype(float), LABELS[rng.integers(0, 4, size=n)]
+
+
 def weighted_reference(x, w, rw=None, ddof=1):
     """Mean, covariance and sd of the rows of x under frequency weights w
     (times regression weights rw for the means and sums), divisor sum(w) - ddof."""

@@ -21,7 +21,7 @@ import dask.dataframe as dd  # noqa: E402
 
 import vorel  # noqa: E402
 import vorel.dask  # noqa: E402
-from conftest import bits  # noqa: E402
+from conftest import bits, table  # noqa: E402
 
 # Every test is bounded: a hang dumps the stacks and ends the run.
 TEST_SECONDS = 240
@@ -34,19 +34,7 @@ def bounded():
     faulthandler.cancel_dump_traceback_later()
 
 
-def data(n=40_003, k=7, seed=5):
-    rng = np.random.default_rng(seed)
-    x = rng.normal(50.0, 4.0, size=(n, k))
-    x[rng.random(x.shape) < 0.05] = np.nan
-    x[:, 2] = -1.25
-    w = rng.integers(0, 4, size=n).astype(float)
-    g = np.empty(4, dtype=object)
-    g[:] = ["b", ("a", 1), None, 3]  # labels of any hashable kind; None marks no group
-    g = g[rng.integers(0, 4, size=n)]
-    return x, w, g
-
-
-X, W, G = data()
+X, W, G = table(np.random.default_rng(5), 40_003, 7)
 # Rows per chunk: one aligned with the block grid, partitions inside one
 # block, a block spread over several partitions, one partition of all rows.
 CHUNKS = {
@@ -145,14 +133,13 @@ def test_a_worker_that_dies_mid_pass_is_replaced_with_the_same_result(cluster, t
     assert bits(got) == bits(want)
 
 
-def test_arguments_are_checked_before_any_work():
-    with pytest.raises(TypeError, match="Dask array or DataFrame"):
-        vorel.dask.describe(X)
-    with pytest.raises(ValueError, match="2-D"):
-        vorel.dask.describe(da.from_array(W))
-    with pytest.raises(ValueError, match="one value per row"):
-        vorel.dask.describe(da.from_array(X), weights=W[:-1])
-    with pytest.raises(ValueError, match="name of a column"):
-        vorel.dask.describe(dd.from_pandas(frame(), npartitions=2), weights="nothing")
-    with pytest.raises(ValueError, match="no rows"), dask.config.set(scheduler="threads"):
-        vorel.dask.describe(da.zeros((0, 3), chunks=(1, 3)))
+@pytest.mark.parametrize("data, args, error, message", [
+    (X, {}, TypeError, "Dask array or DataFrame"),
+    (da.from_array(W), {}, ValueError, "2-D"),
+    (da.from_array(X), dict(weights=W[:-1]), ValueError, "one value per row"),
+    (dd.from_pandas(frame(), npartitions=2), dict(weights="nothing"), ValueError, "name of a column"),
+    (da.zeros((0, 3), chunks=(1, 3)), {}, ValueError, "no rows"),
+])
+def test_arguments_are_checked_before_any_work(data, args, error, message):
+    with pytest.raises(error, match=message), dask.config.set(scheduler="threads"):
+        vorel.dask.describe(data, **args)

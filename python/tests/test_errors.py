@@ -14,7 +14,6 @@ FRAME = pd.DataFrame({"a": [1.0, 2.0, 3.0], "b": [4.0, 5.0, 7.0], "w": [1.0, 2.0
 @pytest.mark.parametrize("call, error, message", [
     # shapes and types of data
     (lambda: vorel.describe(np.arange(4.0)), ValueError, r"data: needs a 2-D array.*reshape"),
-    (lambda: vorel.describe(np.zeros((2, 2, 2))), ValueError, r"data: needs a 2-D array"),
     (lambda: vorel.describe(np.zeros((0, 3))), ValueError, r"data: has no rows"),
     (lambda: vorel.describe(np.zeros((3, 0))), ValueError, r"data: has no columns"),
     (lambda: vorel.describe(None), TypeError, r"data: needs a 2-D array"),
@@ -22,8 +21,6 @@ FRAME = pd.DataFrame({"a": [1.0, 2.0, 3.0], "b": [4.0, 5.0, 7.0], "w": [1.0, 2.0
     (lambda: vorel.describe(np.array([["a", "b"]])), TypeError, r"data: needs real numbers"),
     (lambda: vorel.describe([[1.0, 2.0], [3.0]]), ValueError, r"data: is not a 2-D array"),
     (lambda: vorel.describe(FRAME), TypeError, r"data: column 'name' is not numeric"),
-    (lambda: vorel.describe(FRAME[["a"]].assign(t=pd.Timestamp(0))), TypeError,
-     r"column 't' is not numeric"),
     (lambda: vorel.describe(pd.DataFrame([[1.0, 2.0, 3.0]], columns=["a", "a", "b"])), ValueError,
      r"data: more than one column of data is named 'a'"),
     # weights
@@ -32,11 +29,9 @@ FRAME = pd.DataFrame({"a": [1.0, 2.0, 3.0], "b": [4.0, 5.0, 7.0], "w": [1.0, 2.0
      r"weights: needs values of 0 or more, row 1 holds -2"),
     (lambda: vorel.describe(X, weights=[1, np.nan, 3, 4]), ValueError,
      r"weights: needs finite values, row 1 holds nan"),
-    (lambda: vorel.describe(X, weights=[1, np.inf, 3, 4]), ValueError, r"weights: needs finite"),
     (lambda: vorel.describe(X, weights=np.ones((4, 1))), ValueError, r"weights: needs one dimension"),
     (lambda: vorel.describe(X, weights=["a", "b", "c", "d"]), TypeError, r"weights: needs one real"),
     (lambda: vorel.describe(X, reg_weights=[1, 1, -1, 1]), ValueError, r"reg_weights: needs values"),
-    (lambda: vorel.describe(X, reg_weights=[1, 1]), ValueError, r"reg_weights: has 2 values"),
     # column names
     (lambda: vorel.describe(X, weights="w"), TypeError, r"weights: names a column.*DataFrame"),
     (lambda: vorel.describe(FRAME[["a", "b"]], weights="v"), ValueError, r"weights: data has no column 'v'"),

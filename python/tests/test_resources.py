@@ -12,6 +12,7 @@ import numpy as np
 import pandas as pd
 
 import vorel
+from conftest import table
 
 
 def max_rss_kib():
@@ -19,10 +20,7 @@ def max_rss_kib():
 
 
 def test_repeated_calls_keep_no_references_and_no_memory(rng):
-    x = rng.normal(size=(20_000, 8))
-    x[rng.random(x.shape) < 0.05] = np.nan
-    w = rng.integers(1, 3, size=20_000).astype(float)
-    g = rng.choice(["a", "b"], size=20_000)
+    x, w, g = table(rng, 20_000, 8)
     frame = pd.DataFrame(x)
 
     def calls():

@@ -7,15 +7,13 @@ import pandas as pd
 import pytest
 
 import vorel
+from conftest import table
 
 
 def chunks(n, sizes):
-    start = 0
-    for size in sizes:
-        yield slice(start, min(n, start + size))
-        start += size
-    if start < n:
-        yield slice(start, n)
+    """Row ranges of the given sizes, then the rest."""
+    edges = [0, *np.cumsum(sizes), n]
+    return [slice(lo, hi) for lo, hi in zip(edges, edges[1:])]
 
 
 def assert_close(a, b):
@@ -37,10 +35,7 @@ def assert_close(a, b):
 @pytest.mark.parametrize("deletion", ["listwise", "pairwise"])
 def test_chunks_equal_one_call(rng, sizes, deletion):
     n = 20_000
-    x = rng.normal(3.0, 2.0, size=(n, 4))
-    x[rng.random(x.shape) < 0.03] = np.nan
-    w = rng.integers(0, 3, size=n).astype(float)
-    g = rng.choice(["a", "b", "c"], size=n)
+    x, w, g = table(rng, n, 4)
     whole = vorel.describe(x, weights=w, groups=g, deletion=deletion)
     acc = vorel.ByGroup(deletion=deletion)
     for part in chunks(n, sizes):

@@ -1,18 +1,16 @@
 """gzip and zstd input read directly: the same report as the plain text, byte
 for byte, and a clear error for every cut or damaged file."""
 import gzip
-import os
 import shutil
 import struct
 import subprocess
-import tempfile
 import unittest
 import zlib
 
 import numpy as np
 import pandas as pd
 
-from common import run
+from common import BAD_DATA, ScratchCase, run, run_ok
 
 ZSTD = shutil.which("zstd")
 
@@ -65,10 +63,10 @@ def make_text(rows=20000):
     return frame.to_csv(index=False).encode()
 
 
-class Compressed(unittest.TestCase):
+class Compressed(ScratchCase):
     @classmethod
     def setUpClass(cls):
-        cls.dir = tempfile.mkdtemp()
+        super().setUpClass()
         cls.text = make_text()
         cls.plain = cls.write("data.csv", cls.text)
         half = cls.text.index(b"\n", len(cls.text) // 2) + 1
@@ -79,6 +77,7 @@ class Compressed(unittest.TestCase):
             # Two members, as cat a.gz b.gz makes; the cut inside a line.
             "gzip, two members": cls.write(
                 "two.gz", gzip.compress(cls.text[:half + 5]) + gzip.compress(cls.text[half + 5:])),
+            "gzip, BGZF": cls.write("data.bgz", bgzf_compress(cls.text)),
         }
         if ZSTD:
             cls.forms["zstd"] = cls.write("data.csv.zst", zstd_compress(cls.text))
@@ -86,31 +85,14 @@ class Compressed(unittest.TestCase):
                 "two.zst", zstd_compress(cls.text[:half]) + zstd_compress(cls.text[half:]))
             # Decompressed on the threads.
             cls.forms["zstd, many frames"] = cls.write("many.zst", zstd_frames(cls.text))
-        cls.forms["gzip, BGZF"] = cls.write("data.bgz", bgzf_compress(cls.text))
 
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.dir)
-
-    @classmethod
-    def write(cls, name, data):
-        path = os.path.join(cls.dir, name)
-        with open(path, "wb") as handle:
-            handle.write(data)
-        return path
-
-    def report(self, path, *args, stdin=None):
+    def report(self, path, *args, stdin=False):
         """The JSON report without the line that names the file."""
-        if stdin is not None:
+        if stdin:
             with open(path, "rb") as handle:
-                data = handle.read()
-            done = subprocess.run([os.environ.get("VORELSTAT", "vorelstat"), "-", *args, "-f", "json"],
-                                  input=data, capture_output=True, timeout=60)
-            out, err = done.stdout.decode(), done.stderr.decode()
+                out = run_ok("-", *args, "-f", "json", stdin=handle.read()).decode()
         else:
-            done = run(path, *args, "-f", "json")
-            out, err = done.stdout, done.stderr
-        self.assertEqual(done.returncode, 0, err)
+            out = run_ok(path, *args, "-f", "json")
         return [line for line in out.splitlines() if '"file"' not in line]
 
     def test_compressed_reports_equal_the_plain_one_byte_for_byte(self):
@@ -132,16 +114,11 @@ class Compressed(unittest.TestCase):
     def test_parts_of_a_compressed_file_merge_to_the_plain_report(self):
         args = ["-w", "w", "-g", "g", "--weight-kind", "analytic", "--group-order", "first",
                 "--block-size", "16k"]
-        expected = run(self.plain, *args, "-f", "json").stdout
-        states = []
-        for blocks, threads in (("0:9", "2"), ("9:", "3")):
-            states.append(os.path.join(self.dir, f"part-{len(states)}.state"))
-            done = run(self.forms["gzip"], *args, "--blocks", blocks, "-j", threads,
-                       "--save-state", states[-1])
-            self.assertEqual(done.returncode, 0, done.stderr)
-        done = run("merge", *states, "-f", "json")
-        self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertEqual(done.stdout.replace("data.csv.gz", "data.csv"), expected)
+        states = [self.path("part-0.state"), self.path("part-1.state")]
+        for blocks, threads, state in (("0:9", "2", states[0]), ("9:", "3", states[1])):
+            run_ok(self.forms["gzip"], *args, "--blocks", blocks, "-j", threads, "--save-state", state)
+        self.assertEqual(run_ok("merge", *states, "-f", "json").replace("data.csv.gz", "data.csv"),
+                         run_ok(self.plain, *args, "-f", "json"))
 
     def test_every_cut_is_an_error_naming_the_truncation(self):
         # From the first cut that still shows the format's magic bytes.
@@ -154,52 +131,36 @@ class Compressed(unittest.TestCase):
             for cut in sorted({magic, 5, 11, 100, len(data) // 2, len(data) - 8, len(data) - 1}):
                 with self.subTest(form=form, cut=cut):
                     path = self.write(f"cut.{name}", data[:cut])
-                    done = run(path, "-j", "2")
-                    self.assertEqual(done.returncode, 1, done.stderr)
-                    self.assertEqual(done.stdout, "")
-                    self.assertRegex(done.stderr, f"{path}: (the {name} data ends before its end mark: "
-                                                  f"the file is truncated|corrupt {name} data)")
+                    err = self.assertFails(run(path, "-j", "2"), BAD_DATA)
+                    self.assertRegex(err, f"{path}: (the {name} data ends before its end mark: "
+                                          f"the file is truncated|corrupt {name} data)")
 
-    def test_damaged_data_is_an_error(self):
+    def test_damaged_data_and_an_early_error_end_the_run(self):
         with open(self.forms["gzip"], "rb") as handle:
             data = bytearray(handle.read())
         data[len(data) // 2] ^= 0x55
-        path = self.write("damaged.gz", bytes(data))
-        done = run(path)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn(f"{path}: corrupt gzip data", done.stderr)
-        path = self.write("trailing.gz", gzip.compress(self.text) + b"not gzip")
-        done = run(path)
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("corrupt gzip data", done.stderr)
-
-    def test_an_early_error_stops_the_decompression_ahead(self):
+        for name, content in (("damaged.gz", bytes(data)),
+                              ("trailing.gz", gzip.compress(self.text) + b"not gzip")):
+            path = self.write(name, content)
+            self.assertFails(run(path), BAD_DATA, f"{path}: corrupt gzip data")
         # The pass stops at line 3 while megabytes are still to be
         # decompressed: the run ends with the error, no hang, no report.
         text = b"a,b\n1,2\n3,x\n" + b"4,5\n" * 2000000
-        for name, data in (("gz", gzip.compress(text, 1)), ("zst", zstd_compress(text) if ZSTD else None)):
-            if data is None:
-                continue
-            with self.subTest(form=name):
-                path = self.write(f"early.csv.{name}", data)
-                done = run(path, "-c", "a,b")
-                self.assertEqual(done.returncode, 1, done.stderr)
-                self.assertIn('line 3, column 2 ("b")', done.stderr)
-                self.assertEqual(done.stdout, "")
+        for name, data in (("gz", gzip.compress(text, 1)),
+                           ("zst", zstd_compress(text) if ZSTD else None)):
+            if data is not None:
+                with self.subTest(form=name):
+                    path = self.write(f"early.csv.{name}", data)
+                    self.assertFails(run(path, "-c", "a,b"), BAD_DATA, 'line 3, column 2 ("b")')
 
     def test_a_column_with_late_text_is_read_twice_from_a_compressed_file(self):
         # Text past the first megabyte makes the tool read the file again
         # without that column: a compressed file can be, standard input not.
-        late = b"a,b\n" + b"1,2\n" * 400000 + b"3,oops\n"
-        path = self.write("late.csv.gz", gzip.compress(late))
-        done = run(path, "-f", "json")
-        self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertIn('"name": "b", "reason": "holds text (line 400002', done.stdout)
-        with open(path, "rb") as handle:
-            piped = subprocess.run([os.environ.get("VORELSTAT", "vorelstat"), "-"], stdin=handle,
-                                   capture_output=True, timeout=60)
-        self.assertEqual(piped.returncode, 1)
-        self.assertIn(b"needs its numeric columns named with --columns", piped.stderr)
+        late = gzip.compress(b"a,b\n" + b"1,2\n" * 400000 + b"3,oops\n")
+        path = self.write("late.csv.gz", late)
+        self.assertIn('"name": "b", "reason": "holds text (line 400002', run_ok(path, "-f", "json"))
+        self.assertFails(run("-", stdin=late), BAD_DATA,
+                         "needs its numeric columns named with --columns")
 
 
 if __name__ == "__main__":

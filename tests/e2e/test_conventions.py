@@ -6,101 +6,74 @@ import unittest
 import numpy as np
 import pandas as pd
 
-from common import CsvCase, TempCsv, matrix, run, run_json
+from common import (BAD_DATA, BAD_USAGE, COLUMNS, CsvCase, TempCsv, ToolCase, make_frame, matrix,
+                    run, run_json, run_ok)
 
-COLUMNS = ["a", "b", "c"]
 SEED = 20261124
 
 
-def make_frame(rows=400, missing=0.1):
-    """Three columns of different scales with some empty cells, an integer
-    frequency weight, a positive analytic weight and a group code."""
-    rng = np.random.default_rng(SEED)
-    frame = pd.DataFrame({
-        "a": rng.normal(10.0, 2.0, rows),
-        "b": rng.normal(-3.0, 50.0, rows),
-        "c": rng.exponential(4.0, rows) + 1e6,
-        "f": rng.integers(1, 6, rows),
-        "r": rng.uniform(0.05, 3.0, rows),
-        "g": rng.integers(1, 5, rows),
-    })
-    for name in COLUMNS:
-        frame.loc[rng.random(rows) < missing, name] = np.nan
-    return frame
-
-
-def numpy_cov(values, weights, kind, ddof):
+def numpy_cov(rows, kind, ddof):
+    """NumPy's covariance of the value columns of `rows` under the kind's weight column."""
+    weights = rows[WEIGHT[kind]].to_numpy()
     key = "fweights" if kind == "frequency" else "aweights"
-    return np.cov(values, rowvar=False, ddof=ddof, **{key: weights})
+    return np.cov(rows[COLUMNS].to_numpy(), rowvar=False, ddof=ddof, **{key: weights})
 
 
-def weight_column(kind):
-    return "f" if kind == "frequency" else "r"
+WEIGHT = {"frequency": "f", "analytic": "r"}
+CASES = [(kind, ddof) for kind in WEIGHT for ddof in (0, 1, 2)]
 
 
 class Conventions(CsvCase):
     frame = make_frame()
     text = frame.to_csv(index=False, float_format="%.17g")
 
-    def assertClose(self, actual, expected, msg=""):
-        np.testing.assert_allclose(np.asarray(actual, dtype=float), np.asarray(expected, dtype=float),
-                                   rtol=1e-10, atol=0, err_msg=msg)
+    def report(self, kind, ddof, *args):
+        return run_json(self.csv, "-c", ",".join(COLUMNS), "-w", WEIGHT[kind], "--weight-kind", kind,
+                        "--ddof", str(ddof), *args)
 
-    def cases(self):
-        for kind in ("frequency", "analytic"):
-            for ddof in (0, 1, 2):
-                yield kind, ddof
+    def assertWeightSum(self, kind, actual, expected):
+        # Whole frequency weights add up exactly, in any order.
+        (self.assertEqual if kind == "frequency" else self.assertClose)(actual, expected)
 
     def test_listwise_against_numpy_cov(self):
         complete = self.frame.dropna(subset=COLUMNS)
-        for kind, ddof in self.cases():
+        for kind, ddof in CASES:
             with self.subTest(kind=kind, ddof=ddof):
-                w = weight_column(kind)
-                report = run_json(self.path, "-c", ",".join(COLUMNS), "-w", w, "--weight-kind", kind,
-                                  "--ddof", str(ddof))
+                report = self.report(kind, ddof)
                 self.assertEqual((report["weight_kind"], report["ddof"]), (kind, ddof))
-                # Whole frequency weights add up exactly, in any order.
-                exact = self.assertEqual if kind == "frequency" else self.assertClose
-                exact(report["weight_sum"], complete[w].sum())
-                means = np.average(complete[COLUMNS], axis=0, weights=complete[w])
+                self.assertWeightSum(kind, report["weight_sum"], complete[WEIGHT[kind]].sum())
+                means = np.average(complete[COLUMNS], axis=0, weights=complete[WEIGHT[kind]])
                 self.assertClose([c["mean"] for c in report["columns"]], means)
-                cov = numpy_cov(complete[COLUMNS].to_numpy(), complete[w].to_numpy(), kind, ddof)
-                self.assertClose(matrix(report, "covariance"), cov)
-                self.assertClose([c["sd"] for c in report["columns"]], np.sqrt(np.diag(cov)))
+                cov = numpy_cov(complete, kind, ddof)
                 sd = np.sqrt(np.diag(cov))
+                self.assertClose(matrix(report, "covariance"), cov)
+                self.assertClose([c["sd"] for c in report["columns"]], sd)
                 self.assertClose(matrix(report, "correlation"), cov / np.outer(sd, sd))
 
     def test_pairwise_against_numpy_cov_of_each_pair(self):
-        for kind, ddof in self.cases():
-            w = weight_column(kind)
-            report = run_json(self.path, "-p", "-c", ",".join(COLUMNS), "-w", w, "--weight-kind", kind,
-                              "--ddof", str(ddof))
+        for kind, ddof in CASES:
+            report = self.report(kind, ddof, "-p")
             cov, weights = matrix(report, "covariance"), matrix(report, "pair_weights")
-            exact = self.assertEqual if kind == "frequency" else self.assertClose
             for i, x in enumerate(COLUMNS):
                 for j, y in enumerate(COLUMNS):
                     with self.subTest(kind=kind, ddof=ddof, pair=(x, y)):
                         both = self.frame.dropna(subset=[x, y])
-                        exact(weights[i, j], both[w].sum())
-                        expected = numpy_cov(both[[x, y]].to_numpy(), both[w].to_numpy(), kind, ddof)
-                        self.assertClose(cov[i, j], expected[0, 1 if i != j else 0])
+                        self.assertWeightSum(kind, weights[i, j], both[WEIGHT[kind]].sum())
+                        self.assertClose(cov[i, j], numpy_cov(both, kind, ddof)[i, j])
 
     def test_groups_against_numpy_cov_of_each_group(self):
         complete = self.frame.dropna(subset=COLUMNS)
-        for kind, ddof in self.cases():
+        for kind, ddof in CASES:
             with self.subTest(kind=kind, ddof=ddof):
-                w = weight_column(kind)
-                report = run_json(self.path, "-c", ",".join(COLUMNS), "-w", w, "-g", "g",
-                                  "--group-covariance", "--weight-kind", kind, "--ddof", str(ddof))
-                within = np.zeros((len(COLUMNS), len(COLUMNS)))
-                divisors = 0.0
+                # Blocks of 4k, so that each group's figures are joined over several.
+                report = self.report(kind, ddof, "-g", "g", "--group-covariance", "--block-size", "4k")
+                within, divisors = 0.0, 0.0
                 for group in report["groups"]:
                     rows = complete[complete["g"] == group["code"]]
-                    values, weights = rows[COLUMNS].to_numpy(), rows[w].to_numpy()
-                    cov = numpy_cov(values, weights, kind, ddof)
-                    self.assertClose(matrix(group, "covariance"), cov, f"group {group['code']}")
-                    v1 = weights.sum()
-                    divisor = v1 - ddof if kind == "frequency" else v1 - ddof * (weights ** 2).sum() / v1
+                    cov = numpy_cov(rows, kind, ddof)
+                    self.assertClose(matrix(group, "covariance"), cov, msg=f"group {group['code']}")
+                    w = rows[WEIGHT[kind]].to_numpy()
+                    divisor = w.sum() - ddof * (1 if kind == "frequency" else (w ** 2).sum() / w.sum())
                     within += cov * divisor
                     divisors += divisor
                 self.assertClose(report["pooled_divisor"], divisors)
@@ -118,47 +91,41 @@ class Conventions(CsvCase):
         self.assertTrue(any("divisor W - 2 V / W is not positive" in note for note in two["notes"]))
 
     def test_table_head_names_a_divisor_other_than_the_default(self):
-        default = run(self.path, "-c", "a,b", "-w", "f")
-        analytic = run(self.path, "-c", "a,b", "-w", "r", "--weight-kind", "analytic", "--ddof", "0")
-        self.assertEqual((default.returncode, analytic.returncode), (0, 0), default.stderr + analytic.stderr)
-        self.assertNotIn("divisor", default.stdout.split("\n\n")[0])
-        self.assertIn("divisor     W (analytic weights, ddof 0)", analytic.stdout)
+        default = run_ok(self.csv, "-c", "a,b", "-w", "f")
+        analytic = run_ok(self.csv, "-c", "a,b", "-w", "r", "--weight-kind", "analytic", "--ddof", "0")
+        self.assertNotIn("divisor", default.split("\n\n")[0])
+        self.assertIn("divisor     W (analytic weights, ddof 0)", analytic)
 
 
 class ColumnsAndSections(CsvCase):
     text = make_frame(rows=60).to_csv(index=False)
 
     def test_exclude_leaves_columns_out_of_either_choice(self):
-        chosen = run_json(self.path, "--exclude", "f,r,g")
+        chosen = run_json(self.csv, "--exclude", "f,r,g")
         self.assertEqual([c["name"] for c in chosen["columns"]], COLUMNS)
         self.assertEqual([s["name"] for s in chosen["skipped_columns"]], ["f", "r", "g"])
-        named = run_json(self.path, "-c", "a,b,c", "--exclude", "b")
+        named = run_json(self.csv, "-c", "a,b,c", "--exclude", "b")
         self.assertEqual([c["name"] for c in named["columns"]], ["a", "c"])
-        full = run_json(self.path, "-c", "a,c")
+        full = run_json(self.csv, "-c", "a,c")
         self.assertEqual(named["covariance"], full["covariance"])
 
     def test_sections_choose_what_is_printed(self):
-        keys = {"columns": ["columns"], "covariance": ["covariance"], "correlation": ["correlation"],
-                "pairs": ["pair_rows", "pair_weights"], "groups": ["groups"],
-                "pooled": ["pooled_divisor", "pooled_covariance"]}
-        titles = {"columns": "Columns", "covariance": "Covariance", "correlation": "Correlation",
-                  "pairs": "Rows of each pair", "groups": "Means by group of g",
-                  "pooled": "Pooled within-group covariance"}
-        every = [key for section in keys.values() for key in section]
-        args = [self.path, "-p", "-c", "a,b", "-g", "g"]
+        # Each section: its keys in the JSON report, its title in the table.
+        sections = {"columns": (["columns"], "Columns"), "covariance": (["covariance"], "Covariance"),
+                    "correlation": (["correlation"], "Correlation"),
+                    "pairs": (["pair_rows", "pair_weights"], "Rows of each pair"),
+                    "groups": (["groups"], "Means by group of g"),
+                    "pooled": (["pooled_divisor", "pooled_covariance"], "Pooled within-group covariance")}
+        args = [self.csv, "-p", "-c", "a,b", "-g", "g"]
         full = run_json(*args)
         for chosen in (["columns"], ["pairs", "pooled"], ["covariance", "groups"]):
             with self.subTest(sections=chosen):
                 report = run_json(*args, "--sections", ",".join(chosen))
-                shown = [key for section in chosen for key in keys[section]]
-                for key in every:
-                    self.assertEqual(key in report, key in shown, key)
-                    if key in shown:
-                        self.assertEqual(report[key], full[key], key)
-                table = run(*args, "--sections", ",".join(chosen))
-                self.assertEqual(table.returncode, 0, table.stderr)
-                for section, title in titles.items():
-                    self.assertEqual("\n" + title in table.stdout, section in chosen, title)
+                table = run_ok(*args, "--sections", ",".join(chosen))
+                for section, (keys, title) in sections.items():
+                    self.assertEqual("\n" + title in table, section in chosen, title)
+                    for key in keys:
+                        self.assertEqual(report.get(key), full[key] if section in chosen else None, key)
 
     def test_bad_conventions_are_usage_errors(self):
         cases = [
@@ -172,13 +139,10 @@ class ColumnsAndSections(CsvCase):
         ]
         for args, message in cases:
             with self.subTest(args=args):
-                done = run(self.path, *args)
-                self.assertEqual(done.returncode, 2, done.stderr)
-                self.assertIn(message, done.stderr)
-                self.assertEqual(done.stdout, "")
+                self.assertFails(run(self.csv, *args), BAD_USAGE, message)
 
 
-class GroupLabels(unittest.TestCase):
+class GroupLabels(ToolCase):
     """Groups of any label against pandas' groupby on the same file."""
 
     def check_against_pandas(self, frame, group, columns, report, sort=True):
@@ -223,52 +187,33 @@ class GroupLabels(unittest.TestCase):
 
     def test_pandas_decimal_codes_and_years_need_no_range(self):
         rng = np.random.default_rng(SEED + 1)
-        rows = 500
-        frame = pd.DataFrame({
-            "code": pd.array(rng.integers(1, 4, rows), dtype="Int64"),
-            "year": rng.integers(1990, 2021, rows),
-            "x": rng.normal(0.0, 1.0, rows),
-        })
-        frame.loc[rng.random(rows) < 0.1, "code"] = pd.NA
-        text = frame.astype({"code": "float64"}).to_csv(index=False)
-        self.assertIn("\n1.0,", text)
-        with TempCsv(text) as path:
+        frame = pd.DataFrame({"code": rng.integers(1, 4, 500).astype(float),
+                              "year": rng.integers(1990, 2021, 500), "x": rng.normal(0.0, 1.0, 500)})
+        frame.loc[rng.random(500) < 0.1, "code"] = np.nan
+        # pandas writes the codes as "1.0", R's write.csv2 as "1,0".
+        r_text = frame.to_csv(index=False, sep=";", decimal=",")
+        self.assertIn("\n1,0;", r_text)
+        with TempCsv(frame.to_csv(index=False)) as path, TempCsv(r_text) as comma:
             codes = run_json(path, "-g", "code", "-c", "x")
-            years = run_json(path, "-g", "year", "-c", "x")
-            checked = run(path, "-g", "year", "-c", "x", "--group-range", "1990:2000")
-        pandas_frame = frame.astype({"code": "float64"})
-        self.check_against_pandas(pandas_frame, "code", ["x"], codes)
-        self.assertEqual(codes["rows"]["without_group"], int(frame["code"].isna().sum()))
-        self.check_against_pandas(frame, "year", ["x"], years)
-        # R's write.csv2 writes the codes as "1,0".
-        text2 = frame.astype({"code": "float64"}).to_csv(index=False, sep=";", decimal=",")
-        self.assertIn("\n1,0;", text2)
-        with TempCsv(text2) as path:
-            comma = run_json(path, "-g", "code", "-c", "x", "--decimal", ",")
-        self.assertEqual(comma["groups"], codes["groups"])
-        self.assertEqual(checked.returncode, 1)
-        self.assertIn("outside the group range 1990..2000", checked.stderr)
+            self.check_against_pandas(frame, "code", ["x"], codes)
+            self.assertEqual(codes["rows"]["without_group"], int(frame["code"].isna().sum()))
+            self.check_against_pandas(frame, "year", ["x"], run_json(path, "-g", "year", "-c", "x"))
+            self.assertEqual(run_json(comma, "-g", "code", "-c", "x", "--decimal", ",")["groups"],
+                             codes["groups"])
 
-    def test_too_many_labels_is_an_error_naming_the_line(self):
+    def test_too_many_labels_is_an_error_naming_the_line_or_the_file(self):
         lines = "".join(f"id{i},{i % 7}\n" for i in range(50))
         with TempCsv("g,x\n" + lines) as path:
-            done = run(path, "-g", "g", "-c", "x", "--max-groups", "20", "-j", "1")
             fine = run_json(path, "-g", "g", "-c", "x", "--max-groups", "50")
-        self.assertEqual(done.returncode, 1)
-        self.assertIn("line 22, column 1 (\"g\"): the group column holds more than 20 distinct", done.stderr)
-        self.assertEqual(done.stdout, "")
-        self.assertEqual(len(fine["groups"]), 50)
-
-    def test_too_many_labels_over_the_blocks_is_an_error_naming_the_file(self):
-        # Blocks of 64 bytes hold a few labels each: the limit is passed only
-        # where the blocks' groups are joined.
-        lines = "".join(f"id{i},{i % 7}\n" for i in range(50))
-        with TempCsv("g,x\n" + lines) as path:
-            done = run(path, "-g", "g", "-c", "x", "--max-groups", "20", "--block-size", "64",
-                       "-j", "2")
-        self.assertEqual(done.returncode, 1)
-        self.assertIn(f"{path}: the group column holds more than 20 distinct", done.stderr)
-        self.assertEqual(done.stdout, "")
+            self.assertEqual(len(fine["groups"]), 50)
+            # Blocks of 64 bytes hold a few labels each: the limit is passed
+            # only where the blocks' groups are joined.
+            for args, where in ((["-j", "1"], path + ', line 22, column 1 ("g"): '),
+                                (["--block-size", "64", "-j", "2"], path + ": ")):
+                with self.subTest(args=args):
+                    done = run(path, "-g", "g", "-c", "x", "--max-groups", "20", *args)
+                    self.assertFails(done, BAD_DATA,
+                                     where + "the group column holds more than 20 distinct")
 
 
 if __name__ == "__main__":

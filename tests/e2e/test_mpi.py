@@ -4,16 +4,16 @@ group labels and the options of the report; a column that turns to text late,
 quoted line ends across the ranks' cuts and a bad line give what one process
 gives; a pipe and compressed input are refused; a rank that is killed ends the
 job with an error, never a hang."""
+import gzip
 import os
 import random
 import shutil
 import signal
 import subprocess
-import tempfile
 import time
 import unittest
 
-from common import BINARY
+from common import BAD_DATA, BAD_USAGE, BINARY, ScratchCase, run
 from test_state import write_csv
 
 MPIRUN = shutil.which("mpirun")
@@ -28,17 +28,17 @@ def mpirun(ranks, *args, wrap=None):
     command = [BINARY, *args] if wrap is None else wrap([BINARY, *args])
     return subprocess.Popen([MPIRUN, "--oversubscribe", "-n", str(ranks), *command], env=env,
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
+                            stderr=subprocess.PIPE, text=True)
 
 
 def finish(process):
     out, err = process.communicate(timeout=TIMEOUT)
-    return process.returncode, out, err.decode()
+    return process.returncode, out, err
 
 
 def one_process(*args):
-    done = subprocess.run([BINARY, *args], capture_output=True, timeout=TIMEOUT)
-    return done.returncode, done.stdout, done.stderr.decode()
+    done = run(*args, timeout=TIMEOUT)
+    return done.returncode, done.stdout, done.stderr
 
 
 def write_late_text(path, rows, text_from):
@@ -53,19 +53,12 @@ def write_late_text(path, rows, text_from):
 
 
 @unittest.skipIf(MPIRUN is None, "mpirun not found")
-class UnderMpirun(unittest.TestCase):
+class UnderMpirun(ScratchCase):
     @classmethod
     def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-mpi-")
-        cls.csv = os.path.join(cls.scratch.name, "data.csv")
+        super().setUpClass()
+        cls.csv = cls.path("data.csv")
         write_csv(cls.csv, 6000, 1)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
-
-    def path(self, name):
-        return os.path.join(self.scratch.name, name)
 
     def test_reports_of_one_to_four_ranks_are_the_one_process_bytes(self):
         # The data's group labels are of every kind; the options of the
@@ -89,11 +82,11 @@ class UnderMpirun(unittest.TestCase):
         # the last rank's part: every rank reads again without the column.
         late = self.path("late.csv")
         write_late_text(late, 30000, 28000)
-        with open(late, "rb") as handle:
-            self.assertGreater(handle.read().index(b"n/a"), 1 << 20)
+        with open(late) as handle:
+            self.assertGreater(handle.read().index("n/a"), 1 << 20)
         code, expected, err = one_process(late, "-w", "w", "-g", "g", "-f", "json")
         self.assertEqual(code, 0, err)
-        self.assertIn(b"line 28002", expected)
+        self.assertIn("line 28002", expected)
         state = self.path("late.state")
         code, out, err = finish(mpirun(3, late, "-w", "w", "-g", "g", "-f", "json",
                                        "--save-state", state))
@@ -129,24 +122,21 @@ class UnderMpirun(unittest.TestCase):
         lines[5000] = "1,2,3,heavy,north\n"
         with open(bad, "w") as out:
             out.writelines(lines)
-        code, _, expected = one_process(bad, "-w", "w", "--block-size", "4k")
-        self.assertEqual(code, 1)
-        self.assertIn("line 5001", expected)
+        expected = self.assertFails(run(bad, "-w", "w", "--block-size", "4k"), BAD_DATA, "line 5001")
         for ranks in (2, 4):
             with self.subTest(ranks=ranks):
                 code, out, err = finish(mpirun(ranks, bad, "-w", "w", "--block-size", "4k"))
-                self.assertEqual((code, out), (1, b""))
+                self.assertEqual((code, out), (BAD_DATA, ""))
                 self.assertEqual([line for line in err.splitlines()
                                   if line.startswith("vorelstat:")], [expected.strip()])
 
     def test_standard_input_and_compressed_input_are_refused(self):
-        packed = self.path("data.csv.gz")
-        with open(packed, "wb") as out:
-            subprocess.run(["gzip", "-c", self.csv], stdout=out, check=True, timeout=TIMEOUT)
+        with open(self.csv, "rb") as plain:
+            packed = self.write("data.csv.gz", gzip.compress(plain.read()))
         for source in ("-", packed):
             with self.subTest(source=source):
                 code, out, err = finish(mpirun(2, source))
-                self.assertEqual((code, out), (2, b""))
+                self.assertEqual((code, out), (BAD_USAGE, ""))
                 self.assertEqual(err.count("under MPI the input must be a regular file"), 1)
 
     def test_a_killed_rank_ends_the_job(self):
@@ -176,7 +166,7 @@ class UnderMpirun(unittest.TestCase):
         code, out, err = finish(process)
         self.assertIsNotNone(victim, "rank 1 never opened the file")
         self.assertNotEqual(code, 0)
-        self.assertEqual(out, b"")
+        self.assertEqual(out, "")
         self.assertIn("signal 9", err)
 
 

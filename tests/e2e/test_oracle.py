@@ -3,73 +3,62 @@ against NumPy, listwise and by pair: test_conventions.)"""
 import io
 import unittest
 
-import numpy as np
 import pandas as pd
 
-from common import NUMERIC, SAMPLE, TempCsv, matrix, run, run_json
+from common import NUMERIC, SAMPLE, TempCsv, ToolCase, matrix, run_ok, run_json
+
+TIGHT = dict(rtol=1e-11, atol=1e-11)
 
 
-class OracleCase(unittest.TestCase):
+class OracleCase(ToolCase):
     @classmethod
     def setUpClass(cls):
         cls.frame = pd.read_csv(SAMPLE)
 
-    def assertClose(self, actual, expected, rtol=1e-11, atol=1e-11, msg=None):
-        np.testing.assert_allclose(np.asarray(actual, dtype=float), np.asarray(expected, dtype=float),
-                                   rtol=rtol, atol=atol, err_msg=msg or "")
+    def assertMomentsOf(self, report, values):
+        """Columns, covariance and correlation of the report against pandas on `values`."""
+        self.assertEqual([c["name"] for c in report["columns"]], list(values.columns))
+        self.assertEqual([c["n"] for c in report["columns"]], values.count().tolist())
+        self.assertEqual([c["min"] for c in report["columns"]], values.min().tolist())
+        self.assertEqual([c["max"] for c in report["columns"]], values.max().tolist())
+        self.assertClose([c["mean"] for c in report["columns"]], values.mean(), **TIGHT)
+        self.assertClose([c["sd"] for c in report["columns"]], values.std(), **TIGHT)
+        self.assertClose(matrix(report, "covariance"), values.cov(), **TIGHT)
+        self.assertClose(matrix(report, "correlation"), values.corr(), **TIGHT)
 
 
-class Listwise(OracleCase):
-    def test_unweighted_against_pandas(self):
+class Moments(OracleCase):
+    def test_listwise_unweighted_against_pandas(self):
         report = run_json(SAMPLE)
-        self.assertEqual([c["name"] for c in report["columns"]], ["region", "weight"] + NUMERIC)
         complete = self.frame[["region", "weight"] + NUMERIC].dropna()
-        self.assertEqual(report["rows"]["read"], len(self.frame))
-        self.assertEqual(report["rows"]["used"], len(complete))
-        for column in report["columns"]:
-            series = complete[column["name"]]
-            self.assertEqual(column["n"], len(series))
-            self.assertEqual(column["min"], series.min())
-            self.assertEqual(column["max"], series.max())
-            self.assertClose(column["mean"], series.mean())
-            self.assertClose(column["sd"], series.std())
-        self.assertClose(matrix(report, "covariance"), complete.cov().to_numpy())
-        self.assertClose(matrix(report, "correlation"), complete.corr().to_numpy())
+        self.assertEqual((report["rows"]["read"], report["rows"]["used"]),
+                         (len(self.frame), len(complete)))
+        self.assertMomentsOf(report, complete)
 
-
-class Pairwise(OracleCase):
-    def test_unweighted_against_pandas(self):
+    def test_pairwise_unweighted_against_pandas(self):
         report = run_json(SAMPLE, "--pairwise", "-c", ",".join(NUMERIC))
         values = self.frame[NUMERIC]
         present = values.notna().to_numpy().astype(int)
         self.assertEqual(report["rows"]["used"], len(self.frame))
         self.assertEqual(report["rows"]["incomplete"], int((present == 0).any(axis=1).sum()))
-        self.assertEqual(np.array(report["pair_rows"]).tolist(), (present.T @ present).tolist())
-        self.assertClose([c["mean"] for c in report["columns"]], values.mean().to_numpy())
-        self.assertClose([c["sd"] for c in report["columns"]], values.std().to_numpy())
-        self.assertEqual([c["min"] for c in report["columns"]], values.min().tolist())
-        self.assertClose(matrix(report, "covariance"), values.cov().to_numpy())
-        self.assertClose(matrix(report, "correlation"), values.corr().to_numpy())
-
-
-class Groups(OracleCase):
-    """Pairwise deletion by group still takes complete rows. (Weighted groups
-    against NumPy: test_conventions.)"""
+        self.assertEqual(report["pair_rows"], (present.T @ present).tolist())
+        self.assertMomentsOf(report, values)
 
     def test_unweighted_pairwise_groups_take_complete_rows(self):
+        # Weighted groups against NumPy: test_conventions.
         report = run_json(SAMPLE, "-p", "-g", "region", "-c", ",".join(NUMERIC))
         complete = self.frame.dropna(subset=NUMERIC)
         codes = sorted(complete["region"].unique())
         self.assertEqual([g["code"] for g in report["groups"]], codes)
-        within = np.zeros((len(NUMERIC), len(NUMERIC)))
+        within = 0
         for group in report["groups"]:
             rows = complete[complete["region"] == group["code"]]
             self.assertEqual((group["n"], group["weight"]), (len(rows), len(rows)))
-            self.assertClose(group["means"], rows[NUMERIC].mean().to_numpy())
+            self.assertClose(group["means"], rows[NUMERIC].mean(), **TIGHT)
             within += rows[NUMERIC].cov().to_numpy() * (len(rows) - 1)
         divisor = len(complete) - len(codes)
         self.assertEqual(report["pooled_divisor"], divisor)
-        self.assertClose(matrix(report, "pooled_covariance"), within / divisor)
+        self.assertClose(matrix(report, "pooled_covariance"), within / divisor, **TIGHT)
 
 
 class Formats(unittest.TestCase):
@@ -78,9 +67,8 @@ class Formats(unittest.TestCase):
     def test_csv_matches_json(self):
         args = [SAMPLE, "-p", "-w", "weight", "-g", "region"]
         report = run_json(*args)
-        done = run(*args, "--format", "csv")
-        self.assertEqual(done.returncode, 0, done.stderr)
-        csv = pd.read_csv(io.StringIO(done.stdout), dtype={"value": str}, keep_default_na=False)
+        csv = pd.read_csv(io.StringIO(run_ok(*args, "--format", "csv")), dtype={"value": str},
+                          keep_default_na=False)
         columns = csv[csv.section == "column"]
         for column in report["columns"]:
             rows = columns[columns.row == column["name"]].set_index("statistic")["value"]
@@ -98,24 +86,22 @@ class Formats(unittest.TestCase):
 
     def test_table_shows_the_figures_to_six_digits(self):
         report = run_json(SAMPLE, "-w", "weight")
-        done = run(SAMPLE, "-w", "weight")
-        self.assertEqual(done.returncode, 0, done.stderr)
-        section = done.stdout.split("\nColumns\n")[1].split("\n\n")[0]
+        table = run_ok(SAMPLE, "-w", "weight")
+        section = table.split("\nColumns\n")[1].split("\n\n")[0]
         lines = {line.split()[0]: line.split() for line in section.splitlines()}
         for column in report["columns"]:
             cells = lines[column["name"]]
             self.assertEqual(cells[1], str(column["n"]))
             self.assertEqual(cells[3], "%.6g" % column["mean"])
         for title in ("Columns", "Covariance", "Correlation"):
-            self.assertIn("\n" + title + "\n", done.stdout)
+            self.assertIn("\n" + title + "\n", table)
 
     def test_delimiters_and_quotes(self):
-        frame = pd.read_csv(SAMPLE)
         expected = run_json(SAMPLE, "-c", "income,rent")
-        for sep, name in ((";", "semi"), ("\t", "tab")):
-            with TempCsv(frame.to_csv(index=False, sep=sep, quoting=1)) as path:
-                report = run_json(path, "-c", "income,rent")
-            self.assertEqual(report["covariance"], expected["covariance"], name)
+        for sep in (";", "\t"):
+            with TempCsv(pd.read_csv(SAMPLE).to_csv(index=False, sep=sep, quoting=1)) as path:
+                self.assertEqual(run_json(path, "-c", "income,rent")["covariance"],
+                                 expected["covariance"], sep)
 
 
 if __name__ == "__main__":

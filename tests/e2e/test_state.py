@@ -7,11 +7,9 @@ import os
 import random
 import resource
 import signal
-import subprocess
-import tempfile
 import unittest
 
-from common import BINARY, crc32c, run
+from common import BAD_DATA, BAD_USAGE, ScratchCase, crc32c, run, run_ok as ok
 
 
 def group_label(rng, row, rows):
@@ -56,30 +54,14 @@ def with_checksum(body):
     return body + crc32c(body).to_bytes(4, "little")
 
 
-def ok(*args, stdin=None):
-    done = subprocess.run([BINARY, *args], input=stdin, capture_output=True, timeout=120)
-    if done.returncode != 0:
-        raise AssertionError(f"{args}: exit {done.returncode}: {done.stderr.decode()}")
-    return done.stdout
-
-
-class States(unittest.TestCase):
+class States(ScratchCase):
     @classmethod
     def setUpClass(cls):
-        cls.scratch = tempfile.TemporaryDirectory(prefix="vorelstat-state-")
-        cls.dir = cls.scratch.name
+        super().setUpClass()
         cls.csv = cls.path("data.csv")
         write_csv(cls.csv, 6000, 1)
         cls.comma = cls.path("comma.csv")
         write_csv(cls.comma, 6000, 1, decimal=",")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.scratch.cleanup()
-
-    @classmethod
-    def path(cls, name):
-        return os.path.join(cls.dir, name)
 
     def save(self, name, *args, source=None, stdin=None):
         state = self.path(name)
@@ -129,11 +111,8 @@ class States(unittest.TestCase):
         self.assertEqual(json.loads(ok("merge", both, "-f", "json")), merged)
         # Against one pass over both days' rows: exact where the figures are
         # exact, up to rounding elsewhere.
-        joined = self.path("joined.csv")
-        with open(joined, "w", newline="") as out, open(self.csv, newline="") as first, \
-                open(today, newline="") as second:
-            out.write(first.read())
-            out.write("".join(second.readlines()[1:]))
+        with open(self.csv, newline="") as first, open(today, newline="") as second:
+            joined = self.write("joined.csv", first.read() + second.read().split("\n", 1)[1])
         one = json.loads(ok(joined, "-w", "w", "-g", "g", "--block-size", "4k", "-f", "json"))
         self.assertEqual(merged["rows"], one["rows"])
         for got, want in zip(merged["columns"], one["columns"]):
@@ -145,12 +124,6 @@ class States(unittest.TestCase):
             # rounding grows with the distance over the spread.
             tolerance = 1e-13 * max(1.0, abs(want["mean"]) / want["sd"])
             self.assertAlmostEqual(got["sd"] / want["sd"], 1.0, delta=tolerance)
-
-    def refused(self, args, code, says):
-        done = run(*args)
-        self.assertEqual(done.returncode, code, done.stderr)
-        self.assertEqual(done.stdout, "")
-        self.assertIn(says, done.stderr)
 
     def test_damaged_states_are_refused(self):
         good = self.save("good.state", "-w", "w", "-g", "g")
@@ -169,12 +142,11 @@ class States(unittest.TestCase):
         }
         for name, (content, says) in cases.items():
             with self.subTest(name):
-                path = self.path(name)
-                with open(path, "wb") as out:
-                    out.write(content)
-                self.refused(["merge", good, path], 1, f"{path}: not a usable vorelstat state: ")
-                self.refused(["merge", path], 1, says)
-        self.refused(["merge", self.path("missing.state")], 2, "missing.state")
+                path = self.write(name, content)
+                self.assertFails(run("merge", good, path), BAD_DATA,
+                                 f"{path}: not a usable vorelstat state: ")
+                self.assertFails(run("merge", path), BAD_DATA, says)
+        self.assertFails(run("merge", self.path("missing.state")), BAD_USAGE, "missing.state")
 
     def test_states_of_other_columns_or_options_are_refused(self):
         columns = ["-c", "big,mixed,tiny"]
@@ -197,11 +169,11 @@ class States(unittest.TestCase):
             with self.subTest(args=args):
                 named = args if "-c" in args else columns + args
                 other = self.save("other.state", *named)
-                self.refused(["merge", base, other], 2,
+                self.assertFails(run("merge", base, other), BAD_USAGE,
                              f"{other} does not fit the states before it: {says}")
         other = self.path("grid.state")
         ok(self.csv, *columns, "-w", "w", "-g", "g", "--block-size", "8k", "--save-state", other)
-        self.refused(["merge", base, other], 2, "block size: 4096 against 8192")
+        self.assertFails(run("merge", base, other), BAD_USAGE, "block size: 4096 against 8192")
 
     def test_a_write_that_fails_half_way_leaves_the_old_state(self):
         state = self.save("kept.state", "-w", "w", "-g", "g", "--group-covariance")
@@ -214,14 +186,13 @@ class States(unittest.TestCase):
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000))
 
-        done = subprocess.run([BINARY, self.csv, "-p", "--save-state", state], capture_output=True,
-                              text=True, timeout=120, preexec_fn=small_files)
+        done = run(self.csv, "-p", "--save-state", state, timeout=120, preexec_fn=small_files)
         self.assertNotEqual(done.returncode, 0)
         self.assertIn(state, done.stderr)
         self.assertEqual(done.stdout, "", "no report when the state could not be kept")
         with open(state, "rb") as handle:
             self.assertEqual(handle.read(), before)
-        leftovers = [name for name in os.listdir(self.dir) if name.startswith("kept.state.")]
+        leftovers = [name for name in os.listdir(self.scratch.name) if name.startswith("kept.state.")]
         self.assertEqual(leftovers, [])
 
 
