@@ -221,6 +221,7 @@ class StatPassErrorThreaded
 
 TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
   const auto [threads, blockBytes, readSize] = GetParam();
+  const Way way{threads, readSize};
   std::string text = "a;b\n";
   for (int line = 2; line <= 400; ++line) {
     if (line % 9 == 0) {
@@ -237,9 +238,7 @@ TEST_P(StatPassErrorThreaded, ReportsTheFirstBadLine) {
   s.rules.missingTexts = {""};
   PassOptions options;
   options.blockBytes = blockBytes;
-  const std::string what = MessageOf<DataError>([&] {
-    Pass(text, s, options, {threads, readSize});
-  });
+  const std::string what = MessageOf<DataError>([&] { Pass(text, s, options, way); });
   EXPECT_TRUE(what.ends_with(", line 123, column 2 (\"b\"): cell \"x1\" is not a number")) << what;
 }
 
