@@ -1,8 +1,8 @@
 // A host's own implementation of the vorelhost interfaces, as small as it can
 // be and still do the work: a fixed answer for every question about the
 // machine, threads that are never moved (the requests are only noted), an
-// assertion that names this host, and a pool that starts a thread of its own
-// for each task, up to its thread count.
+// assertion that names this host, and a pool whose threads take tasks from one
+// queue.
 #include "host.h"
 
 #include <vorelhost/assertion.h>
@@ -12,10 +12,8 @@
 #include <vorelhost/tpthreadpool.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <system_error>
 #include <utility>
@@ -110,41 +108,63 @@ tpThreadPoolBase::tpThreadPoolBase(int threadCount, int stackKilobytes)
     : _threadCount(threadCount > 0 ? threadCount : 0), _stackKilobytes(stackKilobytes) {}
 
 tpThreadPoolBase::~tpThreadPoolBase() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _closing = true;
+  }
+  _wake.notify_all();
   for (pthread_t thread : _threads)
     pthread_join(thread, nullptr);
 }
 
 bool tpThreadPoolBase::init() { return !std::exchange(_initialised, true); }
 
-bool tpThreadPoolBase::startAll() { return _initialised && !std::exchange(_started, true); }
-
 // The system's default stack for every thread: this host asks for no size.
-bool tpThreadPoolBase::invoke(tpTaskObject* task, void* arg, ThreadScope) {
-  auto queued = std::make_unique<QueuedTask>(QueuedTask{std::unique_ptr<tpTaskObject>(task), arg});
-  if (task == nullptr || !_started || _threads.size() >= static_cast<std::size_t>(_threadCount))
-    return false;
-  pthread_t thread;
-  const int error = pthread_create(&thread, nullptr, &ThreadMain, queued.get());
-  if (error != 0) throw std::system_error(error, std::generic_category(), "own host pool");
-  queued.release();
-  _threads.push_back(thread);
+bool tpThreadPoolBase::startAll() {
+  if (!_initialised || std::exchange(_started, true)) return false;
+  for (int i = 0; i < _threadCount; ++i) {
+    pthread_t thread;
+    const int error = pthread_create(&thread, nullptr, &ThreadMain, this);
+    if (error != 0) throw std::system_error(error, std::generic_category(), "own host pool");
+    _threads.push_back(thread);
+  }
   return true;
 }
 
-// Runs one task; a task that throws reports to its counter, or ends the
-// process if it names none.
-void* tpThreadPoolBase::ThreadMain(void* queued) {
-  const std::unique_ptr<QueuedTask> next(static_cast<QueuedTask*>(queued));
-  ++tasksRun;
-  try {
-    next->task->Run(next->arg);
-  } catch (...) {
-    tpCompleteTask* counter = next->task->getCompleteTask();
-    if (counter == nullptr) std::terminate();
-    next->task.reset();
-    counter->TaskFailed(std::current_exception());
+bool tpThreadPoolBase::invoke(tpTaskObject* task, void* arg, ThreadScope) {
+  std::unique_ptr<tpTaskObject> owned(task);
+  if (owned == nullptr || _threadCount == 0) return false;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _queue.push_back({std::move(owned), arg});
   }
-  return nullptr;
+  _wake.notify_one();
+  return true;
+}
+
+// Each thread runs tasks until the pool closes and the queue is empty; a task
+// that throws reports to its counter, or ends the process if it names none.
+void* tpThreadPoolBase::ThreadMain(void* self) {
+  auto& pool = *static_cast<tpThreadPoolBase*>(self);
+  for (;;) {
+    QueuedTask next;
+    {
+      std::unique_lock<std::mutex> lock(pool._mutex);
+      pool._wake.wait(lock, [&pool] { return pool._closing || !pool._queue.empty(); });
+      if (pool._queue.empty()) return nullptr;
+      next = std::move(pool._queue.front());
+      pool._queue.pop_front();
+    }
+    ++tasksRun;
+    try {
+      next.task->Run(next.arg);
+    } catch (...) {
+      tpCompleteTask* counter = next.task->getCompleteTask();
+      if (counter == nullptr) std::terminate();
+      next.task.reset();
+      counter->TaskFailed(std::current_exception());
+    }
+  }
 }
 
 }  // namespace vorelhost
