@@ -88,8 +88,10 @@ ColumnSweep SweepColumn(const double* x, std::size_t n, double code, std::uint64
     const double v = x[r];
     // Compared exactly, on purpose: equality with the code makes a cell missing.
     const bool missing = kNaN ? v != v : kSkips && v == code;
-    if constexpr (kFlags) missingRows[r / kWord] |= std::uint64_t{missing} << (r % kWord);
-    if constexpr (kFlags) found.sawCode |= v == code;
+    if constexpr (kFlags) {
+      missingRows[r / kWord] |= std::uint64_t{missing} << (r % kWord);
+      found.sawCode |= v == code;
+    }
     if constexpr (kNaN) {
       marked[r] = missing ? code : v;
     } else {
