@@ -64,24 +64,6 @@ class ToolCase(unittest.TestCase):
                                    rtol=rtol, atol=atol, err_msg=msg)
 
 
-class TempCsv:
-    """A file holding `text`, removed on exit from the with block."""
-
-    def __init__(self, text, suffix=".csv"):
-        self.text = text
-        self.suffix = suffix
-
-    def __enter__(self):
-        handle = tempfile.NamedTemporaryFile("w", suffix=self.suffix, delete=False)
-        handle.write(self.text)
-        handle.close()
-        self.path = handle.name
-        return self.path
-
-    def __exit__(self, *exc):
-        os.unlink(self.path)
-
-
 class ScratchCase(ToolCase):
     """Tests that share a scratch directory, removed after the class."""
 

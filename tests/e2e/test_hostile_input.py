@@ -7,13 +7,12 @@ import math
 import os
 import random
 import resource
-import sys
 import unittest
 from fractions import Fraction
 
 import numpy as np
 
-from common import BAD_DATA, BAD_USAGE, TempCsv, ToolCase, csv_text, run, run_json
+from common import BAD_DATA, BAD_USAGE, ScratchCase, ToolCase, csv_text, run, run_json
 
 
 def run_limited(args, megabytes, stdin):
@@ -44,12 +43,9 @@ def exact_pooled(rows):
 
 class Crashes(ToolCase):
     def test_an_open_quote_past_the_header_names_no_header_field(self):
-        for extra in (1, 10, 200):
-            with self.subTest(extra=extra):
-                line = "1,2," + ",".join(["3"] * (extra - 1)) + ("," if extra > 1 else "") + '"x'
-                done = run("-", stdin="a,b\n" + line + "\n")
-                self.assertFails(done, BAD_DATA, "line 2: the line has more fields than the header's 2",
-                                 "no closing quote")
+        done = run("-", stdin="a,b\n1,2,3,3,3,\"x\n")
+        self.assertFails(done, BAD_DATA, "line 2: the line has more fields than the header's 2",
+                         "no closing quote")
 
     def test_group_ranges_up_to_the_limits_of_64_bits(self):
         text = "g,x\n-5,1\n9223372036854775807,2\n-5,3\n0,4\n"
@@ -63,7 +59,7 @@ class Crashes(ToolCase):
         self.assertFails(done, BAD_USAGE, "vorelstat: --group-range")
 
 
-class WrongFigures(ToolCase):
+class WrongFigures(ScratchCase):
     def test_rows_of_weight_zero_are_absent_whatever_the_batches(self):
         text = "x,y,w\n1,5,0\n2,3,0\n3,4,1\n4,9,1\n5,1,1\n"
         without = run_json("-", "-w", "w", stdin="x,y,w\n3,4,1\n4,9,1\n5,1,1\n")
@@ -98,6 +94,22 @@ class WrongFigures(ToolCase):
         pair = run_json("-", "-p", "-c", "b,c", stdin="b,c\n1,7\n2,7\nNA,8\n")
         self.assertIsNone(pair["correlation"][0][1])
         self.assertEqual(pair["covariance"][0][1], 0)
+        # A group's constant column, joined over blocks of a few rows each.
+        grouped = run_json("-", "-g", "g", "--block-size", "64", "--group-covariance",
+                           stdin="g,a,b\n" + "1,0.1,1\n2,0.1,2\n1,0.1,4\n" * 30)
+        for group in grouped["groups"]:
+            self.assertEqual(group["means"][0], 0.1)
+            self.assertEqual(group["covariance"][0], [0, 0])
+
+    def test_no_rows_give_counts_of_0_and_no_figures(self):
+        for deletion in ("-l", "-p"):
+            for text in ("a,b,g\nNA,1,0\n", "a,b,g\n"):
+                with self.subTest(deletion=deletion, text=text):
+                    report = run_json("-", deletion, "-c", "a,b", "-g", "g", stdin=text)
+                    a = report["columns"][0]
+                    self.assertEqual((report["rows"]["read"], a["n"]), (text.count("\n") - 1, 0))
+                    self.assertEqual((a["mean"], a["min"], a["max"]), (None, None, None))
+                    self.assertEqual((report["covariance"][0][0], report["groups"]), (None, []))
 
     def test_columns_are_typed_from_every_cell_and_the_skipped_ones_listed(self):
         # What R's write.csv2 writes: semicolons and decimal commas.
@@ -113,25 +125,18 @@ class WrongFigures(ToolCase):
         text = csv_text("abc", rows)
         first = run_json("-", stdin=csv_text("abc", [("n/a", 1, 2)] + rows[:2]))
         self.assertEqual([c["name"] for c in first["columns"]], ["b", "c"])
-        with TempCsv(text) as path:
-            late = run_json(path, "--read-size", "256")
+        late = run_json(self.write("late.csv", text), "--read-size", "256")
         self.assertEqual([c["name"] for c in late["columns"]], ["a", "b"])
         self.assertIn("line 4", late["skipped_columns"][0]["reason"])
         self.assertEqual(late["rows"]["used"], len(rows))
         deep = csv_text("abc", [(i, i, i) for i in range(1, 200000)] + [(1, "x", 2)])
         self.assertFails(run("-", "--read-size", "64k", stdin=deep), BAD_DATA,
                          'column "b" looked numeric in the first lines', "--columns")
-        # Numbers a first row used to lose, and a trailing delimiter.
+        # Numbers a first row used to lose, and a trailing delimiter. (Why each
+        # is skipped: the tool's RowParser tests.)
         edge = run_json("-", stdin='a,c,d,\n"1,234",1e-400,0x1p3,\n')
-        reasons = {s["name"]: s["reason"] for s in edge["skipped_columns"]}
-        self.assertIn("decimal comma", reasons["a"])
-        self.assertIn("hexadecimal", reasons["d"])
-        self.assertIn("no name", reasons[""])
-        self.assertEqual([c["name"] for c in edge["columns"]], ["c"])
-        self.assertFails(run("-", stdin="a,b\n1,1e400\n"), BAD_DATA,
-                         'cell "1e400" is beyond the range of a double')
-        tiny = run_json("-", stdin="a,b\n1e-400,1\n2,2\n")
-        self.assertEqual(tiny["columns"][0]["min"], 0)
+        self.assertEqual([s["name"] for s in edge["skipped_columns"]], ["a", "d", ""])
+        self.assertEqual([(c["name"], c["min"]) for c in edge["columns"]], [("c", 0)])
 
     def pooled_case(self, rows, ncols, args=()):
         text = csv_text(["g"] + [f"x{i}" for i in range(ncols)], [(g, *values) for g, values in rows])
@@ -167,12 +172,9 @@ class WrongFigures(ToolCase):
             self.assertEqual((x["min"], x["max"], x["mean"]), (-3, math.inf, math.inf))
             self.assertIsNone(x["sd"])
             self.assertTrue(any("infinite" in note for note in report["notes"]))
-        for threads in ("1", "2", "4"):
-            for batch in ("1", "3"):
-                done = run("-", "-f", "csv", "-j", threads, "-b", batch,
-                           stdin="x\n" + "0\n-0\n" * 50)
-                self.assertIn("column,,x,,min,-0\n", done.stdout)
-                self.assertIn("column,,x,,max,0\n", done.stdout)
+        done = run("-", "-f", "csv", "-j", "4", stdin="x\n" + "0\n-0\n" * 50)
+        self.assertIn("column,,x,,min,-0\n", done.stdout)
+        self.assertIn("column,,x,,max,0\n", done.stdout)
         table = run("-", stdin="x\n1\ninf\n").stdout
         self.assertIn("inf", table.split("\nColumns\n")[1].splitlines()[1])
 
@@ -216,15 +218,6 @@ class ResourcesAndMessages(ToolCase):
         done = run("-", "-f", "json", stdin=b"caf\xe9,\xff\xfeb\n1,2\n")
         names = [c["name"] for c in json.loads(done.stdout.decode("utf-8"))["columns"]]
         self.assertEqual(names, ["caf\u00e9", "\u00ff\u00feb"])
-
-    def test_the_interpreter_is_the_configured_one(self):
-        # CTest hands the interpreter it was configured with; it has pandas,
-        # or configuration would have said so.
-        configured = os.environ.get("VORELSTAT_PYTHON")
-        if configured is None:
-            self.skipTest("not run by CTest")
-        self.assertEqual(os.path.realpath(configured), os.path.realpath(sys.executable))
-        import pandas  # noqa: F401
 
 
 if __name__ == "__main__":

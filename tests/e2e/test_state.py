@@ -2,6 +2,7 @@
 merge to the one-pass report byte for byte; yesterday's state and today's file
 give the report over both; damaged or mismatched states are refused with a
 clear error; a state file that fails half way leaves the old one whole."""
+import errno
 import json
 import os
 import random
@@ -93,6 +94,9 @@ class States(ScratchCase):
                         self.save("c.state", *shape, "--blocks", "40:", "-j", "2", source=source),
                     ]
                     self.assertEqual(ok("merge", *parts, "-f", fmt), one)
+                    # A part that starts past the end of the file holds nothing.
+                    empty = self.save("d.state", *shape, "--blocks", "5000:", source=source)
+                    self.assertEqual(ok("merge", *parts, empty, "-f", fmt), one)
                     both = self.path("ab.state")
                     ok("merge", parts[0], parts[1], "--save-state", both)
                     self.assertEqual(ok("merge", both, parts[2], "-f", fmt), one)
@@ -101,14 +105,39 @@ class States(ScratchCase):
                                      ok(source, *shape, "--block-size", "4k", "-f", fmt,
                                         "--sections", "groups,pooled"))
 
+    def test_parts_missing_or_given_twice_are_named(self):
+        first = self.save("first.state", "--blocks", "0:10")
+        second = self.save("second.state", "--blocks", "10:")
+        self.assertFails(run("merge", second), BAD_DATA, "the state of a part is missing")
+        self.assertFails(run("merge", first, second, second), BAD_DATA,
+                         f"{second} holds blocks 10 to ", "a part given twice?")
+
+    def test_a_part_names_lines_as_the_whole_file_does(self):
+        # Quoted line ends before the bad line, which lies in the part's
+        # third block; a pipe drops the blocks before the part as they come.
+        rows = [f'{k % 7},{k % 5},"note\n{k}"' if k % 50 == 0 else f"{k % 7},{k % 5},plain"
+                for k in range(1, 2000)]
+        rows[1500] = "1,2x,plain"
+        text = "a,b,c\n" + "\n".join(rows) + "\n"
+        path = self.write("bad.csv", text)
+        line = text[:text.index("2x")].count("\n") + 1
+        for blocks in ("0:", "3:"):
+            for source, stdin in ((path, None), ("-", text)):
+                with self.subTest(blocks=blocks, source=source):
+                    done = run(source, "--columns", "a,b", "--block-size", "4k", "--blocks",
+                               blocks, stdin=stdin)
+                    self.assertFails(done, BAD_DATA,
+                                     f'line {line}, column 2 ("b"): cell "2x" is not a number')
+        # A column the part finds text in is named with the same line.
+        self.assertIn(f"line {line}: cell",
+                      ok(path, "--block-size", "4k", "--blocks", "3:", "-f", "json"))
+
     def test_yesterday_and_today(self):
         today = self.path("today.csv")
         write_csv(today, 2500, 2)
         yesterday = self.save("yesterday.state", "-w", "w", "-g", "g")
         today_state = self.save("today.state", "-w", "w", "-g", "g", source=today)
-        both = self.path("both.state")
-        merged = json.loads(ok("merge", yesterday, today_state, "-f", "json", "--save-state", both))
-        self.assertEqual(json.loads(ok("merge", both, "-f", "json")), merged)
+        merged = json.loads(ok("merge", yesterday, today_state, "-f", "json"))
         # Against one pass over both days' rows: exact where the figures are
         # exact, up to rounding elsewhere.
         with open(self.csv, newline="") as first, open(today, newline="") as second:
@@ -188,12 +217,15 @@ class States(ScratchCase):
 
         done = run(self.csv, "-p", "--save-state", state, timeout=120, preexec_fn=small_files)
         self.assertNotEqual(done.returncode, 0)
-        self.assertIn(state, done.stderr)
+        self.assertIn(f"{state}: the write stopped after ", done.stderr)
+        self.assertIn(os.strerror(errno.EFBIG), done.stderr)
         self.assertEqual(done.stdout, "", "no report when the state could not be kept")
         with open(state, "rb") as handle:
             self.assertEqual(handle.read(), before)
         leftovers = [name for name in os.listdir(self.scratch.name) if name.startswith("kept.state.")]
         self.assertEqual(leftovers, [])
+        self.assertFails(run(self.csv, "--save-state", "/nonexistent-folder/a.state"), BAD_USAGE,
+                         "cannot write /nonexistent-folder/a.state")
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
 // Inputs for the tests: a regular file, or a named pipe fed by a thread, in a
-// folder of their own; and the message of an error a test expects.
+// folder of its own; and the message of an error a test expects.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,7 +12,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace vorelstat::testing {
 
@@ -29,45 +27,20 @@ std::string MessageOf(F&& f) {
   return "";
 }
 
-// A fresh folder, removed with what it holds when the object goes.
-class TempFolder {
- public:
-  TempFolder() {
-    char name[] = "/tmp/vorelstat-test-XXXXXX";
-    if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
-    _path = name;
-  }
-  ~TempFolder() {
-    for (const std::string& entry : Entries())
-      ::unlink((*this / entry).c_str());
-    ::rmdir(_path.c_str());
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  std::vector<std::string> Entries() const {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(_path.c_str())) {
-      while (const dirent* e = ::readdir(dir))
-        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..")
-          names.push_back(e->d_name);
-      ::closedir(dir);
-    }
-    return names;
-  }
-  std::string operator/(const std::string& name) const { return _path + "/" + name; }
-
- private:
-  std::string _path;
-};
-
 // A file with given contents that lives as long as the object; or, as a
 // pipe, a named pipe that a thread fills once a reader opens it (the reader
 // must open it before the object goes).
 class TempFile {
  public:
-  explicit TempFile(const std::string& contents, bool pipe = false) : _path(_folder / "input") {
-    if (pipe && ::mkfifo(_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
+  explicit TempFile(const std::string& contents, bool pipe = false) {
+    char folder[] = "/tmp/vorelstat-test-XXXXXX";
+    if (::mkdtemp(folder) == nullptr) throw std::runtime_error("mkdtemp failed");
+    _folder = folder;
+    _path = _folder + "/input";
+    if (pipe && ::mkfifo(_path.c_str(), 0600) != 0) {
+      ::rmdir(folder);
+      throw std::runtime_error("mkfifo failed");
+    }
     const auto write = [path = _path, contents] {
       const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
       if (fd < 0) return;
@@ -86,6 +59,8 @@ class TempFile {
   }
   ~TempFile() {
     if (_writer.joinable()) _writer.join();
+    ::unlink(_path.c_str());
+    ::rmdir(_folder.c_str());
   }
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
@@ -93,7 +68,7 @@ class TempFile {
   const std::string& Path() const { return _path; }
 
  private:
-  TempFolder _folder;
+  std::string _folder;
   std::string _path;
   std::thread _writer;
 };

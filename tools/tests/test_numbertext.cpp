@@ -12,6 +12,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "numbertext.h"
@@ -99,6 +100,14 @@ TEST(NumberText, HostileTexts) {
     ExpectAgreesWithStrtod(text);
 }
 
+// 1 to `longest` characters drawn from `alphabet`.
+std::string RandomText(std::mt19937_64& random, std::string_view alphabet, std::size_t longest) {
+  std::string text(1 + random() % longest, ' ');
+  for (char& c : text)
+    c = alphabet[random() % alphabet.size()];
+  return text;
+}
+
 // Random doubles written as a program would write them, random digit strings
 // near the exact path's limits, and random strings of number characters.
 TEST(NumberText, RandomTexts) {
@@ -120,24 +129,13 @@ TEST(NumberText, RandomTexts) {
     const int decimals = static_cast<int>(random() % 24);
     std::snprintf(buffer, sizeof buffer, "%.*f", decimals, scale(random));
     ExpectAgreesWithStrtod(buffer);
-  }
-  for (int k = 0; k < 40000; ++k) {
-    std::string digits;
-    const int length = 1 + static_cast<int>(random() % 24);
-    for (int d = 0; d < length; ++d)
-      digits += static_cast<char>('0' + random() % 10);
+    std::string digits = RandomText(random, "0123456789", 24);
     digits.insert(random() % (digits.size() + 1), ".");
     if (random() % 2 != 0) digits.insert(0, "-");
     ExpectAgreesWithStrtod(digits);
   }
-  const std::string alphabet = "0123456789012345678901234.-+eExXpinfINFa";
-  for (int k = 0; k < 100000; ++k) {
-    std::string text;
-    const int length = 1 + static_cast<int>(random() % 10);
-    for (int c = 0; c < length; ++c)
-      text += alphabet[random() % alphabet.size()];
-    ExpectAgreesWithStrtod(text);
-  }
+  for (int k = 0; k < 100000; ++k)
+    ExpectAgreesWithStrtod(RandomText(random, "0123456789012345678901234.-+eExXpinfINFa", 10));
 }
 
 }  // namespace

@@ -1,17 +1,16 @@
 // The pass and the report: against long double oracles written out here,
 // over thread counts, batch sizes and read sizes; the same bytes whatever the
-// threads, the read size, the way of reading and the timing; parts cut on the
-// grid and merged through saved states, and parts missing or given twice
-// named; and where bad data is reported. (Damaged and mismatched states: the
-// end-to-end state suite, and the library's.)
+// threads, the read size, the way of reading and the timing; and where bad
+// data is reported. (Saved states, their parts and their merges: the
+// end-to-end state suite, in fresh processes.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -20,8 +19,6 @@
 
 #include "chunkreader.h"
 #include "errors.h"
-#include "oracle.h"
-#include "passstate.h"
 #include "report.h"
 #include "rowparser.h"
 #include "statpass.h"
@@ -30,13 +27,54 @@
 namespace vorelstat {
 namespace {
 
-using testing::Gather;
-using testing::kVars;
 using testing::MessageOf;
-using testing::Moments;
-using testing::Real;
-using testing::Row;
 using testing::TempFile;
+
+// The reference the figures are checked against: weighted means and
+// corrected cross-products of a set of rows, two-pass in long double.
+using Real = long double;
+constexpr unsigned kVars = 3;
+
+// A row of three cells, any of them missing, with its weights and group.
+struct Row {
+  std::optional<double> x[kVars];
+  std::optional<double> weight;
+  double regWeight = 1.0;
+  std::optional<int> group;
+};
+
+// Weighted sums of one set of rows.
+struct Moments {
+  Real w = 0, v = 0;  // frequency weight, combined weight
+  Real sum[kVars] = {};
+  Real css[kVars][kVars] = {};
+  Real mean(unsigned i) const { return sum[i] / v; }
+};
+
+// The sums of `rows`, weighted by frequency, times the regression weight when
+// asked; a pair's cross-product over the rows where both cells are present.
+Moments Gather(const std::vector<Row>& rows, bool regWeight) {
+  Moments m;
+  for (const Row& row : rows) {
+    const Real v = static_cast<Real>(*row.weight * (regWeight ? row.regWeight : 1.0));
+    m.w += static_cast<Real>(*row.weight);
+    m.v += v;
+    for (unsigned i = 0; i < kVars; ++i)
+      m.sum[i] += v * static_cast<Real>(row.x[i].value_or(0.0));
+  }
+  for (const Row& row : rows) {
+    const Real v = static_cast<Real>(*row.weight * (regWeight ? row.regWeight : 1.0));
+    for (unsigned i = 0; i < kVars; ++i) {
+      for (unsigned j = 0; j < kVars; ++j) {
+        if (!row.x[i] || !row.x[j]) continue;
+        const Real xi = static_cast<Real>(*row.x[i]);
+        const Real xj = static_cast<Real>(*row.x[j]);
+        m.css[i][j] += v * (xi - m.mean(i)) * (xj - m.mean(j));
+      }
+    }
+  }
+  return m;
+}
 
 constexpr std::uint64_t kBlock = 4096;
 
@@ -246,38 +284,6 @@ INSTANTIATE_TEST_SUITE_P(ThreadsBatchesReads, StatPassErrorThreaded,
                          ::testing::Combine(::testing::Values(1, 2, 8), ::testing::Values(1u, 70u),
                                             ::testing::Values(5, 64, 1 << 20)));
 
-TEST(StatPassEndThreaded, LastLineWithoutLineEnd) {
-  const Columns s{{}, MakeLayout({"a", "b"}, ',', {})};
-  const std::string what = MessageOf<DataError>([&] { Pass("a,b\n1,2\n3,4\n5", s, {}, {2, 3}); });
-  EXPECT_TRUE(what.ends_with(", line 4: the line has 1 fields, the header has 2")) << what;
-}
-
-class StatReportThreaded : public ::testing::TestWithParam<bool> {};
-
-// A pass without rows reports counts of 0 and nothing else. (What each
-// figure gives when it is not defined: the definitions' own tests, and
-// end to end.)
-TEST_P(StatReportThreaded, NoRowsReportNoFigures) {
-  PassOptions options;
-  options.pairwise = GetParam();
-  Columns s{{}, MakeLayout({"a", "b", "g"}, ',', {{}, "", "", "g"})};
-  s.rules.missingTexts = {"NA"};
-  s.rules.groupLo = 0;
-  const PassResult none = Pass("a,b,g\nNA,1,0\n", s, options, {2});
-  const Report noneReport("data.csv", s.layout, none, {}, false);
-  EXPECT_EQ(none.rows.read, 1u);
-  EXPECT_EQ(noneReport.columns[0].moments.n, 0u);
-  EXPECT_TRUE(std::isnan(noneReport.columns[0].mean));
-  EXPECT_TRUE(std::isnan(noneReport.columns[0].min));
-  EXPECT_EQ(noneReport.NGroups(), 0u);
-  s.layout = MakeLayout({"a", "b"}, ',', {});
-  const PassResult empty = Pass("a,b\n", s, options, {2});
-  EXPECT_EQ(empty.rows.read, 0u);
-  EXPECT_TRUE(std::isnan(Report("data.csv", s.layout, empty, {}, false).Covariance(0, 0)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Deletion, StatReportThreaded, ::testing::Bool());
-
 // A group label of every kind: whole numbers (1, 1.0 and +1 being one group),
 // another number and texts; "late" first shows past the first third of the
 // rows and "z" in the last quarter, so that the order of first appearance
@@ -395,85 +401,6 @@ TEST(ReproducibleThreaded, RandomDelaysInTheWorkersChangeNoBit) {
     EXPECT_EQ(Json(Pass(text, s, options, {4, kBlock}), s, options), base) << "run " << run;
   }
   SetChunkHookForTests({});
-}
-
-using Bytes = std::vector<std::byte>;
-
-// A state saved, as it travels to another process.
-Bytes StateOf(const std::string& text, const Columns& s, PassOptions options, const Way& way,
-              std::uint64_t first, std::uint64_t end) {
-  options.firstBlock = first;
-  options.endBlock = end;
-  options.keepForest = true;
-  PassResult pass = Pass(text, s, options, way);
-  return SaveState(
-      StateOfPass("data.csv", s.layout, s.rules, options, FiguresOf(options), {}, {}, pass));
-}
-
-PassState Travelled(const Bytes& bytes) { return LoadState(bytes, "a state"); }
-
-std::string MergedJson(const std::vector<Bytes>& states) {
-  PassState merged = Travelled(states.front());
-  for (std::size_t k = 1; k < states.size(); ++k)
-    MergeState(merged, Travelled(states[k]), "state " + std::to_string(k));
-  const ReportOptions figures = ReportOptionsOf(merged);
-  StateReport report = ReportOfState(std::move(merged));
-  return FormatJson(Report("data.csv", report.layout, report.pass, report.skipped, figures));
-}
-
-class StatePartsThreaded : public ::testing::TestWithParam<bool> {};
-
-TEST_P(StatePartsThreaded, PartsOnTheGridMergeToTheOnePassBytes) {
-  const bool pairwise = GetParam();
-  // A part read from a pipe stops reading at its end, as `head` does; the
-  // thread that feeds the pipe is then told so by EPIPE, not killed.
-  std::signal(SIGPIPE, SIG_IGN);
-  const std::string text = MakeText(3, 5000);
-  const Columns s = BigMixedTiny();
-  const PassOptions options = Options(pairwise);
-  const std::string whole = Json(Pass(text, s, options, {2, kBlock}), s, options);
-  constexpr std::uint64_t kEnd = ChunkReader::kNoEnd;
-  EXPECT_EQ(MergedJson({StateOf(text, s, options, {1, kBlock}, 0, kEnd)}), whole);
-  // Cuts at odd blocks, so that the parts' forests have siblings to merge.
-  EXPECT_EQ(MergedJson({StateOf(text, s, options, {2, kBlock}, 0, 13),
-                        StateOf(text, s, options, {3, 2 * kBlock, true}, 13, 21),
-                        StateOf(text, s, options, {1, kBlock}, 21, kEnd)}),
-            whole);
-  // A part that holds no block, past the end, changes nothing.
-  EXPECT_EQ(MergedJson({StateOf(text, s, options, {2, kBlock}, 0, 40),
-                        StateOf(text, s, options, {2, kBlock}, 40, kEnd),
-                        StateOf(text, s, options, {2, kBlock}, 5000, kEnd)}),
-            whole);
-}
-
-INSTANTIATE_TEST_SUITE_P(Deletion, StatePartsThreaded, ::testing::Bool());
-
-TEST(StateMerge, PartsMissingOrGivenTwiceAreNamed) {
-  const std::string text = MakeText(3, 2000);
-  const Columns s = BigMixedTiny();
-  const PassOptions options = Options(false);
-  const Bytes first = StateOf(text, s, options, {}, 0, 10);
-  const Bytes second = StateOf(text, s, options, {}, 10, ChunkReader::kNoEnd);
-  const auto fails = [](const std::function<void()>& merge, const std::string& says) {
-    const std::string what = MessageOf<DataError>(merge);
-    EXPECT_NE(what.find(says), std::string::npos) << what << "; expected: " << says;
-  };
-  fails([&] { ReportOfState(Travelled(second)); }, "the state of a part is missing");
-  fails(
-      [&] {
-        PassState merged = Travelled(first);
-        MergeState(merged, Travelled(second), "b.state");
-        MergeState(merged, Travelled(second), "c.state");
-      },
-      "c.state holds blocks 10 to ");
-  fails(
-      [&] {
-        PassState merged = Travelled(first);
-        MergeState(merged, Travelled(first), "b.state");
-        MergeState(merged, Travelled(second), "c.state");
-        MergeState(merged, Travelled(second), "d.state");
-      },
-      "d.state holds blocks 10 to");
 }
 
 }  // namespace
