@@ -311,60 +311,49 @@ TEST(StateHostileBytes, WrongClassIsNamed) {
 // MatrixListwise: columns at 24, rows at 28, then the sums and the stores.
 TEST(StateHostileBytes, ShapeBeyondTheBytesIsRefusedBeforeAllocating) {
   const Bytes good = Filled<MatrixListwise>(5, {true, true}).SaveState();
-  const Bytes wide = Patched(good, 24, 65535, 4);
-  ExpectStateError<MatrixListwise>(wide, 52, "truncated payload: 65535 items");
-
-  const Bytes tooWide = Patched(good, 24, 65536, 4);
-  ExpectStateError<MatrixListwise>(tooWide, 24, "columns is 65536, outside 1 to 65535");
+  ExpectStateError<MatrixListwise>(Patched(good, 24, 65535, 4), 52, "payload: 65535 items");
+  ExpectStateError<MatrixListwise>(Patched(good, 24, 65536, 4), 24, "65536, outside 1 to 65535");
 
   // SMatrixListwise: bounds at 24, rows at 36, sums, the column stores from 60.
-  const Bytes huge =
-      Patched(Filled<SMatrixListwise>(5, {false, false}).SaveState(), 32, 0x7FFFFFFF, 4);
-  ExpectStateError<SMatrixListwise>(huge, 60, "truncated payload: 2147483646 items");
+  Bytes block = Filled<SMatrixListwise>(5, {false, false}).SaveState();
+  ExpectStateError<SMatrixListwise>(Patched(block, 32, 0x7FFFFFFF, 4), 60, "2147483646 items");
 
   // A block whose means the bytes hold but whose triangle no int can index.
   constexpr int kWide = 46341;
-  Bytes wideBlock = Filled<SMatrixListwise>(5, {false, false}).SaveState();
-  wideBlock.resize(60);
-  WriteLittle(wideBlock, 24, 0, 4);
-  WriteLittle(wideBlock, 28, 0, 4);
-  WriteLittle(wideBlock, 32, kWide, 4);
-  wideBlock.resize(60 + 3 * 8 * kWide + 4);
-  WriteLittle(wideBlock, 16, wideBlock.size(), 8);
-  Reseal(wideBlock);
-  ExpectStateError<SMatrixListwise>(wideBlock, 60 + 3 * 8 * kWide,
+  block.resize(60);
+  WriteLittle(block, 24, 0, 4);
+  WriteLittle(block, 28, 0, 4);
+  WriteLittle(block, 32, kWide, 4);
+  block.resize(60 + 3 * 8 * kWide + 4);
+  WriteLittle(block, 16, block.size(), 8);
+  Reseal(block);
+  ExpectStateError<SMatrixListwise>(block, 60 + 3 * 8 * kWide,
                                     "more cells than the library's tables can index");
 
-  // NSMatrixPairwise: missing code at 24, bounds at 32.
-  // col2 made 1, below col1
-  const Bytes disordered =
-      Patched(Filled<NSMatrixPairwise>(5, {false, false}).SaveState(), 40, 1, 4);
-  ExpectStateError<NSMatrixPairwise>(disordered, 32, "out of order");
+  // NSMatrixPairwise: missing code at 24, bounds at 32; col2 made 1, below col1.
+  const Bytes pairs = Filled<NSMatrixPairwise>(5, {false, false}).SaveState();
+  ExpectStateError<NSMatrixPairwise>(Patched(pairs, 40, 1, 4), 32, "out of order");
 }
 
 // Counts are integers: the bits of a NaN where one stands are a count out of
 // range, and a record with more rows than its table is damage too.
 TEST(StateHostileBytes, ImpossibleCountsAreRefused) {
-  const std::uint64_t nanBits =
-      std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN());
-  const Bytes listwise =
-      Patched(Filled<MatrixListwise>(6, {true, false}).SaveState(), 28, nanBits, 8);
-  ExpectStateError<MatrixListwise>(listwise, 28,
+  const std::uint64_t nan = std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN());
+  const Bytes listwise = Filled<MatrixListwise>(6, {true, false}).SaveState();
+  ExpectStateError<MatrixListwise>(Patched(listwise, 28, nan, 8), 28,
                                    "row count of 9221120237041090560 is out of range");
+  ExpectStateError<MatrixListwise>(Patched(MatrixListwise().SaveState(), 28, 3, 8), 28,
+                                   "does not fit a record that is empty");
 
   // SMatrixListwise: flags, bounds at 24, rows at 36 as a 64-bit field of an int count.
-  const Bytes block =
-      Patched(Filled<SMatrixListwise>(6, {true, false}).SaveState(), 36, nanBits, 8);
-  ExpectStateError<SMatrixListwise>(block, 36, "is out of range (at most 2147483647)");
-
-  const Bytes emptyWithRows = Patched(MatrixListwise().SaveState(), 28, 3, 8);
-  ExpectStateError<MatrixListwise>(emptyWithRows, 28, "does not fit a record that is empty");
+  const Bytes block = Filled<SMatrixListwise>(6, {true, false}).SaveState();
+  ExpectStateError<SMatrixListwise>(Patched(block, 36, nan, 8), 36, "(at most 2147483647)");
 
   // MatrixPairwise: missing code at 24, columns at 32, rows at 36, sums, then
   // the first column record's count at 60.
-  const Bytes counted = Filled<MatrixPairwise>(6, {true, false}).SaveState();
-  const Bytes pairwise = Patched(counted, 60, ReadLittle(counted, 36, 8) + 1, 8);
-  ExpectStateError<MatrixPairwise>(pairwise, 60, "out of range (at most 23)");
+  const Bytes pairwise = Filled<MatrixPairwise>(6, {true, false}).SaveState();
+  ExpectStateError<MatrixPairwise>(Patched(pairwise, 60, ReadLittle(pairwise, 36, 8) + 1, 8), 60,
+                                   "out of range (at most 23)");
 }
 
 }  // namespace
