@@ -17,6 +17,7 @@ namespace {
 
 using namespace testing::pairwise;
 using testing::SameBits;
+using testing::SameFields;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
