@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <ios>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -181,19 +180,6 @@ inline std::vector<double> VarFields(const RefRecord& r) {
   const auto n = static_cast<double>(r.nRows);
   return {n, r.weightSum, r.regWeightSum, r.mean0, r.css0, r.min, r.max};
 }
-// Bit for bit, over the fields (or cells) the library gives: want may go on
-// with fields the library's record does not keep.
-inline ::testing::AssertionResult SameFields(const std::vector<double>& got,
-                                             const std::vector<double>& want) {
-  if (got.size() > want.size())
-    return ::testing::AssertionFailure() << got.size() << " fields, want " << want.size();
-  for (std::size_t i = 0; i < got.size(); ++i)
-    if (!SameBits(got[i], want[i]))
-      return ::testing::AssertionFailure()
-             << "field " << i << ": " << std::hexfloat << got[i] << ", want " << want[i];
-  return ::testing::AssertionSuccess();
-}
-
 // Every total and record of a pairwise matrix against the reference; a pair
 // asked for in either order gives the record whose first variable is `first`.
 template <class Matrix>

@@ -9,8 +9,10 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ios>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace vorel::testing {
 
@@ -29,6 +31,19 @@ struct AssertionFailure : std::logic_error {
 inline bool SameBits(double a, double b) {
   if (a != a && b != b) return true;
   return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Bit for bit, over the fields (or cells) the library gives: want may go on
+// with fields the library's record does not keep.
+inline ::testing::AssertionResult SameFields(const std::vector<double>& got,
+                                             const std::vector<double>& want) {
+  if (got.size() > want.size())
+    return ::testing::AssertionFailure() << got.size() << " fields, want " << want.size();
+  for (std::size_t i = 0; i < got.size(); ++i)
+    if (!SameBits(got[i], want[i]))
+      return ::testing::AssertionFailure()
+             << "field " << i << ": " << std::hexfloat << got[i] << ", want " << want[i];
+  return ::testing::AssertionSuccess();
 }
 
 // Merging an object of another class through MatrixBase& is refused in

@@ -33,16 +33,6 @@ def table(rng, n, k):
     return x, rng.integers(0, 4, size=n).astype(float), LABELS[rng.integers(0, 4, size=n)]
 
 
-def weighted_reference(x, w, rw=None, ddof=1):
-    """Mean, covariance and sd of the rows of x under frequency weights w
-    (times regression weights rw for the means and sums), divisor sum(w) - ddof."""
-    v = w if rw is None else w * rw
-    mean = (v[:, None] * x).sum(0) / v.sum()
-    centred = x - mean
-    cov = (v[:, None] * centred).T @ centred / (w.sum() - ddof)
-    return mean, cov, np.sqrt(np.diag(cov))
-
-
 def tolerance(x):
     """An absolute tolerance for figures of x: a few hundred roundings of its scale."""
     return 1e-13 * max(1.0, float(np.nanmax(np.abs(x)))) ** 2

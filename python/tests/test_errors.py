@@ -11,47 +11,45 @@ FRAME = pd.DataFrame({"a": [1.0, 2.0, 3.0], "b": [4.0, 5.0, 7.0], "w": [1.0, 2.0
                       "name": ["p", "q", "r"]})
 
 
-@pytest.mark.parametrize("call, error, message", [
+@pytest.mark.parametrize("data, args, error, message", [
     # shapes and types of data
-    (lambda: vorel.describe(np.arange(4.0)), ValueError, r"data: needs a 2-D array.*reshape"),
-    (lambda: vorel.describe(np.zeros((0, 3))), ValueError, r"data: has no rows"),
-    (lambda: vorel.describe(np.zeros((3, 0))), ValueError, r"data: has no columns"),
-    (lambda: vorel.describe(None), TypeError, r"data: needs a 2-D array"),
-    (lambda: vorel.describe(X.astype(complex)), TypeError, r"data: needs real numbers.*complex"),
-    (lambda: vorel.describe(np.array([["a", "b"]])), TypeError, r"data: needs real numbers"),
-    (lambda: vorel.describe([[1.0, 2.0], [3.0]]), ValueError, r"data: is not a 2-D array"),
-    (lambda: vorel.describe(FRAME), TypeError, r"data: column 'name' is not numeric"),
-    (lambda: vorel.describe(pd.DataFrame([[1.0, 2.0, 3.0]], columns=["a", "a", "b"])), ValueError,
+    (np.arange(4.0), {}, ValueError, r"data: needs a 2-D array.*reshape"),
+    (np.zeros((0, 3)), {}, ValueError, r"data: has no rows"),
+    (np.zeros((3, 0)), {}, ValueError, r"data: has no columns"),
+    (None, {}, TypeError, r"data: needs a 2-D array"),
+    (X.astype(complex), {}, TypeError, r"data: needs real numbers.*complex"),
+    (np.array([["a", "b"]]), {}, TypeError, r"data: needs real numbers"),
+    ([[1.0, 2.0], [3.0]], {}, ValueError, r"data: is not a 2-D array"),
+    (FRAME, {}, TypeError, r"data: column 'name' is not numeric"),
+    (pd.DataFrame([[1.0, 2.0, 3.0]], columns=["a", "a", "b"]), {}, ValueError,
      r"data: more than one column of data is named 'a'"),
-    # weights
-    (lambda: vorel.describe(X, weights=[1, 2, 3]), ValueError, r"weights: has 3 values for 4 rows"),
-    (lambda: vorel.describe(X, weights=[1, -2, 3, 4]), ValueError,
-     r"weights: needs values of 0 or more, row 1 holds -2"),
-    (lambda: vorel.describe(X, weights=[1, np.nan, 3, 4]), ValueError,
-     r"weights: needs finite values, row 1 holds nan"),
-    (lambda: vorel.describe(X, weights=np.ones((4, 1))), ValueError, r"weights: needs one dimension"),
-    (lambda: vorel.describe(X, weights=["a", "b", "c", "d"]), TypeError, r"weights: needs one real"),
-    (lambda: vorel.describe(X, reg_weights=[1, 1, -1, 1]), ValueError, r"reg_weights: needs values"),
-    # column names
-    (lambda: vorel.describe(X, weights="w"), TypeError, r"weights: names a column.*DataFrame"),
-    (lambda: vorel.describe(FRAME[["a", "b"]], weights="v"), ValueError, r"weights: data has no column 'v'"),
-    # groups
-    (lambda: vorel.describe(X, groups=[1, 2]), ValueError, r"groups: has 2 labels for 4 rows"),
-    (lambda: vorel.describe(X, groups=np.zeros((4, 2))), ValueError, r"groups: needs one dimension"),
-    # options
-    (lambda: vorel.describe(X, deletion="casewise"), ValueError, r"deletion: needs 'listwise' or 'pairwise'"),
-    (lambda: vorel.describe(X, missing="NA"), TypeError, r"missing: needs a number"),
-    (lambda: vorel.describe(X, missing=np.inf), ValueError, r"missing: needs NaN or a finite code"),
-    (lambda: vorel.describe(X, threads=0), ValueError, r"threads: needs 1 or more"),
-    (lambda: vorel.describe(X, threads=1.5), TypeError, r"threads: needs a whole number"),
-    (lambda: vorel.describe(X, ddof=-1), ValueError, r"ddof: needs 0 or more"),
-    (lambda: vorel.describe(X, ddof=0.5), TypeError, r"ddof: needs a whole number"),
-    (lambda: vorel.describe(np.array([[np.finfo(float).min, 1.0]]), deletion="pairwise"), ValueError,
+    (np.array([[np.finfo(float).min, 1.0]]), dict(deletion="pairwise"), ValueError,
      r"data: the value -1.79.* stands for missing cells"),
+    # weights
+    (X, dict(weights=[1, 2, 3]), ValueError, r"weights: has 3 values for 4 rows"),
+    (X, dict(weights=[1, -2, 3, 4]), ValueError, r"weights: needs values of 0 or more, row 1 holds -2"),
+    (X, dict(weights=[1, np.nan, 3, 4]), ValueError, r"weights: needs finite values, row 1 holds nan"),
+    (X, dict(weights=np.ones((4, 1))), ValueError, r"weights: needs one dimension"),
+    (X, dict(weights=["a", "b", "c", "d"]), TypeError, r"weights: needs one real"),
+    (X, dict(reg_weights=[1, 1, -1, 1]), ValueError, r"reg_weights: needs values"),
+    # column names
+    (X, dict(weights="w"), TypeError, r"weights: names a column.*DataFrame"),
+    (FRAME[["a", "b"]], dict(weights="v"), ValueError, r"weights: data has no column 'v'"),
+    # groups
+    (X, dict(groups=[1, 2]), ValueError, r"groups: has 2 labels for 4 rows"),
+    (X, dict(groups=np.zeros((4, 2))), ValueError, r"groups: needs one dimension"),
+    # options
+    (X, dict(deletion="casewise"), ValueError, r"deletion: needs 'listwise' or 'pairwise'"),
+    (X, dict(missing="NA"), TypeError, r"missing: needs a number"),
+    (X, dict(missing=np.inf), ValueError, r"missing: needs NaN or a finite code"),
+    (X, dict(threads=0), ValueError, r"threads: needs 1 or more"),
+    (X, dict(threads=1.5), TypeError, r"threads: needs a whole number"),
+    (X, dict(ddof=-1), ValueError, r"ddof: needs 0 or more"),
+    (X, dict(ddof=0.5), TypeError, r"ddof: needs a whole number"),
 ])
-def test_bad_input_is_named(call, error, message):
+def test_bad_input_is_named(data, args, error, message):
     with pytest.raises(error, match=message):
-        call()
+        vorel.describe(data, **args)
 
 
 def test_accumulators_refuse_rows_or_partners_that_do_not_fit():

@@ -1,14 +1,13 @@
 """Figures of describe against NumPy and pandas, on every input layout."""
 
 import math
-from fractions import Fraction
 
 import numpy as np
 import pandas as pd
 import pytest
 
 import vorel
-from conftest import tolerance, weighted_reference
+from conftest import bits, tolerance
 
 
 def layouts(x):
@@ -40,12 +39,14 @@ def test_figures_match_numpy_and_the_weighted_reference(rng, case, threads):
         r = vorel.describe(x, weights=w, reg_weights=rw, ddof=ddof, threads=threads)
     complete = ~np.isnan(x).any(axis=1)
     xc, wc = x[complete], w[complete]
-    if rw is None:  # NumPy's own weighted figures, where it has the same definitions
+    if rw is None:
         mean = np.average(xc, axis=0, weights=wc)
         cov = np.cov(xc, rowvar=False, fweights=wc.astype(int), ddof=ddof)
-        sd = np.sqrt(np.diag(cov))
-    else:
-        mean, cov, sd = weighted_reference(xc, wc, rw[complete], ddof)
+    else:  # means and sums weighed by w rw, divided by sum(w) - ddof
+        v = wc * rw[complete]
+        mean = np.average(xc, axis=0, weights=v)
+        cov = np.cov(xc, rowvar=False, aweights=v, ddof=0) * v.sum() / (wc.sum() - ddof)
+    sd = np.sqrt(np.diag(cov))
     np.testing.assert_allclose(r.mean, mean, rtol=0, atol=tolerance(x))
     np.testing.assert_allclose(r.cov, cov, rtol=0, atol=tolerance(x))
     np.testing.assert_allclose(r.std, sd, rtol=1e-13)
@@ -66,10 +67,8 @@ def test_other_cell_types_are_converted(rng, dtype):
     np.testing.assert_allclose(r.cov, np.cov(as_double, rowvar=False), rtol=0,
                                atol=tolerance(as_double))
     assert np.array_equal(r.max, as_double.max(0))
-    if dtype is np.bool_:
-        return
     # A missing code is compared with the converted cells.
-    r = vorel.describe(x, missing=x[0, 1], deletion="pairwise")
+    r = vorel.describe(x, missing=float(x[0, 1]), deletion="pairwise")
     kept = as_double[x[:, 1] != x[0, 1], 1]
     assert r.n[1] == kept.size and r.mean[1] == pytest.approx(kept.mean(), rel=1e-14)
 
@@ -109,9 +108,7 @@ ZERO_WEIGHTS_FIRST = [[1.0, 5.0], [2.0, 3.0], [3.0, 4.0], [4.0, 9.0], [5.0, 1.0]
     # Column a varies, but on the rows where b is present it is 0.1 throughout.
     ([[0.1, 1.0], [0.1, 2.0], [0.1, 4.0], [5.0, NAN]] * 2000, dict(deletion="pairwise"),
      {("cov", 0, 1): 0.0, ("corr", 0, 1): NAN, ("pair_n", 0, 1): 6000, ("corr", 0, 0): 1.0}),
-    # Figures without enough rows are NaN.
-    ([[1.0, 2.0]], {}, {"mean": [1.0, 2.0], "std": [NAN] * 2, "cov": [[NAN] * 2] * 2,
-                        "corr": [[NAN] * 2] * 2}),
+    # A column without cells.
     ([[NAN, 2.0], [NAN, 3.0]], dict(deletion="pairwise"),
      {("n", 0): 0, ("mean", 0): NAN, ("min", 0): NAN, ("pair_n", 0, 1): 0}),
     ([[1.0], [np.inf], [2.0]], {}, {"max": [np.inf], "mean": [np.inf], "min": [1.0]}),
@@ -120,18 +117,15 @@ ZERO_WEIGHTS_FIRST = [[1.0, 5.0], [2.0, 3.0], [3.0, 4.0], [4.0, 9.0], [5.0, 1.0]
        {"mean": [4.0, 14.0 / 3.0], "rows_zero_weight": 2}) for deletion in ("listwise", "pairwise")],
     (np.repeat(ZERO_WEIGHTS_FIRST[0], 2000, axis=0),
      dict(weights=np.repeat(ZERO_WEIGHTS_FIRST[1], 2000), deletion="pairwise"),
-     {("n", 0): 6000, "min": [3.0, 1.0], ("mean", 0): pytest.approx(4.0, rel=1e-14)}),
+     {("n", 0): 6000, "min": [3.0, 1.0]}),
 ], ids=["code", "NaN under a code", "constant listwise", "constant pairwise",
-        "constant on a pair's rows", "one row", "all missing", "infinity", "zero weights listwise",
+        "constant on a pair's rows", "all missing", "infinity", "zero weights listwise",
         "zero weights pairwise", "zero weights in batches"])
 def test_exact_figures_of_small_tables(rows, args, expected):
     r = vorel.describe(np.array(rows, dtype=float), **args)
     for (field, *at), want in ((k if isinstance(k, tuple) else (k,), v) for k, v in expected.items()):
         got = getattr(r, field)[tuple(at)] if at else getattr(r, field)
-        if isinstance(want, type(pytest.approx(0))):
-            assert got == want, field
-        else:
-            assert np.array_equal(got, want, equal_nan=True), (field, at, got)
+        assert np.array_equal(got, want, equal_nan=True), (field, at, got)
 
 
 def test_same_bits_for_any_thread_count(rng):
@@ -140,7 +134,7 @@ def test_same_bits_for_any_thread_count(rng):
     g = rng.integers(0, 5, size=50_000)
     for deletion in ("listwise", "pairwise"):
         results = [vorel.describe(x, groups=g, deletion=deletion, threads=t) for t in (1, 2, 4)]
-        assert results[0] == results[1] == results[2]
+        assert bits(results[0]) == bits(results[1]) == bits(results[2])
 
 
 def test_groups_match_pandas_groupby(rng):
@@ -161,16 +155,13 @@ def test_groups_match_pandas_groupby(rng):
     assert r.rows_without_group == complete["region"].isna().sum()
 
 
-def exact_pooled(x, g):
-    """The pooled within-group covariance of the complete rows, in rationals."""
+def pooled(x, g):
+    """The pooled within-group covariance of the complete rows, from the
+    deviations from each group's own mean, which lose no digits far from zero."""
     keep = ~np.isnan(x).any(axis=1)
-    exact, g = np.array([[Fraction(v) for v in row] for row in x[keep]], dtype=object), g[keep]
-    within = 0
-    for label in np.unique(g):
-        members = exact[g == label]
-        deviations = members - members.sum(axis=0) / len(members)
-        within = within + deviations.T @ deviations
-    return (within / (len(exact) - len(np.unique(g)))).astype(float)
+    x, g = x[keep], g[keep]
+    deviations = x - pd.DataFrame(x).groupby(g).transform("mean").to_numpy()
+    return deviations.T @ deviations / (len(x) - len(np.unique(g)))
 
 
 @pytest.mark.parametrize("apart", [100.0, 1e5, 1e6])
@@ -182,16 +173,9 @@ def test_pooled_covariance_far_from_zero_is_exact_to_rounding(rng, apart):
     x[g == 1] += apart
     x[0, 0] = np.nan
     r = vorel.describe(x, groups=g)
-    expected = exact_pooled(x, g)
+    expected = pooled(x, g)
     assert np.abs(r.pooled_cov - expected).max() <= 1e-12 * np.abs(expected).max()
     assert r.groups == [0, 1]
-
-
-def test_group_labels_that_do_not_compare_keep_their_order_of_first_appearance(rng):
-    x = rng.normal(size=(600, 2))
-    labels = np.array([("b", 2), ("a", 1), 3.5] * 200, dtype=object)
-    r = vorel.describe(x, groups=labels)
-    assert r.groups == [("b", 2), ("a", 1), 3.5] and r.group_n.tolist() == [200, 200, 200]
 
 
 def test_dataframe_names_weights_by_column_and_to_pandas(rng):
@@ -199,10 +183,9 @@ def test_dataframe_names_weights_by_column_and_to_pandas(rng):
                           "y": rng.normal(size=300), "n": pd.array([1, None, 3] * 100, "Int64")})
     r = vorel.describe(frame, weights="w")
     assert r.columns == ["x", "y", "n"] and r.n[0] == 200  # NA in the Int64 column is missing
-    frames = r.to_pandas()
-    assert list(frames["columns"].index) == ["x", "y", "n"]
-    assert list(frames["cov"].columns) == ["x", "y", "n"]
-    assert frames["columns"].loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
+    columns = r.to_pandas()["columns"]
+    assert list(columns.index) == r.columns
+    assert columns.loc["x", "weight"] == frame["w"][frame["n"].notna()].sum()
 
 
 def whole_blocks_and_rows(x, args):
@@ -249,28 +232,20 @@ def test_whole_blocks_give_the_bits_of_rows_one_by_one(rng, case):
             x[n // 3, 4] = np.nan  # a value here, which only makes the column's mean NaN
             args["missing"] = -5.0
     whole, by_row = whole_blocks_and_rows(x, args)
-    assert whole == by_row
-    assert (np.signbit(whole.min) == np.signbit(by_row.min)).all()
-    assert (np.signbit(whole.max) == np.signbit(by_row.max)).all()
+    assert bits(whole) == bits(by_row)
 
 
-def test_whole_blocks_of_an_odd_number_of_rows(rng):
+def test_whole_blocks_of_an_odd_number_of_rows_on_more_threads_than_blocks(rng):
     # Rows flagged as incomplete a bit each, 64 to a word: a block that ends
-    # within a word, after a last cell swept on its own.
+    # within a word, after a last cell swept on its own. Threads beyond the
+    # three blocks find no work.
     k = 139
     rows = vorel._core.block_rows(k)
     assert rows % 2 == 1
     x = rng.normal(size=(2 * rows + 5, k))
     x[rng.random(x.shape) < 0.01] = np.nan
-    args = {"deletion": "pairwise", "groups": rng.integers(0, 3, size=len(x)), "threads": 2}
+    args = {"deletion": "pairwise", "groups": rng.integers(0, 3, size=len(x)), "threads": 64}
     whole, by_row = whole_blocks_and_rows(x, args)
-    assert whole == by_row and whole.group_n.sum() == np.isfinite(x).all(axis=1).sum()
-
-
-def test_wide_table_on_more_threads_than_blocks(rng):
-    x = rng.normal(size=(700, 1200))
-    assert vorel._core.block_rows(1200) < 700  # two blocks, and a batch of a few MB
-    r = vorel.describe(x, threads=64)
-    np.testing.assert_allclose(r.cov, np.cov(x, rowvar=False), rtol=0, atol=1e-13)
-
-
+    present = np.isfinite(x).astype(np.int64)
+    assert bits(whole) == bits(by_row) and np.array_equal(whole.pair_n, present.T @ present)
+    assert whole.group_n.sum() == present.all(axis=1).sum()
