@@ -82,7 +82,8 @@ void DefineOptions(CLI::App& app, Options& o) {
       ->check(CLI::IsMember({"error", "missing"}));
   app.add_option("-j,--threads", o.threads, "Threads (default: the host's count)")
       ->check(CLI::Range(0, 1024));
-  app.add_option("-b,--batch-size", o.batchRows, "Rows per batch")
+  app.add_option("-b,--batch-size", o.batchRows,
+                 "Rows per batch with --finish-order (the block grid batches 4,096 rows)")
       ->capture_default_str()
       ->check(CLI::Range(1u, 100000000u));
   app.add_option("--read-size", o.readSize,
