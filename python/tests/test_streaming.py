@@ -1,5 +1,7 @@
 """Rows in chunks and merged accumulators give the figures of one call."""
 
+import concurrent.futures
+
 import numpy as np
 import pandas as pd
 import pytest
@@ -67,6 +69,19 @@ def test_merge_into_an_empty_accumulator_and_with_itself(rng, kind):
     assert_close(once, vorel.describe(x, deletion=once.deletion))
     doubled = acc.merge(acc).result()
     assert doubled.weight[0] == 200 and np.allclose(doubled.mean, x.mean(0), rtol=1e-14)
+
+
+def test_accumulators_filled_on_python_threads_at_once_merge_to_one_call(rng):
+    # The GIL is released while they compute, so the module's calls overlap.
+    x = rng.normal(size=(40_000, 3))
+    x[rng.random(x.shape) < 0.05] = np.nan
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        parts = list(pool.map(lambda rows: vorel.Pairwise(threads=1).update(rows),
+                              np.array_split(x, 8)))
+    total = vorel.Pairwise()
+    for part in parts:
+        total.merge(part)
+    assert_close(total.result(), vorel.describe(x, deletion="pairwise"))
 
 
 def test_an_accumulator_without_rows_in_its_chunks_has_figures_of_none():
