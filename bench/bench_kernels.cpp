@@ -251,52 +251,6 @@ void BM_ListwiseByOpenBlas(benchmark::State& state) {
 // ---------------------------------------------------------------- the machine
 
 #if defined(__x86_64__) && defined(__GNUC__)
-// Independent chains of multiplications and of additions, as many as keep
-// every multiplier and adder busy; nothing is fused. Returns a value that
-// depends on all chains so none is dropped. Each turn is kChains * lanes
-// multiplications and as many additions.
-__attribute__((target("avx512f"))) double PeakAvx512(std::int64_t turns, double m, double a) {
-  constexpr int kChains = 12;
-  const __m512d mv = _mm512_set1_pd(m), av = _mm512_set1_pd(a);
-  __m512d x[kChains], y[kChains];
-  for (int c = 0; c < kChains; ++c)
-    x[c] = y[c] = _mm512_set1_pd(1.0 + c);
-  for (std::int64_t t = 0; t < turns; ++t) {
-#pragma GCC unroll 12
-    for (int c = 0; c < kChains; ++c) {
-      x[c] = _mm512_mul_pd(x[c], mv);
-      y[c] = _mm512_add_pd(y[c], av);
-    }
-  }
-  __m512d s = _mm512_setzero_pd();
-  for (int c = 0; c < kChains; ++c)
-    s = _mm512_add_pd(s, _mm512_add_pd(x[c], y[c]));
-  double lanes[8];
-  _mm512_storeu_pd(lanes, s);
-  return lanes[0] + lanes[7];
-}
-
-__attribute__((target("avx2"))) double PeakAvx2(std::int64_t turns, double m, double a) {
-  constexpr int kChains = 7;
-  const __m256d mv = _mm256_set1_pd(m), av = _mm256_set1_pd(a);
-  __m256d x[kChains], y[kChains];
-  for (int c = 0; c < kChains; ++c)
-    x[c] = y[c] = _mm256_set1_pd(1.0 + c);
-  for (std::int64_t t = 0; t < turns; ++t) {
-#pragma GCC unroll 7
-    for (int c = 0; c < kChains; ++c) {
-      x[c] = _mm256_mul_pd(x[c], mv);
-      y[c] = _mm256_add_pd(y[c], av);
-    }
-  }
-  __m256d s = _mm256_setzero_pd();
-  for (int c = 0; c < kChains; ++c)
-    s = _mm256_add_pd(s, _mm256_add_pd(x[c], y[c]));
-  double lanes[4];
-  _mm256_storeu_pd(lanes, s);
-  return lanes[0] + lanes[3];
-}
-
 // Peak multiply-and-add pairs per second of one core (items: one
 // multiplication plus one addition). Arg: level (1 avx2, 2 avx512).
 void BM_PeakMulAdd(benchmark::State& state) {
@@ -306,7 +260,7 @@ void BM_PeakMulAdd(benchmark::State& state) {
   // Unknown to the compiler, so that nothing folds: x * 1.0 and y + 0.0.
   volatile double one = 1.0, zero = 0.0;
   constexpr std::int64_t kTurns = 1 << 22;
-  const double lanesPerTurn = level == 2 ? 12.0 * 8 : 7.0 * 4;
+  const double lanesPerTurn = level == 2 ? kPeakAvx512Lanes : kPeakAvx2Lanes;
   double sink = 0.0;
   for (auto _ : state)
     sink += level == 2 ? PeakAvx512(kTurns, one, zero) : PeakAvx2(kTurns, one, zero);

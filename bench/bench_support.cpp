@@ -1,7 +1,12 @@
 #include "bench_support.h"
 
+#include <chrono>
 #include <cstring>
 #include <memory>
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
 
 namespace vorel::bench {
 
@@ -78,5 +83,78 @@ void SetRates(benchmark::State& state, double itemsPerIteration, double bytesPer
   state.counters["bytes_per_second"] = benchmark::Counter(
       bytesPerIteration * iterations, benchmark::Counter::kIsRate, benchmark::Counter::kIs1024);
 }
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// Independent chains of multiplications and of additions, as many as keep
+// every multiplier and adder busy; nothing is fused. Returns a value that
+// depends on all chains so none is dropped. Each turn is kChains * lanes
+// multiplications and as many additions.
+__attribute__((target("avx512f"))) double PeakAvx512(std::int64_t turns, double m, double a) {
+  constexpr int kChains = 12;
+  const __m512d mv = _mm512_set1_pd(m), av = _mm512_set1_pd(a);
+  __m512d x[kChains], y[kChains];
+  for (int c = 0; c < kChains; ++c)
+    x[c] = y[c] = _mm512_set1_pd(1.0 + c);
+  for (std::int64_t t = 0; t < turns; ++t) {
+#pragma GCC unroll 12
+    for (int c = 0; c < kChains; ++c) {
+      x[c] = _mm512_mul_pd(x[c], mv);
+      y[c] = _mm512_add_pd(y[c], av);
+    }
+  }
+  __m512d s = _mm512_setzero_pd();
+  for (int c = 0; c < kChains; ++c)
+    s = _mm512_add_pd(s, _mm512_add_pd(x[c], y[c]));
+  double lanes[8];
+  _mm512_storeu_pd(lanes, s);
+  return lanes[0] + lanes[7];
+}
+
+__attribute__((target("avx2"))) double PeakAvx2(std::int64_t turns, double m, double a) {
+  constexpr int kChains = 7;
+  const __m256d mv = _mm256_set1_pd(m), av = _mm256_set1_pd(a);
+  __m256d x[kChains], y[kChains];
+  for (int c = 0; c < kChains; ++c)
+    x[c] = y[c] = _mm256_set1_pd(1.0 + c);
+  for (std::int64_t t = 0; t < turns; ++t) {
+#pragma GCC unroll 7
+    for (int c = 0; c < kChains; ++c) {
+      x[c] = _mm256_mul_pd(x[c], mv);
+      y[c] = _mm256_add_pd(y[c], av);
+    }
+  }
+  __m256d s = _mm256_setzero_pd();
+  for (int c = 0; c < kChains; ++c)
+    s = _mm256_add_pd(s, _mm256_add_pd(x[c], y[c]));
+  double lanes[4];
+  _mm256_storeu_pd(lanes, s);
+  return lanes[0] + lanes[3];
+}
+
+double PeakAdditionsPerSecond() {
+  static const double rate = [] {
+    const KernelLevel level = ActiveKernelLevel();
+    if (level == KernelLevel::Plain) return 0.0;
+    // Unknown to the compiler, so that nothing folds: x * 1.0 and y + 0.0.
+    volatile double one = 1.0, zero = 0.0;
+    constexpr std::int64_t kTurns = 1 << 22;
+    const bool wide = level == KernelLevel::Avx512;
+    double best = 0.0;
+    for (int round = 0; round < 3; ++round) {
+      const auto start = std::chrono::steady_clock::now();
+      const double sink = wide ? PeakAvx512(kTurns, one, zero) : PeakAvx2(kTurns, one, zero);
+      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+      benchmark::DoNotOptimize(sink);
+      const double additions =
+          (wide ? kPeakAvx512Lanes : kPeakAvx2Lanes) * static_cast<double>(kTurns);
+      if (additions / took.count() > best) best = additions / took.count();
+    }
+    return best;
+  }();
+  return rate;
+}
+#else
+double PeakAdditionsPerSecond() { return 0.0; }
+#endif
 
 }  // namespace vorel::bench

@@ -57,6 +57,19 @@ class LevelScope {
   bool _ok;
 };
 
+// Doubles that one core adds in a second at its peak: independent chains of
+// vector additions beside as many multiplications (nothing fused), at the
+// kernel level in use; the best of three short runs, taken once. 0 at the
+// plain level.
+double PeakAdditionsPerSecond();
+#if defined(__x86_64__) && defined(__GNUC__)
+// The peak loops themselves; a turn is kPeak*Lanes multiplications and as
+// many additions.
+constexpr double kPeakAvx512Lanes = 12.0 * 8, kPeakAvx2Lanes = 7.0 * 4;
+double PeakAvx512(std::int64_t turns, double m, double a);
+double PeakAvx2(std::int64_t turns, double m, double a);
+#endif
+
 // Items are cell-rows (one multiplication and one addition each) or cells.
 void SetRates(benchmark::State& state, double itemsPerIteration, double bytesPerIteration);
 
